@@ -1,0 +1,24 @@
+// Makes the kernel refuse a system call, for the rest of this process and its
+// children: call it in a scenario.
+#ifndef TESTS_SUPPORT_REFUSE_H_
+#define TESTS_SUPPORT_REFUSE_H_
+
+#include <cstdint>
+#include <optional>
+
+namespace test {
+
+// Only calls whose argument `index` (0 to 5) equals `value` in its low 32 bits;
+// with `negate`, only those where it differs.
+struct When {
+  int index;
+  std::uint32_t value;
+  bool negate = false;
+};
+
+// From now on system call `number` (SYS_flock, ...) fails with `error`.
+void refuse(long number, int error, std::optional<When> when = std::nullopt);
+
+}  // namespace test
+
+#endif  // TESTS_SUPPORT_REFUSE_H_

@@ -1,0 +1,42 @@
+#include "support/temp_dir.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+namespace test {
+
+TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "qvtest.XXXXXX").string()) {
+  if (mkdtemp(path_.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp " + path_);
+  }
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::string read_file(const std::string& path) {
+  if (!std::filesystem::is_regular_file(path)) {
+    return {};
+  }
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << bytes;
+  file.close();
+  if (!file) {
+    throw std::runtime_error("write " + path);
+  }
+}
+
+bool exists(const std::string& path) { return std::filesystem::exists(path); }
+
+}  // namespace test

@@ -1,0 +1,30 @@
+// A directory that goes away with its object, and whole files.
+#ifndef TESTS_SUPPORT_TEMP_DIR_H_
+#define TESTS_SUPPORT_TEMP_DIR_H_
+
+#include <string>
+
+namespace test {
+
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// "" when the file can't be read.
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+bool exists(const std::string& path);
+
+}  // namespace test
+
+#endif  // TESTS_SUPPORT_TEMP_DIR_H_

@@ -1,0 +1,67 @@
+// A pool that lends contiguous byte ranges out of one fixed region in strict
+// circular order.
+//
+// The region is mapped twice, back to back, so that a range which runs past its
+// end is contiguous all the same. Ranges come back from the newest end
+// (deallocate) or from the oldest (free); any other order ends the process.
+//
+// Thread-safety: every operation; one mutex guards the two counters.
+// Fork-safety: the region is shared memory, the counters are not. Let either the
+// parent or the child use a pool, not both.
+#ifndef QUORVANE_CIRCULAR_BUFFER_POOL_H_
+#define QUORVANE_CIRCULAR_BUFFER_POOL_H_
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+#include <quorvane/buffer.h>
+#include <quorvane/export.h>
+#include <quorvane/tracer.h>
+
+namespace quorvane {
+namespace util {
+
+class QV_EXPORT CircularBufferPool {
+ public:
+  // A region of `size` bytes, a multiple of the page size. Anything else, and
+  // a kernel that refuses the memory, logs an ERROR record and aborts.
+  explicit CircularBufferPool(unsigned long size);
+
+  // Every buffer must have been given back.
+  ~CircularBufferPool();
+  CircularBufferPool(const CircularBufferPool&) = delete;
+  CircularBufferPool& operator=(const CircularBufferPool&) = delete;
+
+  // Lends `size` bytes rounded up to a multiple of 64, waiting without a time
+  // limit while there is no room. A `size` above the region's logs and aborts.
+  // `rpc` goes to the tracer as it is; it may be null.
+  RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc);
+
+  // Takes the newest range back. `ptr` is its start and `size` what was asked
+  // for or lent; another range logs and aborts. Wakes every waiter.
+  void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc);
+
+  // Takes the oldest range back, likewise.
+  void free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc);
+
+  // End of the public interface.
+
+ private:
+  void map_region();
+  std::uint64_t round_up(std::uint64_t size) const;
+  unsigned char* at(std::uint64_t counter) const;
+
+  std::uint64_t alignment_ = 64;
+  std::mutex mutex_;
+  std::condition_variable space_;
+  std::uint64_t length_;
+  unsigned char* base_ = nullptr;
+  std::uint64_t tail_ = 0;  // bytes ever released from the oldest end
+  std::uint64_t head_ = 0;  // bytes ever lent, less those taken back by deallocate
+};
+
+}  // namespace util
+}  // namespace quorvane
+
+#endif  // QUORVANE_CIRCULAR_BUFFER_POOL_H_

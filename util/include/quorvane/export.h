@@ -1,0 +1,7 @@
+// QV_EXPORT marks what the shared library shows; everything else is hidden.
+#ifndef QUORVANE_EXPORT_H_
+#define QUORVANE_EXPORT_H_
+
+#define QV_EXPORT __attribute__((visibility("default")))
+
+#endif  // QUORVANE_EXPORT_H_

@@ -1,0 +1,165 @@
+// Stores that keep their entries in files of one root directory, shared by many
+// processes.
+//
+// The root is the value of QV_CACHE_STORE_ROOT; it is not created. Everything
+// that touches a file runs under the store's lock. A file is never trusted: a
+// damaged one gives records and a false result.
+// Thread-safety: try_load and try_store_diff serialise threads and processes
+// through the lock; the nonlock_ operations expect the caller to hold it.
+// Fork-safety: a child's lock excludes its parent.
+#ifndef QUORVANE_FILE_STORE_H_
+#define QUORVANE_FILE_STORE_H_
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorvane/export.h>
+#include <quorvane/mmapped_file.h>
+#include <quorvane/store.h>
+
+namespace quorvane {
+namespace cache {
+
+// Opens every store file and every entry.
+constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
+
+// The path of the store file `name`: the root, "/", `name`. Empty, with a
+// severity 2 check, when no root is set.
+QV_EXPORT std::string get_store_file_path(const std::string& name);
+
+// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
+// exclude each other, also in one process, and so do threads on one object.
+class QV_EXPORT StoreFLock : public Store::Lock {
+ public:
+  // Opens the lock file, creating it with mode 0666 less the umask. A failure is
+  // one WARN record and leaves the lock invalid.
+  explicit StoreFLock(const std::string& name);
+  StoreFLock(StoreFLock&& other) noexcept;
+  ~StoreFLock() override;
+
+  bool is_valid() const override;
+
+  // Waits without a time limit. Errors other than EINTR abort: nobody may touch
+  // the files without the lock. In a child of fork the first call opens the lock
+  // file anew, so that parent and child exclude each other.
+  void lock() override;
+  void unlock() override;
+
+  // End of the public interface.
+
+ private:
+  void call_flock(int operation);
+  void leave_parents_lock();
+  void reopen();
+
+  int fd_ = -1;
+  std::string path_;
+  std::atomic<std::uint64_t> generation_;          // of the process that opened fd_
+  std::atomic<const void*> owner_{nullptr};        // the thread that holds the lock
+};
+
+// What all file stores share: the header, the entry encoding, and the locked
+// sequences around what a concrete store does with its files.
+class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
+ public:
+  // `controller` is not owned and must outlive the store; null: the default one.
+  FileStoreSkeleton(unsigned int version, std::string path, std::shared_ptr<Store::Lock> lock,
+                    CleanupController* controller);
+  ~FileStoreSkeleton() override;
+  FileStoreSkeleton(const FileStoreSkeleton&) = delete;
+  FileStoreSkeleton& operator=(const FileStoreSkeleton&) = delete;
+
+  bool is_valid() const override;
+  bool try_store_diff(const EntryMap& diff) override;
+  bool try_load(EntryMap& out) override;
+
+  std::uint64_t get_usage() override;
+  void clean() override;
+  virtual bool try_nonlock_append(const EntryMap& diff, const KeySet& new_keys) = 0;
+  virtual bool try_nonlock_load(EntryMap& out) = 0;
+  virtual bool try_nonlock_load_new_keys(KeySet& new_keys) = 0;
+  virtual std::uint64_t nonlock_get_disk_usage() const = 0;
+  virtual void nonlock_clean() = 0;
+
+  // The process's controller, made on first use with the threshold of
+  // QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes. Lives for ever.
+  static CleanupController* get_default_cleanup_controller();
+
+  // The pieces of a file. Each returns false, or an empty buffer, after a
+  // severity 1 check that quotes what failed.
+  bool read_header(util::BufferReader& r) const;
+  static bool read_magic_number(util::BufferReader& r);
+  static util::RoBuffer read_key(util::BufferReader& r);
+  static bool read_val(util::BufferReader& r, std::vector<util::RoBuffer>& out);
+  static bool skip_val(util::BufferReader& r);
+  static bool write_magic_number(util::BufferWriter& w);
+  static bool write_key(util::BufferWriter& w, const util::RoBuffer& key);
+  static bool write_val(util::BufferWriter& w, const std::vector<util::RoBuffer>& val);
+
+  // Opens `path` for appending and gives an empty or new file its header. Ask
+  // the stream for the result.
+  std::ofstream cache_file_prepare_to_append(std::string path) const;
+
+ private:
+  struct Header {
+    std::uint32_t magic_number;
+    std::uint32_t version;
+  };
+
+  CleanupController* cleanup_controller_;
+  std::uint64_t ticket_;
+  std::uint64_t loaded_map_last_size_ = 0;
+  Header valid_hdr_;
+  std::shared_ptr<Store::Lock> lock_;
+};
+
+// One file per cache: the header, then entries.
+class QV_EXPORT BasicStore : public FileStoreSkeleton {
+ public:
+  BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+             CleanupController* controller);
+  ~BasicStore() override;
+
+  std::string type() const override;
+  bool try_nonlock_append(const EntryMap& diff, const KeySet& new_keys) override;
+  bool try_nonlock_load(EntryMap& out) override;
+  bool try_nonlock_load_new_keys(KeySet& new_keys) override;
+  std::uint64_t nonlock_get_disk_usage() const override;
+  void nonlock_clean() override;
+
+  // The size of an entry in the file, in bytes.
+  static std::uint64_t get_entry_representation_size(const util::RoBuffer& key,
+                                                     const std::vector<util::RoBuffer>& val);
+  static bool write_entry(util::BufferWriter& w, const util::RoBuffer& key,
+                          const std::vector<util::RoBuffer>& val);
+
+  // False, after a check, when the file has gone since this store used it.
+  bool check_consistent_state() const;
+
+ private:
+  bool load_entries(util::MMappedFile& file, EntryMap& out) const;
+  bool load_keys(util::MMappedFile& file, KeySet& new_keys) const;
+  bool append_entries(std::ofstream& file, const EntryMap& diff, const KeySet& new_keys) const;
+  bool drop_unstored_file() const;
+
+  std::string fpath_;
+  std::uint64_t file_last_size_ = 0;
+};
+
+enum class StoreKind { basic, lazy_lookup };
+
+// Makes a store of this kind for the cache `name`, with a lock of the same name
+// on the root. Null `controller`: the process's default one. An unusable root
+// gives a store that is not valid.
+QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
+                                                 CleanupController* controller = nullptr);
+
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_FILE_STORE_H_

@@ -1,0 +1,52 @@
+#include "src/fork_guard.h"
+
+#include <pthread.h>
+
+#include <set>
+
+namespace quorvane {
+namespace fork_guard {
+namespace {
+
+// The guarded mutexes, in the one order in which they are ever locked together.
+struct Guarded {
+  std::mutex mutex;
+  std::set<std::mutex*> members;
+};
+
+Guarded& guarded() {
+  static Guarded& all = *new Guarded;
+  return all;
+}
+
+void before_fork() {
+  guarded().mutex.lock();
+  for (std::mutex* member : guarded().members) {
+    member->lock();
+  }
+}
+
+void after_fork() {
+  for (std::mutex* member : guarded().members) {
+    member->unlock();
+  }
+  guarded().mutex.unlock();
+}
+
+// At load: a process that forks later finds the handlers in place.
+const int g_registered = pthread_atfork(&before_fork, &after_fork, &after_fork);
+
+}  // namespace
+
+void add(std::mutex& mutex) {
+  const std::lock_guard<std::mutex> lock(guarded().mutex);
+  guarded().members.insert(&mutex);
+}
+
+void remove(std::mutex& mutex) {
+  const std::lock_guard<std::mutex> lock(guarded().mutex);
+  guarded().members.erase(&mutex);
+}
+
+}  // namespace fork_guard
+}  // namespace quorvane

@@ -1,0 +1,21 @@
+// Keeps a fork from catching a mutex in the hands of another thread.
+//
+// A fork waits until every guarded mutex is free, so a child finds all of them
+// unlocked and what they guard whole. Guard only mutexes that are held briefly,
+// never across a wait, and of which no thread holds two at a time.
+#ifndef QUORVANE_SRC_FORK_GUARD_H_
+#define QUORVANE_SRC_FORK_GUARD_H_
+
+#include <mutex>
+
+namespace quorvane {
+namespace fork_guard {
+
+// Any thread, not while holding a guarded mutex.
+void add(std::mutex& mutex);
+void remove(std::mutex& mutex);
+
+}  // namespace fork_guard
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_FORK_GUARD_H_
