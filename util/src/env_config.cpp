@@ -1,0 +1,77 @@
+#include <quorvane/env_config.h>
+#include <quorvane/module.h>
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+// The variable's value, or null when there is nothing to convert.
+const char* value_of(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr || *value == '\0' ? nullptr : value;
+}
+
+void warn(const char* type, const char* name, const char* value) {
+  QV_LOG(quorvane::module::Module::get_internal(), WARN,
+         "Unexpected value for %s environment variable \"%s\": \"%s\"", type, name, value);
+}
+
+// errno is left as the caller had it: programs rely on a stale ERANGE refusing
+// the value, so clearing it first would change what they read.
+template <typename Number>
+bool convert(Number (*read)(const char*, char**, int), const char* value, Number& out) {
+  char* end = nullptr;
+  const Number number = read(value, &end, 10);
+  if (errno == ERANGE || end == value || *end != '\0') {
+    return false;
+  }
+  out = number;
+  return true;
+}
+
+}  // namespace
+
+bool qv_env_config_get_bool(const char* name, bool default_value) {
+  const char* value = value_of(name);
+  if (value == nullptr) {
+    return default_value;
+  }
+  if (std::strcmp(value, "1") == 0 || strcasecmp(value, "true") == 0) {
+    return true;
+  }
+  if (std::strcmp(value, "0") == 0 || strcasecmp(value, "false") == 0) {
+    return false;
+  }
+  warn("boolean", name, value);
+  return default_value;
+}
+
+int qv_env_config_get_int(const char* name, int default_value) {
+  const char* value = value_of(name);
+  if (value == nullptr) {
+    return default_value;
+  }
+  long number = 0;
+  if (!convert(&strtol, value, number)) {
+    warn("integer", name, value);
+    return default_value;
+  }
+  return static_cast<int>(number);
+}
+
+uint64_t qv_env_config_get_uint64(const char* name, uint64_t default_value) {
+  const char* value = value_of(name);
+  if (value == nullptr) {
+    return default_value;
+  }
+  unsigned long long number = 0;
+  if (!convert(&strtoull, value, number)) {
+    warn("integer", name, value);
+    return default_value;
+  }
+  return number;
+}

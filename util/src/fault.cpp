@@ -1,0 +1,72 @@
+#include <quorvane/fault.h>
+
+#include <execinfo.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr int kMaxFrames = 64;
+
+// stdio isn't safe in a handler, but the process is lost either way.
+void print_stack_and_abort(int signal_number) {
+  void* frames[kMaxFrames];
+  const int count = backtrace(frames, kMaxFrames);
+  std::fprintf(stderr, "Error: signal %d:\n", signal_number);
+  backtrace_symbols_fd(frames, count, STDERR_FILENO);
+  std::abort();
+}
+
+}  // namespace
+
+bool qv_fault_expect(void* module, unsigned severity, bool condition, const char* format, ...) {
+  if (condition) {
+    return true;
+  }
+  const auto* record = static_cast<const quorvane::module::Module*>(module);
+  if (severity <= static_cast<unsigned>(record->fault_log_level) &&
+      record->level != QV_LOG_LEVEL_OFF) {
+    va_list args;
+    va_start(args, format);
+    qv_logv_do(module, QV_LOG_LEVEL_ERROR, 0, format, args);
+    va_end(args);
+  }
+  if (severity <= static_cast<unsigned>(record->fault_abort_level)) {
+    std::abort();
+  }
+  return false;
+}
+
+void qv_enable_stack_print_on_segfault() {
+  // The first backtrace loads a library, which a handler must not do.
+  void* frame = nullptr;
+  backtrace(&frame, 1);
+  signal(SIGSEGV, &print_stack_and_abort);
+}
+
+namespace quorvane {
+namespace fault {
+
+bool expectation_failed(void* module, int severity, const char* condition, const char* source,
+                        int line) {
+  const auto* record = static_cast<const module::Module*>(module);
+  if (record->fault_log_level >= severity && record->level > QV_LOG_LEVEL_OFF) {
+    qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, "QV_FAULT_EXPECT: expectation (%s) failed (%s:%d)",
+              condition, source, line);
+  }
+  if (record->fault_abort_level >= severity) {
+    std::abort();
+  }
+  return false;
+}
+
+void assertion_failed(void* module, const char* format, const char* source, int line) {
+  qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, format, source, line);
+  std::abort();
+}
+
+}  // namespace fault
+}  // namespace quorvane
