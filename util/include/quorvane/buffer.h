@@ -142,6 +142,9 @@ class QV_EXPORT BufferReader {
   // How many bytes have been read or passed over.
   std::size_t position() const { return pos_; }
 
+  // How many are left.
+  std::size_t remaining() const { return buffer_->get_size() - pos_; }
+
  private:
   const BufferBase* buffer_;
   std::uint64_t pos_ = 0;

@@ -91,6 +91,7 @@ class QV_EXPORT Cache {
   // End of the public interface.
 
  private:
+  void load();
   const std::vector<util::RoBuffer>* find_loaded(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* find_added(const util::RoBuffer& key);
   void build_index();

@@ -142,16 +142,18 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   bool check_consistent_state() const;
 
  private:
-  bool load_entries(util::MMappedFile& file, EntryMap& out) const;
-  bool load_keys(util::MMappedFile& file, KeySet& new_keys) const;
-  bool append_entries(std::ofstream& file, const EntryMap& diff, const KeySet& new_keys) const;
-  bool drop_unstored_file() const;
+  bool read_entries(util::BufferReader& freader, EntryMap& out) const;
+  bool read_keys(util::BufferReader& freader, KeySet& new_keys) const;
+  bool write_entries(std::ofstream& file, const EntryMap& diff, const KeySet& new_keys) const;
+  bool pass_known_part(util::BufferReader& freader) const;
+  void report_collision() const;
+  void remove_unstored_file() const;
 
   std::string fpath_;
   std::uint64_t file_last_size_ = 0;
 };
 
-enum class StoreKind { basic, lazy_lookup };
+enum class StoreKind { basic };
 
 // Makes a store of this kind for the cache `name`, with a lock of the same name
 // on the root. Null `controller`: the process's default one. An unusable root

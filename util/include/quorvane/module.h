@@ -92,7 +92,6 @@ class QV_EXPORT Lookup {
     const Node* next;
   };
 
-  std::atomic<const Node*>& bucket(const std::string& path);
   void insert(const std::string& path, const std::shared_ptr<Module>& module);
 
   Map map_;

@@ -1,0 +1,229 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include <quorvane/file_store.h>
+
+#include "src/cache/checks.h"
+#include "src/cache/entry_scan.h"
+#include "src/cache/trace.h"
+
+namespace quorvane {
+namespace cache {
+namespace {
+
+constexpr unsigned kVersion = 1;
+
+bool file_exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+void map_whole(util::MMappedFile& file, const std::string& path) {
+  file.open(path, O_RDONLY | O_CLOEXEC, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
+}
+
+}  // namespace
+
+BasicStore::BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+                       CleanupController* controller)
+    : FileStoreSkeleton(kVersion, name, std::move(lock), controller),
+      fpath_(get_store_file_path(name)) {}
+
+BasicStore::~BasicStore() = default;
+
+std::string BasicStore::type() const { return "BasicStore"; }
+
+std::uint64_t BasicStore::get_entry_representation_size(const util::RoBuffer& key,
+                                                        const std::vector<util::RoBuffer>& val) {
+  std::uint64_t size = sizeof(QV_CACHE_STORE_MAGIC_NUMBER) + sizeof(std::uint64_t) +
+                       key.get_size() + sizeof(std::uint64_t);
+  for (const util::RoBuffer& atom : val) {
+    size += sizeof(std::uint64_t) + atom.get_size();
+  }
+  return size;
+}
+
+bool BasicStore::write_entry(util::BufferWriter& w, const util::RoBuffer& key,
+                             const std::vector<util::RoBuffer>& val) {
+  return write_magic_number(w) && write_key(w, key) && write_val(w, val);
+}
+
+bool BasicStore::check_consistent_state() const {
+  return CACHE_EXPECT(1, file_last_size_ == 0 || file_exists(fpath_));
+}
+
+std::uint64_t BasicStore::nonlock_get_disk_usage() const {
+  struct stat st;
+  if (!CACHE_EXPECT(3, stat(fpath_.c_str(), &st) == 0)) {
+    return 0;
+  }
+  return static_cast<std::uint64_t>(st.st_size);
+}
+
+void BasicStore::nonlock_clean() {
+  unlink(fpath_.c_str());
+  QV_LOG(g_module, DEBUG, "Cachemap file %s cleaned", fpath_.c_str());
+}
+
+void BasicStore::report_collision() const {
+  QV_LOG(g_module, WARN, "Collision inside cachemap %s file ocurred", fpath_.c_str());
+}
+
+bool BasicStore::try_nonlock_load(EntryMap& out) {
+  if (!check_consistent_state()) {
+    return false;
+  }
+  if (!CACHE_EXPECT(3, file_exists(fpath_))) {
+    return true;  // a missing file is an empty cache
+  }
+  util::MMappedFile file;
+  Trace trace(this, TraceCategory::load);
+  map_whole(file, fpath_);
+  if (!CACHE_EXPECT(2, file.is_open())) {
+    return false;
+  }
+  const auto image = util::RoBuffer::view(file.data(), file.size());
+  util::BufferReader freader = image.reader();
+  const bool whole = read_header(freader) && read_entries(freader, out);
+  trace.end(file.size());
+  if (!whole) {
+    QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", fpath_.c_str());
+    return false;
+  }
+  QV_LOG(g_module, DEBUG, "Cachemap %s file loaded", fpath_.c_str());
+  file_last_size_ = file.size();
+  return true;
+}
+
+// False when an entry is damaged; those before it are in `out`.
+bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const {
+  for (const ScannedEntry& entry : scan_entries(freader)) {
+    auto copy = entry.copy();
+    const std::size_t before = out.size();
+    out.emplace_hint(out.end(), std::move(copy.first), std::move(copy.second));
+    const struct { bool second; } emplace_ret{out.size() != before};
+    if (!CACHE_EXPECT(1, emplace_ret.second)) {
+      report_collision();
+    }
+  }
+  if (freader.remaining() == 0) {
+    return true;
+  }
+  // Read the damaged entry once more, now to report what is wrong with it.
+  std::vector<util::RoBuffer> val;
+  return read_magic_number(freader) && read_key(freader).get_size() > 0 && read_val(freader, val);
+}
+
+bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
+  if (!check_consistent_state()) {
+    return false;
+  }
+  if (!CACHE_EXPECT(3, file_exists(fpath_))) {
+    return true;
+  }
+  util::MMappedFile file;
+  Trace trace(this, TraceCategory::load);
+  map_whole(file, fpath_);
+  if (!CACHE_EXPECT(2, file.is_open()) || !CACHE_EXPECT(1, file.size() >= file_last_size_)) {
+    return false;
+  }
+  const auto image = util::RoBuffer::view(file.data(), file.size());
+  util::BufferReader freader = image.reader();
+  const bool whole = pass_known_part(freader) && read_keys(freader, new_keys);
+  if (whole) {
+    QV_LOG(g_module, DEBUG, "Cachemap %s diff loaded", fpath_.c_str());
+  } else {
+    QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", fpath_.c_str());
+  }
+  trace.end(file.size() - file_last_size_);
+  if (whole) {
+    file_last_size_ = file.size();
+  }
+  return whole;
+}
+
+bool BasicStore::pass_known_part(util::BufferReader& freader) const {
+  if (file_last_size_ == 0) {
+    return CACHE_EXPECT(1, read_header(freader));
+  }
+  return CACHE_EXPECT(1, freader.buffer(file_last_size_));
+}
+
+bool BasicStore::read_keys(util::BufferReader& freader, KeySet& new_keys) const {
+  while (freader.remaining() > 0) {
+    if (!read_magic_number(freader)) {
+      return false;
+    }
+    util::RoBuffer key = read_key(freader);
+    if (key.get_size() == 0 || !skip_val(freader)) {
+      return false;
+    }
+    const auto emplace_ret = new_keys.emplace(std::move(key));
+    if (!CACHE_EXPECT(1, emplace_ret.second)) {
+      report_collision();
+    }
+  }
+  return true;
+}
+
+bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys) {
+  if (!check_consistent_state()) {
+    return false;
+  }
+  std::ofstream file = cache_file_prepare_to_append(fpath_);
+  bool fbuffer_corrupted = false;
+  if (file.good()) {
+    const std::streamoff start = file.tellp();
+    Trace trace(this, TraceCategory::append);
+    fbuffer_corrupted = !write_entries(file, diff, new_keys);
+    // A full disk shows when the stream's own buffer goes out.
+    file.flush();
+    trace.end(static_cast<std::uint64_t>(file.tellp() - start));
+  }
+  if (!CACHE_EXPECT(1, !fbuffer_corrupted && file.good())) {
+    file.close();
+    remove_unstored_file();
+    return false;
+  }
+  QV_LOG(g_module, DEBUG, "Cache file %s stored", fpath_.c_str());
+  return true;
+}
+
+// False when an entry does not fit its buffer; the stream tells of its own
+// failures.
+bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
+                               const KeySet& new_keys) const {
+  for (const auto& [key, val] : diff) {
+    if (new_keys.count(key) != 0) {
+      continue;  // another process stored it meanwhile
+    }
+    util::RwBuffer fbuffer(get_entry_representation_size(key, val));
+    util::BufferWriter fwriter = fbuffer.writer();
+    if (!write_entry(fwriter, key, val)) {
+      return false;
+    }
+    // clang-format off
+    if (!CACHE_EXPECT(1, file.write(reinterpret_cast<const char *>(fbuffer.get_buffer()), fbuffer.get_size()) .good())) {
+      return true;
+    }
+    // clang-format on
+  }
+  return true;
+}
+
+void BasicStore::remove_unstored_file() const {
+  if (std::remove(fpath_.c_str()) == 0) {
+    QV_LOG(g_module, WARN, "Error removing file %s: %s\n", fpath_.c_str(), std::strerror(errno));
+  }
+  QV_LOG(g_module, WARN, "Cache file %s removed as it couldn't be stored correctly",
+         fpath_.c_str());
+}
+
+}  // namespace cache
+}  // namespace quorvane

@@ -1,0 +1,215 @@
+#include <quorvane/cache.h>
+
+#include <quorvane/stats.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "src/cache/checks.h"
+#include "src/cache/loaded_index.h"
+#include "src/fork_guard.h"
+
+namespace quorvane {
+namespace cache {
+namespace {
+
+struct Counters {
+  qv_stats_handle_t hits;
+  qv_stats_handle_t misses;
+};
+
+// Made by the first look-up of the process. A once-flag, unlike the guard of a
+// local static, survives a fork that catches another thread making them.
+const Counters& counters() {
+  static std::atomic<bool> made{false};
+  static Counters counters;
+  if (!made.load(std::memory_order_acquire)) {
+    static std::once_flag once;
+    std::call_once(once, [] {
+      counters.hits = qv_stats_create_counter(g_module.get(), "cache_hits");
+      counters.misses = qv_stats_create_counter(g_module.get(), "cache_misses");
+      made.store(true, std::memory_order_release);
+    });
+  }
+  return counters;
+}
+
+// An index pays once a sixteenth of the entries have been looked up, and never
+// for a map that fits the processor's caches anyway.
+constexpr std::size_t kSmallestIndexed = 512;
+constexpr std::size_t kLookupsShare = 16;
+
+// What keeps an entry from being read back, or null.
+const char* flaw_of(const util::RoBuffer& key, const std::vector<util::RoBuffer>& value) {
+  if (key.get_size() == 0) {
+    return "its key is empty";
+  }
+  if (value.empty()) {
+    return "it has no value atoms";
+  }
+  const bool has_empty_atom = std::any_of(
+      value.begin(), value.end(), [](const util::RoBuffer& atom) { return atom.get_size() == 0; });
+  return has_empty_atom ? "a value atom is empty" : nullptr;
+}
+
+}  // namespace
+
+Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile)
+    : name_(name) {
+  fork_guard::add(diff_mutex_);
+  // clang-format off
+  if (!CACHE_EXPECT(3, fallback_to_volatile || (store != nullptr && store->is_valid()))) {
+    return;
+  }
+  // clang-format on
+  if (store == nullptr || !store->is_valid()) {
+    valid_ = true;
+    QV_LOG(g_module, INFO, "Created %s cache with no store", name_.c_str());
+    return;
+  }
+  store_ = std::move(store);
+  load();
+}
+
+void Cache::load() {
+  bool loaded = false;
+  try {
+    loaded = CACHE_EXPECT(3, store_->try_load(loaded_map_));
+  } catch (const std::exception& error) {  // no memory for the entries
+    QV_LOG(g_module, ERROR, "Loading %s cache failed: %s", name_.c_str(), error.what());
+  }
+  const std::string type = store_->type();
+  if (!loaded) {
+    loaded_map_.clear();
+    QV_LOG(g_module, ERROR, "Couldn't create %s cache with %s store type", name_.c_str(),
+           type.c_str());
+    return;
+  }
+  if (!loaded_map_.empty()) {
+    QV_LOG(g_module, INFO, "Loaded %s cache data with %s store type, num entries = %lu",
+           name_.c_str(), type.c_str(), loaded_map_.size());
+  }
+  valid_ = true;
+  QV_LOG(g_module, INFO, "Created %s cache with %s store type", name_.c_str(), type.c_str());
+}
+
+Cache::~Cache() {
+  if (valid_ && store_ && !diff_map_.empty() &&
+      CACHE_EXPECT(1, store_->try_store_diff(diff_map_))) {
+    QV_LOG(g_module, DEBUG, "Stored %s cache diff data with %s store type, num diff entries = %lu",
+           name_.c_str(), store_->type().c_str(), diff_map_.size());
+  }
+  delete index_.load(std::memory_order_relaxed);
+  fork_guard::remove(diff_mutex_);
+}
+
+const std::vector<util::RoBuffer>* Cache::get_value(const util::RoBuffer& key) {
+  if (!valid_) {
+    return nullptr;
+  }
+  const Counters& count = counters();
+  const std::vector<util::RoBuffer>* value = find_loaded(key);
+  if (value == nullptr) {
+    value = find_added(key);
+  }
+  qv_stats_counter_inc(value != nullptr ? count.hits : count.misses, 1);
+  return value;
+}
+
+const std::vector<util::RoBuffer>* Cache::find_loaded(const util::RoBuffer& key) {
+  if (const LoadedIndex* index = index_.load(std::memory_order_acquire)) {
+    return index->find(key);
+  }
+  if (loaded_map_.size() >= kSmallestIndexed &&
+      loaded_lookups_.fetch_add(1, std::memory_order_relaxed) ==
+          loaded_map_.size() / kLookupsShare) {
+    build_index();
+  }
+  const auto found = loaded_map_.find(key);
+  return found == loaded_map_.end() ? nullptr : &found->second;
+}
+
+// One look-up in the life of the cache gets here; the others go on with the map.
+void Cache::build_index() {
+  try {
+    index_.store(new LoadedIndex(loaded_map_), std::memory_order_release);
+  } catch (const std::bad_alloc&) {
+    QV_LOG(g_module, DEBUG, "No memory to index %s cache", name_.c_str());
+  }
+}
+
+const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) {
+  if (diff_size_.load(std::memory_order_acquire) == 0) {
+    return nullptr;
+  }
+  const std::lock_guard<std::mutex> lock(diff_mutex_);
+  const auto found = diff_map_.find(key);
+  return found == diff_map_.end() ? nullptr : &found->second;
+}
+
+bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> value) {
+  if (!valid_) {
+    return false;
+  }
+  if (const char* flaw = flaw_of(key, value)) {
+    QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: %s", name_.c_str(), flaw);
+    return false;
+  }
+  if (find_loaded(key) != nullptr) {
+    return false;
+  }
+  const std::lock_guard<std::mutex> lock(diff_mutex_);
+  const bool added = diff_map_.emplace(key, std::move(value)).second;
+  diff_size_.store(diff_map_.size(), std::memory_order_release);
+  return added;
+}
+
+std::size_t Cache::size() {
+  const std::lock_guard<std::mutex> lock(diff_mutex_);
+  return diff_map_.size() + loaded_map_.size();
+}
+
+Cache::const_iterator Cache::begin() const {
+  return {loaded_map_, loaded_map_.begin(), diff_map_, diff_map_.begin()};
+}
+
+Cache::const_iterator Cache::end() const {
+  return {loaded_map_, loaded_map_.end(), diff_map_, diff_map_.end()};
+}
+
+Cache::const_iterator::const_iterator(const map& first, map::const_iterator first_pos,
+                                      const map& second, map::const_iterator second_pos)
+    : first_(&first), first_pos_(first_pos), second_(&second), second_pos_(second_pos) {}
+
+Cache::const_iterator& Cache::const_iterator::operator++() {
+  if (first_pos_ != first_->end()) {
+    ++first_pos_;
+  } else if (second_pos_ != second_->end()) {
+    ++second_pos_;
+  }
+  return *this;
+}
+
+Cache::const_iterator Cache::const_iterator::operator++(int) {
+  const const_iterator before = *this;
+  ++*this;
+  return before;
+}
+
+Cache::const_iterator::reference Cache::const_iterator::operator*() const {
+  return first_pos_ == first_->end() ? *second_pos_ : *first_pos_;
+}
+
+Cache::const_iterator::pointer Cache::const_iterator::operator->() const { return &**this; }
+
+bool Cache::const_iterator::operator==(const const_iterator& other) const {
+  return first_pos_ == other.first_pos_ && second_pos_ == other.second_pos_;
+}
+
+bool Cache::const_iterator::operator!=(const const_iterator& other) const {
+  return !(*this == other);
+}
+
+}  // namespace cache
+}  // namespace quorvane

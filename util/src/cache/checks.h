@@ -1,0 +1,21 @@
+// The log module of the cache and its fault checks.
+#ifndef QUORVANE_SRC_CACHE_CHECKS_H_
+#define QUORVANE_SRC_CACHE_CHECKS_H_
+
+#include <quorvane/fault.h>
+#include <quorvane/module.h>
+
+namespace quorvane {
+namespace cache {
+
+extern const Module g_module;
+
+}  // namespace cache
+}  // namespace quorvane
+
+#define CACHE_EXPECT(severity, condition) \
+  QV_FAULT_EXPECT(::quorvane::cache::g_module, severity, condition, "util/src/cache")
+#define CACHE_ASSERT(condition) \
+  QV_FAULT_ASSERT(::quorvane::cache::g_module, condition, "util/src/cache")
+
+#endif  // QUORVANE_SRC_CACHE_CHECKS_H_

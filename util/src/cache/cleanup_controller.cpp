@@ -1,0 +1,41 @@
+#include <quorvane/store.h>
+
+#include "src/cache/checks.h"
+#include "src/fork_guard.h"
+
+namespace quorvane {
+namespace cache {
+
+CleanupController::CleanupController(std::uint64_t threshold) : threshold_(threshold) {
+  fork_guard::add(usages_mutex_);
+}
+
+CleanupController::~CleanupController() { fork_guard::remove(usages_mutex_); }
+
+std::uint64_t CleanupController::get_ticket() {
+  const std::lock_guard<std::mutex> lock(usages_mutex_);
+  usages_.push_back(0);
+  return usages_.size() - 1;
+}
+
+bool CleanupController::update_and_check_usage(std::uint64_t ticket, CleanableResource& res) {
+  const std::uint64_t usage = res.get_usage();
+  const std::lock_guard<std::mutex> lock(usages_mutex_);
+  CACHE_ASSERT(ticket < usages_.size());
+  total_usage_ = total_usage_ + usage - usages_[ticket];
+  usages_[ticket] = usage;
+  QV_LOG(g_module, TRACE, "Cache store usage is %lu / %lu bytes.", total_usage_, threshold_);
+  return total_usage_ > threshold_;
+}
+
+void CleanupController::process(std::uint64_t ticket, CleanableResource& res) {
+  if (threshold_ == 0 || !update_and_check_usage(ticket, res)) {
+    return;
+  }
+  res.clean();
+  update_and_check_usage(ticket, res);
+  QV_LOG(g_module, INFO, "Cache store cleaned.");
+}
+
+}  // namespace cache
+}  // namespace quorvane

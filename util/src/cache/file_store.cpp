@@ -1,0 +1,208 @@
+#include <quorvane/file_store.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "src/cache/checks.h"
+
+namespace quorvane {
+namespace cache {
+namespace {
+
+// Holds the store lock for one sequence, whichever way it ends.
+class Locked {
+ public:
+  explicit Locked(Store::Lock& lock) : lock_(lock) { lock_.lock(); }
+  ~Locked() { lock_.unlock(); }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+
+ private:
+  Store::Lock& lock_;
+};
+
+std::size_t threshold_from_environment() {
+  const char* threshold_env = std::getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
+  std::size_t threshold = 0;
+  if (CACHE_EXPECT(2, threshold_env) &&
+      CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) == 1)) {
+    QV_LOG(g_module, INFO, "Cache store cleanup threshold set to %lu bytes", threshold);
+    return threshold;
+  }
+  QV_LOG(g_module, WARN, "Cache store cleanup threshold not set, cache can grow indefinitely");
+  return 0;
+}
+
+// The smallest atom takes its size and one byte.
+constexpr std::size_t kSmallestAtom = sizeof(std::uint64_t) + 1;
+
+// A buffer for `size` bytes that are to be read next, or none when the file has
+// fewer: what a damaged size asks for is never allocated.
+util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size) {
+  return util::RwBuffer(size <= freader.remaining() ? size : 0);
+}
+
+}  // namespace
+
+std::string get_store_file_path(const std::string& name) {
+  const char* root = std::getenv("QV_CACHE_STORE_ROOT");
+  qv_fault_expect(g_module.get(), 2, root != nullptr,
+                  "Caching enabled, but QV_CACHE_STORE_ROOT not set.");
+  return root == nullptr || *root == '\0' ? "" : std::string(root) + "/" + name;
+}
+
+FileStoreSkeleton::FileStoreSkeleton(unsigned int version, std::string /*path*/,
+                                     std::shared_ptr<Store::Lock> lock,
+                                     CleanupController* controller)
+    : cleanup_controller_(controller != nullptr ? controller : get_default_cleanup_controller()),
+      ticket_(cleanup_controller_->get_ticket()),
+      valid_hdr_{QV_CACHE_STORE_MAGIC_NUMBER, version},
+      lock_(std::move(lock)) {}
+
+FileStoreSkeleton::~FileStoreSkeleton() = default;
+
+CleanupController* FileStoreSkeleton::get_default_cleanup_controller() {
+  // A once-flag survives a fork that catches another thread making it.
+  static std::once_flag once;
+  static CleanupController* controller = nullptr;
+  std::call_once(once, [] { controller = new CleanupController(threshold_from_environment()); });
+  return controller;
+}
+
+bool FileStoreSkeleton::is_valid() const { return lock_ && lock_->is_valid(); }
+std::uint64_t FileStoreSkeleton::get_usage() { return nonlock_get_disk_usage(); }
+void FileStoreSkeleton::clean() { nonlock_clean(); }
+
+bool FileStoreSkeleton::try_load(EntryMap& out) {
+  const Locked locked(*lock_);
+  cleanup_controller_->process(ticket_, *this);
+  out.clear();
+  const bool ok = try_nonlock_load(out);
+  if (ok) {
+    loaded_map_last_size_ = out.size();
+  }
+  return ok;
+}
+
+bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
+  const Locked locked(*lock_);
+  KeySet new_keys;
+  const bool new_keys_loaded = try_nonlock_load_new_keys(new_keys);
+  if (!CACHE_EXPECT(2, loaded_map_last_size_ == 0 || new_keys_loaded)) {
+    return false;
+  }
+  const bool ok = try_nonlock_append(diff, new_keys);
+  cleanup_controller_->process(ticket_, *this);
+  return ok;
+}
+
+bool FileStoreSkeleton::read_header(util::BufferReader& freader) const {
+  const unsigned char* hdr = freader.buffer(sizeof(valid_hdr_));
+  return CACHE_EXPECT(1, hdr) &&
+         CACHE_EXPECT(1, std::memcmp(hdr, &valid_hdr_, sizeof(valid_hdr_)) == 0);
+}
+
+bool FileStoreSkeleton::read_magic_number(util::BufferReader& freader) {
+  std::uint32_t magic_number = 0;
+  return CACHE_EXPECT(1, freader.get(&magic_number)) &&
+         CACHE_EXPECT(1, magic_number == QV_CACHE_STORE_MAGIC_NUMBER);
+}
+
+util::RoBuffer FileStoreSkeleton::read_key(util::BufferReader& freader) {
+  std::uint64_t key_size = 0;
+  if (!CACHE_EXPECT(1, freader.get(&key_size)) || !CACHE_EXPECT(1, key_size > 0)) {
+    return {};
+  }
+  util::RwBuffer rvalbuf = buffer_for(freader, key_size);
+  if (!CACHE_EXPECT(1, freader.get_raw(rvalbuf.get_buffer(), key_size))) {
+    return {};
+  }
+  return rvalbuf;
+}
+
+bool FileStoreSkeleton::read_val(util::BufferReader& freader, std::vector<util::RoBuffer>& out) {
+  std::uint64_t num_val_atoms = 0;
+  if (!CACHE_EXPECT(1, freader.get(&num_val_atoms)) || !CACHE_EXPECT(1, num_val_atoms > 0)) {
+    return false;
+  }
+  out.reserve(std::min(num_val_atoms, freader.remaining() / kSmallestAtom));
+  for (std::uint64_t atom = 0; atom < num_val_atoms; ++atom) {
+    std::uint64_t val_atom_size = 0;
+    if (!CACHE_EXPECT(1, freader.get(&val_atom_size)) || !CACHE_EXPECT(1, val_atom_size > 0)) {
+      return false;
+    }
+    util::RwBuffer val_atom_buf = buffer_for(freader, val_atom_size);
+    if (!CACHE_EXPECT(1, freader.get_raw(val_atom_buf.get_buffer(), val_atom_size))) {
+      return false;
+    }
+    out.emplace_back(std::move(val_atom_buf));
+  }
+  return true;
+}
+
+bool FileStoreSkeleton::skip_val(util::BufferReader& freader) {
+  std::uint64_t num_val_atoms = 0;
+  if (!CACHE_EXPECT(1, freader.get(&num_val_atoms)) || !CACHE_EXPECT(1, num_val_atoms > 0)) {
+    return false;
+  }
+  for (std::uint64_t atom = 0; atom < num_val_atoms; ++atom) {
+    std::uint64_t val_atom_size = 0;
+    if (!CACHE_EXPECT(1, freader.get(&val_atom_size)) || !CACHE_EXPECT(1, val_atom_size > 0) ||
+        !CACHE_EXPECT(1, freader.buffer(val_atom_size))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool FileStoreSkeleton::write_magic_number(util::BufferWriter& fwriter) {
+  return CACHE_EXPECT(1, fwriter.put(QV_CACHE_STORE_MAGIC_NUMBER));
+}
+
+bool FileStoreSkeleton::write_key(util::BufferWriter& fwriter, const util::RoBuffer& key) {
+  return CACHE_EXPECT(1, fwriter.put(key.get_size())) &&
+         CACHE_EXPECT(1, fwriter.put_raw(key.get_buffer(), key.get_size()));
+}
+
+bool FileStoreSkeleton::write_val(util::BufferWriter& fwriter,
+                                  const std::vector<util::RoBuffer>& val) {
+  if (!CACHE_EXPECT(1, fwriter.put(val.size()))) {
+    return false;
+  }
+  return std::all_of(val.begin(), val.end(), [&fwriter](const util::RoBuffer& val_atom) {
+    return CACHE_EXPECT(1, fwriter.put(val_atom.get_size())) &&
+           CACHE_EXPECT(1, fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size()));
+  });
+}
+
+std::ofstream FileStoreSkeleton::cache_file_prepare_to_append(std::string path) const {
+  std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::app);
+  if (!CACHE_EXPECT(1, file.good())) {
+    return file;
+  }
+  file.seekp(0, std::ios::end);
+  if (file.tellp() == std::streampos(0)) {
+    // Flushed, so that a full disk shows here.
+    file.write(reinterpret_cast<const char*>(&valid_hdr_), sizeof(valid_hdr_)).flush();
+    qv_fault_expect(g_module.get(), 1, file.good(), "Writing header file failed (%s)",
+                    path.c_str());
+  }
+  return file;
+}
+
+std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
+                                       CleanupController* controller) {
+  auto lock = std::make_shared<StoreFLock>(name);
+  switch (kind) {
+    case StoreKind::basic:
+      return std::make_unique<BasicStore>(name, std::move(lock), controller);
+  }
+  return nullptr;
+}
+
+}  // namespace cache
+}  // namespace quorvane

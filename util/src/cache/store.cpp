@@ -1,0 +1,16 @@
+#include <quorvane/store.h>
+
+#include "src/cache/checks.h"
+
+namespace quorvane {
+namespace cache {
+
+const Module g_module("util/src/cache");
+
+// Out of line, so that each class has its one vtable in this library.
+Store::Lock::~Lock() = default;
+Store::~Store() = default;
+CleanableResource::~CleanableResource() = default;
+
+}  // namespace cache
+}  // namespace quorvane

@@ -1,0 +1,218 @@
+#include <quorvane/log.h>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+
+#include "src/process_generation.h"
+
+namespace quorvane {
+namespace logging {
+
+const char* QV_LOG_FILE_ENV = "QV_LOG_FILE";
+const char* QV_LOG_FILE_GLOBAL_ENV = "QV_LOG_FILE_Global";
+const char* QV_LOG_LEVEL_ENV = "QV_LOG_LEVEL";
+
+LoggingModuleData g_singleton_outlet = {-1, -1, QV_LOG_LEVEL_ERROR};
+
+namespace {
+
+constexpr std::size_t kRecordSize = 4096;
+constexpr std::size_t kLevels = QV_LOG_LEVEL_ALL + 1;
+
+struct LevelStrs {
+  std::array<std::string, kLevels> names{"OFF", "ERROR", "WARN", "INFO", "TRACE", "DEBUG", "ALL"};
+  std::string unknown{"UNKNOWN"};
+};
+
+const LevelStrs& level_strs() {
+  static const LevelStrs& strs = *new LevelStrs;
+  return strs;
+}
+
+// Built at load, so that no fork catches another thread building it.
+[[maybe_unused]] const LevelStrs& g_built_at_load = level_strs();
+
+std::string_view level_prefix(qv_log_level_t level) {
+  static constexpr std::array<std::string_view, kLevels> prefixes{
+      "[  OFF] ", "[ERROR] ", "[ WARN] ", "[ INFO] ", "[TRACE] ", "[DEBUG] ", "[  ALL] "};
+  const auto index = static_cast<unsigned>(level);
+  return index < kLevels ? prefixes[index] : std::string_view("[UNKNOWN] ");
+}
+
+// What changes at most once a second, and what never changes in a process. Each
+// thread keeps it; a child of fork, whose ids differ, starts afresh.
+struct Kept {
+  std::uint64_t generation = 0;
+  std::int64_t second = -1;
+  unsigned date_length = 0;
+  unsigned ids_length = 0;
+  std::array<char, 48> date{};  // "2024-03-01T12:00:00."
+  std::array<char, 48> ids{};   // "Z, 1234, 1240, \""
+};
+
+thread_local Kept t_kept;
+
+// UTC by arithmetic: gmtime_r takes a lock, which a fork may catch held.
+void keep_date(Kept& kept, std::int64_t second) {
+  using namespace std::chrono;
+  const sys_seconds now{seconds{second}};
+  const auto day = floor<days>(now);
+  const year_month_day date{day};
+  const hh_mm_ss time{now - day};
+  kept.date_length = static_cast<unsigned>(std::snprintf(
+      kept.date.data(), kept.date.size(), "%d-%02u-%02uT%02d:%02d:%02d.",
+      static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+      static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count())));
+  kept.second = second;
+}
+
+void keep_ids(Kept& kept, std::uint64_t generation) {
+  kept.ids_length =
+      static_cast<unsigned>(std::snprintf(kept.ids.data(), kept.ids.size(), "Z, %d, %d, \"",
+                                          getpid(), static_cast<int>(syscall(SYS_gettid))));
+  kept.generation = generation;
+}
+
+// A record under construction. Room for the closing quote and newline is set
+// aside from the start, so that a cut message leaves a whole line.
+class Record {
+ public:
+  void append(std::string_view text) {
+    std::memcpy(bytes_.data() + size_, text.data(), text.size());
+    size_ += text.size();
+  }
+
+  void append_microseconds(std::int64_t microseconds) {
+    for (std::size_t digit = 6; digit-- > 0;) {
+      bytes_[size_ + digit] = static_cast<char>('0' + microseconds % 10);
+      microseconds /= 10;
+    }
+    size_ += 6;
+  }
+
+  void append_message(const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
+    const std::size_t room = bytes_.size() - kTail.size() - size_;
+    // The terminating NUL takes the place of the tail's first byte.
+    const int wanted = std::vsnprintf(bytes_.data() + size_, room + 1, format, args);
+    size_ += std::min(static_cast<std::size_t>(std::max(wanted, 0)), room);
+    append(kTail);
+  }
+
+  // One write to the descriptor that stands at `fd`; a failure drops the record.
+  void write_to(const int& fd) const {
+    while (fd != 0 && ::write(fd, bytes_.data(), size_) == -1 && errno == EINTR) {
+    }
+  }
+
+ private:
+  static constexpr std::string_view kTail = "\"\n";
+  std::size_t size_ = 0;
+  std::array<char, kRecordSize> bytes_;
+};
+
+void set_up_outlet() {
+  LoggingModuleData& outlet = g_singleton_outlet;
+  const std::string path = get_default_log_path();
+  if (path.empty()) {
+    outlet.level = outlet.error_fd >= 0 ? QV_LOG_LEVEL_ERROR : QV_LOG_LEVEL_OFF;
+    return;
+  }
+  const int sync = std::getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
+  outlet.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
+  outlet.error_fd = STDERR_FILENO;
+  if (outlet.fd < 0) {
+    std::fprintf(stderr, "QVUtil: Failed to open requested log file %s.\n", path.c_str());
+    outlet.level = QV_LOG_LEVEL_ERROR;
+    return;
+  }
+  const char* level = std::getenv(QV_LOG_LEVEL_ENV);
+  if (level == nullptr || !parse_level_string(level, outlet.level)) {
+    outlet.level = QV_LOG_LEVEL_INFO;
+  }
+}
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+}  // namespace
+
+const std::string& level_to_string(qv_log_level_t level) {
+  const auto index = static_cast<unsigned>(level);
+  return index < kLevels ? level_strs().names[index] : level_strs().unknown;
+}
+
+bool parse_level_string(const char* text, qv_log_level_t& out) {
+  const auto& names = level_strs().names;
+  const auto found = std::find(names.begin(), names.end(), std::string(text));
+  if (found == names.end()) {
+    return false;
+  }
+  out = static_cast<qv_log_level_t>(found - names.begin());
+  return true;
+}
+
+void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const char* format, va_list args) {
+  const int caller_errno = errno;
+  timeval now;
+  gettimeofday(&now, nullptr);
+  Kept& kept = t_kept;
+  if (kept.second != now.tv_sec) {
+    keep_date(kept, now.tv_sec);
+  }
+  const std::uint64_t generation = process_generation();
+  if (kept.generation != generation) {
+    keep_ids(kept, generation);
+  }
+
+  Record record;
+  record.append(level_prefix(level));
+  record.append({kept.date.data(), kept.date_length});
+  record.append_microseconds(now.tv_usec);
+  record.append({kept.ids.data(), kept.ids_length});
+  errno = caller_errno;  // for %m
+  record.append_message(format, args);
+  record.write_to(outlet.fd);
+  if (level == QV_LOG_LEVEL_ERROR || level == QV_LOG_LEVEL_OFF) {
+    record.write_to(outlet.error_fd);
+  }
+  errno = caller_errno;
+}
+
+std::string get_default_log_path() {
+  for (const char* name : {QV_LOG_FILE_ENV, QV_LOG_FILE_GLOBAL_ENV}) {
+    if (std::string path = environment(name); !path.empty()) {
+      return path;
+    }
+  }
+  const std::string home = environment("HOME");
+  std::array<char, 64> host{};
+  if (home.empty() || gethostname(host.data(), host.size()) != 0) {
+    return "";
+  }
+  return home + "/.quorvane/" + "qv_Global." + host.data() + ".log";
+}
+
+LoggingModuleData* get_singleton_outlet() {
+  static std::once_flag once;
+  std::call_once(once, &set_up_outlet);
+  return &g_singleton_outlet;
+}
+
+}  // namespace logging
+}  // namespace quorvane
