@@ -58,7 +58,8 @@ class QV_EXPORT RoBuffer : public BufferBase {
 
   // Takes the bytes of `other` over and leaves it empty. Bytes lent by a pool
   // can't be taken over: such an `other` ends the process when it is destroyed.
-  RoBuffer(RwBuffer&& other) noexcept;  // NOLINT(google-explicit-constructor): a filled buffer becomes a key by being returned
+  RoBuffer(RwBuffer&& other) noexcept;  // NOLINT(google-explicit-constructor): a filled buffer
+                                        // becomes a key by being returned
 
   // Owns a copy of `size` bytes. Empty when `size` is 0.
   static RoBuffer copy(const void* data, std::size_t size);
@@ -131,7 +132,7 @@ class QV_EXPORT BufferReader {
 
   // The next `n` bytes, passed over without a copy; null when fewer remain.
   const unsigned char* buffer(std::size_t n) {
-    if (n > buffer_->get_size() - pos_) {
+    if (n > remaining()) {
       return nullptr;
     }
     const unsigned char* here = buffer_->get_buffer() + pos_;
@@ -142,8 +143,11 @@ class QV_EXPORT BufferReader {
   // How many bytes have been read or passed over.
   std::size_t position() const { return pos_; }
 
-  // How many are left.
-  std::size_t remaining() const { return buffer_->get_size() - pos_; }
+  // How many are left; none once the buffer's bytes were moved elsewhere.
+  std::size_t remaining() const {
+    const std::size_t size = buffer_->get_size();
+    return pos_ <= size ? size - pos_ : 0;
+  }
 
  private:
   const BufferBase* buffer_;

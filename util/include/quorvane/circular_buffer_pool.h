@@ -11,6 +11,7 @@
 #ifndef QUORVANE_CIRCULAR_BUFFER_POOL_H_
 #define QUORVANE_CIRCULAR_BUFFER_POOL_H_
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -36,21 +37,23 @@ class QV_EXPORT CircularBufferPool {
   // Lends `size` bytes rounded up to a multiple of 64, waiting without a time
   // limit while there is no room. A `size` above the region's logs and aborts.
   // `rpc` goes to the tracer as it is; it may be null.
-  RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc);
+  RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   // Takes the newest range back. `ptr` is its start and `size` what was asked
   // for or lent; another range logs and aborts. Wakes every waiter.
-  void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc);
+  void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   // Takes the oldest range back, likewise.
-  void free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc);
+  void free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   // End of the public interface.
 
  private:
   void map_region();
+  void map_file(int fd, std::uint64_t offset);
   std::uint64_t round_up(std::uint64_t size) const;
   unsigned char* at(std::uint64_t counter) const;
+  std::uint64_t free_bytes() const;
 
   std::uint64_t alignment_ = 64;
   std::mutex mutex_;
@@ -58,7 +61,9 @@ class QV_EXPORT CircularBufferPool {
   std::uint64_t length_;
   unsigned char* base_ = nullptr;
   std::uint64_t tail_ = 0;  // bytes ever released from the oldest end
-  std::uint64_t head_ = 0;  // bytes ever lent, less those taken back by deallocate
+  // Bytes ever lent, less those taken back by deallocate. Written under the
+  // mutex; the tracer is told of it before the mutex is taken.
+  std::atomic<std::uint64_t> head_{0};
 };
 
 }  // namespace util

@@ -39,32 +39,32 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 // condition holds; otherwise reports it as a failed expectation and is false.
 // The record quotes the condition as it is written. `module` is a
 // quorvane::module::Module* or a quorvane::Module.
-#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                       \
-  (static_cast<bool>(condition) ||                                                          \
+#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                         \
+  (static_cast<bool>(condition) ||                                                            \
    ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
                                          source, line))
 
 // The same at the site's own line.
-#define QV_FAULT_EXPECT(module, severity, condition, source)                                \
-  (static_cast<bool>(condition) ||                                                          \
+#define QV_FAULT_EXPECT(module, severity, condition, source)                                  \
+  (static_cast<bool>(condition) ||                                                            \
    ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
                                          source, __LINE__))
 
 // QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
 // the condition holds.
-#define QV_FAULT_ASSERT_AT(module, condition, source, line)                          \
-  (static_cast<bool>(condition)                                                      \
-       ? static_cast<void>(0)                                                        \
-       : ::quorvane::fault::assertion_failed(                                        \
-             qv_log_module_pointer(module),                                          \
+#define QV_FAULT_ASSERT_AT(module, condition, source, line) \
+  (static_cast<bool>(condition)                             \
+       ? static_cast<void>(0)                               \
+       : ::quorvane::fault::assertion_failed(               \
+             qv_log_module_pointer(module),                 \
              "QV_FAULT_ASSERT: assertion (" #condition ") failed (%s:%d)", source, line))
 
 // The same at the site's own line.
-#define QV_FAULT_ASSERT(module, condition, source)                                   \
-  (static_cast<bool>(condition)                                                      \
-       ? static_cast<void>(0)                                                        \
-       : ::quorvane::fault::assertion_failed(                                        \
-             qv_log_module_pointer(module),                                          \
+#define QV_FAULT_ASSERT(module, condition, source) \
+  (static_cast<bool>(condition)                    \
+       ? static_cast<void>(0)                      \
+       : ::quorvane::fault::assertion_failed(      \
+             qv_log_module_pointer(module),        \
              "QV_FAULT_ASSERT: assertion (" #condition ") failed (%s:%d)", source, __LINE__))
 
 // End of the public interface.

@@ -59,8 +59,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
 
   int fd_ = -1;
   std::string path_;
-  std::atomic<std::uint64_t> generation_;          // of the process that opened fd_
-  std::atomic<const void*> owner_{nullptr};        // the thread that holds the lock
+  std::atomic<std::uint64_t> generation_;    // of the process that opened fd_
+  std::atomic<const void*> owner_{nullptr};  // the thread that holds the lock
 };
 
 // What all file stores share: the header, the entry encoding, and the locked
@@ -92,14 +92,14 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
 
   // The pieces of a file. Each returns false, or an empty buffer, after a
   // severity 1 check that quotes what failed.
-  bool read_header(util::BufferReader& r) const;
-  static bool read_magic_number(util::BufferReader& r);
-  static util::RoBuffer read_key(util::BufferReader& r);
-  static bool read_val(util::BufferReader& r, std::vector<util::RoBuffer>& out);
-  static bool skip_val(util::BufferReader& r);
-  static bool write_magic_number(util::BufferWriter& w);
-  static bool write_key(util::BufferWriter& w, const util::RoBuffer& key);
-  static bool write_val(util::BufferWriter& w, const std::vector<util::RoBuffer>& val);
+  bool read_header(util::BufferReader& freader) const;
+  static bool read_magic_number(util::BufferReader& freader);
+  static util::RoBuffer read_key(util::BufferReader& freader);
+  static bool read_val(util::BufferReader& freader, std::vector<util::RoBuffer>& out);
+  static bool skip_val(util::BufferReader& freader);
+  static bool write_magic_number(util::BufferWriter& fwriter);
+  static bool write_key(util::BufferWriter& fwriter, const util::RoBuffer& key);
+  static bool write_val(util::BufferWriter& fwriter, const std::vector<util::RoBuffer>& val);
 
   // Opens `path` for appending and gives an empty or new file its header. Ask
   // the stream for the result.
@@ -135,7 +135,7 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   // The size of an entry in the file, in bytes.
   static std::uint64_t get_entry_representation_size(const util::RoBuffer& key,
                                                      const std::vector<util::RoBuffer>& val);
-  static bool write_entry(util::BufferWriter& w, const util::RoBuffer& key,
+  static bool write_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                           const std::vector<util::RoBuffer>& val);
 
   // False, after a check, when the file has gone since this store used it.

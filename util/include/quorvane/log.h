@@ -57,12 +57,12 @@ static inline void* qv_log_module_pointer(void* module) { return module; }
  * above; otherwise costs one load and one compare, and evaluates no argument.
  * LEVEL is one of OFF ... ALL, alone or with its prefix QV_LOG_LEVEL_. In C++
  * `module` may also be a quorvane::Module. */
-#define QV_LOG(module, LEVEL, ...)                                         \
-  do {                                                                     \
-    void* qv_log_m_ = qv_log_module_pointer(module);                       \
-    if (qv_log_module_level(qv_log_m_) >= (int)QV_LOG_LEVEL_##LEVEL) {     \
-      qv_log_do(qv_log_m_, QV_LOG_LEVEL_##LEVEL, 0, __VA_ARGS__);          \
-    }                                                                      \
+#define QV_LOG(module, LEVEL, ...)                                     \
+  do {                                                                 \
+    void* qv_log_m_ = qv_log_module_pointer(module);                   \
+    if (qv_log_module_level(qv_log_m_) >= (int)QV_LOG_LEVEL_##LEVEL) { \
+      qv_log_do(qv_log_m_, QV_LOG_LEVEL_##LEVEL, 0, __VA_ARGS__);      \
+    }                                                                  \
   } while (0)
 
 #define QV_LOG_LEVEL_QV_LOG_LEVEL_OFF QV_LOG_LEVEL_OFF

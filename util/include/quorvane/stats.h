@@ -110,9 +110,7 @@ class QV_EXPORT CircMetricsModule {
   void* resolve_namespace(const module::Module& module);
 
   // The recorder's functions, as libcircmetrics.so exports them.
-  void* register_metric(void* ns, const char* name, int type) {
-    return register_(ns, name, type);
-  }
+  void* register_metric(void* ns, const char* name, int type) { return register_(ns, name, type); }
   int observe(void* metric, int type, const void* address) {
     return observe_(metric, type, address);
   }
@@ -120,8 +118,7 @@ class QV_EXPORT CircMetricsModule {
   int set_hist(void* metric, double value, std::uint32_t count) {
     return set_hist_(metric, value, count);
   }
-  int set_hist_intscale(void* metric, std::int64_t value, std::int32_t scale,
-                        std::uint32_t count) {
+  int set_hist_intscale(void* metric, std::int64_t value, std::int32_t scale, std::uint32_t count) {
     return set_hist_intscale_(metric, value, scale, count);
   }
 

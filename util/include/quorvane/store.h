@@ -23,8 +23,7 @@ struct QV_EXPORT KeyOrder {
     if (a.get_size() != b.get_size()) {
       return a.get_size() < b.get_size();
     }
-    return a.get_size() != 0 &&
-           __builtin_memcmp(a.get_buffer(), b.get_buffer(), a.get_size()) < 0;
+    return a.get_size() != 0 && __builtin_memcmp(a.get_buffer(), b.get_buffer(), a.get_size()) < 0;
   }
 };
 

@@ -16,9 +16,11 @@ namespace util {
 
 // Reports `event` (1543 start, 1544 end) of operation `op` on behalf of the
 // traced call `rpc` (may be null). `record` is scratch space of the caller.
-__attribute__((weak, visibility("default"))) void write_trace(
-    const _qv_trace_rpc_t* rpc, _qv_trace_rpc_t* record, unsigned int event, unsigned int op,
-    const void* a, const void* b, const void* c, const void* d);
+__attribute__((weak, visibility("default"))) void write_trace(const _qv_trace_rpc_t* rpc,
+                                                              _qv_trace_rpc_t* record,
+                                                              unsigned int event, unsigned int op,
+                                                              const void* a, const void* b,
+                                                              const void* c, const void* d);
 
 }  // namespace util
 }  // namespace qvtracer
