@@ -103,7 +103,8 @@ class QV_EXPORT CircMetricsModule {
   // Appends one line to the report file. Best effort.
   void report_now();
 
-  // The report thread: a report every period, for ever.
+  // The report thread: a report every period, for ever. Once the process's last
+  // report is written, it writes no more.
   [[noreturn]] void report_thr();
 
   // The namespace that the module's path spells, or null.
@@ -125,13 +126,16 @@ class QV_EXPORT CircMetricsModule {
   // End of the public interface.
 
  private:
-  friend struct StatsForkGuard;
+  friend struct ProcessHooks;
   using WriteCallback = ssize_t (*)(void* closure, const void* bytes, std::size_t length);
 
   static ssize_t write_report(void* closure, const void* bytes, std::size_t length);
   template <typename Function>
   void look_up(Function*& function, const char* symbol);
   void look_up_all();
+  void start_report_thread();
+  void append_report();
+  void report_last();
   void leave_parents_file();
 
   void* (*recorder_alloc_)() = nullptr;
@@ -151,6 +155,7 @@ class QV_EXPORT CircMetricsModule {
   std::thread report_thread_;
   void* library_;
   std::uint64_t generation_;  // of the process that opened report_fd_
+  bool ended_ = false;        // the last report is written
 };
 
 // The process's module, set up from the environment on the first call; null

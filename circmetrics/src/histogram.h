@@ -1,0 +1,65 @@
+// The distribution of samples, in bounded memory.
+#ifndef CIRCMETRICS_SRC_HISTOGRAM_H_
+#define CIRCMETRICS_SRC_HISTOGRAM_H_
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "circmetrics.h"
+#include "metric.h"
+
+namespace circmetrics {
+
+// Counts samples in buckets that are told apart by the first 18 bits of a double:
+// its sign, its exponent and 6 bits of its fraction. A bucket spans at most 1/64
+// of its lower bound, so its middle is within 1/128 of every sample in it. The
+// buckets lie in a tree of three levels whose nodes are made on first use.
+// Thread-safe and lock-free but for those allocations.
+class Histogram final : public Metric {
+ public:
+  static bool is_type(int type) { return type == CIRCMETRICS_HISTOGRAM; }
+
+  Histogram() : Metric(CIRCMETRICS_HISTOGRAM) {}
+  ~Histogram() override;
+
+  // False, changing nothing, for NaN and when there is no memory for a node.
+  bool insert(double value, std::uint32_t count);
+  bool insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count);
+
+  void write(JsonWriter& json) const override;
+
+ private:
+  static constexpr std::size_t kFanOut = 64;
+  using Count = std::atomic<std::uint64_t>;
+  struct Octave {
+    std::array<Count, kFanOut> buckets{};
+  };
+  struct Group {
+    std::array<std::atomic<Octave*>, kFanOut> octaves{};
+    ~Group();
+  };
+
+  // What the buckets hold at one moment, in ascending order of the samples.
+  struct Filled {
+    double middle;
+    std::uint64_t count;
+  };
+  using Snapshot = std::vector<Filled>;
+
+  Count* find_or_make_bucket(double value);
+  Snapshot snapshot() const;
+  void append_octave(Snapshot& filled, std::size_t octave) const;
+
+  std::array<std::atomic<Group*>, kFanOut> groups_{};
+  std::atomic<double> sum_{0};
+  std::atomic<double> min_{std::numeric_limits<double>::infinity()};
+  std::atomic<double> max_{-std::numeric_limits<double>::infinity()};
+};
+
+}  // namespace circmetrics
+
+#endif  // CIRCMETRICS_SRC_HISTOGRAM_H_

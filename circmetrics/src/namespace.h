@@ -1,0 +1,36 @@
+// What has a name: metrics and the namespaces around them.
+#ifndef CIRCMETRICS_SRC_NAMESPACE_H_
+#define CIRCMETRICS_SRC_NAMESPACE_H_
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "metric.h"
+
+namespace circmetrics {
+
+// Every name in it stands for one namespace or one metric, for ever. Not
+// thread-safe: the registration lock is held around every call.
+class Namespace {
+ public:
+  // Null when the name stands for a metric.
+  Namespace* find_or_make_namespace(const char* name);
+
+  // Null when the name stands for something else or there is no such type.
+  Metric* find_or_make_metric(const char* name, int type);
+
+  void write(JsonWriter& json) const;
+
+ private:
+  struct Entry {
+    std::unique_ptr<Namespace> inner;
+    std::unique_ptr<Metric> metric;
+  };
+
+  std::map<std::string, Entry> entries_;
+};
+
+}  // namespace circmetrics
+
+#endif  // CIRCMETRICS_SRC_NAMESPACE_H_

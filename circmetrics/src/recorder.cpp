@@ -1,0 +1,28 @@
+#include "recorder.h"
+
+#include <pthread.h>
+
+#include "json_writer.h"
+
+namespace circmetrics {
+namespace {
+
+constinit std::mutex g_registration_mutex;
+
+void lock() { g_registration_mutex.lock(); }
+void unlock() { g_registration_mutex.unlock(); }
+
+[[maybe_unused]] const int g_guarded_at_load = pthread_atfork(&lock, &unlock, &unlock);
+
+}  // namespace
+
+std::mutex& registration_mutex() { return g_registration_mutex; }
+
+std::string Recorder::to_json() const {
+  const std::lock_guard<std::mutex> guard(registration_mutex());
+  JsonWriter json;
+  root_.write(json);
+  return json.text();
+}
+
+}  // namespace circmetrics

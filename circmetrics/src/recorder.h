@@ -1,0 +1,31 @@
+// The root of the namespaces, and the lock around them.
+#ifndef CIRCMETRICS_SRC_RECORDER_H_
+#define CIRCMETRICS_SRC_RECORDER_H_
+
+#include <mutex>
+#include <string>
+
+#include "namespace.h"
+
+namespace circmetrics {
+
+// Guards every namespace of every recorder; updates of metrics don't take it. A
+// fork waits until it is free, so a child never finds it taken. It is never
+// destroyed: a last report is written after the static destructors.
+std::mutex& registration_mutex();
+
+// Lives until the process ends.
+class Recorder {
+ public:
+  Namespace& root() { return root_; }
+
+  // The present state. Takes the lock.
+  std::string to_json() const;
+
+ private:
+  Namespace root_;
+};
+
+}  // namespace circmetrics
+
+#endif  // CIRCMETRICS_SRC_RECORDER_H_

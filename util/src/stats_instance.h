@@ -1,0 +1,22 @@
+// The process's statistics module, for the functions that may ask for it only
+// when it exists.
+#ifndef QUORVANE_SRC_STATS_INSTANCE_H_
+#define QUORVANE_SRC_STATS_INSTANCE_H_
+
+#include <quorvane/stats.h>
+
+#include <atomic>
+
+namespace quorvane {
+namespace stats {
+
+// Null until statistics are on. Never goes back to null.
+extern std::atomic<CircMetricsModule*> g_instance;
+
+// For whoever holds a metric: there is one only when statistics are on.
+inline CircMetricsModule& running_module() { return *g_instance.load(std::memory_order_acquire); }
+
+}  // namespace stats
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_STATS_INSTANCE_H_
