@@ -1,0 +1,21 @@
+// Messages to the user on standard error.
+#ifndef FINGERPRINT_COMPLAINT_H_
+#define FINGERPRINT_COMPLAINT_H_
+
+#include <string>
+
+namespace fingerprint {
+
+// One line, "fingerprint: " and `what`, in one write, so that lines of several
+// workers stay whole. Wipes a progress line that stands there.
+void complain(const std::string& what);
+
+// "PATH: No such file or directory", with errno's text.
+std::string with_errno(const std::string& path, int error);
+
+// On a terminal: shows `text` in place of the last one. Else nothing.
+void show_progress(const std::string& text);
+
+}  // namespace fingerprint
+
+#endif  // FINGERPRINT_COMPLAINT_H_

@@ -1,0 +1,98 @@
+#include "fingerprint/options.h"
+
+#include <getopt.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "fingerprint/complaint.h"
+
+namespace fingerprint {
+namespace {
+
+constexpr unsigned MAX_JOBS = 1024;
+
+constexpr const char* HELP =
+    "Usage: fingerprint [OPTION]... DIR\n"
+    "Digests every regular file below DIR and keeps the digests in a store, so that\n"
+    "the next run reads only the files that are new or changed.\n"
+    "\n"
+    "  --store NAME  the store's name (default: fingerprint)\n"
+    "  --root DIR    the directory that holds the store; it must exist\n"
+    "                (default: the value of QV_CACHE_STORE_ROOT)\n"
+    "  --jobs N      worker processes, 1 to 1024 (default: one per core)\n"
+    "  --help        this text\n"
+    "\n"
+    "Exit status: 0 all done; 1 done, but something was unreadable or nothing could\n"
+    "be stored; 2 wrong usage.\n";
+
+int wrong_usage(const std::string& what) {
+  complain(what + " (try --help)");
+  return WRONG_USAGE;
+}
+
+bool parse_jobs(const char* text, unsigned& out) {
+  const char* end = text + std::strlen(text);
+  const auto [stop, error] = std::from_chars(text, end, out);
+  return error == std::errc() && stop == end && out >= 1 && out <= MAX_JOBS;
+}
+
+std::optional<int> check(Options& out) {
+  if (out.store.empty() || out.store.find('/') != std::string::npos) {
+    return wrong_usage("the store's name must be a plain file name");
+  }
+  if (out.root.empty()) {
+    const char* root = std::getenv("QV_CACHE_STORE_ROOT");
+    out.root = root == nullptr ? "" : root;
+  }
+  if (out.root.empty()) {
+    return wrong_usage("no directory for the store: set QV_CACHE_STORE_ROOT or pass --root DIR");
+  }
+  if (out.jobs == 0) {
+    out.jobs = std::max(1U, std::min(MAX_JOBS, std::thread::hardware_concurrency()));
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<int> parse_options(int argc, char** argv, Options& out) {
+  static const option known[] = {{"store", required_argument, nullptr, 's'},
+                                 {"root", required_argument, nullptr, 'r'},
+                                 {"jobs", required_argument, nullptr, 'j'},
+                                 {"help", no_argument, nullptr, 'h'},
+                                 {nullptr, 0, nullptr, 0}};
+  opterr = 0;
+  for (int name = 0; (name = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
+    switch (name) {
+      case 's':
+        out.store = optarg;
+        break;
+      case 'r':
+        out.root = optarg;
+        break;
+      case 'j':
+        if (!parse_jobs(optarg, out.jobs)) {
+          return wrong_usage(std::string("not a number of jobs: ") + optarg);
+        }
+        break;
+      case 'h':
+        std::fputs(HELP, stdout);
+        return ALL_DONE;
+      case ':':
+        return wrong_usage(std::string("a value is missing after ") + argv[optind - 1]);
+      default:
+        return wrong_usage(std::string("unknown option ") + argv[optind - 1]);
+    }
+  }
+  if (argc - optind != 1) {
+    return wrong_usage("expected exactly one directory");
+  }
+  out.tree = argv[optind];
+  return check(out);
+}
+
+}  // namespace fingerprint

@@ -1,0 +1,28 @@
+// What the user asked for.
+#ifndef FINGERPRINT_OPTIONS_H_
+#define FINGERPRINT_OPTIONS_H_
+
+#include <optional>
+#include <string>
+
+namespace fingerprint {
+
+// Exit statuses. The work is done under each but the last.
+constexpr int ALL_DONE = 0;
+constexpr int DONE_WITH_COMPLAINTS = 1;  // something was unreadable, or nothing could be stored
+constexpr int WRONG_USAGE = 2;
+
+struct Options {
+  std::string tree;                   // the directory to walk
+  std::string store = "fingerprint";  // the store's file name inside the root
+  std::string root;
+  unsigned jobs = 0;
+};
+
+// Fills `out`. A status means: leave with it (after --help, or after a message
+// about a mistake).
+std::optional<int> parse_options(int argc, char** argv, Options& out);
+
+}  // namespace fingerprint
+
+#endif  // FINGERPRINT_OPTIONS_H_

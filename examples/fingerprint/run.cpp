@@ -1,0 +1,99 @@
+#include "fingerprint/run.h"
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+
+#include "fingerprint/complaint.h"
+#include "fingerprint/fingerprinter.h"
+#include "fingerprint/store_access.h"
+#include "fingerprint/tree.h"
+#include "fingerprint/worker_pool.h"
+
+namespace fingerprint {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Worker `number` of `jobs` takes every jobs-th file: an even share, and the
+// same one in every run. It works on its own copy of the parent's cache, which
+// was loaded once, and hands what it added to the store when it destroys it.
+void do_share(const Tree& tree, unsigned number, unsigned jobs, OpenedCache& opened,
+              Counts& counts) {
+  Fingerprinter fingerprinter(*opened.cache, counts);
+  for (std::size_t i = number; i < tree.files.size(); i += jobs) {
+    fingerprinter.process(tree.files[i]);
+  }
+  opened.cache.reset();
+}
+
+bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, WorkerPool& pool) {
+  const bool all_started = pool.start(options.jobs, [&](unsigned number) {
+    do_share(tree, number, options.jobs, opened, pool.counts());
+  });
+  const bool all_well = pool.wait([&] {
+    show_progress(std::to_string(pool.counts().files()) + " of " +
+                  std::to_string(tree.files.size()) + " files");
+  });
+  show_progress("");
+  if (!all_started || !all_well) {
+    complain("a worker failed; its share of the files is not complete");
+  }
+  return all_started && all_well;
+}
+
+// The cache tells nobody whether its additions reached the store; the file does.
+bool reached_the_store(const Counts& counts, std::optional<std::uint64_t> before,
+                       std::optional<std::uint64_t> after) {
+  return counts.added == 0 || (after && *after > before.value_or(0));
+}
+
+void print_row(const char* name, std::uint64_t value) {
+  std::printf("%-12s %12" PRIu64 "\n", name, value);
+}
+
+void print_table(const Counts& counts, std::size_t unreadable, double seconds,
+                 std::optional<std::uint64_t> store_bytes) {
+  print_row("files", counts.hits + counts.misses);
+  print_row("bytes read", counts.bytes_read);
+  print_row("hits", counts.hits);
+  print_row("misses", counts.misses);
+  print_row("unreadable", unreadable);
+  std::printf("%-12s %12.3f\n", "seconds", seconds);
+  print_row("store bytes", store_bytes.value_or(0));
+}
+
+int run_or_throw(const Options& options) {
+  const auto start = Clock::now();
+  const Tree tree = walk(options.tree);
+  const auto before = store_size(options);
+  OpenedCache opened = open_cache(options);
+  WorkerPool pool;
+  const bool complete = do_all(tree, options, opened, pool);
+  const bool persistent = opened.persistent;
+  opened.cache.reset();
+
+  const auto after = persistent ? store_size(options) : std::nullopt;
+  const bool stored = persistent && reached_the_store(pool.counts(), before, after);
+  if (persistent && !stored) {
+    complain(options.root + "/" + options.store + ": the new digests could not be stored");
+  }
+  const std::size_t unreadable = tree.unreadable + pool.counts().unreadable;
+  print_table(pool.counts(), unreadable,
+              std::chrono::duration<double>(Clock::now() - start).count(), after);
+  return complete && stored && unreadable == 0 ? ALL_DONE : DONE_WITH_COMPLAINTS;
+}
+
+}  // namespace
+
+int run(const Options& options) {
+  try {
+    return run_or_throw(options);
+  } catch (const std::exception& error) {
+    complain(error.what());
+    return DONE_WITH_COMPLAINTS;
+  }
+}
+
+}  // namespace fingerprint

@@ -1,0 +1,48 @@
+#include "fingerprint/store_access.h"
+
+#include <quorvane/file_store.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "fingerprint/complaint.h"
+
+namespace fingerprint {
+namespace {
+
+using quorvane::cache::Cache;
+
+OpenedCache volatile_cache(const Options& options, const std::string& complaint) {
+  complain(complaint + "; going on without a store");
+  return {std::make_unique<Cache>(options.store, nullptr, true), false};
+}
+
+}  // namespace
+
+OpenedCache open_cache(const Options& options) {
+  setenv("QV_CACHE_STORE_ROOT", options.root.c_str(), 1);
+  // Without a threshold the library warns that stores may grow; here that is
+  // meant, unless the user says otherwise.
+  setenv("QV_CACHE_STORE_CLEANUP_THRESHOLD", "0", 0);
+  auto store = quorvane::cache::make_file_store(quorvane::cache::StoreKind::basic, options.store);
+  if (!store->is_valid()) {
+    return volatile_cache(options, options.root + ": not a directory that a store can be kept in");
+  }
+  auto cache = std::make_unique<Cache>(options.store, std::move(store), true);
+  if (!cache->is_valid()) {
+    cache.reset();
+    return volatile_cache(options, options.root + "/" + options.store +
+                                       ": damaged or unreadable store (delete it to start anew)");
+  }
+  return {std::move(cache), true};
+}
+
+std::optional<std::uint64_t> store_size(const Options& options) {
+  struct stat file {};
+  if (stat((options.root + "/" + options.store).c_str(), &file) != 0) {
+    return std::nullopt;
+  }
+  return static_cast<std::uint64_t>(file.st_size);
+}
+
+}  // namespace fingerprint

@@ -1,0 +1,31 @@
+// The cache that the digests are kept in.
+#ifndef FINGERPRINT_STORE_ACCESS_H_
+#define FINGERPRINT_STORE_ACCESS_H_
+
+#include <quorvane/cache.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "fingerprint/options.h"
+
+namespace fingerprint {
+
+struct OpenedCache {
+  std::unique_ptr<quorvane::cache::Cache> cache;  // always usable
+  bool persistent = false;                        // false: it forgets all, and the user was told
+};
+
+// Points the library at the root and loads the store. A root or a store that
+// can't be used is worth one complaint, but not the run: the cache is then
+// volatile.
+OpenedCache open_cache(const Options& options);
+
+// The size of the store's file; nothing when there is none.
+std::optional<std::uint64_t> store_size(const Options& options);
+
+}  // namespace fingerprint
+
+#endif  // FINGERPRINT_STORE_ACCESS_H_
