@@ -14,8 +14,13 @@
 extern "C" {
 #endif
 
-/* A higher number says more. TRACE sorts below DEBUG. */
+/* A higher number says more. TRACE sorts below DEBUG. In C++ the type is fixed,
+ * so that a value outside the table is a value and no undefined behaviour. */
+#ifdef __cplusplus
+typedef enum qv_log_level_t : int {
+#else
 typedef enum qv_log_level_t {
+#endif
   QV_LOG_LEVEL_OFF = 0,
   QV_LOG_LEVEL_ERROR = 1,
   QV_LOG_LEVEL_WARN = 2,
