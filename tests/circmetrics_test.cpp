@@ -1,0 +1,403 @@
+#include <circmetrics.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using nlohmann::json;
+
+namespace {
+
+ssize_t append(void* closure, const void* bytes, size_t length) {
+  static_cast<std::string*>(closure)->append(static_cast<const char*>(bytes), length);
+  return static_cast<ssize_t>(length);
+}
+
+// A fresh recorder and what it reports.
+struct Recorder {
+  void* recorder = stats_recorder_alloc();
+  void* root = stats_recorder_global_ns(recorder);
+
+  void* ns(void* parent, const char* name) const {
+    return stats_register_ns(recorder, parent, name);
+  }
+  std::string text() const {
+    std::string result;
+    EXPECT_EQ(stats_recorder_output_json(recorder, 1, 0, &append, &result), 0);
+    return result;
+  }
+  json state() const { return json::parse(text()); }
+};
+
+void run_threads(int count, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int index = 0; index < count; ++index) {
+    threads.emplace_back(body, index);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+constexpr const char* kPercentileKeys[] = {"p50", "p90", "p99", "p99.9"};
+constexpr double kFractions[] = {0.5, 0.9, 0.99, 0.999};
+
+// Every percentile within 1 % of the sample of its rank.
+void expect_close_percentiles(std::vector<double> samples) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  for (const double sample : samples) {
+    ASSERT_EQ(stats_set_hist(histogram, sample, 1), 0);
+  }
+  std::sort(samples.begin(), samples.end());
+  const json state = recorder.state()["h"];
+  for (std::size_t index = 0; index < std::size(kFractions); ++index) {
+    const auto rank = std::ceil(kFractions[index] * static_cast<double>(samples.size()));
+    const double exact = samples[static_cast<std::size_t>(rank) - 1];
+    EXPECT_NEAR(state[kPercentileKeys[index]].get<double>(), exact, std::abs(exact) * 0.01)
+        << kPercentileKeys[index];
+  }
+  EXPECT_EQ(state["count"], samples.size());
+  EXPECT_EQ(state["min"], samples.front());
+  EXPECT_EQ(state["max"], samples.back());
+}
+
+template <typename Distribution>
+std::vector<double> draw(Distribution distribution, std::size_t count) {
+  std::mt19937_64 random(20240301);
+  std::vector<double> samples(count);
+  for (double& sample : samples) {
+    sample = distribution(random);
+  }
+  return samples;
+}
+
+}  // namespace
+
+TEST(Circmetrics, ReportsAnEmptyRecorderAsAnEmptyObject) { EXPECT_EQ(Recorder().text(), "{}"); }
+
+TEST(Circmetrics, ReportsNestedNamespacesAsNestedObjectsSortedByName) {
+  const Recorder recorder;
+  void* a = recorder.ns(recorder.root, "a");
+  void* deep = recorder.ns(recorder.ns(a, "c"), "d");
+  stats_add64(stats_register(deep, "x", CIRCMETRICS_COUNTER), 5);
+  stats_add64(stats_register(a, "b", CIRCMETRICS_COUNTER), -3);
+  stats_register(recorder.root, "first", CIRCMETRICS_COUNTER);
+  recorder.ns(recorder.root, "");
+  EXPECT_EQ(recorder.text(), R"({"":{},"a":{"b":-3,"c":{"d":{"x":5}}},"first":0})");
+}
+
+TEST(Circmetrics, GivesTheSameThingForTheSameName) {
+  const Recorder recorder;
+  void* ns = recorder.ns(recorder.root, "a");
+  ASSERT_NE(ns, nullptr);
+  EXPECT_EQ(recorder.ns(recorder.root, "a"), ns);
+  for (const int type : {3, 5, 6, 7}) {
+    const std::string name = "m" + std::to_string(type);
+    void* metric = stats_register(ns, name.c_str(), type);
+    ASSERT_NE(metric, nullptr);
+    EXPECT_EQ(stats_register(ns, name.c_str(), type), metric);
+  }
+  EXPECT_NE(stats_register(recorder.root, "m5", 5), stats_register(ns, "m5", 5));
+}
+
+TEST(Circmetrics, RefusesANameThatStandsForSomethingElse) {
+  const Recorder recorder;
+  recorder.ns(recorder.root, "ns");
+  stats_register(recorder.root, "counter", CIRCMETRICS_COUNTER);
+  EXPECT_EQ(stats_register(recorder.root, "ns", CIRCMETRICS_COUNTER), nullptr);
+  EXPECT_EQ(stats_register(recorder.root, "counter", CIRCMETRICS_HISTOGRAM), nullptr);
+  EXPECT_EQ(recorder.ns(recorder.root, "counter"), nullptr);
+  EXPECT_EQ(recorder.text(), R"({"counter":0,"ns":{}})");
+}
+
+TEST(Circmetrics, RefusesUnknownTypesAndNulls) {
+  const Recorder recorder;
+  for (const int type : {-1, 0, 1, 2, 4, 8}) {
+    EXPECT_EQ(stats_register(recorder.root, "x", type), nullptr) << type;
+  }
+  EXPECT_EQ(stats_recorder_global_ns(nullptr), nullptr);
+  EXPECT_EQ(stats_register_ns(nullptr, recorder.root, "x"), nullptr);
+  EXPECT_EQ(recorder.ns(nullptr, "x"), nullptr);
+  EXPECT_EQ(recorder.ns(recorder.root, nullptr), nullptr);
+  EXPECT_EQ(stats_register(nullptr, "x", 5), nullptr);
+  EXPECT_EQ(stats_register(recorder.root, nullptr, 5), nullptr);
+  EXPECT_EQ(stats_observe(nullptr, 3, nullptr), -1);
+  EXPECT_EQ(stats_add64(nullptr, 1), -1);
+  EXPECT_EQ(stats_set_hist(nullptr, 1, 1), -1);
+  EXPECT_EQ(stats_set_hist_intscale(nullptr, 1, 1, 1), -1);
+  EXPECT_EQ(recorder.text(), "{}");
+}
+
+TEST(Circmetrics, RefusesUpdatesOfAnotherKindOfMetric) {
+  const Recorder recorder;
+  const int64_t variable = 1;
+  void* counter = stats_register(recorder.root, "counter", CIRCMETRICS_COUNTER);
+  void* gauge = stats_register(recorder.root, "gauge", CIRCMETRICS_GAUGE_INT64);
+  EXPECT_EQ(stats_add64(gauge, 1), -1);
+  EXPECT_EQ(stats_set_hist(counter, 1, 1), -1);
+  EXPECT_EQ(stats_set_hist_intscale(counter, 1, 0, 1), -1);
+  EXPECT_EQ(stats_observe(counter, CIRCMETRICS_COUNTER, &variable), -1);
+  EXPECT_EQ(stats_observe(gauge, CIRCMETRICS_GAUGE_DOUBLE, &variable), -1);
+  EXPECT_EQ(recorder.text(), R"({"counter":0,"gauge":null})");
+}
+
+TEST(Circmetrics, ACounterWrapsAround) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  EXPECT_EQ(stats_add64(counter, std::numeric_limits<int64_t>::max()), 0);
+  EXPECT_EQ(stats_add64(counter, 1), 0);
+  EXPECT_EQ(recorder.text(), R"({"c":-9223372036854775808})");
+}
+
+TEST(Circmetrics, LosesNoUpdateOfManyThreads) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  constexpr int kThreads = 12;
+  constexpr int kUpdates = 5000;
+  run_threads(kThreads, [&](int) {
+    for (int index = 1; index <= kUpdates; ++index) {
+      stats_add64(counter, 2);
+      stats_set_hist(histogram, index, 3);
+      if (index % 1000 == 0) {
+        recorder.state();
+      }
+    }
+  });
+  const json state = recorder.state();
+  EXPECT_EQ(state["c"], 2 * kThreads * kUpdates);
+  EXPECT_EQ(state["h"]["count"], 3 * kThreads * kUpdates);
+  EXPECT_EQ(state["h"]["sum"], 3.0 * kThreads * kUpdates * (kUpdates + 1) / 2);
+  EXPECT_EQ(state["h"]["min"], 1);
+  EXPECT_EQ(state["h"]["max"], kUpdates);
+}
+
+TEST(Circmetrics, ThreadsThatRegisterTheSameNamesShareThem) {
+  const Recorder recorder;
+  run_threads(8, [&](int) {
+    for (int index = 0; index < 100; ++index) {
+      void* ns = recorder.ns(recorder.root, std::to_string(index % 10).c_str());
+      stats_add64(stats_register(ns, std::to_string(index).c_str(), CIRCMETRICS_COUNTER), 1);
+    }
+  });
+  const json state = recorder.state();
+  for (int index = 0; index < 100; ++index) {
+    EXPECT_EQ(state[std::to_string(index % 10)][std::to_string(index)], 8);
+  }
+}
+
+TEST(Circmetrics, AGaugeReportsTheVariableOfTheMoment) {
+  const Recorder recorder;
+  int64_t number = std::numeric_limits<int64_t>::min();
+  double real = 0.1;
+  void* int_gauge = stats_register(recorder.root, "i", CIRCMETRICS_GAUGE_INT64);
+  void* double_gauge = stats_register(recorder.root, "d", CIRCMETRICS_GAUGE_DOUBLE);
+  EXPECT_EQ(recorder.text(), R"({"d":null,"i":null})");
+  EXPECT_EQ(stats_observe(int_gauge, CIRCMETRICS_GAUGE_INT64, &number), 0);
+  EXPECT_EQ(stats_observe(double_gauge, CIRCMETRICS_GAUGE_DOUBLE, &real), 0);
+  EXPECT_EQ(recorder.text(), R"({"d":0.1,"i":-9223372036854775808})");
+  number = 7;
+  real = -2.5e300;
+  EXPECT_EQ(recorder.text(), R"({"d":-2.5e+300,"i":7})");
+  EXPECT_EQ(stats_observe(int_gauge, CIRCMETRICS_GAUGE_INT64, nullptr), 0);
+  EXPECT_EQ(recorder.text(), R"({"d":-2.5e+300,"i":null})");
+}
+
+TEST(Circmetrics, ReportsWhatIsNotFiniteAsNull) {
+  const Recorder recorder;
+  double real = std::numeric_limits<double>::infinity();
+  void* gauge = stats_register(recorder.root, "d", CIRCMETRICS_GAUGE_DOUBLE);
+  stats_observe(gauge, CIRCMETRICS_GAUGE_DOUBLE, &real);
+  EXPECT_EQ(recorder.text(), R"({"d":null})");
+  real = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_EQ(recorder.text(), R"({"d":null})");
+}
+
+TEST(Circmetrics, EscapesNames) {
+  const Recorder recorder;
+  const std::string ascii = "quote\" back\\slash \n\x01\x7f/";
+  const std::string unicode = "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x8E\xB2";
+  stats_register(recorder.root, ascii.c_str(), CIRCMETRICS_COUNTER);
+  stats_register(recorder.root, unicode.c_str(), CIRCMETRICS_COUNTER);
+  EXPECT_EQ(recorder.state(), (json{{ascii, 0}, {unicode, 0}}));
+}
+
+TEST(Circmetrics, ReplacesBytesThatAreNotUtf8) {
+  // A lone continuation, overlong forms, a surrogate, too large a number, cut off.
+  for (const char* name : {"\x80", "\xC0\xAF", "\xC1\x81", "\xE0\x80\x80", "\xED\xA0\x80",
+                           "\xF4\x90\x80\x80", "\xF8", "\xFF", "\xE2\x82", "\xF0\x9F\x8E"}) {
+    const Recorder recorder;
+    const std::string whole = std::string("<") + name + ">";
+    stats_register(recorder.root, whole.c_str(), CIRCMETRICS_COUNTER);
+    std::string replaced = "<";
+    for (std::size_t index = 0; index < std::strlen(name); ++index) {
+      replaced += "\xEF\xBF\xBD";
+    }
+    EXPECT_EQ(recorder.state(), (json{{replaced + ">", 0}}));
+  }
+}
+
+TEST(Circmetrics, AHistogramWithoutSamplesHasNothingButItsCount) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  EXPECT_EQ(stats_set_hist(histogram, 5, 0), 0);
+  EXPECT_EQ(stats_set_hist(histogram, std::numeric_limits<double>::quiet_NaN(), 1), -1);
+  EXPECT_EQ(recorder.text(), R"({"h":{"count":0,"sum":0,"min":null,"max":null,"mean":null,)"
+                             R"("p50":null,"p90":null,"p99":null,"p99.9":null}})");
+}
+
+TEST(Circmetrics, AHistogramOfOneValueReportsExactlyThat) {
+  for (const double value : {0.0, 1.0, 0.1, -7.3, 1e300, 5e-324, 123456789.0}) {
+    const Recorder recorder;
+    stats_set_hist(stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM), value, 4);
+    EXPECT_EQ(recorder.state()["h"], (json{{"count", 4},
+                                           {"sum", 4 * value},
+                                           {"min", value},
+                                           {"max", value},
+                                           {"mean", value},
+                                           {"p50", value},
+                                           {"p90", value},
+                                           {"p99", value},
+                                           {"p99.9", value}}));
+  }
+}
+
+TEST(Circmetrics, PercentilesAreWithinOnePercent) {
+  expect_close_percentiles(draw(std::lognormal_distribution<double>(0, 5), 20000));
+  expect_close_percentiles(draw(std::uniform_real_distribution<double>(1e-3, 1), 20000));
+  expect_close_percentiles(draw(std::uniform_real_distribution<double>(-1000, 10), 20000));
+  expect_close_percentiles(draw(std::normal_distribution<double>(0, 1e9), 20000));
+  expect_close_percentiles({3});
+  expect_close_percentiles({1, 2});
+  expect_close_percentiles({-5, 0, 0, 7});
+}
+
+TEST(Circmetrics, InfiniteSamplesAreCountedAndReportedAsNull) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  EXPECT_EQ(stats_set_hist(histogram, std::numeric_limits<double>::infinity(), 1), 0);
+  EXPECT_EQ(stats_set_hist(histogram, 2, 1), 0);
+  const json state = recorder.state()["h"];
+  EXPECT_EQ(state["count"], 2);
+  EXPECT_EQ(state["min"], 2);
+  EXPECT_EQ(state["max"], nullptr);
+  EXPECT_EQ(state["sum"], nullptr);
+  EXPECT_NEAR(state["p50"].get<double>(), 2, 0.02);
+  EXPECT_EQ(state["p99"], nullptr);
+}
+
+TEST(Circmetrics, ScaledSamplesAreTheValueTimesAPowerOfTen) {
+  constexpr int32_t kLowest = std::numeric_limits<int32_t>::min();
+  constexpr int32_t kHighest = std::numeric_limits<int32_t>::max();
+  const struct {
+    int64_t value;
+    int32_t scale;
+    json sum;
+  } cases[] = {{125, 0, 125},   {125, 2, 12500.0}, {125, -3, 0.125},       {-3, 22, -3e22},
+               {1, 300, 1e300}, {1, -300, 1e-300}, {1, 400, nullptr},      {0, kHighest, 0},
+               {5, kLowest, 0}, {7, -1, 0.7},      {1000000, -320, 1e-314}};
+  for (const auto& [value, scale, sum] : cases) {
+    const Recorder recorder;
+    void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+    EXPECT_EQ(stats_set_hist_intscale(histogram, value, scale, 1), 0);
+    EXPECT_EQ(recorder.state()["h"]["count"], 1);
+    EXPECT_EQ(recorder.state()["h"]["sum"], sum) << value << "e" << scale;
+  }
+}
+
+TEST(Circmetrics, ContinuesAfterAShortCount) {
+  const Recorder recorder;
+  for (int index = 0; index < 3000; ++index) {
+    stats_register(recorder.root, ("counter " + std::to_string(index)).c_str(), 5);
+  }
+  struct Reader {
+    std::string text;
+    std::size_t calls = 0;
+  } reader;
+  const auto take_some = [](void* closure, const void* bytes, size_t length) {
+    auto* self = static_cast<Reader*>(closure);
+    const std::size_t taken = std::min<std::size_t>(length, self->calls++ % 11 + 1);
+    append(&self->text, bytes, taken);
+    return static_cast<ssize_t>(taken);
+  };
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, take_some, &reader), 0);
+  EXPECT_EQ(reader.text, recorder.text());
+}
+
+TEST(Circmetrics, StopsWhenNothingIsTaken) {
+  const Recorder recorder;
+  const auto fail = [](void* closure, const void*, size_t) -> ssize_t {
+    return ++*static_cast<int*>(closure) == 2 ? -1 : 1;
+  };
+  int calls = 0;
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, fail, &calls), -1);
+  EXPECT_EQ(calls, 2);
+  const auto take_nothing = [](void* closure, const void*, size_t) -> ssize_t {
+    ++*static_cast<int*>(closure);
+    return 0;
+  };
+  calls = 0;
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, take_nothing, &calls), -1);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(Circmetrics, WritesOnlyTheLayoutThatItKnows) {
+  const Recorder recorder;
+  std::string text;
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 2, 0, &append, &text), -1);
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 1, &append, &text), -1);
+  EXPECT_EQ(stats_recorder_output_json(nullptr, 1, 0, &append, &text), -1);
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, nullptr, &text), -1);
+  EXPECT_EQ(text, "");
+}
+
+TEST(Circmetrics, MayBeUsedWhileItWrites) {
+  const Recorder recorder;
+  const auto register_more = [](void* closure, const void*, size_t length) {
+    stats_register(static_cast<const Recorder*>(closure)->root, "late", CIRCMETRICS_COUNTER);
+    return static_cast<ssize_t>(length);
+  };
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, register_more,
+                                       const_cast<Recorder*>(&recorder)),
+            0);
+  EXPECT_EQ(recorder.text(), R"({"late":0})");
+}
+
+TEST(Circmetrics, AChildOfABusyProcessGoesOn) {
+  const Recorder recorder;
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    for (int index = 0; !stop; ++index) {
+      stats_register(recorder.root, std::to_string(index % 500).c_str(), CIRCMETRICS_COUNTER);
+      recorder.text();
+    }
+  });
+  for (int round = 0; round < 40; ++round) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(60);
+      void* counter = stats_register(recorder.root, "child", CIRCMETRICS_COUNTER);
+      stats_add64(counter, 1);
+      std::string text;
+      stats_recorder_output_json(recorder.recorder, 1, 0, &append, &text);
+      _exit(json::parse(text)["child"] == 1 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  stop = true;
+  busy.join();
+  EXPECT_FALSE(recorder.state().contains("child"));
+}

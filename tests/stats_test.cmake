@@ -1,0 +1,31 @@
+# Recorders that the tests put in the real one's place: a fake one that prints its
+# calls, and one that lacks each of the nine functions.
+function(add_fake_recorder name)
+  add_library(stats_test_${name} SHARED stats_test/fake_recorder.cpp)
+  target_link_libraries(stats_test_${name} PRIVATE qv_warnings)
+  target_include_directories(stats_test_${name} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+  set_target_properties(stats_test_${name} PROPERTIES
+    OUTPUT_NAME circmetrics
+    LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/stats_test/${name}")
+  target_compile_definitions(stats_test_${name} PRIVATE ${ARGN})
+  add_dependencies(stats_test stats_test_${name})
+endfunction()
+
+add_fake_recorder(fake)
+foreach(symbol
+    stats_recorder_alloc stats_recorder_global_ns stats_register_ns stats_register
+    stats_observe stats_add64 stats_set_hist stats_set_hist_intscale
+    stats_recorder_output_json)
+  add_fake_recorder(without_${symbol} WITHOUT_${symbol})
+endforeach()
+
+# A program whose own run path can't be what finds the recorder.
+add_executable(stats_test_loader stats_test/loader.cpp)
+target_link_libraries(stats_test_loader PRIVATE qv_warnings ${CMAKE_DL_LIBS})
+set_target_properties(stats_test_loader PROPERTIES SKIP_BUILD_RPATH ON)
+add_dependencies(stats_test stats_test_loader)
+
+target_compile_definitions(stats_test PRIVATE
+  QV_FAKE_RECORDERS="${CMAKE_BINARY_DIR}/stats_test"
+  QV_STATS_LOADER="$<TARGET_FILE:stats_test_loader>"
+  QV_LIBRARY="$<TARGET_FILE:QVUtil>")
