@@ -1,0 +1,514 @@
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+
+#include <atomic>
+#include <cstdio>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::Cache;
+using quorvane::cache::EntryMap;
+using quorvane::cache::Store;
+using quorvane::util::RoBuffer;
+using test::buffer;
+using test::buffers;
+using test::expectation;
+using test::Ran;
+using test::run_scenario;
+using test::without_lines;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+const std::string kStatisticsOff = "INFO Statistics capture disabled.";
+
+// What a fake store is told to do, and what was asked of it.
+struct Script {
+  bool valid = true;
+  bool load_succeeds = true;
+  bool store_succeeds = true;
+  bool store_throws = false;
+  std::vector<test::Entry> content;
+
+  int loads = 0;
+  int stores = 0;
+  std::string stored;
+  bool destroyed = false;
+};
+
+class FakeStore : public Store {
+ public:
+  explicit FakeStore(Script& script) : script_(script) {}
+  ~FakeStore() override { script_.destroyed = true; }
+  std::string type() const override { return "FakeStore"; }
+  bool is_valid() const override { return script_.valid; }
+
+  bool try_load(EntryMap& out) override {
+    ++script_.loads;
+    out = test::entry_map(script_.content);
+    return script_.load_succeeds;
+  }
+
+  bool try_store_diff(const EntryMap& diff) override {
+    ++script_.stores;
+    script_.stored = test::listing(diff);
+    if (script_.store_throws) {
+      throw std::runtime_error("store");
+    }
+    return script_.store_succeeds;
+  }
+
+ private:
+  Script& script_;
+};
+
+std::unique_ptr<Store> fake(Script& script) { return std::make_unique<FakeStore>(script); }
+
+bool is_before(const std::string& a, const std::string& b) {
+  return Cache::KeyStrictTotalOrder()(buffer(a), buffer(b));
+}
+
+std::string value_of(Cache& cache, const std::string& key) {
+  const auto* value = cache.get_value(buffer(key));
+  if (value == nullptr) {
+    return "null";
+  }
+  std::string text;
+  for (const RoBuffer& atom : *value) {
+    text += "[" + test::bytes_of(atom) + "]";
+  }
+  return text;
+}
+
+void log_every_check() { test::module_of("util/src/cache")->fault_log_level = 3; }
+
+const std::vector<test::Entry> kTwoEntries{{"aa", {"1"}}, {"b", {"2", "3"}}};
+
+}  // namespace
+
+TEST(KeyOrder, ShorterKeysComeFirstWhateverTheirBytes) {
+  EXPECT_TRUE(is_before("b", "aa"));
+  EXPECT_FALSE(is_before("aa", "b"));
+  EXPECT_TRUE(is_before("zzz", "aaaa"));
+  EXPECT_TRUE(is_before("", "a"));
+}
+
+TEST(KeyOrder, KeysOfOneLengthCompareAsUnsignedBytes) {
+  EXPECT_TRUE(is_before("ab", "ac"));
+  EXPECT_FALSE(is_before("ac", "ab"));
+  EXPECT_FALSE(is_before("ab", "ab"));
+  EXPECT_TRUE(is_before("a\x7f", "a\x80"));
+  EXPECT_TRUE(is_before(std::string("\0a", 2), std::string("\0b", 2)));
+}
+
+TEST(KeyOrder, TwoEmptyKeysAreEqual) {
+  EXPECT_FALSE(Cache::KeyStrictTotalOrder()(RoBuffer(), RoBuffer()));
+  EXPECT_FALSE(is_before("", ""));
+}
+
+// --- construction ---
+
+SCENARIO(volatile_cache) {
+  Cache cache("maps", nullptr, true);
+  const bool added = cache.add_value(buffer("k"), buffers({"v"}));
+  std::printf("%d %s %d %zu %s", cache.is_valid(), cache.get_name().c_str(), added, cache.size(),
+              value_of(cache, "k").c_str());
+  return 0;
+}
+
+TEST(CacheConstruction, WithoutAStoreACacheIsVolatileWhenThatIsAllowed) {
+  const Ran ran = run_scenario("volatile_cache");
+  EXPECT_EQ(ran.out, "1 maps 1 1 [v]");
+  EXPECT_EQ(ran.messages(), (Messages{"INFO Created maps cache with no store", kStatisticsOff}));
+}
+
+SCENARIO(no_store) {
+  if (!arguments.empty()) {
+    log_every_check();
+  }
+  Cache cache("maps", nullptr, false);
+  const bool added = cache.add_value(buffer("k"), buffers({"v"}));
+  std::printf("%d %d %zu %s %d", cache.is_valid(), added, cache.size(),
+              value_of(cache, "k").c_str(), cache.begin() == cache.end());
+  return 0;
+}
+
+TEST(CacheConstruction, WithoutAStoreOrFallbackACacheIsInvalidInSilence) {
+  const Ran ran = run_scenario("no_store");
+  EXPECT_EQ(ran.out, "0 0 0 null 1");
+  // No counter was made either: statistics have not been asked for.
+  EXPECT_EQ(ran.messages(), Messages{});
+}
+
+TEST(CacheConstruction, TheMissingStoreIsACheckOfSeverity3) {
+  EXPECT_EQ(
+      without_lines(run_scenario("no_store", {}, {"loud"}).messages()),
+      Messages{expectation("fallback_to_volatile || (store != nullptr && store->is_valid())")});
+}
+
+SCENARIO(invalid_store) {
+  const bool fallback = arguments.at(0) == "fallback";
+  Script script;
+  script.valid = false;
+  std::unique_ptr<Store> store = fake(script);
+  {
+    Cache cache("maps", std::move(store), fallback);
+    cache.add_value(buffer("k"), buffers({"v"}));
+    std::printf("%d %zu ", cache.is_valid(), cache.size());
+  }
+  std::printf("%d %d %d", store != nullptr, script.loads, script.stores);
+  return 0;
+}
+
+TEST(CacheConstruction, AnInvalidStoreStaysWithTheCallerOfAnInvalidCache) {
+  const Ran ran = run_scenario("invalid_store", {}, {"none"});
+  EXPECT_EQ(ran.out, "0 0 1 0 0");
+  EXPECT_EQ(ran.messages(), Messages{});
+}
+
+TEST(CacheConstruction, AnInvalidStoreStaysWithTheCallerOfAVolatileCache) {
+  const Ran ran = run_scenario("invalid_store", {}, {"fallback"});
+  EXPECT_EQ(ran.out, "1 1 1 0 0");
+  EXPECT_EQ(ran.messages(), Messages{"INFO Created maps cache with no store"});
+}
+
+SCENARIO(valid_store) {
+  Script script;
+  if (arguments.at(0) == "full") {
+    script.content = kTwoEntries;
+  }
+  std::unique_ptr<Store> store = fake(script);
+  {
+    Cache cache("maps", std::move(store), false);
+    std::printf("%d %d %zu %d ", cache.is_valid(), store == nullptr, cache.size(),
+                script.destroyed);
+  }
+  std::printf("%d %d %d", script.loads, script.stores, script.destroyed);
+  return 0;
+}
+
+TEST(CacheConstruction, AValidStoreIsTakenOverAndLoaded) {
+  const Ran ran = run_scenario("valid_store", {}, {"full"});
+  EXPECT_EQ(ran.out, "1 1 2 0 1 0 1");
+  EXPECT_EQ(ran.messages(),
+            (Messages{"INFO Loaded maps cache data with FakeStore store type, num entries = 2",
+                      "INFO Created maps cache with FakeStore store type"}));
+}
+
+TEST(CacheConstruction, AnEmptyStoreIsNotReportedAsLoaded) {
+  const Ran ran = run_scenario("valid_store", {}, {"empty"});
+  EXPECT_EQ(ran.out, "1 1 0 0 1 0 1");
+  EXPECT_EQ(ran.messages(), Messages{"INFO Created maps cache with FakeStore store type"});
+}
+
+TEST(CacheConstruction, ItsRecordsFollowTheModulesLevel) {
+  EXPECT_EQ(run_scenario("valid_store", {{"QV_LOG_LEVEL", "WARN"}}, {"full"}).messages(),
+            Messages{});
+}
+
+SCENARIO(failing_load) {
+  if (arguments.at(0) == "loud") {
+    log_every_check();
+  }
+  Script script;
+  script.load_succeeds = false;
+  std::unique_ptr<Store> store = fake(script);
+  {
+    Cache cache("maps", std::move(store), true);
+    const bool added = cache.add_value(buffer("k"), buffers({"v"}));
+    std::printf("%d %d %d %s ", cache.is_valid(), store == nullptr, added,
+                value_of(cache, "k").c_str());
+  }
+  std::printf("%d %d", script.stores, script.destroyed);
+  return 0;
+}
+
+TEST(CacheConstruction, AFailedLoadNeverFallsBackToAVolatileCache) {
+  const Ran ran = run_scenario("failing_load", {}, {"quiet"});
+  EXPECT_EQ(ran.out, "0 1 0 null 0 1");
+  EXPECT_EQ(ran.messages(), Messages{"ERROR Couldn't create maps cache with FakeStore store type"});
+}
+
+TEST(CacheConstruction, AFailedLoadIsACheckOfSeverity3BeforeItsRecord) {
+  EXPECT_EQ(without_lines(run_scenario("failing_load", {}, {"loud"}).messages()),
+            (Messages{expectation("store_->try_load(loaded_map_)"),
+                      "ERROR Couldn't create maps cache with FakeStore store type"}));
+}
+
+SCENARIO(failing_load_with_content) {
+  Script script;
+  script.load_succeeds = false;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  std::printf("%d %s", cache.is_valid(), value_of(cache, "b").c_str());
+  return 0;
+}
+
+TEST(CacheConstruction, AnInvalidCacheDoesNotAnswerFromAHalfReadFile) {
+  EXPECT_EQ(run_scenario("failing_load_with_content").out, "0 null");
+}
+
+// --- destruction ---
+
+SCENARIO(destruction) {
+  const std::string& what = arguments.at(0);
+  Script script;
+  script.content = kTwoEntries;
+  script.store_succeeds = what == "stores";
+  script.store_throws = what == "throws";
+  if (what == "aborts") {
+    test::module_of("util/src/cache")->fault_abort_level = 1;
+  }
+  {
+    Cache cache("maps", fake(script), false);
+    if (what != "empty") {
+      cache.add_value(buffer("ccc"), buffers({"4"}));
+      cache.add_value(buffer("d"), buffers({"5", "6"}));
+    }
+  }
+  std::printf("%d %d\n%s", script.stores, script.destroyed, script.stored.c_str());
+  return 0;
+}
+
+Messages destruction_messages(const Ran& ran) {
+  Messages messages = without_lines(ran.messages());
+  EXPECT_GE(messages.size(), 2u);
+  messages.erase(messages.begin(), messages.begin() + 2);  // of the construction
+  return messages;
+}
+
+TEST(CacheDestruction, OnlyWhatWasAddedIsStored) {
+  const Ran ran = run_scenario("destruction", {}, {"stores"});
+  EXPECT_EQ(ran.out, "1 1\nd=5,6\nccc=4\n");
+  EXPECT_EQ(destruction_messages(ran),
+            Messages{"DEBUG Stored maps cache diff data with FakeStore store type, "
+                     "num diff entries = 2"});
+}
+
+TEST(CacheDestruction, NothingIsStoredWhenNothingWasAdded) {
+  const Ran ran = run_scenario("destruction", {}, {"empty"});
+  EXPECT_EQ(ran.out, "0 1\n");
+  EXPECT_EQ(destruction_messages(ran), Messages{});
+}
+
+TEST(CacheDestruction, AStoreThatFailsIsReportedAndTheAdditionsAreLost) {
+  const Ran ran = run_scenario("destruction", {}, {"fails"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(destruction_messages(ran), Messages{expectation("store_->try_store_diff(diff_map_)")});
+}
+
+TEST(CacheDestruction, TheFailedStoreIsACheckOfSeverity1) {
+  const Ran ran = run_scenario("destruction", {}, {"aborts"});
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_EQ(destruction_messages(ran), Messages{expectation("store_->try_store_diff(diff_map_)")});
+}
+
+TEST(CacheDestruction, AStoreThatThrowsEndsTheProcess) {
+  EXPECT_TRUE(run_scenario("destruction", {}, {"throws"}).aborted());
+}
+
+// --- look-up, addition and iteration ---
+
+TEST(CacheLookUp, FindsLoadedAndAddedEntriesAndNothingElse) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  ASSERT_TRUE(cache.add_value(buffer("c"), buffers({"4", "5"})));
+  EXPECT_EQ(value_of(cache, "b"), "[2][3]");
+  EXPECT_EQ(value_of(cache, "aa"), "[1]");
+  EXPECT_EQ(value_of(cache, "c"), "[4][5]");
+  EXPECT_EQ(value_of(cache, "d"), "null");
+  EXPECT_EQ(value_of(cache, ""), "null");
+  EXPECT_EQ(cache.size(), 3u);
+}
+
+TEST(CacheLookUp, AValueStaysWhereItIs) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  cache.add_value(buffer("c"), buffers({"4"}));
+  const auto* loaded = cache.get_value(buffer("b"));
+  const auto* added = cache.get_value(buffer("c"));
+  for (int i = 0; i < 1000; ++i) {
+    cache.add_value(buffer("k" + std::to_string(i)), buffers({"v"}));
+  }
+  EXPECT_EQ(cache.get_value(buffer("b")), loaded);
+  EXPECT_EQ(cache.get_value(buffer("c")), added);
+  EXPECT_EQ(test::bytes_of(loaded->at(1)), "3");
+  EXPECT_EQ(test::bytes_of(added->at(0)), "4");
+}
+
+TEST(CacheAddition, AnEntryThatIsThereStaysAsItIs) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  EXPECT_TRUE(cache.add_value(buffer("c"), buffers({"4"})));
+  EXPECT_FALSE(cache.add_value(buffer("c"), buffers({"new"})));
+  EXPECT_FALSE(cache.add_value(buffer("b"), buffers({"new"})));
+  EXPECT_EQ(value_of(cache, "c"), "[4]");
+  EXPECT_EQ(value_of(cache, "b"), "[2][3]");
+  EXPECT_EQ(cache.size(), 3u);
+}
+
+SCENARIO(unreadable_additions) {
+  Script script;
+  {
+    Cache cache("maps", fake(script), false);
+    const bool empty_key = cache.add_value(RoBuffer(), buffers({"v"}));
+    const bool no_atoms = cache.add_value(buffer("k"), {});
+    const bool empty_atom = cache.add_value(buffer("k"), buffers({"v", ""}));
+    std::printf("%d %d %d %zu ", empty_key, no_atoms, empty_atom, cache.size());
+  }
+  std::printf("%d", script.stores);
+  return 0;
+}
+
+TEST(CacheAddition, AnEntryThatCouldNeverBeReadBackIsRefusedWithOneWarning) {
+  const Ran ran = run_scenario("unreadable_additions");
+  EXPECT_EQ(ran.out, "0 0 0 0 0");
+  ASSERT_EQ(ran.records.size(), 4u) << ran.log;
+  EXPECT_EQ(ran.messages()[0], "INFO Created maps cache with FakeStore store type");
+  for (std::size_t i = 1; i < 4; ++i) {
+    EXPECT_EQ(ran.records[i].level, "WARN");
+    EXPECT_NE(ran.records[i].message.find("maps"), std::string::npos) << ran.records[i].message;
+  }
+}
+
+TEST(CacheIteration, VisitsTheLoadedEntriesThenTheAddedOnesEachInKeyOrder) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  cache.add_value(buffer("ccc"), buffers({"4"}));
+  cache.add_value(buffer("a"), buffers({"5"}));
+  cache.add_value(buffer("Z"), buffers({"6"}));
+  EXPECT_EQ(test::listing(cache), "b=2,3\naa=1\nZ=6\na=5\nccc=4\n");
+}
+
+TEST(CacheIteration, APostfixStepGivesThePositionBeforeIt) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  cache.add_value(buffer("c"), buffers({"4"}));
+  auto it = cache.begin();
+  EXPECT_EQ(test::bytes_of((it++)->first), "b");
+  EXPECT_EQ(test::bytes_of((*it++).first), "aa");
+  EXPECT_EQ(test::bytes_of((++Cache::const_iterator(cache.begin()))->first), "aa");
+  EXPECT_EQ(test::bytes_of(it->first), "c");
+  EXPECT_NE(it, cache.end());
+  EXPECT_EQ(++it, cache.end());
+}
+
+TEST(CacheIteration, AStepPastTheEndChangesNothing) {
+  Cache cache("maps", nullptr, true);
+  EXPECT_EQ(cache.begin(), cache.end());
+  cache.add_value(buffer("c"), buffers({"4"}));
+  auto it = cache.begin();
+  ++it;
+  ASSERT_EQ(it, cache.end());
+  ++it;
+  EXPECT_EQ(it++, cache.end());
+  EXPECT_EQ(it, cache.end());
+}
+
+TEST(CacheIteration, PositionsAreEqualOnlyWhenBothPartsAre) {
+  const EntryMap first = test::entry_map({{"a", {"1"}}, {"b", {"2"}}});
+  const EntryMap second = test::entry_map({{"c", {"3"}}});
+  const Cache::const_iterator start(first, first.begin(), second, second.begin());
+  const Cache::const_iterator other_first(first, first.end(), second, second.begin());
+  const Cache::const_iterator other_second(first, first.begin(), second, second.end());
+  EXPECT_TRUE(start == Cache::const_iterator(start));
+  EXPECT_FALSE(start != Cache::const_iterator(start));
+  EXPECT_TRUE(start != other_first);
+  EXPECT_TRUE(start != other_second);
+  EXPECT_EQ(test::bytes_of(start->first), "a");
+  EXPECT_EQ(test::bytes_of(other_first->first), "c");
+}
+
+// --- counting ---
+
+SCENARIO(counted_lookups) {
+  Script script;
+  script.content = kTwoEntries;
+  Cache cache("maps", fake(script), false);
+  Cache invalid("other", nullptr, false);
+  cache.add_value(buffer("c"), buffers({"4"}));
+  for (const char* key : {"b", "c", "c", "x", "y", "aa"}) {
+    cache.get_value(buffer(key));
+    invalid.get_value(buffer(key));
+  }
+  return 0;
+}
+
+TEST(CacheCounters, EachLookUpIsOneHitOrOneMissOfTheCachesModule) {
+  const test::TempDir dir;
+  const Ran ran = run_scenario("counted_lookups", {{"QV_STATS_REPORT_FILE", dir.file("report")},
+                                                   {"LD_LIBRARY_PATH", QV_COUNTING_RECORDER_DIR}});
+  EXPECT_TRUE(ran.exited_with(0));
+  const std::string report = test::read_file(dir.file("report"));
+  EXPECT_EQ(report.substr(report.find("\"log\":")),
+            "\"log\":[\"util/src/cache/cache_hits/5=4\",\"util/src/cache/cache_misses/5=2\"]}\n");
+}
+
+// --- threads ---
+
+TEST(CacheThreads, OneOfManyThreadsAddsAKeyAndAllFindIt) {
+  constexpr int kThreads = 4;
+  constexpr int kKeys = 500;
+  Script script;
+  Cache cache("maps", fake(script), false);
+  std::atomic<int> added{0};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kKeys; ++i) {
+        const RoBuffer key = buffer("k" + std::to_string(i));
+        added += cache.add_value(key, buffers({std::to_string(t)}));
+        const auto* value = cache.get_value(key);
+        wrong += value == nullptr || value->size() != 1 || cache.size() < static_cast<size_t>(i);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(added, kKeys);
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(cache.size(), static_cast<std::size_t>(kKeys));
+}
+
+TEST(CacheThreads, LookUpsAgreeHoweverOftenTheyAreMade) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 60000;
+  constexpr int kLoaded = 300;
+  Script script;
+  for (int i = 0; i < kLoaded; ++i) {
+    script.content.push_back({"key" + std::to_string(i), {std::to_string(i)}});
+  }
+  Cache cache("maps", fake(script), false);
+  std::vector<RoBuffer> keys;
+  for (int i = 0; i < kLoaded + 1; ++i) {
+    keys.push_back(buffer("key" + std::to_string(i)));
+  }
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = t; i < kRounds; ++i) {
+        const auto n = static_cast<std::size_t>(i % kLoaded);
+        const auto* value = cache.get_value(keys[n]);
+        wrong += value == nullptr || test::bytes_of(value->at(0)) != std::to_string(n);
+      }
+      wrong += cache.get_value(keys[kLoaded]) != nullptr;
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}
