@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +39,11 @@ bool parse_jobs(const char* text, unsigned& out) {
   const char* end = text + std::strlen(text);
   const auto [stop, error] = std::from_chars(text, end, out);
   return error == std::errc() && stop == end && out >= 1 && out <= MAX_JOBS;
+}
+
+// getopt names a short option by its letter only, a long one not at all.
+std::string unknown_option(char** argv) {
+  return optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
 }
 
 std::optional<int> check(Options& out) {
@@ -85,7 +91,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& out) {
       case ':':
         return wrong_usage(std::string("a value is missing after ") + argv[optind - 1]);
       default:
-        return wrong_usage(std::string("unknown option ") + argv[optind - 1]);
+        return wrong_usage("unknown option " + unknown_option(argv));
     }
   }
   if (argc - optind != 1) {

@@ -29,13 +29,15 @@ void do_share(const Tree& tree, unsigned number, unsigned jobs, OpenedCache& ope
 }
 
 bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, WorkerPool& pool) {
+  const auto progress = [&] {
+    show_progress(std::to_string(pool.counts().files()) + " of " +
+                  std::to_string(tree.files.size()) + " files");
+  };
+  progress();
   const bool all_started = pool.start(options.jobs, [&](unsigned number) {
     do_share(tree, number, options.jobs, opened, pool.counts());
   });
-  const bool all_well = pool.wait([&] {
-    show_progress(std::to_string(pool.counts().files()) + " of " +
-                  std::to_string(tree.files.size()) + " files");
-  });
+  const bool all_well = pool.wait(progress);
   show_progress("");
   if (!all_started || !all_well) {
     complain("a worker failed; its share of the files is not complete");
@@ -44,9 +46,8 @@ bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, Worke
 }
 
 // The cache tells nobody whether its additions reached the store; the file does.
-bool reached_the_store(const Counts& counts, std::optional<std::uint64_t> before,
-                       std::optional<std::uint64_t> after) {
-  return counts.added == 0 || (after && *after > before.value_or(0));
+bool reached_the_store(const Counts& counts, std::uint64_t before, std::uint64_t after) {
+  return counts.added == 0 || after > before;
 }
 
 void print_row(const char* name, std::uint64_t value) {
@@ -54,27 +55,27 @@ void print_row(const char* name, std::uint64_t value) {
 }
 
 void print_table(const Counts& counts, std::size_t unreadable, double seconds,
-                 std::optional<std::uint64_t> store_bytes) {
+                 std::uint64_t store_bytes) {
   print_row("files", counts.hits + counts.misses);
   print_row("bytes read", counts.bytes_read);
   print_row("hits", counts.hits);
   print_row("misses", counts.misses);
   print_row("unreadable", unreadable);
   std::printf("%-12s %12.3f\n", "seconds", seconds);
-  print_row("store bytes", store_bytes.value_or(0));
+  print_row("store bytes", store_bytes);
 }
 
 int run_or_throw(const Options& options) {
   const auto start = Clock::now();
   const Tree tree = walk(options.tree);
-  const auto before = store_size(options);
+  const std::uint64_t before = store_size(options);
   OpenedCache opened = open_cache(options);
   WorkerPool pool;
   const bool complete = do_all(tree, options, opened, pool);
   const bool persistent = opened.persistent;
   opened.cache.reset();
 
-  const auto after = persistent ? store_size(options) : std::nullopt;
+  const std::uint64_t after = persistent ? store_size(options) : 0;
   const bool stored = persistent && reached_the_store(pool.counts(), before, after);
   if (persistent && !stored) {
     complain(options.root + "/" + options.store + ": the new digests could not be stored");

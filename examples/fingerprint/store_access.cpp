@@ -37,12 +37,10 @@ OpenedCache open_cache(const Options& options) {
   return {std::move(cache), true};
 }
 
-std::optional<std::uint64_t> store_size(const Options& options) {
+std::uint64_t store_size(const Options& options) {
   struct stat file {};
-  if (stat((options.root + "/" + options.store).c_str(), &file) != 0) {
-    return std::nullopt;
-  }
-  return static_cast<std::uint64_t>(file.st_size);
+  const std::string path = options.root + "/" + options.store;
+  return stat(path.c_str(), &file) == 0 ? static_cast<std::uint64_t>(file.st_size) : 0;
 }
 
 }  // namespace fingerprint

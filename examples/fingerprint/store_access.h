@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "fingerprint/options.h"
@@ -23,8 +22,8 @@ struct OpenedCache {
 // volatile.
 OpenedCache open_cache(const Options& options);
 
-// The size of the store's file; nothing when there is none.
-std::optional<std::uint64_t> store_size(const Options& options);
+// The size of the store's file; 0 when there is none.
+std::uint64_t store_size(const Options& options);
 
 }  // namespace fingerprint
 

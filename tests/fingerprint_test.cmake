@@ -1,0 +1,1 @@
+add_dependencies(fingerprint_test fingerprint)

@@ -1,0 +1,447 @@
+// The example program as its users start it.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <quorvane/hasher.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using quorvane::util::RoBuffer;
+using test::Arguments;
+using test::Environment;
+using test::Ran;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+const std::string PROGRAM = QV_BINARY_DIR "/bin/fingerprint";
+
+// A tree of three files, one of them below a directory, and an empty root.
+class Fingerprint : public testing::Test {
+ protected:
+  Fingerprint() {
+    std::filesystem::create_directories(tree_ + "/below");
+    std::filesystem::create_directory(root_);
+    test::write_file(tree_ + "/abc", "abc");
+    test::write_file(tree_ + "/empty", "");
+    test::write_file(tree_ + "/below/lines", "one\ntwo\n");
+  }
+
+  Ran run(const Arguments& more = {}) const {
+    Arguments all{"--root", root_, tree_};
+    all.insert(all.end(), more.begin(), more.end());
+    return test::run_program(PROGRAM, all);
+  }
+
+  // As somebody whom permission bits stop, root included.
+  Ran run_without_privileges() const {
+    return test::run_scenario("without_privileges", {}, {PROGRAM, "--root", root_, tree_});
+  }
+
+  test::TempDir dir_;
+  std::string tree_ = std::filesystem::canonical(dir_.path()).string() + "/tree";
+  std::string root_ = dir_.file("root");
+  std::string store_ = root_ + "/fingerprint";
+};
+
+// The table's rows but for the time.
+std::map<std::string, std::uint64_t> table(const Ran& ran) {
+  std::map<std::string, std::uint64_t> rows;
+  std::istringstream lines(ran.out);
+  for (std::string line; std::getline(lines, line);) {
+    const std::string name = line.substr(0, line.find("  "));
+    if (name != "seconds") {
+      rows[name] = std::stoull(line.substr(name.size()));
+    }
+  }
+  return rows;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// What the program itself says; the library's ERROR records go there too.
+std::vector<std::string> complaints(const Ran& ran) {
+  std::vector<std::string> own;
+  for (const std::string& line : lines_of(ran.err)) {
+    if (line.rfind("fingerprint: ", 0) == 0) {
+      own.push_back(line);
+    }
+  }
+  return own;
+}
+
+std::string hex(const RoBuffer& bytes) {
+  std::string text;
+  for (std::size_t i = 0; i < bytes.get_size(); ++i) {
+    char two[3];
+    std::snprintf(two, sizeof(two), "%02x", bytes.get_buffer()[i]);
+    text += two;
+  }
+  return text;
+}
+
+std::string text_of(const RoBuffer& bytes) {
+  return {reinterpret_cast<const char*>(bytes.get_buffer()), bytes.get_size()};
+}
+
+// Prints "KEY STRONG FAST LINES" for each entry.
+SCENARIO(print_store) {
+  const auto store = quorvane::cache::StoreKind::basic;
+  quorvane::cache::Cache cache("print", quorvane::cache::make_file_store(store, "fingerprint"),
+                               false);
+  for (const auto& [key, atoms] : cache) {
+    std::printf("%s %s %s %s\n", hex(key).c_str(), hex(atoms.at(0)).c_str(),
+                hex(atoms.at(1)).c_str(), text_of(atoms.at(2)).c_str());
+  }
+  return cache.is_valid() ? 0 : 1;
+}
+
+SCENARIO(without_privileges) {
+  if (geteuid() == 0 && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) != 0 ||
+                         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) != 0)) {
+    std::perror("prctl");
+    return 125;
+  }
+  std::vector<char*> argv;
+  for (const std::string& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argv.push_back(nullptr);
+  execv(argv[0], argv.data());
+  std::perror("execv");
+  return 126;
+}
+
+// Runs a program with a terminal as its standard error and prints what the
+// terminal got.
+SCENARIO(on_a_terminal) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
+    std::perror("posix_openpt");
+    return 125;
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(open(ptsname(master), O_WRONLY | O_NOCTTY | O_CLOEXEC), STDERR_FILENO);
+    freopen("/dev/null", "w", stdout);
+    execl(arguments[0].c_str(), arguments[0].c_str(), "--root", arguments[1].c_str(),
+          arguments[2].c_str(), nullptr);
+    _exit(126);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  char shown[4096];
+  const ssize_t size = read(master, shown, sizeof(shown));
+  std::printf("%.*s", static_cast<int>(size), shown);
+  return WEXITSTATUS(status);
+}
+
+std::vector<std::string> stored(const std::string& root) {
+  const Ran ran = test::run_scenario("print_store", {{"QV_CACHE_STORE_ROOT", root}});
+  EXPECT_TRUE(ran.exited_with(0));
+  return lines_of(ran.out);
+}
+
+std::set<std::string> column(const std::string& root, int number) {
+  std::set<std::string> values;
+  for (const std::string& line : stored(root)) {
+    std::istringstream words(line);
+    std::string word;
+    for (int i = 0; i <= number; ++i) {
+      words >> word;
+    }
+    values.insert(word);
+  }
+  return values;
+}
+
+std::string b2sum(const std::string& path) {
+  FILE* pipe = popen(("b2sum -l 256 '" + path + "'").c_str(), "r");
+  char digest[65] = "";
+  EXPECT_EQ(std::fread(digest, 1, 64, pipe), 64U);
+  pclose(pipe);
+  return digest;
+}
+
+TEST_F(Fingerprint, TheFirstRunReadsEveryFile) {
+  const Ran ran = run();
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  EXPECT_EQ(ran.err, "");
+  auto rows = table(ran);
+  EXPECT_EQ(rows["files"], 3U);
+  EXPECT_EQ(rows["misses"], 3U);
+  EXPECT_EQ(rows["hits"], 0U);
+  EXPECT_EQ(rows["bytes read"], 11U);
+  EXPECT_EQ(rows["unreadable"], 0U);
+  EXPECT_EQ(rows["store bytes"], std::filesystem::file_size(store_));
+}
+
+TEST_F(Fingerprint, TheSecondRunReadsNothing) {
+  run();
+  const Ran ran = run();
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  auto rows = table(ran);
+  EXPECT_EQ(rows["files"], 3U);
+  EXPECT_EQ(rows["misses"], 0U);
+  EXPECT_EQ(rows["hits"], 3U);
+  EXPECT_EQ(rows["bytes read"], 0U);
+}
+
+TEST_F(Fingerprint, AFileWithAnotherModificationTimeIsReadAgain) {
+  run();
+  const timespec times[] = {{0, UTIME_OMIT}, {1234567890, 5}};
+  ASSERT_EQ(utimensat(AT_FDCWD, (tree_ + "/abc").c_str(), times, 0), 0);
+  auto rows = table(run());
+  EXPECT_EQ(rows["misses"], 1U);
+  EXPECT_EQ(rows["hits"], 2U);
+  EXPECT_EQ(rows["bytes read"], 3U);
+}
+
+TEST_F(Fingerprint, AFileOfAnotherSizeAndTheSameModificationTimeIsReadAgain) {
+  struct stat before {};
+  ASSERT_EQ(stat((tree_ + "/abc").c_str(), &before), 0);
+  run();
+  test::write_file(tree_ + "/abc", "abcd");
+  const timespec times[] = {{0, UTIME_OMIT}, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, (tree_ + "/abc").c_str(), times, 0), 0);
+  EXPECT_EQ(table(run())["bytes read"], 4U);
+}
+
+TEST_F(Fingerprint, AnotherWayToNameTheTreeFindsTheSameEntries) {
+  run();
+  const Ran ran = test::run_program(PROGRAM, {"--root", root_, tree_ + "/below/.."});
+  EXPECT_EQ(table(ran)["hits"], 3U);
+}
+
+TEST_F(Fingerprint, TheStrongDigestsAreThoseOfB2sum) {
+  test::write_file(tree_ + "/long", std::string((std::size_t{5} << 19) + 7, 'x'));
+  run();
+  EXPECT_EQ(column(root_, 1), (std::set{b2sum(tree_ + "/abc"), b2sum(tree_ + "/empty"),
+                                        b2sum(tree_ + "/below/lines"), b2sum(tree_ + "/long")}));
+}
+
+TEST_F(Fingerprint, AShortFileIsFarmHashedInOnePieceAndAnEmptyOneIsZero) {
+  std::filesystem::remove_all(tree_ + "/below");
+  run();
+  EXPECT_EQ(column(root_, 2), (std::set<std::string>{"268113d71097df7b848d157d5c47b87e",
+                                                     "00000000000000000000000000000000"}));
+}
+
+TEST_F(Fingerprint, ALongFileIsFarmHashedInChunksOfOneMebibyte) {
+  const std::string content((std::size_t{5} << 19) + 7, 'x');
+  const std::string other = dir_.file("long");
+  std::filesystem::create_directory(other);
+  test::write_file(other + "/long", content);
+  test::run_program(PROGRAM, {"--root", root_, other});
+
+  quorvane::hash::fast::FarmHash128Hasher hasher;
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(content.data());
+  constexpr std::size_t CHUNK = 1048576;
+  hasher.push(bytes, CHUNK);
+  hasher.push(bytes + CHUNK, CHUNK);
+  hasher.push(bytes + 2 * CHUNK, content.size() - 2 * CHUNK);
+  EXPECT_EQ(column(root_, 2), std::set{hex(hasher.calculate_and_reset())});
+}
+
+TEST_F(Fingerprint, TheThirdAtomCountsNewlines) {
+  run();
+  EXPECT_EQ(column(root_, 3), (std::set<std::string>{"0", "2"}));
+}
+
+TEST_F(Fingerprint, OneWorkerAndFourStoreTheSameEntries) {
+  for (int i = 0; i < 40; ++i) {
+    test::write_file(tree_ + "/" + std::to_string(i), std::string(static_cast<unsigned>(i), '\n'));
+  }
+  const std::string other = dir_.file("other");
+  std::filesystem::create_directory(other);
+  EXPECT_TRUE(run({"--jobs", "1"}).exited_with(0));
+  EXPECT_TRUE(test::run_program(PROGRAM, {"--root", other, "--jobs", "4", tree_}).exited_with(0));
+  EXPECT_THAT(stored(root_), SizeIs(43));
+  EXPECT_EQ(stored(root_), stored(other));
+}
+
+TEST_F(Fingerprint, MoreWorkersThanFilesDoNoHarm) {
+  EXPECT_TRUE(run({"--jobs", "7"}).exited_with(0));
+  EXPECT_THAT(stored(root_), SizeIs(3));
+}
+
+TEST_F(Fingerprint, SymbolicLinksAreNotFollowed) {
+  std::filesystem::create_symlink("..", tree_ + "/below/up");
+  std::filesystem::create_symlink("abc", tree_ + "/again");
+  const Ran ran = run();
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(table(ran)["files"], 3U);
+}
+
+TEST_F(Fingerprint, AnUnreadableDirectoryIsNamedAndTheRestIsDone) {
+  chmod((tree_ + "/below").c_str(), 0);
+  const Ran ran = run_without_privileges();
+  chmod((tree_ + "/below").c_str(), 0700);
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/below: Permission denied\n");
+  EXPECT_EQ(table(ran)["files"], 2U);
+  EXPECT_EQ(table(ran)["unreadable"], 1U);
+  EXPECT_THAT(stored(root_), SizeIs(2));
+}
+
+TEST_F(Fingerprint, AnUnreadableFileIsNamedAndTheRestIsDone) {
+  chmod((tree_ + "/abc").c_str(), 0);
+  const Ran ran = run_without_privileges();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/abc: Permission denied\n");
+  EXPECT_EQ(table(ran)["files"], 2U);
+  EXPECT_EQ(table(ran)["unreadable"], 1U);
+  EXPECT_THAT(stored(root_), SizeIs(2));
+}
+
+TEST_F(Fingerprint, ATreeThatIsNotThereIsNamed) {
+  const Ran ran = test::run_program(PROGRAM, {"--root", root_, tree_ + "/nowhere"});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/nowhere: No such file or directory\n");
+  EXPECT_EQ(table(ran)["files"], 0U);
+}
+
+TEST_F(Fingerprint, WithoutAUsableRootTheWorkIsDoneAllTheSame) {
+  test::write_file(dir_.file("file"), "not a directory");
+  for (const std::string& root : {dir_.file("missing"), dir_.file("file")}) {
+    const Ran ran = test::run_program(PROGRAM, {"--root", root, tree_});
+    EXPECT_TRUE(ran.exited_with(1));
+    EXPECT_EQ(ran.err, "fingerprint: " + root +
+                           ": not a directory that a store can be kept in; going on without a "
+                           "store\n");
+    EXPECT_EQ(table(ran)["misses"], 3U);
+    EXPECT_EQ(table(ran)["store bytes"], 0U);
+  }
+}
+
+TEST_F(Fingerprint, InARootThatMayNotBeWrittenTheWorkIsDoneAllTheSame) {
+  chmod(root_.c_str(), 0555);
+  const Ran ran = run_without_privileges();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran), SizeIs(1));
+  EXPECT_EQ(table(ran)["misses"], 3U);
+  EXPECT_TRUE(std::filesystem::is_empty(root_));
+}
+
+TEST_F(Fingerprint, ADamagedStoreIsNamedLeftAloneAndTheWorkIsDone) {
+  run();
+  const std::string damaged = test::read_file(store_) + "x";
+  test::write_file(store_, damaged);
+  const Ran ran = run();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + store_ +
+                          ": damaged or unreadable store (delete it to start anew); going on "
+                          "without a store"));
+  EXPECT_EQ(table(ran)["misses"], 3U);
+  EXPECT_EQ(test::read_file(store_), damaged);
+}
+
+TEST_F(Fingerprint, DigestsThatCouldNotBeStoredAreReported) {
+  run();
+  test::write_file(tree_ + "/new", "new");
+  chmod(store_.c_str(), 0444);
+  const Ran ran = run_without_privileges();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + store_ + ": the new digests could not be stored"));
+  EXPECT_EQ(table(ran)["hits"], 3U);
+  EXPECT_EQ(table(ran)["misses"], 1U);
+}
+
+TEST_F(Fingerprint, TheStoreGetsTheNameAskedFor) {
+  EXPECT_TRUE(run({"--store", "mine"}).exited_with(0));
+  EXPECT_TRUE(test::exists(root_ + "/mine"));
+  EXPECT_TRUE(test::exists(root_ + "/lock_mine"));
+  EXPECT_FALSE(test::exists(store_));
+}
+
+TEST_F(Fingerprint, TheRootComesFromTheEnvironmentUnlessItIsGiven) {
+  const Environment environment{{"QV_CACHE_STORE_ROOT", root_}};
+  EXPECT_TRUE(test::run_program(PROGRAM, {tree_}, environment).exited_with(0));
+  EXPECT_TRUE(test::exists(store_));
+  const std::string other = dir_.file("other");
+  std::filesystem::create_directory(other);
+  EXPECT_TRUE(test::run_program(PROGRAM, {"--root", other, tree_}, environment).exited_with(0));
+  EXPECT_TRUE(test::exists(other + "/fingerprint"));
+}
+
+TEST_F(Fingerprint, EachWorkerReportsItsOwnHitsAndMisses) {
+  const std::string reports = dir_.file("reports");
+  const Ran ran = test::run_program(PROGRAM, {"--root", root_, "--jobs", "3", tree_},
+                                    {{"QV_STATS_REPORT_FILE", reports}});
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  const auto lines = lines_of(test::read_file(reports));
+  ASSERT_THAT(lines, SizeIs(3));
+  for (const std::string& line : lines) {
+    EXPECT_THAT(line, HasSubstr("\"cache_hits\":0,\"cache_misses\":1"));
+  }
+}
+
+TEST_F(Fingerprint, ProgressIsShownOnATerminalAndWipedAtTheEnd) {
+  const Ran ran = test::run_scenario("on_a_terminal", {}, {PROGRAM, root_, tree_});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.out, StartsWith("\r\033[K0 of 3 files"));
+  EXPECT_THAT(ran.out, testing::EndsWith("\r\033[K"));
+}
+
+TEST_F(Fingerprint, HelpNamesEveryOptionAndExitStatus) {
+  const Ran ran = test::run_program(PROGRAM, {"--help"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.err, "");
+  for (const char* part : {"--store", "--root", "--jobs", "--help", "Exit status"}) {
+    EXPECT_THAT(ran.out, HasSubstr(part));
+  }
+}
+
+TEST_F(Fingerprint, WrongUsageIsOneLineAndStatusTwo) {
+  const std::vector<std::pair<Arguments, std::string>> cases{
+      {{"--root", root_}, "expected exactly one directory"},
+      {{"--root", root_, tree_, tree_}, "expected exactly one directory"},
+      {{"--root", root_, "--jobs", "0", tree_}, "not a number of jobs: 0"},
+      {{"--root", root_, "--jobs", "1025", tree_}, "not a number of jobs: 1025"},
+      {{"--root", root_, "--jobs", "2x", tree_}, "not a number of jobs: 2x"},
+      {{"--root", root_, "--jobs", "", tree_}, "not a number of jobs: "},
+      {{"--root", root_, "--store", "a/b", tree_}, "the store's name must be a plain file name"},
+      {{"--root", root_, "--store", "", tree_}, "the store's name must be a plain file name"},
+      {{"--nonsense", tree_}, "unknown option --nonsense"},
+      {{"-xy", tree_}, "unknown option -x"},
+      {{tree_, "--root"}, "a value is missing after --root"},
+      {{tree_}, "no directory for the store: set QV_CACHE_STORE_ROOT or pass --root DIR"}};
+  for (const auto& [arguments, message] : cases) {
+    const Ran ran = test::run_program(PROGRAM, arguments);
+    EXPECT_TRUE(ran.exited_with(2)) << message;
+    EXPECT_EQ(ran.err, "fingerprint: " + message + " (try --help)\n");
+    EXPECT_THAT(ran.out, IsEmpty());
+  }
+}
+
+}  // namespace
