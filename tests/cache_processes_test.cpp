@@ -1,0 +1,423 @@
+// Many processes on one cache, forks beside busy threads, and caches that are
+// used before and after main.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/lock_probe.h"
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::Cache;
+using quorvane::cache::CleanupController;
+using quorvane::cache::make_file_store;
+using quorvane::cache::StoreKind;
+using test::basic_file;
+using test::buffer;
+using test::buffers;
+using test::Ran;
+using test::TempDir;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+// Of the first look-up of a process; at the library's own level.
+const std::string kStatisticsOff = "INFO Statistics capture disabled.";
+
+constexpr int kProcesses = 8;
+constexpr int kRounds = 50;
+constexpr int kKeysPerRound = 6;
+
+CleanupController& no_limit() {
+  static CleanupController& controller = *new CleanupController(0);
+  return controller;
+}
+
+std::unique_ptr<Cache> maps_cache() {
+  return std::make_unique<Cache>("maps", make_file_store(StoreKind::basic, "maps", &no_limit()),
+                                 false);
+}
+
+bool add(Cache& cache, const std::string& key, const std::string& value) {
+  return cache.add_value(buffer(key), buffers({value}));
+}
+
+int ended(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+}
+
+// Forks; the child runs `body` and leaves with its result, without exit handlers.
+template <typename Body>
+pid_t in_child(Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(body());
+  }
+  return child;
+}
+
+// What several processes wait for together.
+class SharedBarrier {
+ public:
+  explicit SharedBarrier(unsigned processes)
+      : barrier_(static_cast<pthread_barrier_t*>(mmap(nullptr, sizeof(pthread_barrier_t),
+                                                      PROT_READ | PROT_WRITE,
+                                                      MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    pthread_barrierattr_t shared;
+    pthread_barrierattr_init(&shared);
+    pthread_barrierattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
+    pthread_barrier_init(barrier_, &shared, processes);
+  }
+  void wait() { pthread_barrier_wait(barrier_); }
+
+ private:
+  pthread_barrier_t* barrier_;
+};
+
+Ran run(const std::string& scenario, const TempDir& root, const test::Environment& more = {},
+        const test::Arguments& arguments = {}) {
+  test::Environment environment{{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "WARN"}};
+  environment.insert(more.begin(), more.end());
+  return test::run_scenario(scenario, environment, arguments);
+}
+
+// How often each key occurs in the file, which must be whole.
+std::map<std::string, int> occurrences(const TempDir& root) {
+  const std::string bytes = test::read_file(root.file("maps"));
+  const test::Walk walk = test::walk_basic_file(bytes);
+  EXPECT_EQ(walk.failed_check, "");
+  std::map<std::string, int> times;
+  for (const test::Entry& entry : walk.entries) {
+    ++times[entry.key];
+  }
+  for (const std::string& key : walk.collisions) {
+    ++times[key];
+  }
+  return times;
+}
+
+}  // namespace
+
+// --- many processes ---
+
+// Every process adds some of the keys of each round, and each key is added by
+// several. With a barrier all of them load before any of them stores.
+int add_for_all_rounds(int process, SharedBarrier* barrier) {
+  for (int round = 0; round < kRounds; ++round) {
+    auto cache = maps_cache();
+    if (!cache->is_valid()) {
+      return 1;
+    }
+    if (barrier != nullptr) {
+      barrier->wait();
+    }
+    for (int i = 0; i < kKeysPerRound; ++i) {
+      if ((process + i) % 3 != 0) {
+        add(*cache, "round" + std::to_string(round) + "-" + std::to_string(i),
+            "of " + std::to_string(process));
+      }
+    }
+    cache.reset();
+    if (barrier != nullptr) {
+      barrier->wait();
+    }
+  }
+  return 0;
+}
+
+SCENARIO(overlapping_adders) {
+  SharedBarrier barrier(kProcesses);
+  const bool together = arguments.at(0) == "together";
+  std::vector<pid_t> children;
+  for (int process = 0; process < kProcesses; ++process) {
+    children.push_back(
+        in_child([&] { return add_for_all_rounds(process, together ? &barrier : nullptr); }));
+  }
+  int failures = 0;
+  for (const pid_t child : children) {
+    failures += ended(child) != 0;
+  }
+  return failures;
+}
+
+void expect_every_key_once(const TempDir& root) {
+  const std::map<std::string, int> times = occurrences(root);
+  EXPECT_EQ(times.size(), static_cast<std::size_t>(kRounds * kKeysPerRound));
+  for (const auto& [key, count] : times) {
+    EXPECT_EQ(count, 1) << key;
+  }
+}
+
+TEST(CacheProcesses, ThatStoreAtTheSameTimeLeaveEachKeyOnce) {
+  const TempDir root;
+  const Ran ran = run("overlapping_adders", root, {}, {"together"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), Messages{});
+  expect_every_key_once(root);
+}
+
+TEST(CacheProcesses, ThatLoadWhileOthersStoreLeaveEachKeyOnce) {
+  const TempDir root;
+  const Ran ran = run("overlapping_adders", root, {}, {"apart"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), Messages{});
+  expect_every_key_once(root);
+}
+
+// --- forks ---
+
+SCENARIO(fork_with_a_cache) {
+  auto cache = maps_cache();
+  add(*cache, "before", "1");
+  const pid_t child = in_child([&] {
+    add(*cache, "both", "child");
+    add(*cache, "child", "1");
+    cache.reset();
+    return 0;
+  });
+  add(*cache, "both", "parent");
+  add(*cache, "parent", "1");
+  if (arguments.at(0) == "child first") {
+    ended(child);
+    cache.reset();
+    return 0;
+  }
+  cache.reset();
+  return ended(child);
+}
+
+TEST(CacheFork, WhatParentAndChildAddIsStoredOnce) {
+  for (const char* order : {"child first", "any order"}) {
+    const TempDir root;
+    const Ran ran = run("fork_with_a_cache", root, {}, {order});
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_EQ(ran.messages(), Messages{});
+    EXPECT_EQ(occurrences(root), (std::map<std::string, int>{
+                                     {"before", 1}, {"both", 1}, {"child", 1}, {"parent", 1}}));
+  }
+}
+
+SCENARIO(child_stores_while_parent_holds_the_lock) {
+  const auto lock = std::make_shared<quorvane::cache::StoreFLock>("maps");
+  auto cache = std::make_unique<Cache>(
+      "maps", std::make_unique<quorvane::cache::BasicStore>("maps", lock, &no_limit()), false);
+  add(*cache, "key", "1");
+  test::Signpost stored;
+  lock->lock();
+  const pid_t child = in_child([&] {
+    cache.reset();
+    stored.pass();
+    return 0;
+  });
+  const bool waits = test::waits_for_lock(child, stored);
+  const bool wrote_early = test::exists(std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps");
+  lock->unlock();
+  const int status = ended(child);
+  std::printf("%d %d %d", waits, wrote_early, status);
+  return 0;
+}
+
+TEST(CacheFork, AChildStoresOnlyOnceItsParentReleasesTheLock) {
+  const TempDir root;
+  EXPECT_EQ(run("child_stores_while_parent_holds_the_lock", root).out, "1 0 0");
+  EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{"key", {"1"}}}));
+}
+
+constexpr int kForks = 200;
+constexpr unsigned kHangSeconds = 60;
+
+// Threads that look up, add, log and load for as long as it takes.
+class BusyThreads {
+ public:
+  explicit BusyThreads(Cache& cache) {
+    start([&cache](int i) { cache.get_value(buffer("k" + std::to_string(i % 50))); });
+    start([&cache](int i) { add(cache, "k" + std::to_string(i % 500), "busy"); });
+    start([](int) {
+      QV_LOG(static_cast<quorvane::module::Module*>(qv_module_find("util/src/cache")), INFO,
+             "busy");
+    });
+    start([](int) { maps_cache(); });
+  }
+  ~BusyThreads() {
+    done_ = true;
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+  BusyThreads(const BusyThreads&) = delete;
+  BusyThreads& operator=(const BusyThreads&) = delete;
+
+ private:
+  template <typename Work>
+  void start(Work work) {
+    threads_.emplace_back([this, work] {
+      for (int i = 0; !done_; ++i) {
+        work(i);
+      }
+    });
+  }
+
+  std::atomic<bool> done_{false};
+  std::vector<std::thread> threads_;
+};
+
+int use_the_copy(std::unique_ptr<Cache>& cache, int fork_number) {
+  alarm(kHangSeconds);
+  const std::string key = "child" + std::to_string(fork_number);
+  const bool good = cache->get_value(buffer(key)) == nullptr && add(*cache, key, "child") &&
+                    cache->get_value(buffer(key)) != nullptr && cache->size() > 0 &&
+                    maps_cache()->is_valid();
+  cache.reset();
+  return good ? 0 : 1;
+}
+
+SCENARIO(forks_beside_busy_threads) {
+  auto cache = maps_cache();
+  cache->get_value(buffer("first"));
+  int failures = 0;
+  {
+    const BusyThreads busy(*cache);
+    for (int i = 0; i < kForks; ++i) {
+      failures += ended(in_child([&] { return use_the_copy(cache, i); })) != 0;
+    }
+  }
+  std::printf("%d", failures);
+  return 0;
+}
+
+TEST(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
+  const TempDir root;
+  const Ran ran = run("forks_beside_busy_threads", root);
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), Messages{kStatisticsOff});
+  const std::map<std::string, int> times = occurrences(root);
+  for (int i = 0; i < kForks; ++i) {
+    const auto found = times.find("child" + std::to_string(i));
+    ASSERT_NE(found, times.end()) << i;
+  }
+  for (const auto& [key, count] : times) {
+    EXPECT_EQ(count, 1) << key;
+  }
+}
+
+// The first look-up of a process makes the counters; here a fork may catch
+// another thread at it.
+SCENARIO(first_lookups_beside_a_fork) {
+  Cache cache("volatile", nullptr, true);
+  std::thread other([&] { cache.get_value(buffer("k")); });
+  const pid_t child = in_child([&] {
+    alarm(kHangSeconds);
+    return cache.get_value(buffer("k")) == nullptr ? 0 : 1;
+  });
+  other.join();
+  return ended(child) == 0 ? 0 : 1;
+}
+
+TEST(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
+  const TempDir root;
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_TRUE(run("first_lookups_beside_a_fork", root).exited_with(0)) << i;
+  }
+}
+
+// --- before and after main ---
+
+bool is_asked_for(const char* what) {
+  const char* asked = getenv("QVTEST_LATE_USE");
+  return asked != nullptr && std::string(asked) == what;
+}
+
+// In the static initialisers, and then held until the static destructors.
+struct StaticUse {
+  StaticUse() {
+    if (is_asked_for("static")) {
+      cache = maps_cache();
+      found_at_start = cache->get_value(buffer("static")) != nullptr;
+      add(*cache, "static", "1");
+    }
+  }
+  ~StaticUse() {
+    if (cache) {
+      add(*cache, found_at_start ? "second" : "first", "at the end");
+    }
+  }
+
+  std::unique_ptr<Cache> cache;
+  bool found_at_start = false;
+};
+StaticUse g_static_use;
+
+// Makes and uses a cache only when main is over.
+struct LateUse {
+  ~LateUse() {
+    if (is_asked_for("destructor")) {
+      add(*maps_cache(), "destructor", "1");
+    }
+  }
+};
+LateUse g_late_use;
+
+SCENARIO(use_outside_main) {
+  if (is_asked_for("atexit")) {
+    std::atexit([] { add(*maps_cache(), "atexit", "1"); });
+  }
+  return 0;
+}
+
+TEST(CacheOutsideMain, ACacheHeldInAStaticObjectStoresAtTheEnd) {
+  const TempDir root;
+  for (int i = 0; i < 2; ++i) {
+    const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", "static"}});
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_EQ(ran.messages(), Messages{kStatisticsOff});
+  }
+  EXPECT_EQ(test::read_file(root.file("maps")),
+            basic_file({{"first", {"at the end"}}, {"static", {"1"}}, {"second", {"at the end"}}}));
+}
+
+TEST(CacheOutsideMain, ACacheWorksInAnExitHandlerAndInAStaticDestructor) {
+  for (const char* when : {"atexit", "destructor"}) {
+    const TempDir root;
+    const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", when}});
+    EXPECT_TRUE(ran.exited_with(0)) << when;
+    EXPECT_EQ(ran.messages(), Messages{}) << when;
+    EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{when, {"1"}}}));
+  }
+}
+
+// The default controller, the counters and the log are still there as well.
+SCENARIO(defaults_at_exit) {
+  std::atexit([] {
+    Cache cache("maps", make_file_store(StoreKind::basic, "maps"), false);
+    std::printf("%d", cache.get_value(buffer("k")) == nullptr && add(cache, "k", "1"));
+    std::fflush(stdout);
+  });
+  return 0;
+}
+
+TEST(CacheOutsideMain, TheDefaultControllerIsThereAtExit) {
+  const TempDir root;
+  const Ran ran = run("defaults_at_exit", root,
+                      {{"QV_CACHE_STORE_CLEANUP_THRESHOLD", "1000"}, {"QV_LOG_LEVEL", "INFO"}});
+  EXPECT_EQ(ran.out, "1");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{"k", {"1"}}}));
+}

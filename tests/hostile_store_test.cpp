@@ -1,0 +1,350 @@
+// Damaged files: every way to cut or change one gives exactly the records of the
+// first damage and a refusal, with no more memory than the file itself takes.
+#include <gtest/gtest.h>
+#include <quorvane/file_store.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::BasicStore;
+using quorvane::cache::CleanupController;
+using quorvane::cache::EntryMap;
+using quorvane::cache::KeySet;
+using test::basic_file;
+using test::Entry;
+using test::entry_bytes;
+using test::expectation;
+using test::le64;
+using test::Ran;
+using test::TempDir;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+const std::vector<Entry> kEntries{{"b", {"2", "three"}},
+                                  {"aa", {std::string(40, 'x')}},
+                                  {"some key", {"1", "22", "333"}},
+                                  {"some other key", {std::string(200, 'y'), "z"}}};
+
+// Where the numbers of an entry lie in the file.
+struct Field {
+  std::size_t offset;
+  std::size_t remaining;  // bytes after the field, in the whole file
+};
+
+struct Fields {
+  std::vector<Field> magic_numbers;
+  std::vector<Field> sizes;
+  std::vector<Field> counts;
+};
+
+Fields fields_of(const std::vector<Entry>& entries) {
+  const std::size_t end = basic_file(entries).size();
+  Fields fields;
+  std::size_t at = 8;
+  const auto add = [&](std::vector<Field>& to, std::size_t width) {
+    to.push_back({at, end - at - width});
+    at += width;
+  };
+  for (const Entry& entry : entries) {
+    add(fields.magic_numbers, 4);
+    add(fields.sizes, 8);
+    at += entry.key.size();
+    add(fields.counts, 8);
+    for (const std::string& atom : entry.atoms) {
+      add(fields.sizes, 8);
+      at += atom.size();
+    }
+  }
+  return fields;
+}
+
+// The records that this scenario logged since the last call.
+class LogTail {
+ public:
+  LogTail() : file_(getenv("QV_LOG_FILE")) {}
+
+  Messages next() {
+    std::string text;
+    for (std::string line; std::getline(file_, line);) {
+      text += line + "\n";
+    }
+    file_.clear();
+    return test::without_lines(test::level_and_message(test::parse_records(text)));
+  }
+
+ private:
+  std::ifstream file_;
+};
+
+// Lets the process grow by no more than `bytes` and what a page table costs.
+class GrowthLimit {
+ public:
+  explicit GrowthLimit([[maybe_unused]] std::size_t bytes) {
+#ifndef QV_SANITIZED  // whose runtimes reserve address space as they go
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    set(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes + kSlack);
+#endif
+  }
+  ~GrowthLimit() { set(RLIM_INFINITY); }
+  GrowthLimit(const GrowthLimit&) = delete;
+  GrowthLimit& operator=(const GrowthLimit&) = delete;
+
+ private:
+  static constexpr std::size_t kSlack = 512 * 1024;
+
+  static void set(rlim_t limit) {
+    const rlimit now{limit, RLIM_INFINITY};
+    setrlimit(RLIMIT_AS, &now);
+  }
+};
+
+std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
+
+Messages expected_messages(const test::Walk& walk, bool is_scan) {
+  Messages messages;
+  for (std::size_t i = 0; i < walk.collisions.size(); ++i) {
+    messages.push_back(expectation("emplace_ret.second"));
+    messages.push_back("WARN Collision inside cachemap " + maps_file() + " file ocurred");
+  }
+  if (!walk.failed_check.empty()) {
+    messages.push_back(expectation(walk.failed_check));
+    if (is_scan && (walk.failed_check == "hdr" || walk.failed_check.rfind("std::memcmp", 0) == 0)) {
+      messages.push_back(expectation("read_header(freader)"));
+    }
+    messages.push_back("ERROR Cachemap " + maps_file() + " file corrupted");
+  }
+  return messages;
+}
+
+class Checker {
+ public:
+  // A load may take `growth` times the size of its file.
+  explicit Checker(std::size_t growth = 1) : growth_(growth), controller_(0) {
+    load_bytes(basic_file(kEntries), "the whole file");
+    scan_bytes(basic_file(kEntries), "the whole file");
+  }
+
+  // Loads and scans a file of these bytes; says on standard output where either
+  // does something else than it must.
+  void check(const std::string& bytes, const std::string& what) {
+    load_bytes(bytes, what);
+    scan_bytes(bytes, what);
+    ++checked_;
+  }
+
+  int checked() const { return checked_; }
+
+ private:
+  void load_bytes(const std::string& bytes, const std::string& what) {
+    const test::Walk walk = test::walk_basic_file(bytes);
+    EntryMap out;
+    const bool ok = run(bytes, [&](BasicStore& store) { return store.try_nonlock_load(out); });
+    report(what + ", load", walk, ok, log_.next() == expected_messages(walk, false));
+    if (test::listing(out) != test::listing(test::entry_map(walk.entries))) {
+      std::printf("%s, load: other entries\n", what.c_str());
+    }
+  }
+
+  void scan_bytes(const std::string& bytes, const std::string& what) {
+    const test::Walk walk = test::walk_basic_file(bytes, false);
+    KeySet keys;
+    const bool ok =
+        run(bytes, [&](BasicStore& store) { return store.try_nonlock_load_new_keys(keys); });
+    report(what + ", scan", walk, ok, log_.next() == expected_messages(walk, true));
+    std::vector<std::string> expected;
+    for (const Entry& entry : walk.entries) {
+      expected.push_back(entry.key);
+    }
+    if (test::listing(keys) != test::listing(test::key_set(expected))) {
+      std::printf("%s, scan: other keys\n", what.c_str());
+    }
+  }
+
+  bool run(const std::string& bytes, const std::function<bool(BasicStore&)>& operation) {
+    std::remove(maps_file().c_str());  // a file written anew may wait for the disk
+    test::write_file(maps_file(), bytes);
+    BasicStore store("maps", lock_, &controller_);
+    const GrowthLimit limit(growth_ * bytes.size());
+    return operation(store);
+  }
+
+  static void report(const std::string& what, const test::Walk& walk, bool ok, bool records_agree) {
+    if (ok != walk.failed_check.empty() || !records_agree) {
+      std::printf("%s: %d, but expected \"%s\"; records %d\n", what.c_str(), ok,
+                  walk.failed_check.c_str(), records_agree);
+    }
+  }
+
+  std::size_t growth_;
+  CleanupController controller_;
+  std::shared_ptr<test::CountingLock> lock_ = std::make_shared<test::CountingLock>();
+  LogTail log_;
+  int checked_ = 0;
+};
+
+Ran run(const std::string& scenario, const test::Arguments& arguments = {}) {
+  const TempDir root;
+  return test::run_scenario(
+      scenario, {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "INFO"}}, arguments);
+}
+
+// Only as many cases as there must be, and no complaint.
+void expect_checked(const Ran& ran, std::size_t cases) {
+  EXPECT_TRUE(ran.exited_with(0)) << ran.status;
+  EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
+}
+
+std::string changed(std::string bytes, std::size_t offset, const std::string& by) {
+  return bytes.replace(offset, by.size(), by);
+}
+
+}  // namespace
+
+SCENARIO(cut_anywhere) {
+  Checker checker;
+  const std::string bytes = basic_file(kEntries);
+  for (std::size_t size = 1; size < bytes.size(); ++size) {
+    checker.check(bytes.substr(0, size), "cut at " + std::to_string(size));
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, AFileCutAtAnyByteFailsAtThePieceThatIsCut) {
+  expect_checked(run("cut_anywhere"), basic_file(kEntries).size() - 1);
+}
+
+SCENARIO(changed_magic_numbers) {
+  Checker checker;
+  const std::string bytes = basic_file(kEntries);
+  std::vector<std::size_t> offsets{0, 4};  // those of the header, its version with them
+  for (const Field& field : fields_of(kEntries).magic_numbers) {
+    offsets.push_back(field.offset);
+  }
+  for (const std::size_t offset : offsets) {
+    for (std::size_t i = 0; i < 4; ++i) {
+      const char other = static_cast<char>(bytes[offset + i] ^ 1);
+      checker.check(changed(bytes, offset + i, std::string(1, other)),
+                    "byte at " + std::to_string(offset + i));
+    }
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, AChangedMagicNumberFails) {
+  expect_checked(run("changed_magic_numbers"), 4 * (2 + kEntries.size()));
+}
+
+SCENARIO(changed_numbers) {
+  Checker checker;
+  const std::string bytes = basic_file(kEntries);
+  const Fields fields = fields_of(kEntries);
+  for (const auto* kind : {&fields.sizes, &fields.counts}) {
+    for (const Field& field : *kind) {
+      for (const std::uint64_t value :
+           {std::uint64_t{0}, std::uint64_t{1} << 26, std::uint64_t{1} << 40,
+            std::uint64_t{1} << 63, ~std::uint64_t{0}, ~std::uint64_t{0} - field.offset,
+            std::uint64_t{field.remaining}, std::uint64_t{field.remaining} + 1}) {
+        checker.check(changed(bytes, field.offset, le64(value)),
+                      std::to_string(value) + " at " + std::to_string(field.offset));
+      }
+    }
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, AChangedSizeOrCountFailsWithoutAskingForItsMemory) {
+  const Fields fields = fields_of(kEntries);
+  expect_checked(run("changed_numbers"), 8 * (fields.sizes.size() + fields.counts.size()));
+}
+
+SCENARIO(random_changes) {
+  constexpr int kRounds = 2000;
+  constexpr int kChanges = 64;
+  Checker checker;
+  std::mt19937 random(static_cast<unsigned>(std::stoul(arguments.at(0))));
+  for (int round = 0; round < kRounds; ++round) {
+    std::string bytes = basic_file(kEntries);
+    // Half of the rounds spare the header, to get past it.
+    const std::size_t first = round % 2 == 0 ? 0 : 8;
+    for (int change = 0; change < kChanges; ++change) {
+      bytes[first + random() % (bytes.size() - first)] = static_cast<char>(random());
+    }
+    checker.check(bytes, "round " + std::to_string(round));
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, SixtyFourChangedBytesGiveARefusalOrWhatTheFileThenSays) {
+  for (const char* seed : {"1", "2"}) {
+    expect_checked(run("random_changes", {seed}), 2000);
+  }
+}
+
+// One changed byte leaves more of a file's structure than 64 do.
+SCENARIO(single_changes) {
+  Checker checker;
+  const std::string bytes = basic_file(kEntries);
+  for (std::size_t at = 0; at < bytes.size(); ++at) {
+    for (const int flip : {0x01, 0x80, 0xff}) {
+      checker.check(changed(bytes, at, std::string(1, static_cast<char>(bytes[at] ^ flip))),
+                    std::to_string(flip) + " at " + std::to_string(at));
+    }
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, OneChangedByteGivesARefusalOrWhatTheFileThenSays) {
+  expect_checked(run("single_changes"), 3 * basic_file(kEntries).size());
+}
+
+// Repeated and reordered pieces.
+SCENARIO(shuffled_entries) {
+  constexpr int kRounds = 500;
+  Checker checker;
+  std::mt19937 random(3);
+  for (int round = 0; round < kRounds; ++round) {
+    std::string bytes = basic_file({});
+    for (int i = 0; i < 6; ++i) {
+      bytes += entry_bytes(kEntries[random() % kEntries.size()]);
+    }
+    checker.check(bytes + (round % 3 == 0 ? "rest" : ""), "round " + std::to_string(round));
+  }
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, RepeatedEntriesAreReportedOneByOne) {
+  expect_checked(run("shuffled_entries"), 500);
+}
+
+// A tiny atom takes more room in memory than in the file, but no more of them are
+// made room for than the file can hold, whatever the count claims.
+SCENARIO(many_small_atoms) {
+  Checker checker(32);
+  const std::vector<Entry> entries{{"k", std::vector<std::string>(20000, "a")}};
+  std::string bytes = basic_file(entries);
+  bytes = changed(bytes, 8 + 4 + 8 + 1, le64(std::uint64_t{1} << 33));
+  checker.check(bytes, "count of 2^33");
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+TEST(HostileStore, ACountThatClaimsMoreAtomsThanTheFileHoldsFailsAtItsEnd) {
+  expect_checked(run("many_small_atoms"), 1);
+}
