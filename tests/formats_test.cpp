@@ -1,0 +1,124 @@
+// docs/formats.md prints real bytes: each of its hexdump blocks is made anew
+// here by the library and compared.
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <quorvane/log.h>
+#include <quorvane/module.h>
+#include <quorvane/stats.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <regex>
+#include <string>
+
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using quorvane::util::RoBuffer;
+using test::Ran;
+
+// The block that "```hexdump NAME" opens, without the fences.
+std::string documented(const std::string& name) {
+  const std::string text = test::read_file(QV_SOURCE_DIR "/docs/formats.md");
+  const std::string opening = "```hexdump " + name + "\n";
+  const std::size_t begin = text.find(opening);
+  if (begin == std::string::npos) {
+    return "no block " + name;
+  }
+  const std::size_t first = begin + opening.size();
+  return text.substr(first, text.find("```\n", first) - first);
+}
+
+// As hexdump -C prints it, but for the last line with the size.
+std::string hexdump(const std::string& bytes) {
+  std::string dump;
+  char piece[24];
+  for (std::size_t row = 0; row < bytes.size(); row += 16) {
+    std::snprintf(piece, sizeof(piece), "%08zx ", row);
+    dump += piece;
+    std::string text;
+    for (std::size_t i = row; i < row + 16; ++i) {
+      dump += i == row + 8 ? " " : "";
+      if (i >= bytes.size()) {
+        dump += "   ";
+        continue;
+      }
+      const auto byte = static_cast<unsigned char>(bytes[i]);
+      std::snprintf(piece, sizeof(piece), " %02x", byte);
+      dump += piece;
+      text += byte >= 0x20 && byte < 0x7f ? bytes[i] : '.';
+    }
+    dump += "  |" + text + "|\n";
+  }
+  return dump;
+}
+
+std::string replaced(const std::string& text, const std::string& pattern, const std::string& by) {
+  return std::regex_replace(text, std::regex(pattern), by);
+}
+
+RoBuffer bytes(const std::string& text) { return RoBuffer::copy(text.data(), text.size()); }
+
+SCENARIO(fill_store) {
+  using namespace quorvane::cache;
+  Cache cache("demo", make_file_store(StoreKind::basic, "demo"), false);
+  cache.add_value(bytes("key"), {bytes("ab"), bytes("c")});
+  cache.add_value(bytes("k"), {bytes("v")});
+  return cache.is_valid() ? 0 : 1;
+}
+
+SCENARIO(log_one_record) {
+  static const quorvane::Module module("docs/formats");
+  QV_LOG(module, WARN, "disk %d %% full", 93);
+  return 0;
+}
+
+SCENARIO(report_statistics) {
+  static const quorvane::Module module("disk/cache");
+  static const std::int64_t depth = -7;
+  static const double load = 0.5;
+  qv_stats_counter_inc(qv_stats_create_counter(module.get(), "reads"), 3);
+  qv_stats_create_gauge_int64(module.get(), "depth", &depth);
+  qv_stats_create_gauge_double(module.get(), "load", &load);
+  qv_stats_hist_insert(qv_stats_create_histogram(module.get(), "wait"), 2.0, 4);
+  return 0;
+}
+
+class FormatsDocument : public testing::Test {
+ protected:
+  test::TempDir dir_;
+};
+
+TEST_F(FormatsDocument, ShowsTheBytesOfABasicStore) {
+  ASSERT_TRUE(
+      test::run_scenario("fill_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}}).exited_with(0));
+  EXPECT_EQ(documented("store"), hexdump(test::read_file(dir_.file("demo"))));
+}
+
+TEST_F(FormatsDocument, IsRightThatTheLockFileIsEmpty) {
+  test::run_scenario("fill_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}});
+  EXPECT_TRUE(test::exists(dir_.file("lock_demo")));
+  EXPECT_EQ(test::read_file(dir_.file("lock_demo")), "");
+}
+
+TEST_F(FormatsDocument, ShowsTheBytesOfALogRecord) {
+  const Ran ran = test::run_scenario("log_one_record", {{"QV_LOG_LEVEL", "WARN"}});
+  std::string record =
+      replaced(ran.log, R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)", "2024-03-01T12:00:00.000042Z");
+  record = replaced(record, R"(, \d+, \d+, ")", ", 1234, 1240, \"");
+  EXPECT_EQ(documented("log"), hexdump(record));
+}
+
+TEST_F(FormatsDocument, ShowsTheBytesOfAStatisticsReport) {
+  const std::string file = dir_.file("reports");
+  ASSERT_TRUE(
+      test::run_scenario("report_statistics", {{"QV_STATS_REPORT_FILE", file}}).exited_with(0));
+  const std::string report =
+      replaced(test::read_file(file), R"(^\{"ts": \d+,)", R"({"ts": 1709294400,)");
+  EXPECT_EQ(documented("report"), hexdump(report));
+}
+
+}  // namespace
