@@ -1,0 +1,354 @@
+// What the kernel can refuse a store: room, a writable root, descriptors, the
+// mapping, the file's size.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "support/refuse.h"
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::Cache;
+using quorvane::cache::CleanupController;
+using quorvane::cache::make_file_store;
+using quorvane::cache::Store;
+using quorvane::cache::StoreKind;
+using test::basic_file;
+using test::buffer;
+using test::buffers;
+using test::Entry;
+using test::expectation;
+using test::Ran;
+using test::TempDir;
+using test::without_lines;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+const std::vector<Entry> kEntries{{"b", {"2", "3"}}, {"aa", {"1"}}};
+
+std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
+
+std::unique_ptr<Store> maps_store() {
+  static CleanupController& no_limit = *new CleanupController(0);
+  return make_file_store(StoreKind::basic, "maps", &no_limit);
+}
+
+Ran run(const std::string& scenario, const TempDir& root, const test::Arguments& arguments = {}) {
+  return test::run_scenario(
+      scenario, {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "WARN"}}, arguments);
+}
+
+void limit_file_size(rlim_t bytes) {
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit{bytes, bytes};
+  setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+// The records of an append that the disk had no room for: which errno the second
+// one then shows is what the failed write left.
+void expect_lost(const Messages& messages, const std::string& maps, bool at_write) {
+  Messages expected;
+  if (at_write) {
+    expected.push_back(expectation(
+        "file.write(reinterpret_cast<const char *>(fbuffer.get_buffer()), fbuffer.get_size()) "
+        ".good()"));
+  }
+  expected.push_back(expectation("!fbuffer_corrupted && file.good()"));
+  expected.push_back("WARN Error removing file " + maps + ": ");
+  expected.push_back("WARN Cache file " + maps + " removed as it couldn't be stored correctly");
+  expected.push_back(expectation("store_->try_store_diff(diff_map_)"));
+  ASSERT_EQ(messages.size(), expected.size());
+  for (std::size_t i = 0; i < messages.size(); ++i) {
+    if (expected[i].back() == ' ') {
+      EXPECT_EQ(messages[i].substr(0, expected[i].size()), expected[i]);
+      EXPECT_EQ(messages[i].back(), '\n');
+    } else {
+      EXPECT_EQ(messages[i], expected[i]);
+    }
+  }
+}
+
+}  // namespace
+
+// --- no room ---
+
+// Adds values of the given size on a root that has less room.
+SCENARIO(append_without_room) {
+  const std::string mounted = root_path() + "/small";
+  // Whoever may not mount has the size limit instead.
+  if (arguments.at(0) == "size limit" ||
+      mount("tmpfs", mounted.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    limit_file_size(64 * 1024);
+  }
+  setenv("QV_CACHE_STORE_ROOT", mounted.c_str(), 1);
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("a"), buffers({std::string(10000, 'x')}));
+    cache.add_value(buffer("b"), buffers({std::string(std::stoul(arguments.at(1)), 'y')}));
+    std::printf("%d ", cache.is_valid());
+  }
+  std::printf("%d ", test::exists(mounted + "/maps"));
+  Cache next("maps", maps_store(), false);
+  std::printf("%d %zu", next.is_valid(), next.size());
+  std::fflush(stdout);
+  umount2(mounted.c_str(), MNT_DETACH);
+  return 0;
+}
+
+void expect_no_room(const std::string& how) {
+  const TempDir root;
+  ASSERT_EQ(mkdir(root.file("small").c_str(), 0755), 0);
+  const Ran ran = run("append_without_room", root, {how, "100000"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.out, "1 0 1 0") << how;
+  expect_lost(without_lines(ran.messages()), root.file("small/maps"), true);
+}
+
+TEST(CacheRefusals, AFullDiskCostsTheWholeFileAndTheNextCacheIsEmpty) {
+  expect_no_room("full disk");
+}
+
+TEST(CacheRefusals, AFileSizeLimitCostsTheWholeFileAndTheNextCacheIsEmpty) {
+  expect_no_room("size limit");
+}
+
+// Refuses every write to the file that is opened next, while the log goes on.
+void refuse_writes_to_the_next_file() {
+  const int next = open("/dev/null", O_RDONLY);
+  close(next);
+  const test::When to_it{0, static_cast<std::uint32_t>(next)};
+  test::refuse(SYS_write, ENOSPC, to_it);
+  test::refuse(SYS_writev, ENOSPC, to_it);
+}
+
+// So little that the stream keeps it: the kernel refuses only the flush.
+SCENARIO(refused_flush) {
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
+    refuse_writes_to_the_next_file();
+  }
+  return 0;
+}
+
+TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheFlushCostsTheWholeFile) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const Ran ran = run("refused_flush", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_FALSE(test::exists(root.file("maps")));
+  expect_lost(without_lines(ran.messages()), root.file("maps"), false);
+}
+
+TEST(CacheRefusals, AHeaderThatCannotBeWrittenIsReported) {
+  const TempDir root;
+  const Ran ran = run("refused_flush", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_FALSE(test::exists(root.file("maps")));
+  Messages messages = without_lines(ran.messages());
+  ASSERT_FALSE(messages.empty());
+  EXPECT_EQ(messages[0], "ERROR Writing header file failed (" + root.file("maps") + ")");
+  messages.erase(messages.begin());
+  expect_lost(messages, root.file("maps"), false);
+}
+
+// --- a root that can't be written to ---
+
+SCENARIO(read_only_root) {
+  const std::string mounted = root_path() + "/small";
+  // Whoever may not mount has the refusal instead.
+  if (arguments.at(0) == "refusal" ||
+      mount("tmpfs", mounted.c_str(), "tmpfs", MS_RDONLY, "size=64k") != 0) {
+    test::refuse(SYS_openat, EROFS, test::When{2, O_RDWR | O_CREAT | O_CLOEXEC});
+  }
+  setenv("QV_CACHE_STORE_ROOT", mounted.c_str(), 1);
+  std::unique_ptr<Store> store = maps_store();
+  {
+    Cache cache("maps", std::move(store), false);
+    Cache fallback("maps", std::move(store), true);
+    std::printf("%d %d %d", cache.is_valid(), fallback.is_valid(), store != nullptr);
+    std::fflush(stdout);
+  }
+  umount2(mounted.c_str(), MNT_DETACH);
+  return 0;
+}
+
+TEST(CacheRefusals, AReadOnlyRootGivesNoLockAndSoNoValidStore) {
+  for (const char* how : {"mount", "refusal"}) {
+    const TempDir root;
+    ASSERT_EQ(mkdir(root.file("small").c_str(), 0755), 0);
+    const Ran ran = run("read_only_root", root, {how});
+    EXPECT_EQ(ran.out, "0 1 1") << how;
+    EXPECT_TRUE(ran.exited_with(0)) << how;
+    EXPECT_EQ(ran.messages(), Messages{"WARN Cache store " + root.file("small/lock_maps") +
+                                       " lock couldn't be obtained: Read-only file system."})
+        << how;
+  }
+}
+
+// --- no descriptors ---
+
+void leave_descriptors(int count) {
+  const int next = open("/dev/null", O_RDONLY);
+  close(next);
+  const auto limit = static_cast<rlim_t>(next + count);
+  const rlimit descriptors{limit, limit};
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+}
+
+SCENARIO(no_descriptor_for_the_lock) {
+  leave_descriptors(0);
+  Cache cache("maps", maps_store(), true);
+  std::printf("%d", cache.is_valid());
+  return 0;
+}
+
+TEST(CacheRefusals, WithoutADescriptorForTheLockTheStoreIsInvalid) {
+  const TempDir root;
+  const Ran ran = run("no_descriptor_for_the_lock", root);
+  EXPECT_EQ(ran.out, "1");
+  EXPECT_EQ(ran.messages(), Messages{"WARN Cache store " + root.file("lock_maps") +
+                                     " lock couldn't be obtained: Too many open files."});
+}
+
+SCENARIO(no_descriptor_for_the_file) {
+  leave_descriptors(1);
+  Cache cache("maps", maps_store(), true);
+  std::printf("%d", cache.is_valid());
+  return 0;
+}
+
+TEST(CacheRefusals, WithoutADescriptorForTheFileTheLoadFails) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const Ran ran = run("no_descriptor_for_the_file", root);
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("file.is_open()"),
+                      "ERROR Couldn't create maps cache with BasicStore store type"}));
+}
+
+SCENARIO(no_descriptor_for_the_append) {
+  {
+    Cache cache("maps", maps_store(), true);
+    cache.add_value(buffer("k"), buffers({"v"}));
+    leave_descriptors(0);
+  }
+  return 0;
+}
+
+TEST(CacheRefusals, WithoutADescriptorForTheAppendTheFileIsGivenUp) {
+  const TempDir root;
+  const Ran ran = run("no_descriptor_for_the_append", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("file.good()"), expectation("!fbuffer_corrupted && file.good()"),
+                      "WARN Cache file " + root.file("maps") +
+                          " removed as it couldn't be stored correctly",
+                      expectation("store_->try_store_diff(diff_map_)")}));
+}
+
+TEST(CacheRefusals, WithoutADescriptorForTheScanALoadedFileIsLeftAlone) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const Ran ran = run("no_descriptor_for_the_append", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("file.is_open()"),
+                      expectation("loaded_map_last_size_ == 0 || new_keys_loaded"),
+                      expectation("store_->try_store_diff(diff_map_)")}));
+  EXPECT_EQ(test::read_file(root.file("maps")), basic_file(kEntries));
+}
+
+// --- refused calls ---
+
+// Refuses what the argument names, once the store has its lock and its pages are
+// in memory.
+SCENARIO(refused_load) {
+  std::unique_ptr<Store> store = maps_store();
+  const std::string& what = arguments.at(0);
+  if (what == "mmap") {
+    test::refuse(SYS_mmap, ENOMEM, test::When{3, MAP_PRIVATE | MAP_POPULATE});
+  } else if (what == "fstat") {
+    test::refuse(SYS_newfstatat, EIO, test::When{3, AT_EMPTY_PATH});
+    test::refuse(SYS_fstat, EIO);
+  } else {
+    test::refuse(SYS_flock, ENOLCK);
+  }
+  Cache cache("maps", std::move(store), true);
+  std::printf("%d", cache.is_valid());
+  return 0;
+}
+
+Ran refused_load(const TempDir& root, const std::string& what) {
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  return run("refused_load", root, {what});
+}
+
+TEST(CacheRefusals, AMappingThatIsRefusedFailsTheLoad) {
+  const TempDir root;
+  const Ran ran = refused_load(root, "mmap");
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("file.is_open()"),
+                      "ERROR Couldn't create maps cache with BasicStore store type"}));
+}
+
+TEST(CacheRefusals, ASizeThatIsRefusedFailsTheLoad) {
+  const TempDir root;
+  const Ran ran = refused_load(root, "fstat");
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(
+      without_lines(ran.messages()),
+      (Messages{"ERROR fstat(" + root.file("maps") + ") failed with error: " + "Input/output error",
+                expectation("file.is_open()"),
+                "ERROR Couldn't create maps cache with BasicStore store type"}));
+}
+
+TEST(CacheRefusals, ALockThatIsRefusedEndsTheProcess) {
+  const TempDir root;
+  const Ran ran = refused_load(root, "flock");
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_EQ(without_lines(ran.messages()), Messages{test::assertion("flock_ret == 0")});
+  EXPECT_EQ(test::read_file(root.file("maps")), basic_file(kEntries));
+}
+
+// --- a file that can't be removed ---
+
+SCENARIO(unremovable) {
+  test::refuse(SYS_unlink, EBUSY);
+  test::refuse(SYS_unlinkat, EBUSY);
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
+    refuse_writes_to_the_next_file();
+  }
+  return 0;
+}
+
+TEST(CacheRefusals, AFileThatCannotBeRemovedIsReportedAsRemoved) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const Ran ran = run("unremovable", root);
+  EXPECT_TRUE(test::exists(root.file("maps")));
+  // The record of a removal that failed belongs to the one that succeeded.
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("!fbuffer_corrupted && file.good()"),
+                      "WARN Cache file " + root.file("maps") +
+                          " removed as it couldn't be stored correctly",
+                      expectation("store_->try_store_diff(diff_map_)")}));
+}
