@@ -1,0 +1,83 @@
+// README.md's first program works as it is printed.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+const std::string README = QV_SOURCE_DIR "/README.md";
+
+std::string first_program() {
+  const std::string text = test::read_file(README);
+  const std::string opening = "```cpp\n";
+  const std::size_t begin = text.find(opening);
+  if (begin == std::string::npos) {
+    return "";
+  }
+  const std::size_t first = begin + opening.size();
+  return text.substr(first, text.find("```\n", first) - first);
+}
+
+class Readme : public testing::Test {
+ protected:
+  // As README.md says, with this build's compiler and library.
+  void compile() {
+    test::write_file(dir_.file("hello.cpp"), first_program());
+    const std::string library = QV_BINARY_DIR "/lib";
+    const std::string command =
+        std::string(QV_CXX_COMPILER " -std=c++20 -Wall -Wextra -Werror " QV_SANITIZE_FLAG) +
+        " -I'" QV_SOURCE_DIR "/util/include' '" + dir_.file("hello.cpp") + "' -L'" + library +
+        "' -lQVUtil -Wl,-rpath,'" + library + "' -o '" + hello_ + "'";
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  }
+
+  test::Ran run(const std::string& root) {
+    return test::run_program(hello_, {},
+                             {{"QV_CACHE_STORE_ROOT", root},
+                              {"QV_CACHE_STORE_CLEANUP_THRESHOLD", "0"},
+                              {"QV_LOG_LEVEL", std::nullopt}});
+  }
+
+  test::TempDir dir_;
+  std::string hello_ = dir_.file("hello");
+};
+
+TEST_F(Readme, TheFirstProgramRemembersFromOneRunToTheNext) {
+  ASSERT_NO_FATAL_FAILURE(compile());
+  std::filesystem::create_directory(dir_.file("store"));
+  const test::Ran first = run(dir_.file("store"));
+  EXPECT_TRUE(first.exited_with(0)) << first.err;
+  EXPECT_EQ(first.out, "nothing known yet\n");
+  const test::Ran second = run(dir_.file("store"));
+  EXPECT_TRUE(second.exited_with(0)) << second.err;
+  EXPECT_EQ(second.out, "hello, world\n");
+  EXPECT_EQ(first.err + second.err, "");
+  EXPECT_THAT(second.messages(), testing::Contains("INFO 1 greetings"));
+}
+
+TEST_F(Readme, TheFirstProgramForgetsWithoutAStoreRoot) {
+  ASSERT_NO_FATAL_FAILURE(compile());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run(dir_.file("missing")).out, "nothing known yet\n");
+  }
+}
+
+TEST_F(Readme, NamesEveryVariableThatTheLibraryReads) {
+  const std::string text = test::read_file(README);
+  for (const char* variable :
+       {"QV_LOG_FILE", "QV_LOG_FILE_Global", "HOME", "QV_LOG_LEVEL", "QV_LOG_SYNC",
+        "QV_CACHE_STORE_ROOT", "QV_CACHE_STORE_CLEANUP_THRESHOLD", "QV_STATS_REPORT_FILE",
+        "QV_STATS_REPORT_PERIOD"}) {
+    EXPECT_THAT(text, HasSubstr("| `" + std::string(variable) + "` |"));
+  }
+}
+
+}  // namespace
