@@ -1,0 +1,64 @@
+// A pool lends and takes back 256 bytes; its peer locks and unlocks a mutex
+// twice and counts, which no pool of this kind can do without.
+#include <benchmark/benchmark.h>
+#include <quorvane/circular_buffer_pool.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <mutex>
+
+namespace {
+
+constexpr unsigned long kSize = 256;
+
+quorvane::util::CircularBufferPool& pool() {
+  static quorvane::util::CircularBufferPool pool(16 * static_cast<unsigned long>(getpagesize()));
+  return pool;
+}
+
+void mutex_and_counters(benchmark::State& state) {
+  std::mutex mutex;
+  std::uint64_t head = 0;
+  std::uint64_t tail = 0;
+  std::uint64_t length = 65536;
+  benchmark::DoNotOptimize(length);
+  for (auto _ : state) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      std::uint64_t position = head % length;
+      benchmark::DoNotOptimize(position);
+      head += kSize;
+    }
+    {
+      const std::lock_guard<std::mutex> lock(mutex);
+      std::uint64_t position = tail % length;
+      benchmark::DoNotOptimize(position);
+      tail += kSize;
+    }
+    benchmark::DoNotOptimize(head);
+    benchmark::DoNotOptimize(tail);
+  }
+}
+
+void allocate_and_free(benchmark::State& state) {
+  for (auto _ : state) {
+    auto buffer = pool().allocate(kSize, nullptr);
+    buffer.set_pool_release_is_free(true);
+    benchmark::DoNotOptimize(buffer.get_buffer());
+  }
+}
+
+void allocate_and_deallocate(benchmark::State& state) {
+  for (auto _ : state) {
+    auto buffer = pool().allocate(kSize, nullptr);
+    benchmark::DoNotOptimize(buffer.get_buffer());
+  }
+}
+
+BENCHMARK(mutex_and_counters);
+BENCHMARK(allocate_and_free);
+BENCHMARK(allocate_and_deallocate);
+
+}  // namespace
+
+BENCHMARK_MAIN();
