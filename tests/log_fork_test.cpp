@@ -1,0 +1,346 @@
+// Logging, modules and settings in the children of fork.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quorvane/env_config.h>
+#include <quorvane/log.h>
+#include <quorvane/module.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/refuse.h"
+#include "support/scenario.h"
+
+namespace {
+
+using test::Ran;
+using test::run_scenario;
+using testing::IsEmpty;
+
+pid_t thread_id() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+pid_t raw_clone() {
+  return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+// The child's exit status, or 1 when it did not exit.
+int status_of(pid_t child) {
+  int status = 0;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+int in_child(pid_t (*make_child)(), const std::function<int()>& work) {
+  const pid_t child = make_child();
+  if (child == 0) {
+    _exit(work());
+  }
+  return status_of(child);
+}
+
+// A record whose message says what its ids must be.
+int log_ids(const char* who) {
+  static const quorvane::Module module("test/fork");
+  QV_LOG(module, INFO, "%s %d %d", who, getpid(), thread_id());
+  return 0;
+}
+
+void expect_right_ids(const Ran& ran, const std::vector<std::string>& writers) {
+  EXPECT_TRUE(ran.exited_with(0));
+  std::vector<std::string> seen;
+  for (const test::LogRecord& record : ran.records) {
+    const std::string who = record.message.substr(0, record.message.find(' '));
+    seen.push_back(who);
+    EXPECT_EQ(record.message,
+              who + " " + std::to_string(record.pid) + " " + std::to_string(record.tid));
+  }
+  EXPECT_EQ(seen, writers);
+}
+
+// --------------------------------------------------------------- ids of children
+
+SCENARIO(logs_in_a_child) {
+  log_ids("parent");
+  const int status = in_child(&fork, [] { return log_ids("child"); });
+  log_ids("parent");
+  return status;
+}
+
+TEST(ForkedLog, AChildsRecordsCarryItsIdsAndTheParentsKeepTheirs) {
+  expect_right_ids(run_scenario("logs_in_a_child"), {"parent", "child", "parent"});
+}
+
+SCENARIO(logs_in_a_grandchild) {
+  log_ids("parent");
+  return in_child(&fork, [] { return in_child(&fork, [] { return log_ids("grandchild"); }); });
+}
+
+TEST(ForkedLog, AGrandchildWhoseParentNeverLoggedHasItsIds) {
+  expect_right_ids(run_scenario("logs_in_a_grandchild"), {"parent", "grandchild"});
+}
+
+SCENARIO(logs_in_four_generations) {
+  log_ids("first");
+  return in_child(&fork, [] {
+    log_ids("second");
+    return in_child(&fork, [] {
+      log_ids("third");
+      const int status = in_child(&fork, [] { return log_ids("fourth"); });
+      log_ids("third");
+      return status;
+    });
+  });
+}
+
+TEST(ForkedLog, EveryGenerationHasItsIds) {
+  expect_right_ids(run_scenario("logs_in_four_generations"),
+                   {"first", "second", "third", "fourth", "third"});
+}
+
+SCENARIO(logs_in_a_raw_clone) {
+  log_ids("parent");
+  const int status = in_child(&raw_clone, [] {
+    log_ids("clone");
+    return in_child(&raw_clone, [] { return log_ids("cloneclone"); });
+  });
+  log_ids("parent");
+  return status;
+}
+
+TEST(ForkedLog, AChildThatNoForkHandlerSawHasItsIds) {
+  expect_right_ids(run_scenario("logs_in_a_raw_clone"),
+                   {"parent", "clone", "cloneclone", "parent"});
+}
+
+SCENARIO(logs_in_a_child_of_a_thread) {
+  log_ids("main");
+  int status = 1;
+  std::thread([&] {
+    log_ids("thread");
+    status = in_child(&fork, [] { return log_ids("child"); });
+    log_ids("thread");
+  }).join();
+  log_ids("main");
+  return status;
+}
+
+TEST(ForkedLog, AChildOfAThreadIsItsOwnMainThread) {
+  expect_right_ids(run_scenario("logs_in_a_child_of_a_thread"),
+                   {"main", "thread", "child", "thread", "main"});
+}
+
+#ifndef QV_SANITIZED
+// TSan refuses threads in the child of a process with threads.
+SCENARIO(logs_in_a_thread_of_a_child) {
+  log_ids("parent");
+  return in_child(&fork, [] {
+    std::thread([] { log_ids("thread"); }).join();
+    return log_ids("child");
+  });
+}
+
+TEST(ForkedLog, AThreadOfAChildHasItsIds) {
+  expect_right_ids(run_scenario("logs_in_a_thread_of_a_child"), {"parent", "thread", "child"});
+}
+#endif
+
+SCENARIO(logs_first_in_children) {
+  static const quorvane::Module module("test/fork");
+  const int first = in_child(&fork, [] { return log_ids("one"); });
+  const int second = in_child(&fork, [] { return log_ids("two"); });
+  return first + second + log_ids("parent");
+}
+
+TEST(ForkedLog, SiblingsForkedBeforeAnyRecordHaveTheirIds) {
+  expect_right_ids(run_scenario("logs_first_in_children"), {"one", "two", "parent"});
+}
+
+// ------------------------------------- when the kernel doesn't help tell a child
+
+// What is refused outlives exec, and so stands when the library is loaded.
+SCENARIO(loads_without_wiping) {
+  test::refuse(SYS_madvise, EINVAL, test::When{2, MADV_WIPEONFORK});
+  execl("/proc/self/exe", "log_fork_test", "--scenario", "logs_in_four_generations", nullptr);
+  return 1;
+}
+
+TEST(ForkedLog, IdsAreRightWhenTheKernelCannotWipeOnFork) {
+  expect_right_ids(run_scenario("loads_without_wiping"),
+                   {"first", "second", "third", "fourth", "third"});
+}
+
+#ifndef QV_SANITIZED
+// A sanitizer maps single pages itself and can't go on without them.
+// The refusal hits the first record's mapping: no record is written before it.
+SCENARIO(logs_where_no_page_can_be_mapped) {
+  test::refuse(SYS_mmap, ENOMEM, test::When{1, static_cast<std::uint32_t>(getpagesize())});
+  log_ids("parent");
+  const int status = in_child(&fork, [] { return log_ids("child"); });
+  return status + log_ids("parent");
+}
+
+TEST(ForkedLog, IdsAreRightWhenNoPageCanBeMapped) {
+  expect_right_ids(run_scenario("logs_where_no_page_can_be_mapped"), {"parent", "child", "parent"});
+}
+#endif
+
+// ----------------------------------------------------- forks beside busy threads
+
+// Rounds of each kind of child, what each thread does beside a round at most,
+// and the seconds after which a child hangs.
+constexpr int kForks = 200;
+constexpr int kStepsBesideAFork = 30;
+constexpr unsigned kHangs = 30;
+
+std::string name_of(const char* kind, int number) {
+  return std::string("test/") + kind + "/" + std::to_string(number);
+}
+
+// Everything that a child may do, ended by the alarm when it hangs.
+int use_all(int round) {
+  alarm(kHangs);
+  const quorvane::Module fresh(name_of("child", round).c_str());
+  QV_LOG(fresh, INFO, "child %d", round);
+  const quorvane::Module malformed("/child");
+  QV_LOG(malformed, DEBUG, "child %d", round);
+  errno = 0;
+  const bool read = qv_env_config_get_int("QV_TEST_BAD", 3) == 3;
+  const bool found = qv_module_find(name_of("child", round).c_str()) == fresh.get() &&
+                     qv_module_find("test/fork") != nullptr;
+  return read && found ? 0 : 1;
+}
+
+class BusyThreads {
+ public:
+  BusyThreads() {
+    start([this](int i) { QV_LOG(module_, INFO, "thread %d", i); });
+    start([](int i) { const quorvane::Module fresh(name_of("thread", i).c_str()); });
+    start([](int) { const quorvane::Module malformed("/thread"); });
+    start([](int i) { qv_module_find(name_of("thread", i).c_str()); });
+  }
+  ~BusyThreads() {
+    stop_ = true;
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+  }
+  BusyThreads(const BusyThreads&) = delete;
+  BusyThreads& operator=(const BusyThreads&) = delete;
+
+  // Lets the threads work, and waits until each of them does.
+  void wait_until_busy() {
+    for (std::atomic<int>& steps : steps_left_) {
+      steps = kStepsBesideAFork;
+    }
+    for (const std::atomic<int>& steps : steps_left_) {
+      while (steps == kStepsBesideAFork) {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  void start(std::function<void(int)> work) {
+    std::atomic<int>& steps = steps_left_.at(threads_.size());
+    threads_.emplace_back([this, &steps, work = std::move(work)] {
+      for (int i = 0; !stop_;) {
+        if (steps > 0) {
+          work(i++);
+          --steps;
+        } else {
+          std::this_thread::yield();
+        }
+      }
+    });
+  }
+
+  quorvane::Module module_{"test/fork"};
+  std::atomic<bool> stop_{false};
+  std::array<std::atomic<int>, 4> steps_left_{};
+  std::vector<std::thread> threads_;
+};
+
+SCENARIO(forks_beside_busy_threads) {
+  BusyThreads busy;
+  int failed = 0;
+  for (int round = 0; round < kForks; ++round) {
+    busy.wait_until_busy();
+    failed += in_child(&fork, [&] { return use_all(round); });
+  }
+  std::cout << failed;
+  return 0;
+}
+
+TEST(ForkedLog, NoChildHangsWhateverItsParentsThreadsDid) {
+  const Ran ran = run_scenario("forks_beside_busy_threads",
+                               {{"QV_LOG_FILE", "/dev/null"}, {"QV_TEST_BAD", "bad"}});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(ran.err, "");
+}
+
+// What exit runs, static destructors and all, must not wait for a lost thread.
+SCENARIO(children_exit_beside_busy_threads) {
+  int failed = 0;
+  {
+    BusyThreads busy;
+    for (int round = 0; round < kForks / 2; ++round) {
+      busy.wait_until_busy();
+      const pid_t child = fork();
+      if (child == 0) {
+        alarm(kHangs);
+        exit(log_ids("child"));
+      }
+      failed += status_of(child);
+    }
+  }
+  return failed == 0 ? 0 : 1;
+}
+
+std::string with_option(const char* variable, const std::string& option) {
+  const char* set = std::getenv(variable);
+  return set == nullptr ? option : std::string(set) + ":" + option;
+}
+
+TEST(ForkedLog, NoChildHangsAtItsExit) {
+  // A leak checker at exit takes the allocator's own locks, which a fork doesn't
+  // wait for, and a race detector makes every exit wait for a second.
+  const Ran ran =
+      run_scenario("children_exit_beside_busy_threads",
+                   {{"QV_LOG_FILE", "/dev/null"},
+                    {"ASAN_OPTIONS", with_option("ASAN_OPTIONS", "detect_leaks=0")},
+                    {"TSAN_OPTIONS", with_option("TSAN_OPTIONS", "atexit_sleep_ms=0")}});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.err, "");
+}
+
+SCENARIO(a_child_commits_what_its_parent_has_too) {
+  const quorvane::Module before("test/before");
+  const int status = in_child(&fork, [] {
+    const quorvane::Module inherited("test/before");
+    const quorvane::Module own("test/own");
+    QV_LOG(inherited, INFO, "inherited");
+    QV_LOG(own, INFO, "own");
+    return 0;
+  });
+  return status == 0 && qv_module_find("test/own") == nullptr ? 0 : 1;
+}
+
+TEST(ForkedLog, AChildsModulesAreItsOwn) {
+  const Ran ran = run_scenario("a_child_commits_what_its_parent_has_too");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.messages(), testing::ElementsAre("INFO inherited", "INFO own"));
+}
+
+}  // namespace
