@@ -1,0 +1,248 @@
+// The rules of the tree that a compiler alone doesn't hold.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path kUtil = fs::path(QV_SOURCE_DIR) / "util";
+const fs::path kHeaders = kUtil / "include" / "quorvane";
+
+std::vector<fs::path> sources_below(const fs::path& directory) {
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    const std::string extension = entry.path().extension();
+    if (extension == ".h" || extension == ".cpp") {
+      files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+struct CommandResult {
+  int status;
+  std::string output;
+};
+
+CommandResult run(const std::string& command) {
+  CommandResult result{-1, ""};
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) {
+    return result;
+  }
+  std::array<char, 4096> bytes;
+  std::size_t size;
+  while ((size = fread(bytes.data(), 1, bytes.size(), pipe)) > 0) {
+    result.output.append(bytes.data(), size);
+  }
+  result.status = pclose(pipe);
+  return result;
+}
+
+// --------------------------------------------------------------------- headers
+
+struct Compilation {
+  std::string header;
+  std::string standard;  // "c++17"
+};
+
+void PrintTo(const Compilation& row, std::ostream* out) {
+  *out << row.header << " as " << row.standard;
+}
+
+bool has_c_functions(const fs::path& header) {
+  return test::read_file(header).find("extern \"C\" {") != std::string::npos;
+}
+
+std::vector<Compilation> compilations() {
+  std::vector<Compilation> all;
+  for (const fs::path& header : sources_below(kHeaders)) {
+    all.push_back({header.filename(), "c++17"});
+    all.push_back({header.filename(), "c++20"});
+    if (has_c_functions(header)) {
+      all.push_back({header.filename(), "c11"});
+    }
+  }
+  return all;
+}
+
+class Header : public testing::TestWithParam<Compilation> {};
+
+TEST_P(Header, CompilesAloneWithoutWarnings) {
+  const Compilation& row = GetParam();
+  const bool is_c = row.standard == "c11";
+  const test::TempDir dir;
+  const std::string file = dir.file(is_c ? "alone.c" : "alone.cpp");
+  test::write_file(file, "#include <quorvane/" + row.header + ">\n");
+  const CommandResult result =
+      run(std::string(is_c ? QV_C_COMPILER : QV_CXX_COMPILER) + " -std=" + row.standard +
+          " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" + (kUtil / "include").string() +
+          " " + file);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.output, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Exported, Header, testing::ValuesIn(compilations()));
+
+TEST(Headers, ThoseWithCFunctionsAreForC) {
+  std::vector<std::string> names;
+  for (const fs::path& header : sources_below(kHeaders)) {
+    if (has_c_functions(header)) {
+      names.push_back(header.filename());
+    }
+  }
+  EXPECT_THAT(names,
+              testing::IsSupersetOf({"env_config.h", "fault.h", "log.h", "module.h", "stats.h"}));
+}
+
+TEST(Headers, ServeAProgramInC) {
+  const test::Ran ran =
+      test::run_program(QV_BINARY_DIR "/bin/house_c_program", {}, {{"QV_TEST_VALUE", "42"}});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.messages(),
+              testing::ElementsAre("INFO value 42", "INFO list", "ERROR expected 1"));
+}
+
+// ---------------------------------------------------------------------- floors
+
+// The floor of a file in util/, or nothing for one that has none yet.
+std::optional<int> floor_of(const fs::path& file) {
+  static const std::map<std::string, int> floors{{"export", 0},         {"process_generation", 0},
+                                                 {"fork_guard", 0},     {"log", 1},
+                                                 {"module", 2},         {"fault", 3},
+                                                 {"env_config", 3},     {"buffer", 4},
+                                                 {"tracer", 4},         {"circular_buffer_pool", 4},
+                                                 {"hasher", 5},         {"mmapped_file", 5},
+                                                 {"stats", 5},          {"stats_c", 5},
+                                                 {"stats_instance", 5}, {"cache", 6},
+                                                 {"store", 6},          {"file_store", 6}};
+  if (file.parent_path().filename() == "cache") {
+    return 6;
+  }
+  const auto found = floors.find(file.stem());
+  return found == floors.end() ? std::nullopt : std::optional<int>(found->second);
+}
+
+std::vector<std::string> includes_of(const fs::path& file) {
+  static const std::regex include(R"re(^\s*#\s*include\s*[<"]([^>"]+)[>"])re");
+  std::vector<std::string> names;
+  std::istringstream lines(test::read_file(file));
+  std::smatch match;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_search(line, match, include)) {
+      names.push_back(match[1]);
+    }
+  }
+  return names;
+}
+
+// Whether the name is one of our own headers, under any of its spellings.
+bool is_ours(const std::string& name) {
+  return name.rfind("quorvane/", 0) == 0 || fs::exists(kUtil / name) ||
+         fs::exists(kUtil / "src" / name);
+}
+
+TEST(Floors, EveryFileHasOne) {
+  for (const fs::path& file : sources_below(kUtil)) {
+    EXPECT_TRUE(floor_of(file)) << file << " needs a floor";
+  }
+}
+
+TEST(Floors, NoIncludeRunsUpwards) {
+  int arrows = 0;
+  for (const fs::path& file : sources_below(kUtil)) {
+    for (const std::string& name : includes_of(file)) {
+      if (is_ours(name)) {
+        EXPECT_LE(floor_of(name), floor_of(file)) << file << " includes " << name;
+        ++arrows;
+      }
+    }
+  }
+  EXPECT_GT(arrows, 20);
+}
+
+TEST(Floors, TheLibraryIncludesNothingFromOutside) {
+  for (const fs::path& file : sources_below(kUtil)) {
+    for (const std::string& name : includes_of(file)) {
+      EXPECT_THAT(name, testing::Not(
+                            testing::ContainsRegex("circmetrics|examples/|tests/|bench/|support/")))
+          << file;
+    }
+  }
+}
+
+TEST(Floors, ExportedHeadersIncludeOnlyExportedHeaders) {
+  for (const fs::path& file : sources_below(kHeaders)) {
+    for (const std::string& name : includes_of(file)) {
+      EXPECT_TRUE(!is_ours(name) || name.rfind("quorvane/", 0) == 0)
+          << file << " includes " << name;
+    }
+  }
+}
+
+// --------------------------------------------------------------------- symbols
+
+#ifndef QV_SANITIZED
+// A sanitizer adds symbols of its own.
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// One list for every compiler: what it inlines or not is its own affair, so the
+// weak copies of inline functions don't count.
+std::vector<std::string> exported_symbols() {
+  const CommandResult result =
+      run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/libQVUtil.so");
+  EXPECT_EQ(result.status, 0) << result.output;
+  std::vector<std::string> names;
+  for (const std::string& line : lines_of(result.output)) {
+    std::istringstream fields(line);
+    std::string name;
+    std::string type;
+    fields >> name >> type;
+    const bool is_class_data = name.rfind("_ZT", 0) == 0;
+    if (type != "A" && ((type != "W" && type != "V" && type != "u") || is_class_data)) {
+      names.push_back(name.substr(0, name.find('@')));
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(ExportedSymbols, AreTheListInTheRepository) {
+  EXPECT_THAT(exported_symbols(),
+              testing::ElementsAreArray(lines_of(test::read_file(kUtil / "QVUtil.symbols"))))
+      << "when the change is meant, put the library's list into util/QVUtil.symbols";
+}
+
+TEST(ExportedSymbols, AreOurs) {
+  for (const std::string& name : exported_symbols()) {
+    EXPECT_THAT(name, testing::ContainsRegex("^qv_|quorvane|^_Z[0-9]+qv_")) << name;
+  }
+}
+#endif
+
+}  // namespace
