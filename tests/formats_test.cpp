@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <regex>
 #include <string>
 
@@ -16,6 +17,14 @@
 #include "support/temp_dir.h"
 
 namespace {
+
+// The recorder lies beside the library, and is found there unless a sanitizer
+// calls dlopen in the library's place.
+#ifdef QV_SANITIZED
+const std::optional<std::string> RECORDER_PATH = QV_BINARY_DIR "/lib";
+#else
+const std::optional<std::string> RECORDER_PATH;
+#endif
 
 using quorvane::util::RoBuffer;
 using test::Ran;
@@ -114,8 +123,9 @@ TEST_F(FormatsDocument, ShowsTheBytesOfALogRecord) {
 
 TEST_F(FormatsDocument, ShowsTheBytesOfAStatisticsReport) {
   const std::string file = dir_.file("reports");
-  ASSERT_TRUE(
-      test::run_scenario("report_statistics", {{"QV_STATS_REPORT_FILE", file}}).exited_with(0));
+  ASSERT_TRUE(test::run_scenario("report_statistics", {{"QV_STATS_REPORT_FILE", file},
+                                                       {"LD_LIBRARY_PATH", RECORDER_PATH}})
+                  .exited_with(0));
   const std::string report =
       replaced(test::read_file(file), R"(^\{"ts": \d+,)", R"({"ts": 1709294400,)");
   EXPECT_EQ(documented("report"), hexdump(report));

@@ -12,9 +12,9 @@ namespace {
 
 using quorvane::cache::Cache;
 
-OpenedCache volatile_cache(const Options& options, const std::string& complaint) {
+std::unique_ptr<Cache> volatile_cache(const Options& options, const std::string& complaint) {
   complain(complaint + "; going on without a store");
-  return {std::make_unique<Cache>(options.store, nullptr, true), false};
+  return std::make_unique<Cache>(options.store, nullptr, true);
 }
 
 }  // namespace
@@ -25,16 +25,20 @@ OpenedCache open_cache(const Options& options) {
   // meant, unless the user says otherwise.
   setenv("QV_CACHE_STORE_CLEANUP_THRESHOLD", "0", 0);
   auto store = quorvane::cache::make_file_store(quorvane::cache::StoreKind::basic, options.store);
+  OpenedCache opened;
   if (!store->is_valid()) {
-    return volatile_cache(options, options.root + ": not a directory that a store can be kept in");
+    opened.cache =
+        volatile_cache(options, options.root + ": not a directory that a store can be kept in");
+    return opened;
   }
-  auto cache = std::make_unique<Cache>(options.store, std::move(store), true);
-  if (!cache->is_valid()) {
-    cache.reset();
-    return volatile_cache(options, options.root + "/" + options.store +
-                                       ": damaged or unreadable store (delete it to start anew)");
+  opened.cache = std::make_unique<Cache>(options.store, std::move(store), true);
+  opened.persistent = opened.cache->is_valid();
+  if (!opened.persistent) {
+    opened.cache = volatile_cache(options, options.root + "/" + options.store +
+                                               ": damaged or unreadable store (delete it to start "
+                                               "anew)");
   }
-  return {std::move(cache), true};
+  return opened;
 }
 
 std::uint64_t store_size(const Options& options) {
