@@ -26,8 +26,8 @@ void refuse(long number, int error, std::optional<When> when) {
   std::vector<sock_filter> program{load(offsetof(seccomp_data, nr))};
   if (when) {
     program.push_back(jump(static_cast<std::uint32_t>(number), 0, 3));
-    program.push_back(load(offsetof(seccomp_data, args) +
-                           8 * static_cast<std::size_t>(when->index)));
+    program.push_back(
+        load(offsetof(seccomp_data, args) + 8 * static_cast<std::size_t>(when->index)));
     program.push_back(when->negate ? jump(when->value, 1, 0) : jump(when->value, 0, 1));
   } else {
     program.push_back(jump(static_cast<std::uint32_t>(number), 0, 1));

@@ -64,10 +64,10 @@ pid_t start(const std::string& path, std::vector<std::string> argv, std::vector<
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, out_file.c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, err_file.c_str(),
-                                   O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_addopen(&actions, 1, out_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                   0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                   0644);
   pid_t pid = -1;
   const int error = posix_spawn(&pid, path.c_str(), &actions, nullptr, pointers(argv).data(),
                                 pointers(block).data());
@@ -103,14 +103,13 @@ Ran run_program(const std::string& path, const Arguments& arguments,
   const TempDir dir;
   const auto log = environment.find("QV_LOG_FILE");
   const bool own_log = log != environment.end();
-  const std::string log_file =
-      own_log ? log->second.value_or("") : dir.file("log");
+  const std::string log_file = own_log ? log->second.value_or("") : dir.file("log");
   std::vector<std::string> argv{path};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
 
   Ran ran;
-  ran.pid = start(path, argv, environment_block(environment, log_file), dir.file("out"),
-                  dir.file("err"));
+  ran.pid =
+      start(path, argv, environment_block(environment, log_file), dir.file("out"), dir.file("err"));
   if (waitpid(ran.pid, &ran.status, 0) != ran.pid) {
     throw std::runtime_error("waitpid");
   }

@@ -26,8 +26,8 @@ struct ScenarioRegistration {
 };
 
 // A scenario returns its exit status.
-#define SCENARIO(name)                                                                   \
-  static int scenario_##name(const ::test::Arguments& arguments);                        \
+#define SCENARIO(name)                                                                    \
+  static int scenario_##name(const ::test::Arguments& arguments);                         \
   static const ::test::ScenarioRegistration registration_##name(#name, &scenario_##name); \
   static int scenario_##name([[maybe_unused]] const ::test::Arguments& arguments)
 
@@ -40,7 +40,7 @@ struct Ran {
   int status = 0;  // as waitpid(2) gives it
   std::string out;
   std::string err;
-  std::string log;               // the bytes of the log file
+  std::string log;                 // the bytes of the log file
   std::vector<LogRecord> records;  // the same, parsed; a malformed line fails the test
 
   bool exited_with(int code) const;
