@@ -19,6 +19,14 @@ foreach(symbol
   add_fake_recorder(without_${symbol} WITHOUT_${symbol})
 endforeach()
 
+# A library that needs the fake recorder and so keeps it loaded.
+add_library(stats_test_holder SHARED stats_test/holder.cpp)
+target_link_libraries(stats_test_holder PRIVATE qv_warnings stats_test_fake)
+target_link_options(stats_test_holder PRIVATE -Wl,--no-as-needed)
+set_target_properties(stats_test_holder PROPERTIES
+  LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/stats_test")
+add_dependencies(stats_test stats_test_holder)
+
 # A program whose own run path can't be what finds the recorder.
 add_executable(stats_test_loader stats_test/loader.cpp)
 target_link_libraries(stats_test_loader PRIVATE qv_warnings ${CMAKE_DL_LIBS})
