@@ -21,30 +21,24 @@ const quorvane::Module g_module("util/buffer_pool");
 // What the tracer knows the pool's operations by.
 enum class Operation : unsigned { kAllocate = 14, kDeallocate = 15, kFree = 16 };
 
+constexpr unsigned kStart = 1543;
+constexpr unsigned kEnd = 1544;
+
 bool is_traced() { return &qvtracer::util::write_trace != nullptr; }
 
-// The two reports of one operation, which share a scratch record.
+// The reports of one operation share a scratch record.
 class Trace {
  public:
-  Trace(const CircularBufferPool* pool, Operation operation, const _qv_trace_rpc_t* rpc)
-      : pool_(pool), operation_(operation), rpc_(rpc) {}
-
-  void start(const void* ptr, std::uint64_t size, const void* position) {
-    report(1543, ptr, size, position);
-  }
-  void end(const void* ptr, std::uint64_t size, const void* position) {
-    report(1544, ptr, size, position);
+  // Kept out of the operations' straight path: few processes have a tracer.
+  __attribute__((cold, noinline)) void report(const CircularBufferPool* pool,
+                                              const _qv_trace_rpc_t* rpc, unsigned event,
+                                              Operation operation, const void* ptr,
+                                              std::uint64_t size, const void* position) {
+    qvtracer::util::write_trace(rpc, &record_, event, static_cast<unsigned>(operation), pool, ptr,
+                                reinterpret_cast<const void*>(size), position);
   }
 
  private:
-  void report(unsigned event, const void* ptr, std::uint64_t size, const void* position) {
-    qvtracer::util::write_trace(rpc_, &record_, event, static_cast<unsigned>(operation_), pool_,
-                                ptr, reinterpret_cast<const void*>(size), position);
-  }
-
-  const CircularBufferPool* pool_;
-  Operation operation_;
-  const _qv_trace_rpc_t* rpc_;
   _qv_trace_rpc_t record_;
 };
 
@@ -94,9 +88,10 @@ void CircularBufferPool::map_file(int fd, std::uint64_t offset) {
 }
 
 RwBuffer CircularBufferPool::allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept {
-  Trace trace(this, Operation::kAllocate, rpc);
+  Trace trace;
   if (is_traced()) {
-    trace.start(nullptr, size, at(head_.load(std::memory_order_relaxed)));
+    trace.report(this, rpc, kStart, Operation::kAllocate, nullptr, size,
+                 at(head_.load(std::memory_order_relaxed)));
   }
   const std::uint64_t rounded = round_up(size);
   if (length_ < size) {
@@ -106,70 +101,68 @@ RwBuffer CircularBufferPool::allocate(unsigned long size, const _qv_trace_rpc_t*
   }
   std::unique_lock<std::mutex> lock(mutex_);
   while (rounded > free_bytes()) {
+    ++waiters_;
     space_.wait(lock);
+    --waiters_;
   }
-  const std::uint64_t head = head_.load(std::memory_order_relaxed);
-  RwBuffer buffer(at(head), rounded, this);
-  head_.store(head + rounded, std::memory_order_relaxed);
+  RwBuffer buffer(base_ + head_offset_, rounded, this);
+  const std::uint64_t head = head_.load(std::memory_order_relaxed) + rounded;
+  head_.store(head, std::memory_order_relaxed);
+  head_offset_ = advanced(head_offset_, rounded, head);
   if (is_traced()) {
-    trace.end(buffer.get_buffer(), rounded, at(head + rounded));
+    trace.report(this, rpc, kEnd, Operation::kAllocate, buffer.get_buffer(), rounded,
+                 base_ + head_offset_);
   }
   return buffer;
 }
 
 void CircularBufferPool::deallocate(void* ptr, unsigned long size,
                                     const _qv_trace_rpc_t* rpc) noexcept {
-  Trace trace(this, Operation::kDeallocate, rpc);
+  Trace trace;
   const std::uint64_t rounded = round_up(size);
   std::unique_lock<std::mutex> lock(mutex_);
-  const std::uint64_t head = head_.load(std::memory_order_relaxed);
   if (is_traced()) {
-    trace.start(ptr, rounded, at(head));
+    trace.report(this, rpc, kStart, Operation::kDeallocate, ptr, rounded, base_ + head_offset_);
   }
-  unsigned char* const expected = at(head - rounded);
-  if (ptr != expected) {
+  const std::uint64_t head = head_.load(std::memory_order_relaxed) - rounded;
+  const std::uint64_t offset = rounded <= head_offset_ ? head_offset_ - rounded : head % length_;
+  if (ptr != base_ + offset) {
     log_and_abort("CircularBufferPool::deallocate called in wrong order. Expected %p, actual %p.",
-                  static_cast<void*>(expected), ptr);
+                  static_cast<void*>(base_ + offset), ptr);
   }
-  head_.store(head - rounded, std::memory_order_relaxed);
+  head_.store(head, std::memory_order_relaxed);
+  head_offset_ = offset;
   if (is_traced()) {
-    trace.end(ptr, rounded, ptr);
+    trace.report(this, rpc, kEnd, Operation::kDeallocate, ptr, rounded, ptr);
   }
+  const bool is_awaited = waiters_ > 0;
   lock.unlock();
-  space_.notify_all();
+  if (is_awaited) {
+    space_.notify_all();
+  }
 }
 
 void CircularBufferPool::free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept {
-  Trace trace(this, Operation::kFree, rpc);
+  Trace trace;
   const std::uint64_t rounded = round_up(size);
   std::unique_lock<std::mutex> lock(mutex_);
   if (is_traced()) {
-    trace.start(ptr, rounded, at(tail_));
+    trace.report(this, rpc, kStart, Operation::kFree, ptr, rounded, base_ + tail_offset_);
   }
-  unsigned char* const expected = at(tail_);
-  if (ptr != expected) {
+  if (ptr != base_ + tail_offset_) {
     log_and_abort("CircularBufferPool::free called in wrong order. Expected %p, actual %p.",
-                  static_cast<void*>(expected), ptr);
+                  static_cast<void*>(base_ + tail_offset_), ptr);
   }
   tail_ += rounded;
+  tail_offset_ = advanced(tail_offset_, rounded, tail_);
   if (is_traced()) {
-    trace.end(ptr, rounded, at(tail_));
+    trace.report(this, rpc, kEnd, Operation::kFree, ptr, rounded, base_ + tail_offset_);
   }
+  const bool is_awaited = waiters_ > 0;
   lock.unlock();
-  space_.notify_all();
-}
-
-std::uint64_t CircularBufferPool::round_up(std::uint64_t size) const {
-  return (size + alignment_ - 1) & ~(alignment_ - 1);
-}
-
-unsigned char* CircularBufferPool::at(std::uint64_t counter) const {
-  return base_ + counter % length_;
-}
-
-// With the mutex held.
-std::uint64_t CircularBufferPool::free_bytes() const {
-  return length_ - (head_.load(std::memory_order_relaxed) - tail_);
+  if (is_awaited) {
+    space_.notify_all();
+  }
 }
 
 }  // namespace util

@@ -22,6 +22,14 @@ void copy_bytes(void* dst, const void* src, std::size_t n) {
   }
 }
 
+void give_back(CircularBufferPool* pool, bool is_free, unsigned char* data, std::size_t size) {
+  if (is_free) {
+    pool->free(data, size, nullptr);
+  } else {
+    pool->deallocate(data, size, nullptr);
+  }
+}
+
 }  // namespace
 
 BufferBase& BufferBase::operator=(BufferBase&& other) noexcept {
@@ -64,8 +72,10 @@ RwBuffer::RwBuffer(std::size_t size) {
   size_ = size;
 }
 
-RwBuffer::RwBuffer(unsigned char* data, std::size_t size, CircularBufferPool* pool)
-    : BufferBase(nullptr, data, size), pool_(pool) {}
+RwBuffer::RwBuffer(unsigned char* data, std::size_t size, CircularBufferPool* pool) : pool_(pool) {
+  data_ = data;
+  size_ = size;
+}
 
 RwBuffer::RwBuffer(RwBuffer&& other) noexcept
     : BufferBase(static_cast<BufferBase&&>(other)),
@@ -74,7 +84,9 @@ RwBuffer::RwBuffer(RwBuffer&& other) noexcept
 
 RwBuffer& RwBuffer::operator=(RwBuffer&& other) noexcept {
   if (this != &other) {
-    give_back();
+    if (pool_ != nullptr) {
+      give_back(pool_, pool_release_is_free_, data_, size_);
+    }
     BufferBase::operator=(static_cast<BufferBase&&>(other));
     pool_release_is_free_ = other.pool_release_is_free_;
     pool_ = std::exchange(other.pool_, nullptr);
@@ -82,18 +94,11 @@ RwBuffer& RwBuffer::operator=(RwBuffer&& other) noexcept {
   return *this;
 }
 
-RwBuffer::~RwBuffer() { give_back(); }
-
-void RwBuffer::give_back() noexcept {
-  if (pool_ == nullptr) {
-    return;
+RwBuffer::~RwBuffer() {
+  if (pool_ != nullptr) {
+    give_back(pool_, pool_release_is_free_, data_, size_);
+    pool_ = nullptr;
   }
-  if (pool_release_is_free_) {
-    pool_->free(data_, size_, nullptr);
-  } else {
-    pool_->deallocate(data_, size_, nullptr);
-  }
-  pool_ = nullptr;
 }
 
 bool BufferReader::get_raw(void* dst, std::size_t n) {

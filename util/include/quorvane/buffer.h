@@ -103,9 +103,6 @@ class QV_EXPORT RwBuffer : public BufferBase {
   BufferWriter writer();
 
  private:
-  friend class RoBuffer;
-  void give_back() noexcept;
-
   bool pool_release_is_free_ = false;
   CircularBufferPool* pool_ = nullptr;
 };

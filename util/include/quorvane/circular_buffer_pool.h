@@ -51,9 +51,18 @@ class QV_EXPORT CircularBufferPool {
  private:
   void map_region();
   void map_file(int fd, std::uint64_t offset);
-  std::uint64_t round_up(std::uint64_t size) const;
-  unsigned char* at(std::uint64_t counter) const;
-  std::uint64_t free_bytes() const;
+
+  std::uint64_t round_up(std::uint64_t size) const {
+    return (size + alignment_ - 1) & ~(alignment_ - 1);
+  }
+  unsigned char* at(std::uint64_t counter) const { return base_ + counter % length_; }
+  std::uint64_t advanced(std::uint64_t offset, std::uint64_t size, std::uint64_t counter) const {
+    return size < length_ - offset ? offset + size : counter % length_;
+  }
+  // With the mutex held.
+  std::uint64_t free_bytes() const {
+    return length_ - (head_.load(std::memory_order_relaxed) - tail_);
+  }
 
   std::uint64_t alignment_ = 64;
   std::mutex mutex_;
@@ -64,6 +73,10 @@ class QV_EXPORT CircularBufferPool {
   // Bytes ever lent, less those taken back by deallocate. Written under the
   // mutex; the tracer is told of it before the mutex is taken.
   std::atomic<std::uint64_t> head_{0};
+  // Both counters modulo length_, since dividing takes as long as a lock does.
+  std::uint64_t tail_offset_ = 0;
+  std::uint64_t head_offset_ = 0;
+  std::uint64_t waiters_ = 0;  // allocators asleep, whom a release wakes
 };
 
 }  // namespace util
