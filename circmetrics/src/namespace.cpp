@@ -30,8 +30,9 @@ Namespace* Namespace::find_or_make_namespace(const char* name) {
   if (found != entries_.end()) {
     return found->second.inner.get();
   }
-  Entry entry{std::make_unique<Namespace>(), nullptr};
-  return entries_.emplace(name, std::move(entry)).first->second.inner.get();
+  Entry& made = entries_[name];
+  made.inner = std::make_unique<Namespace>();
+  return made.inner.get();
 }
 
 Metric* Namespace::find_or_make_metric(const char* name, int type) {
