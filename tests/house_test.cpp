@@ -233,9 +233,12 @@ std::vector<std::string> exported_symbols() {
 }
 
 TEST(ExportedSymbols, AreTheListInTheRepository) {
-  EXPECT_THAT(exported_symbols(),
-              testing::ElementsAreArray(lines_of(test::read_file(kUtil / "QVUtil.symbols"))))
-      << "when the change is meant, put the library's list into util/QVUtil.symbols";
+  std::string list;
+  for (const std::string& name : exported_symbols()) {
+    list += name + "\n";
+  }
+  EXPECT_EQ(list, test::read_file(kUtil / "QVUtil.symbols"))
+      << "when the change is meant, apply the difference to util/QVUtil.symbols";
 }
 
 TEST(ExportedSymbols, AreOurs) {

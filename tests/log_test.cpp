@@ -310,6 +310,16 @@ TEST(LogRecord, DateIsWhatGmtimeGivesAtManyInstants) {
   tzset();
 }
 
+TEST(LogRecord, AThreadsFirstMayFallIntoTheSecondBeforeTheEpoch) {
+  Writes file;
+  LoggingModuleData outlet{file.fd(), 0, QV_LOG_LEVEL_ALL};
+  std::thread([&] {
+    const FakeTime time(-1, 5);
+    log_to(outlet, QV_LOG_LEVEL_INFO, "x");
+  }).join();
+  EXPECT_EQ(file.take_one().substr(8, 28), "1969-12-31T23:59:59.000005Z,");
+}
+
 TEST(LogRecord, TimeLiesBetweenTwoReadingsOfTheClock) {
   Writes file;
   LoggingModuleData outlet{file.fd(), 0, QV_LOG_LEVEL_ALL};

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <mutex>
 #include <string_view>
 
@@ -56,7 +57,7 @@ std::string_view level_prefix(qv_log_level_t level) {
 // thread keeps it; a child of fork, whose ids differ, starts afresh.
 struct Kept {
   std::uint64_t generation = 0;
-  std::int64_t second = -1;
+  std::int64_t second = std::numeric_limits<std::int64_t>::min();
   unsigned date_length = 0;
   unsigned ids_length = 0;
   std::array<char, 48> date{};  // "2024-03-01T12:00:00."
