@@ -150,9 +150,14 @@ void CircMetricsModule::report_now() {
 void CircMetricsModule::append_report() {
   leave_parents_file();
   lock_file(report_fd_, LOCK_EX);
-  dprintf(report_fd_, "{\"ts\": %lu, \"log\":", static_cast<unsigned long>(time(nullptr)));
+  // Not dprintf: a child forked in the middle of it would flush its buffer once
+  // more at exit, into someone else's line.
+  char head[64];
+  const int length = std::snprintf(
+      head, sizeof head, "{\"ts\": %lu, \"log\":", static_cast<unsigned long>(time(nullptr)));
+  write_report(this, head, static_cast<std::size_t>(length));
   output_json_(recorder_, 1, 0, &write_report, this);
-  dprintf(report_fd_, "}\n");
+  write_report(this, "}\n", 2);
   lock_file(report_fd_, LOCK_UN);
 }
 
