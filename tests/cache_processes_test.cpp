@@ -247,13 +247,15 @@ constexpr unsigned kHangSeconds = 60;
 class BusyThreads {
  public:
   explicit BusyThreads(Cache& cache) {
-    start([&cache](int i) { cache.get_value(buffer("k" + std::to_string(i % 50))); });
-    start([&cache](int i) { add(cache, "k" + std::to_string(i % 500), "busy"); });
+    start([&cache, key = buffer("k1")](int) { cache.get_value(key); });
     start([](int) {
       QV_LOG(static_cast<quorvane::module::Module*>(qv_module_find("util/src/cache")), INFO,
              "busy");
     });
+#ifndef QV_SANITIZED  // whose allocators a fork may catch locked
+    start([&cache](int i) { add(cache, "k" + std::to_string(i % 500), "busy"); });
     start([](int) { maps_cache(); });
+#endif
   }
   ~BusyThreads() {
     done_ = true;
