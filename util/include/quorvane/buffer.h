@@ -56,10 +56,10 @@ class QV_EXPORT RoBuffer : public BufferBase {
   // Empty: null and size 0.
   RoBuffer() = default;
 
-  // Takes the bytes of `other` over and leaves it empty. Bytes lent by a pool
+  // Takes the bytes of `other` over and leaves it empty; implicit, so that a
+  // filled buffer becomes a key by being returned. Bytes lent by a pool
   // can't be taken over: such an `other` ends the process when it is destroyed.
-  RoBuffer(RwBuffer&& other) noexcept;  // NOLINT(google-explicit-constructor): a filled buffer
-                                        // becomes a key by being returned
+  RoBuffer(RwBuffer&& other) noexcept;
 
   // Owns a copy of `size` bytes. Empty when `size` is 0.
   static RoBuffer copy(const void* data, std::size_t size);
