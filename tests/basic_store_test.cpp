@@ -116,7 +116,7 @@ TEST(BasicStoreEntry, IsWrittenAsMagicNumberKeyAndValue) {
 }
 
 SCENARIO(entry_without_room) {
-  for (const std::size_t size : {3, 12, 30}) {
+  for (const std::size_t size : {3u, 12u, 30u}) {
     RwBuffer bytes(size);
     quorvane::util::BufferWriter writer = bytes.writer();
     std::printf("%d", BasicStore::write_entry(writer, buffer("abc"), buffers({"ab", "c"})));

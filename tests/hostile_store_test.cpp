@@ -93,7 +93,8 @@ class GrowthLimit {
 #ifndef QV_SANITIZED  // whose runtimes reserve address space as they go
     std::size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
-    set(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes + kSlack);
+    constexpr std::size_t slack = 512 * 1024;
+    set(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes + slack);
 #endif
   }
   ~GrowthLimit() { set(RLIM_INFINITY); }
@@ -101,8 +102,6 @@ class GrowthLimit {
   GrowthLimit& operator=(const GrowthLimit&) = delete;
 
  private:
-  static constexpr std::size_t kSlack = 512 * 1024;
-
   static void set(rlim_t limit) {
     const rlimit now{limit, RLIM_INFINITY};
     setrlimit(RLIMIT_AS, &now);
