@@ -484,17 +484,31 @@ TEST(CircularBufferPoolDeath, AbortsWhenDeallocateSkipsTheNewest) {
                                      second + ", actual " + first + "."});
 }
 
-SCENARIO(build_a_bad_pool_with_the_module_off) {
+SCENARIO(build_a_bad_pool_at_the_modules_level) {
   auto* const module = static_cast<quorvane::module::Module*>(qv_module_find("util/buffer_pool"));
-  module->level = QV_LOG_LEVEL_OFF;
+  module->level = static_cast<qv_log_level_t>(std::stoi(arguments.at(0)));
   const CircularBufferPool pool(1);
   return 0;
 }
 
-TEST(CircularBufferPoolDeath, LogsBeforeItAbortsThoughItsModuleIsOff) {
-  const auto ran = test::run_scenario("build_a_bad_pool_with_the_module_off");
+TEST(CircularBufferPoolDeath, LogsBeforeItAbortsWhenItsModuleStandsAtError) {
+  const auto ran = test::run_scenario("build_a_bad_pool_at_the_modules_level", {}, {"1"});
   EXPECT_TRUE(ran.aborted());
   EXPECT_EQ(ran.messages(), Messages{"ERROR Buffer pool must be a multiple of page size"});
+}
+
+TEST(CircularBufferPoolDeath, AbortsWithoutARecordWhenItsModuleIsOff) {
+  const auto ran = test::run_scenario("build_a_bad_pool_at_the_modules_level", {}, {"0"});
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_EQ(ran.messages(), Messages{});
+  EXPECT_EQ(ran.err, "");
+}
+
+TEST(CircularBufferPoolDeath, AbortsWithoutARecordWhenTheEnvironmentTurnsLoggingOff) {
+  const auto ran = test::run_scenario("release_out_of_order", {{"QV_LOG_LEVEL", "OFF"}}, {"free"});
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_EQ(ran.messages(), Messages{});
+  EXPECT_EQ(ran.err, "");
 }
 
 void expect_reports(const std::vector<Report>& reports, const CircularBufferPool& pool, unsigned op,

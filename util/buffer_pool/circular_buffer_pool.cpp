@@ -42,12 +42,14 @@ class Trace {
   _qv_trace_rpc_t record_;
 };
 
-// The module's level isn't asked: the process should not end without a word.
+// A module at OFF keeps quiet even now, as it does for every other record.
 [[noreturn]] __attribute__((format(printf, 1, 2))) void log_and_abort(const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  qv_logv_do(g_module.get(), QV_LOG_LEVEL_ERROR, 0, format, arguments);
-  va_end(arguments);
+  if (g_module->level >= QV_LOG_LEVEL_ERROR) {
+    va_list arguments;
+    va_start(arguments, format);
+    qv_logv_do(g_module.get(), QV_LOG_LEVEL_ERROR, 0, format, arguments);
+    va_end(arguments);
+  }
   std::abort();
 }
 
