@@ -285,6 +285,21 @@ TEST(FaultAssertion, NamesItsOwnLineAndTakesAModuleHandle) {
                           ran.out + ")"));
 }
 
+SCENARIO(asserts_something_with_a_remainder) {
+  const quorvane::Module module("test/fault");
+  const int size = 3;
+  const int step = 3;
+  QV_FAULT_ASSERT_AT(module, size % step == 1, "test", 1);
+  return 0;
+}
+
+TEST(FaultAssertion, QuotesAPercentSign) {
+  const Ran ran = run_scenario("asserts_something_with_a_remainder");
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_THAT(ran.messages(),
+              ElementsAre("ERROR QV_FAULT_ASSERT: assertion (size % step == 1) failed (test:1)"));
+}
+
 // ---------------------------------------------------------------- stack traces
 
 // Not at null, which the sanitizers look for.

@@ -63,8 +63,11 @@ bool expectation_failed(void* module, int severity, const char* condition, const
   return false;
 }
 
-void assertion_failed(void* module, const char* format, const char* source, int line) {
-  qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, format, source, line);
+// The condition is an argument and no part of the format: one with a remainder
+// in it, as in "size % step", would read arguments that aren't there.
+void assertion_failed(void* module, const char* condition, const char* source, int line) {
+  qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, "QV_FAULT_ASSERT: assertion (%s) failed (%s:%d)",
+            condition, source, line);
   std::abort();
 }
 

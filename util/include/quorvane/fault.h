@@ -52,20 +52,17 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 
 // QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
 // the condition holds.
-#define QV_FAULT_ASSERT_AT(module, condition, source, line) \
-  (static_cast<bool>(condition)                             \
-       ? static_cast<void>(0)                               \
-       : ::quorvane::fault::assertion_failed(               \
-             qv_log_module_pointer(module),                 \
-             "QV_FAULT_ASSERT: assertion (" #condition ") failed (%s:%d)", source, line))
+#define QV_FAULT_ASSERT_AT(module, condition, source, line)            \
+  (static_cast<bool>(condition) ? static_cast<void>(0)                 \
+                                : ::quorvane::fault::assertion_failed( \
+                                      qv_log_module_pointer(module), #condition, source, line))
 
 // The same at the site's own line.
-#define QV_FAULT_ASSERT(module, condition, source) \
-  (static_cast<bool>(condition)                    \
-       ? static_cast<void>(0)                      \
-       : ::quorvane::fault::assertion_failed(      \
-             qv_log_module_pointer(module),        \
-             "QV_FAULT_ASSERT: assertion (" #condition ") failed (%s:%d)", source, __LINE__))
+#define QV_FAULT_ASSERT(module, condition, source)                                              \
+  (static_cast<bool>(condition)                                                                 \
+       ? static_cast<void>(0)                                                                   \
+       : ::quorvane::fault::assertion_failed(qv_log_module_pointer(module), #condition, source, \
+                                             __LINE__))
 
 // End of the public interface.
 
@@ -75,8 +72,8 @@ namespace fault {
 // Always returns false.
 QV_EXPORT bool expectation_failed(void* module, int severity, const char* condition,
                                   const char* source, int line);
-[[noreturn]] QV_EXPORT void assertion_failed(void* module, const char* format, const char* source,
-                                             int line);
+[[noreturn]] QV_EXPORT void assertion_failed(void* module, const char* condition,
+                                             const char* source, int line);
 
 }  // namespace fault
 }  // namespace quorvane
