@@ -9,9 +9,11 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -19,6 +21,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <functional>
@@ -44,6 +47,8 @@ thread_local const timeval* t_fake_time = nullptr;
 thread_local int t_time_calls = 0;
 thread_local std::function<ssize_t(int, const void*, size_t)>* t_fake_write = nullptr;
 
+const char* g_fake_host = nullptr;
+
 std::atomic<long> g_allocations{0};
 
 }  // namespace
@@ -55,6 +60,20 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict zone) noex
     return 0;
   }
   return static_cast<int>(syscall(SYS_gettimeofday, now, zone));
+}
+
+extern "C" int gethostname(char* name, size_t size) noexcept {
+  utsname system{};
+  if (g_fake_host == nullptr && uname(&system) != 0) {
+    return -1;
+  }
+  const std::string host = g_fake_host != nullptr ? g_fake_host : system.nodename;
+  std::memcpy(name, host.c_str(), std::min(size, host.size() + 1));
+  if (size <= host.size()) {
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  return 0;
 }
 
 // A race detector lets signals through only in calls that it knows to block.
@@ -740,7 +759,8 @@ TEST(QvLog, AModuleAtOffWritesOnlyOffRecords) {
 
 // ----------------------------------------------------------------- the outlet
 
-// "fd error_fd level flags": fd is "file" or what it is, flags those that stick.
+// "fd error_fd level flags": fd is "file" or what it is, flags those that stick
+// and whether a program that this process becomes has the file open too.
 SCENARIO(tells_its_outlet) {
   const LoggingModuleData* outlet = get_singleton_outlet();
   const int flags = outlet->fd < 0 ? 0 : fcntl(outlet->fd, F_GETFL);
@@ -748,7 +768,8 @@ SCENARIO(tells_its_outlet) {
             << " " << outlet->level;
   if (outlet->fd >= 0) {
     std::cout << ((flags & O_ACCMODE) == O_WRONLY ? " writes" : " other mode")
-              << (flags & O_APPEND ? " append" : "") << ((flags & O_SYNC) == O_SYNC ? " sync" : "");
+              << (flags & O_APPEND ? " append" : "") << ((flags & O_SYNC) == O_SYNC ? " sync" : "")
+              << (fcntl(outlet->fd, F_GETFD) & FD_CLOEXEC ? " not inherited" : "");
   }
   return outlet == &quorvane::logging::g_singleton_outlet ? 0 : 1;
 }
@@ -984,6 +1005,26 @@ TEST(DefaultLogPath, IsEmptyWithoutAHostName) {
                                {{"QV_LOG_FILE", std::nullopt}, {"HOME", home.path()}});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.out, "");
+}
+
+SCENARIO(tells_the_default_path_on_a_host) {
+  g_fake_host = arguments.at(0).c_str();
+  std::cout << get_default_log_path();
+  return 0;
+}
+
+// The name goes into 64 bytes with its NUL.
+TEST(DefaultLogPath, TakesAHostNameOfSixtyThreeBytesAndNoLongerOne) {
+  const std::string longest(63, 'h');
+  for (const auto& [host, path] : std::map<std::string, std::string>{
+           {"h", "/nowhere/.quorvane/qv_Global.h.log"},
+           {longest, "/nowhere/.quorvane/qv_Global." + longest + ".log"},
+           {longest + "h", ""}}) {
+    const Ran ran = run_scenario("tells_the_default_path_on_a_host",
+                                 {{"QV_LOG_FILE", std::nullopt}, {"HOME", "/nowhere"}}, {host});
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_EQ(ran.out, path);
+  }
 }
 
 // ------------------------------------------------------ before and after main
