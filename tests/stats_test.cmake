@@ -33,6 +33,8 @@ target_link_libraries(stats_test_loader PRIVATE qv_warnings ${CMAKE_DL_LIBS})
 set_target_properties(stats_test_loader PROPERTIES SKIP_BUILD_RPATH ON)
 add_dependencies(stats_test stats_test_loader)
 
+# A recorder with functions of the same names must not call the program's.
+set_target_properties(stats_test PROPERTIES ENABLE_EXPORTS ON)
 target_compile_definitions(stats_test PRIVATE
   QV_FAKE_RECORDERS="${CMAKE_BINARY_DIR}/stats_test"
   QV_STATS_LOADER="$<TARGET_FILE:stats_test_loader>"

@@ -41,7 +41,7 @@ bool write_in_pieces(std::string_view text, circmetrics_write write, void* closu
 
 }  // namespace
 
-void* stats_recorder_alloc() { return new (std::nothrow) Recorder; }
+void* stats_recorder_alloc() { return Recorder::make(); }
 
 void* stats_recorder_global_ns(void* recorder) {
   return recorder == nullptr ? nullptr : &static_cast<Recorder*>(recorder)->root();

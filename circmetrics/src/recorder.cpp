@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "json_writer.h"
 
 namespace circmetrics {
@@ -17,6 +19,16 @@ void unlock() { g_registration_mutex.unlock(); }
 }  // namespace
 
 std::mutex& registration_mutex() { return g_registration_mutex; }
+
+// A lock here could be held by a thread that a fork is waiting for elsewhere.
+Recorder* Recorder::make() {
+  static constinit std::atomic<Recorder*> newest{nullptr};
+  auto* const made = new (std::nothrow) Recorder;
+  if (made != nullptr) {
+    made->previous_ = newest.exchange(made);
+  }
+  return made;
+}
 
 std::string Recorder::to_json() const {
   const std::lock_guard<std::mutex> guard(registration_mutex());

@@ -14,16 +14,22 @@ namespace circmetrics {
 // destroyed: a last report is written after the static destructors.
 std::mutex& registration_mutex();
 
-// Lives until the process ends.
+// Lives until the process ends: no function gives one back.
 class Recorder {
  public:
+  // Null when there is no memory.
+  static Recorder* make();
+
   Namespace& root() { return root_; }
 
   // The present state. Takes the lock.
   std::string to_json() const;
 
  private:
+  Recorder() = default;
+
   Namespace root_;
+  Recorder* previous_ = nullptr;  // keeps every recorder known to a leak checker
 };
 
 }  // namespace circmetrics

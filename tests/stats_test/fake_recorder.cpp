@@ -42,8 +42,13 @@ extern "C" {
 
 void fake_set_output(FakeOutput output) { g_output = output; }
 
+const char* fake_name() { return "the recorder"; }
+
 #ifndef WITHOUT_stats_recorder_alloc
 void* stats_recorder_alloc() {
+  if (std::getenv("FAKE_TELLS_ITS_NAME") != nullptr) {
+    print(fake_name());
+  }
   print("alloc");
   return refuses("alloc") ? nullptr : handle("recorder");
 }

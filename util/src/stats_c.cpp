@@ -1,8 +1,6 @@
 #include <quorvane/log.h>
 #include <quorvane/module.h>
 
-#include <exception>
-
 #include "src/stats_instance.h"
 
 namespace quorvane {
@@ -32,8 +30,14 @@ qv_stats_handle_t create(void* module, const char* name, MetricType type,
     stats->observe(metric, type, observed);
   }
   return to_handle(metric);
-} catch (const std::exception&) {
+} catch (...) {
   return QV_STATS_INVALID_HANDLE;
+}
+
+// An update usually finds the module there; it may also be a process's first use.
+inline CircMetricsModule& module_to_update() {
+  CircMetricsModule* const running = g_instance.load(std::memory_order_acquire);
+  return running != nullptr ? *running : *get_singleton_module();
 }
 
 }  // namespace
@@ -61,14 +65,14 @@ qv_stats_handle_t qv_stats_create_histogram(void* module, const char* name) {
 }
 
 int qv_stats_counter_inc_do(qv_stats_handle_t handle, int64_t amount) {
-  return running_module().add64(to_metric(handle), amount);
+  return module_to_update().add64(to_metric(handle), amount);
 }
 
 int qv_stats_hist_insert_do(qv_stats_handle_t handle, double value, uint32_t count) {
-  return running_module().set_hist(to_metric(handle), value, count);
+  return module_to_update().set_hist(to_metric(handle), value, count);
 }
 
 int qv_stats_hist_insert_fast_do(qv_stats_handle_t handle, int64_t value, int32_t scale,
                                  uint32_t count) {
-  return running_module().set_hist_intscale(to_metric(handle), value, scale, count);
+  return module_to_update().set_hist_intscale(to_metric(handle), value, scale, count);
 }
