@@ -124,15 +124,25 @@ TEST(Headers, ServeAProgramInC) {
 
 // The floor of a file in util/, or nothing for one that has none yet.
 std::optional<int> floor_of(const fs::path& file) {
-  static const std::map<std::string, int> floors{{"export", 0},         {"process_generation", 0},
-                                                 {"fork_guard", 0},     {"log", 1},
-                                                 {"module", 2},         {"fault", 3},
-                                                 {"env_config", 3},     {"buffer", 4},
-                                                 {"tracer", 4},         {"circular_buffer_pool", 4},
-                                                 {"hasher", 5},         {"mmapped_file", 5},
-                                                 {"stats", 5},          {"stats_c", 5},
-                                                 {"stats_instance", 5}, {"cache", 6},
-                                                 {"store", 6},          {"file_store", 6}};
+  static const std::map<std::string, int> floors{{"export", 0},
+                                                 {"process_generation", 0},
+                                                 {"fork_guard", 0},
+                                                 {"once", 0},
+                                                 {"log", 1},
+                                                 {"module", 2},
+                                                 {"fault", 3},
+                                                 {"env_config", 3},
+                                                 {"buffer", 4},
+                                                 {"tracer", 4},
+                                                 {"circular_buffer_pool", 4},
+                                                 {"hasher", 5},
+                                                 {"mmapped_file", 5},
+                                                 {"stats", 5},
+                                                 {"stats_c", 5},
+                                                 {"stats_instance", 5},
+                                                 {"cache", 6},
+                                                 {"store", 6},
+                                                 {"file_store", 6}};
   if (file.parent_path().filename() == "cache") {
     return 6;
   }

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <new>
 
 #include "json_writer.h"
 

@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <mutex>
 #include <string_view>
 
+#include "src/once.h"
 #include "src/process_generation.h"
 
 namespace quorvane {
@@ -210,8 +210,8 @@ std::string get_default_log_path() {
 }
 
 LoggingModuleData* get_singleton_outlet() {
-  static std::once_flag once;
-  std::call_once(once, &set_up_outlet);
+  static constinit Once once;
+  once.run(set_up_outlet);
   return &g_singleton_outlet;
 }
 

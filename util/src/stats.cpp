@@ -21,6 +21,7 @@
 #include <system_error>
 
 #include "src/fork_guard.h"
+#include "src/once.h"
 #include "src/process_generation.h"
 #include "src/stats_instance.h"
 
@@ -267,7 +268,8 @@ void initialise() {
 constinit std::mutex g_initialise_mutex;
 
 // A fork waits until another thread's initialisation is over. One that comes
-// between its end and that of call_once makes call_once run it again in the child.
+// between its end and that of get_singleton_module()'s run makes the child run it
+// again.
 void initialise_once() {
   static bool initialised = false;
   const std::lock_guard<std::mutex> lock(g_initialise_mutex);
@@ -283,8 +285,8 @@ CircMetricsModule* get_singleton_module() {
   if (CircMetricsModule* module = g_instance.load(std::memory_order_acquire)) {
     return module;
   }
-  static std::once_flag once;
-  std::call_once(once, [] {
+  static constinit Once once;
+  once.run([] {
     fork_guard::add(g_initialise_mutex);
     initialise_once();
   });

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "src/cache/checks.h"
 #include "src/cache/loaded_index.h"
 #include "src/fork_guard.h"
+#include "src/once.h"
 
 namespace quorvane {
 namespace cache {
@@ -19,19 +21,14 @@ struct Counters {
   qv_stats_handle_t misses;
 };
 
-// Made by the first look-up of the process. A once-flag, unlike the guard of a
-// local static, survives a fork that catches another thread making them.
+// Made by the first look-up of the process.
 const Counters& counters() {
-  static std::atomic<bool> made{false};
-  static Counters counters;
-  if (!made.load(std::memory_order_acquire)) {
-    static std::once_flag once;
-    std::call_once(once, [] {
-      counters.hits = qv_stats_create_counter(g_module.get(), "cache_hits");
-      counters.misses = qv_stats_create_counter(g_module.get(), "cache_misses");
-      made.store(true, std::memory_order_release);
-    });
-  }
+  static constinit Once once;
+  static constinit Counters counters{};
+  once.run([] {
+    counters.hits = qv_stats_create_counter(g_module.get(), "cache_hits");
+    counters.misses = qv_stats_create_counter(g_module.get(), "cache_misses");
+  });
   return counters;
 }
 
@@ -72,15 +69,22 @@ Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallb
   load();
 }
 
-void Cache::load() {
-  bool loaded = false;
+// A store that throws (no memory for the entries, say) has not loaded.
+bool Cache::try_load_store() {
   try {
-    loaded = CACHE_EXPECT(3, store_->try_load(loaded_map_));
-  } catch (const std::exception& error) {  // no memory for the entries
+    return store_->try_load(loaded_map_);
+  } catch (const std::exception& error) {
     QV_LOG(g_module, ERROR, "Loading %s cache failed: %s", name_.c_str(), error.what());
   }
+  return false;
+}
+
+void Cache::load() {
+  const bool loaded = try_load_store();
   const std::string type = store_->type();
   if (!loaded) {
+    fault::expectation_failed(g_module.get(), 3, "store_->try_load(loaded_map_)", "util/src/cache",
+                              __LINE__);
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache with %s store type", name_.c_str(),
            type.c_str());
@@ -159,10 +163,15 @@ bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> val
   if (find_loaded(key) != nullptr) {
     return false;
   }
-  const std::lock_guard<std::mutex> lock(diff_mutex_);
-  const bool added = diff_map_.emplace(key, std::move(value)).second;
-  diff_size_.store(diff_map_.size(), std::memory_order_release);
-  return added;
+  try {
+    const std::lock_guard<std::mutex> lock(diff_mutex_);
+    const bool added = diff_map_.emplace(key, std::move(value)).second;
+    diff_size_.store(diff_map_.size(), std::memory_order_release);
+    return added;
+  } catch (const std::bad_alloc&) {
+    QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: no memory", name_.c_str());
+    return false;
+  }
 }
 
 std::size_t Cache::size() {

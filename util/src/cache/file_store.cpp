@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/once.h"
 
 namespace quorvane {
 namespace cache {
@@ -66,10 +66,9 @@ FileStoreSkeleton::FileStoreSkeleton(unsigned int version, std::string /*path*/,
 FileStoreSkeleton::~FileStoreSkeleton() = default;
 
 CleanupController* FileStoreSkeleton::get_default_cleanup_controller() {
-  // A once-flag survives a fork that catches another thread making it.
-  static std::once_flag once;
-  static CleanupController* controller = nullptr;
-  std::call_once(once, [] { controller = new CleanupController(threshold_from_environment()); });
+  static constinit Once once;
+  static constinit CleanupController* controller = nullptr;
+  once.run([] { controller = new CleanupController(threshold_from_environment()); });
   return controller;
 }
 

@@ -1,0 +1,54 @@
+// Runs a function once in a process, whichever thread comes first.
+#ifndef QUORVANE_SRC_ONCE_H_
+#define QUORVANE_SRC_ONCE_H_
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+
+#include "src/process_generation.h"
+
+namespace quorvane {
+
+// Unlike the guard of a local static, it survives a fork that catches another
+// thread in the function: the child, which doesn't have that thread, runs the
+// function again. Unlike std::once_flag, it tells so to ThreadSanitizer too.
+// The function must not throw and must bear to be run again after it was cut
+// short anywhere.
+class Once {
+ public:
+  // Returns when the function has run. Any thread; one load afterwards.
+  template <typename Function>
+  void run(const Function& function) {
+    if (state_.load(std::memory_order_acquire) != kDone) {
+      run_or_wait(function);
+    }
+  }
+
+ private:
+  using State = std::uint64_t;  // 0, the generation of the process that runs it, or kDone
+  static constexpr State kDone = std::numeric_limits<State>::max();
+
+  template <typename Function>
+  void run_or_wait(const Function& function) {
+    const State running = process_generation();
+    State state = state_.load(std::memory_order_acquire);
+    while (state != kDone) {
+      if (state == running) {
+        state_.wait(running, std::memory_order_acquire);
+        state = state_.load(std::memory_order_acquire);
+      } else if (state_.compare_exchange_strong(state, running, std::memory_order_acquire)) {
+        function();
+        state_.store(kDone, std::memory_order_release);
+        state_.notify_all();
+        return;
+      }
+    }
+  }
+
+  std::atomic<State> state_{0};
+};
+
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_ONCE_H_
