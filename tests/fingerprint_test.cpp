@@ -7,10 +7,12 @@
 #include <quorvane/file_store.h>
 #include <quorvane/hasher.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -133,12 +135,8 @@ SCENARIO(print_store) {
   return cache.is_valid() ? 0 : 1;
 }
 
-SCENARIO(without_privileges) {
-  if (geteuid() == 0 && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) != 0 ||
-                         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) != 0)) {
-    std::perror("prctl");
-    return 125;
-  }
+// Goes on as the program that the arguments name.
+int execute(const Arguments& arguments) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) {
     argv.push_back(const_cast<char*>(argument.c_str()));
@@ -147,6 +145,74 @@ SCENARIO(without_privileges) {
   execv(argv[0], argv.data());
   std::perror("execv");
   return 126;
+}
+
+SCENARIO(without_privileges) {
+  if (geteuid() == 0 && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) != 0 ||
+                         prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH) != 0)) {
+    std::perror("prctl");
+    return 125;
+  }
+  return execute(arguments);
+}
+
+// No file may grow beyond the first argument; a write beyond it ends a process, or
+// fails when the second one says so.
+SCENARIO(with_small_files) {
+  const rlim_t size = std::stoul(arguments.at(0));
+  const rlimit limit{size, size};
+  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
+    std::perror("setrlimit");
+    return 125;
+  }
+  signal(SIGXFSZ, arguments.at(1) == "fails" ? SIG_IGN : SIG_DFL);
+  return execute({arguments.begin() + 2, arguments.end()});
+}
+
+SCENARIO(with_full_output) {
+  dup2(open("/dev/full", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+  return execute(arguments);
+}
+
+std::string child_of(pid_t process) {
+  const std::string id = std::to_string(process);
+  std::istringstream children(test::read_file("/proc/" + id + "/task/" + id + "/children"));
+  std::string first;
+  children >> first;
+  return first;
+}
+
+bool has_open(const std::string& process, const std::string& path) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator fd("/proc/" + process + "/fd", error), end;
+       !error && fd != end; fd.increment(error)) {
+    if (std::filesystem::read_symlink(*fd, error) == path) {
+      return true;
+    }
+    error.clear();
+  }
+  return false;
+}
+
+// Runs a program and sends it a signal once its worker reads the file. "group"
+// sends it to the worker as well, as a terminal does.
+SCENARIO(interrupted) {
+  const std::string& file = arguments.at(0);
+  const bool group = arguments.at(1) == "group";
+  const int number = std::stoi(arguments.at(2));
+  alarm(100);
+  const pid_t child = fork();
+  if (child == 0) {
+    setpgid(0, 0);
+    return execute({arguments.begin() + 3, arguments.end()});
+  }
+  for (std::string worker; worker.empty() || !has_open(worker, file); usleep(1000)) {
+    worker = child_of(child);
+  }
+  kill(group ? -child : child, number);
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 124;
 }
 
 // Runs a program with a terminal as its standard error and prints what the
@@ -323,6 +389,16 @@ TEST_F(Fingerprint, AnUnreadableDirectoryIsNamedAndTheRestIsDone) {
   EXPECT_THAT(stored(root_), SizeIs(2));
 }
 
+TEST_F(Fingerprint, WhatLiesInADirectoryThatCantBeSearchedIsNamed) {
+  chmod((tree_ + "/below").c_str(), 0444);
+  const Ran ran = run_without_privileges();
+  chmod((tree_ + "/below").c_str(), 0700);
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/below/lines: Permission denied\n");
+  EXPECT_EQ(table(ran)["files"], 2U);
+  EXPECT_EQ(table(ran)["unreadable"], 1U);
+}
+
 TEST_F(Fingerprint, AnUnreadableFileIsNamedAndTheRestIsDone) {
   chmod((tree_ + "/abc").c_str(), 0);
   const Ran ran = run_without_privileges();
@@ -383,9 +459,84 @@ TEST_F(Fingerprint, DigestsThatCouldNotBeStoredAreReported) {
   const Ran ran = run_without_privileges();
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_THAT(complaints(ran),
-              ElementsAre("fingerprint: " + store_ + ": the new digests could not be stored"));
+              ElementsAre("fingerprint: " + store_ + ": not all new digests could be stored"));
   EXPECT_EQ(table(ran)["hits"], 3U);
   EXPECT_EQ(table(ran)["misses"], 1U);
+}
+
+// 60 files for three workers, of whose shares the store has room for one and a half.
+class TooManyDigests : public Fingerprint {
+ protected:
+  TooManyDigests() {
+    std::filesystem::remove_all(tree_);
+    std::filesystem::create_directory(tree_);
+    for (int i = 10; i < 70; ++i) {
+      test::write_file(tree_ + "/" + std::to_string(i), "x");
+    }
+    EXPECT_TRUE(run().exited_with(0));
+    room_ = std::to_string(std::filesystem::file_size(store_) / 2);
+    std::filesystem::remove(store_);
+  }
+
+  Ran run_short_of_room(const std::string& beyond, const std::string& jobs) const {
+    return test::run_scenario("with_small_files", {{"QV_LOG_FILE", "/dev/null"}},
+                              {room_, beyond, PROGRAM, "--root", root_, "--jobs", jobs, tree_});
+  }
+
+  std::string room_;
+};
+
+TEST_F(TooManyDigests, AreMissedAlsoWhenAnotherWorkerStoredItsOwn) {
+  const Ran ran = run_short_of_room("fails", "3");
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + store_ + ": not all new digests could be stored"));
+  EXPECT_EQ(table(ran)["misses"], 60U);
+}
+
+TEST_F(TooManyDigests, EndAWorkerThatTheKernelKillsForThem) {
+  const Ran ran = run_short_of_room("kills", "1");
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              testing::Contains("fingerprint: a worker failed; its share of the files is not "
+                                "complete"));
+  EXPECT_EQ(table(ran)["misses"], 60U);
+}
+
+struct Signal {
+  int number;
+  const char* to;
+};
+
+class Interruption : public Fingerprint, public testing::WithParamInterface<Signal> {};
+
+// The last file takes for ever.
+TEST_P(Interruption, EndsEarlyAndKeepsWhatWasDone) {
+  const auto& [number, to] = GetParam();
+  const std::string endless = tree_ + "/zz";
+  test::write_file(endless, "");
+  ASSERT_EQ(truncate(endless.c_str(), off_t{1} << 40), 0);
+  const Ran ran = test::run_scenario(
+      "interrupted", {},
+      {endless, to, std::to_string(number), PROGRAM, "--root", root_, "--jobs", "1", tree_});
+  EXPECT_TRUE(ran.exited_with(128 + number));
+  EXPECT_EQ(ran.err, "fingerprint: interrupted\n");
+  EXPECT_EQ(table(ran)["files"], 3U);
+  EXPECT_THAT(stored(root_), SizeIs(3));
+}
+
+INSTANTIATE_TEST_SUITE_P(, Interruption,
+                         testing::Values(Signal{SIGINT, "group"}, Signal{SIGINT, "parent"},
+                                         Signal{SIGTERM, "parent"}, Signal{SIGHUP, "group"}),
+                         [](const auto& tested) {
+                           return "Signal" + std::to_string(tested.param.number) + tested.param.to;
+                         });
+
+TEST_F(Fingerprint, ATableThatCantBeWrittenIsReported) {
+  const Ran ran = test::run_scenario("with_full_output", {}, {PROGRAM, "--root", root_, tree_});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: standard output: No space left on device\n");
+  EXPECT_THAT(stored(root_), SizeIs(3));
 }
 
 TEST_F(Fingerprint, TheStoreGetsTheNameAskedFor) {

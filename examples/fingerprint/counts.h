@@ -14,7 +14,7 @@ struct Counts {
   std::atomic<std::uint64_t> misses{0};
   std::atomic<std::uint64_t> unreadable{0};
   std::atomic<std::uint64_t> bytes_read{0};
-  std::atomic<std::uint64_t> added{0};  // entries that the store is to keep
+  std::atomic<std::uint64_t> added_bytes{0};  // what the store is to grow by
 
   std::uint64_t files() const { return hits + misses + unreadable; }
 };

@@ -1,6 +1,7 @@
 #include "fingerprint/fingerprinter.h"
 
 #include <fcntl.h>
+#include <quorvane/file_store.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,10 +9,12 @@
 #include <cerrno>
 
 #include "fingerprint/complaint.h"
+#include "fingerprint/interruption.h"
 
 namespace fingerprint {
 namespace {
 
+using quorvane::cache::BasicStore;
 using quorvane::util::RoBuffer;
 
 constexpr std::size_t CHUNK_SIZE = std::size_t{1} << 20;
@@ -99,17 +102,21 @@ void Fingerprinter::miss(const std::string& path, const struct stat& file, const
     complain_about(path, error);
     return;
   }
+  if (interruption() != 0) {  // the digests may be those of a part
+    return;
+  }
   ++counts_.misses;
+  const std::uint64_t size = BasicStore::get_entry_representation_size(key, atoms);
   // Digests of a file that changed meanwhile belong to no version of it.
   if (unchanged && cache_.add_value(key, std::move(atoms))) {
-    ++counts_.added;
+    counts_.added_bytes += size;
   }
 }
 
 bool Fingerprinter::digest(int fd, Atoms& out) {
   std::uint64_t lines = 0;
   ssize_t size = 0;
-  while ((size = read_chunk(fd, chunk_.data())) > 0) {
+  while (interruption() == 0 && (size = read_chunk(fd, chunk_.data())) > 0) {
     strong_.push(chunk_.data(), static_cast<std::size_t>(size));
     fast_.push(chunk_.data(), static_cast<std::size_t>(size));
     lines += static_cast<std::uint64_t>(std::count(chunk_.data(), chunk_.data() + size, '\n'));
@@ -121,7 +128,7 @@ bool Fingerprinter::digest(int fd, Atoms& out) {
   const std::string text = std::to_string(lines);
   out.push_back(RoBuffer::copy(text.data(), text.size()));
   errno = error;
-  return size == 0;
+  return size >= 0;
 }
 
 void Fingerprinter::complain_about(const std::string& path, int error) {

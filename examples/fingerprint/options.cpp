@@ -28,7 +28,8 @@ constexpr const char* HELP =
     "  --help        this text\n"
     "\n"
     "Exit status: 0 all done; 1 done, but something was unreadable or nothing could\n"
-    "be stored; 2 wrong usage.\n";
+    "be stored; 2 wrong usage; 128 + N ended early by signal N, with what was done\n"
+    "until then in the store.\n";
 
 int wrong_usage(const std::string& what) {
   complain(what + " (try --help)");

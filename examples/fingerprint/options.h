@@ -7,10 +7,11 @@
 
 namespace fingerprint {
 
-// Exit statuses. The work is done under each but the last.
+// Exit statuses. The work is done under the first two.
 constexpr int ALL_DONE = 0;
 constexpr int DONE_WITH_COMPLAINTS = 1;  // something was unreadable, or nothing could be stored
 constexpr int WRONG_USAGE = 2;
+constexpr int INTERRUPTED = 128;  // plus the signal; what was done until then is stored
 
 struct Options {
   std::string tree;                   // the directory to walk

@@ -1,5 +1,6 @@
 #include "fingerprint/run.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -7,6 +8,7 @@
 
 #include "fingerprint/complaint.h"
 #include "fingerprint/fingerprinter.h"
+#include "fingerprint/interruption.h"
 #include "fingerprint/store_access.h"
 #include "fingerprint/tree.h"
 #include "fingerprint/worker_pool.h"
@@ -22,7 +24,7 @@ using Clock = std::chrono::steady_clock;
 void do_share(const Tree& tree, unsigned number, unsigned jobs, OpenedCache& opened,
               Counts& counts) {
   Fingerprinter fingerprinter(*opened.cache, counts);
-  for (std::size_t i = number; i < tree.files.size(); i += jobs) {
+  for (std::size_t i = number; i < tree.files.size() && interruption() == 0; i += jobs) {
     fingerprinter.process(tree.files[i]);
   }
   opened.cache.reset();
@@ -30,10 +32,14 @@ void do_share(const Tree& tree, unsigned number, unsigned jobs, OpenedCache& ope
 
 bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, WorkerPool& pool) {
   const auto progress = [&] {
+    if (interruption() != 0) {
+      pool.interrupt();
+    }
     show_progress(std::to_string(pool.counts().files()) + " of " +
                   std::to_string(tree.files.size()) + " files");
   };
   progress();
+  catch_interruptions();
   const bool all_started = pool.start(options.jobs, [&](unsigned number) {
     do_share(tree, number, options.jobs, opened, pool.counts());
   });
@@ -47,7 +53,20 @@ bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, Worke
 
 // The cache tells nobody whether its additions reached the store; the file does.
 bool reached_the_store(const Counts& counts, std::uint64_t before, std::uint64_t after) {
-  return counts.added == 0 || after > before;
+  return counts.added_bytes == 0 || after >= before + counts.added_bytes;
+}
+
+// What to leave with when the run went through `as_planned`.
+int status_after(bool as_planned) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    complain(with_errno("standard output", errno));
+    as_planned = false;
+  }
+  if (const int signal = interruption()) {
+    complain("interrupted");
+    return INTERRUPTED + signal;
+  }
+  return as_planned ? ALL_DONE : DONE_WITH_COMPLAINTS;
 }
 
 void print_row(const char* name, std::uint64_t value) {
@@ -78,12 +97,12 @@ int run_or_throw(const Options& options) {
   const std::uint64_t after = persistent ? store_size(options) : 0;
   const bool stored = persistent && reached_the_store(pool.counts(), before, after);
   if (persistent && !stored) {
-    complain(options.root + "/" + options.store + ": the new digests could not be stored");
+    complain(options.root + "/" + options.store + ": not all new digests could be stored");
   }
   const std::size_t unreadable = tree.unreadable + pool.counts().unreadable;
   print_table(pool.counts(), unreadable,
               std::chrono::duration<double>(Clock::now() - start).count(), after);
-  return complete && stored && unreadable == 0 ? ALL_DONE : DONE_WITH_COMPLAINTS;
+  return status_after(complete && stored && unreadable == 0);
 }
 
 }  // namespace

@@ -38,11 +38,15 @@ class Walk {
     }
   }
 
-  // An entry that has gone since it was listed is neither.
+  // An entry that has gone since it was listed is neither. Of one that may be
+  // listed but not looked at (its directory is not searchable) nobody knows.
   void take(const fs::directory_entry& entry) {
     std::error_code error;
     const fs::file_type type = entry.symlink_status(error).type();
-    if (type == fs::file_type::directory) {
+    if (error && type != fs::file_type::not_found) {
+      complain(with_errno(entry.path().string(), error.value()));
+      ++tree_.unreadable;
+    } else if (type == fs::file_type::directory) {
       open_directories_.push_back(entry.path());
     } else if (type == fs::file_type::regular) {
       tree_.files.push_back(entry.path().string());

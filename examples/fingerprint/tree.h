@@ -10,7 +10,7 @@ namespace fingerprint {
 
 struct Tree {
   std::vector<std::string> files;  // absolute paths, sorted
-  std::size_t unreadable = 0;      // directories that had to be left out, each complained about
+  std::size_t unreadable = 0;      // what had to be left out, each complained about
 };
 
 // Walks `directory` to the bottom. Symbolic links below it are not followed, so

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -74,6 +75,16 @@ bool WorkerPool::start(unsigned jobs, const std::function<void(unsigned)>& work)
     workers_.push_back(worker);
   }
   return true;
+}
+
+// A worker that has ended keeps its number until it is waited for.
+void WorkerPool::interrupt() {
+  if (!interrupted_) {
+    interrupted_ = true;
+    for (const pid_t worker : workers_) {
+      kill(worker, SIGTERM);
+    }
+  }
 }
 
 bool WorkerPool::wait(const std::function<void()>& tick) {

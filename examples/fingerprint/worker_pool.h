@@ -25,6 +25,9 @@ class WorkerPool {
   // fewer could be started; then the share of the missing ones is not done.
   bool start(unsigned jobs, const std::function<void(unsigned)>& work);
 
+  // Asks the workers to end early, once however often it is called.
+  void interrupt();
+
   // Returns when all workers have ended; meanwhile calls `tick` every now and
   // then. False when one of them failed.
   bool wait(const std::function<void()>& tick);
@@ -34,6 +37,7 @@ class WorkerPool {
   int alive_read_ = -1;  // reaches its end when the last worker has ended
   int alive_write_ = -1;
   std::vector<pid_t> workers_;
+  bool interrupted_ = false;
 };
 
 }  // namespace fingerprint
