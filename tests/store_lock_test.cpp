@@ -286,6 +286,64 @@ TEST(StoreFLockLock, TwoThreadsOnOneObjectExcludeEachOther) {
   EXPECT_EQ(run("one_lock_of_two_threads", root).out, "10000");
 }
 
+constexpr unsigned kHangSeconds = 60;
+
+SCENARIO(unlocked_by_another_thread) {
+  alarm(kHangSeconds);
+  StoreFLock lock("maps");
+  std::thread([&] { lock.lock(); }).join();
+  std::printf("%d ", test::is_locked(root_file("lock_maps")));
+  lock.unlock();
+  std::printf("%d ", test::is_locked(root_file("lock_maps")));
+  lock.lock();
+  std::thread([&] { lock.unlock(); }).join();
+  std::printf("%d ", test::is_locked(root_file("lock_maps")));
+  std::thread([&] { lock.lock(); }).join();
+  std::printf("%d", test::is_locked(root_file("lock_maps")));
+  return 0;
+}
+
+TEST(StoreFLockLock, AnyThreadMayReleaseIt) {
+  const TempDir root;
+  const Ran ran = run("unlocked_by_another_thread", root);
+  EXPECT_EQ(ran.out, "1 0 0 1");
+  EXPECT_TRUE(ran.exited_with(0));
+}
+
+// Whether the thread sleeps in futex(2), as one does that waits for another.
+bool sleeps_in_futex(pid_t tid) {
+  std::ifstream call("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  int number = -1;
+  return call >> number && number == SYS_futex;
+}
+
+SCENARIO(moved_while_held) {
+  alarm(kHangSeconds);
+  StoreFLock first("maps");
+  first.lock();
+  StoreFLock second(std::move(first));
+  test::Signpost got_it;
+  std::atomic<pid_t> tid{0};
+  std::thread thread([&] {
+    tid = gettid();
+    second.lock();
+    got_it.pass();
+  });
+  while (!got_it.is_passed() && (tid == 0 || !sleeps_in_futex(tid))) {
+    std::this_thread::yield();
+  }
+  std::printf("%d ", got_it.is_passed());
+  second.unlock();
+  thread.join();
+  std::printf("%d", got_it.is_passed());
+  return 0;
+}
+
+TEST(StoreFLockMove, ALockThatIsHeldStaysHeldAgainstOtherThreads) {
+  const TempDir root;
+  EXPECT_EQ(run("moved_while_held", root).out, "0 1");
+}
+
 // --- processes ---
 
 SCENARIO(lock_against_a_process) {

@@ -39,7 +39,8 @@ StoreFLock::StoreFLock(const std::string& name)
 StoreFLock::StoreFLock(StoreFLock&& other) noexcept
     : fd_(std::exchange(other.fd_, -1)),
       path_(std::move(other.path_)),
-      generation_(other.generation_.load()) {}
+      generation_(other.generation_.load()),
+      owner_(other.owner_.exchange(nullptr)) {}
 
 StoreFLock::~StoreFLock() {
   if (fd_ >= 0) {
@@ -65,10 +66,9 @@ void StoreFLock::unlock() {
   CACHE_ASSERT(fd_ >= 0);
   leave_parents_lock();
   call_flock(LOCK_UN);
-  if (owner_.load() == &t_identity) {
-    owner_.store(nullptr);
-    owner_.notify_one();
-  }
+  // Whoever took it: the file is free now, and nobody may wait for it any more.
+  owner_.store(nullptr);
+  owner_.notify_one();
 }
 
 void StoreFLock::call_flock(int operation) {
@@ -103,7 +103,11 @@ void StoreFLock::reopen() {
   const std::string self = "/proc/self/fd/" + std::to_string(fd_);
   const int fresh = open(self.c_str(), O_RDWR | O_CLOEXEC);
   if (fresh >= 0) {
-    dup3(fresh, fd_, O_CLOEXEC);
+    int dup_ret;
+    do {
+      dup_ret = dup3(fresh, fd_, O_CLOEXEC);
+    } while (dup_ret < 0 && errno == EINTR);
+    CACHE_ASSERT(dup_ret == fd_);
     close(fresh);
     return;
   }
