@@ -230,6 +230,14 @@ TEST(BasicStoreLoad, AnUnreadableFileFailsAsNotOpened) {
   EXPECT_EQ(without_lines(ran.messages()), Messages{expectation("file.is_open()")});
 }
 
+TEST(BasicStoreLoad, APipeInTheFilesPlaceFailsAndIsNotWaitedFor) {
+  const Root root;
+  ASSERT_EQ(mkfifo(root.maps().c_str(), 0600), 0);
+  const Ran ran = root.run("load", {}, "WARN");
+  EXPECT_EQ(ran.out, "load 0\nBasicStore");
+  EXPECT_EQ(without_lines(ran.messages()), Messages{expectation("file.is_open()")});
+}
+
 // --- the state between operations ---
 
 SCENARIO(vanished_file) {
@@ -499,6 +507,26 @@ TEST(BasicStoreAppend, AnEntryThatCannotBeWrittenCostsTheWholeFile) {
   EXPECT_EQ(messages[2].back(), '\n');
   EXPECT_EQ(messages[3],
             "WARN Cache file " + root.maps() + " removed as it couldn't be stored correctly");
+}
+
+// An entry whose value claims more bytes than any memory has.
+SCENARIO(append_unallocatable) {
+  CleanupController controller(0);
+  Cache cache("maps", make_file_store(StoreKind::basic, "maps", &controller), false);
+  cache.add_value(buffer("a"), buffers({"1"}));
+  cache.add_value(buffer("bb"), {quorvane::util::RoBuffer::view("x", std::size_t{1} << 62)});
+  return 0;
+}
+
+TEST(BasicStoreAppend, AnEntryForWhichThereIsNoMemoryCostsTheFileButNotTheProcess) {
+  const Root root;
+  const Ran ran = root.run("append_unallocatable", {}, "ERROR");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_FALSE(test::exists(root.maps()));
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("fwriter.put(QV_CACHE_STORE_MAGIC_NUMBER)"),
+                      expectation("!fbuffer_corrupted && file.good()"),
+                      expectation("store_->try_store_diff(diff_map_)")}));
 }
 
 // --- disk usage and cleaning ---

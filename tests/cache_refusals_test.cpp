@@ -154,6 +154,26 @@ TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheFlushCostsTheWholeFile) {
   expect_lost(without_lines(ran.messages()), root.file("maps"), false);
 }
 
+// Only a file system at the other end of a wire does this.
+SCENARIO(refused_close) {
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("a"), buffers({"1"}));
+    const int next = open("/dev/null", O_RDONLY);
+    close(next);
+    test::refuse(SYS_close, EDQUOT, test::When{0, static_cast<std::uint32_t>(next)});
+  }
+  return 0;
+}
+
+TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheCloseCostsTheWholeFile) {
+  const TempDir root;
+  const Ran ran = run("refused_close", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_FALSE(test::exists(root.file("maps")));
+  expect_lost(without_lines(ran.messages()), root.file("maps"), false);
+}
+
 TEST(CacheRefusals, AHeaderThatCannotBeWrittenIsReported) {
   const TempDir root;
   const Ran ran = run("refused_flush", root);

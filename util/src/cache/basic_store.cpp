@@ -2,9 +2,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <quorvane/file_store.h>
@@ -24,8 +26,19 @@ bool file_exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
+// Without waiting for a writer, should the path be a pipe.
 void map_whole(util::MMappedFile& file, const std::string& path) {
-  file.open(path, O_RDONLY | O_CLOEXEC, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
+  file.open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
+}
+
+// What the entry takes, or, when there is no memory for that, a buffer in which
+// it has no room.
+util::RwBuffer entry_buffer(const util::RoBuffer& key, const std::vector<util::RoBuffer>& val) {
+  try {
+    return util::RwBuffer(BasicStore::get_entry_representation_size(key, val));
+  } catch (const std::bad_alloc&) {
+    return util::RwBuffer(0);
+  }
 }
 
 }  // namespace
@@ -83,11 +96,11 @@ bool BasicStore::try_nonlock_load(EntryMap& out) {
     return true;  // a missing file is an empty cache
   }
   util::MMappedFile file;
-  Trace trace(this, TraceCategory::load);
   map_whole(file, fpath_);
   if (!CACHE_EXPECT(2, file.is_open())) {
     return false;
   }
+  Trace trace(this, TraceCategory::load);
   const auto image = util::RoBuffer::view(file.data(), file.size());
   util::BufferReader freader = image.reader();
   const bool whole = read_header(freader) && read_entries(freader, out);
@@ -117,7 +130,10 @@ bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const 
   }
   // Read the damaged entry once more, now to report what is wrong with it.
   std::vector<util::RoBuffer> val;
-  return read_magic_number(freader) && read_key(freader).get_size() > 0 && read_val(freader, val);
+  if (read_magic_number(freader) && read_key(freader).get_size() > 0) {
+    read_val(freader, val);
+  }
+  return false;
 }
 
 bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
@@ -128,11 +144,11 @@ bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
     return true;
   }
   util::MMappedFile file;
-  Trace trace(this, TraceCategory::load);
   map_whole(file, fpath_);
   if (!CACHE_EXPECT(2, file.is_open()) || !CACHE_EXPECT(1, file.size() >= file_last_size_)) {
     return false;
   }
+  Trace trace(this, TraceCategory::load);
   const auto image = util::RoBuffer::view(file.data(), file.size());
   util::BufferReader freader = image.reader();
   const bool whole = pass_known_part(freader) && read_keys(freader, new_keys);
@@ -184,10 +200,11 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
     fbuffer_corrupted = !write_entries(file, diff, new_keys);
     // A full disk shows when the stream's own buffer goes out.
     file.flush();
-    trace.end(static_cast<std::uint64_t>(file.tellp() - start));
+    const std::streamoff end = file.tellp();  // -1 after a failure
+    trace.end(static_cast<std::uint64_t>(std::max(end, start) - start));
   }
+  file.close();  // some file systems tell only now
   if (!CACHE_EXPECT(1, !fbuffer_corrupted && file.good())) {
-    file.close();
     remove_unstored_file();
     return false;
   }
@@ -203,7 +220,7 @@ bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
     if (new_keys.count(key) != 0) {
       continue;  // another process stored it meanwhile
     }
-    util::RwBuffer fbuffer(get_entry_representation_size(key, val));
+    util::RwBuffer fbuffer = entry_buffer(key, val);
     util::BufferWriter fwriter = fbuffer.writer();
     if (!write_entry(fwriter, key, val)) {
       return false;

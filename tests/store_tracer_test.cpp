@@ -1,0 +1,144 @@
+// What the stores tell the product's tracer, which this program brings along.
+#include <gtest/gtest.h>
+#include <quorvane/file_store.h>
+#include <quorvane/tracer.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::BasicStore;
+using quorvane::cache::CleanupController;
+using quorvane::cache::EntryMap;
+using quorvane::cache::KeySet;
+using test::basic_file;
+using test::entry_bytes;
+using test::Ran;
+using test::TempDir;
+
+namespace {
+
+// Prints "event/category(bytes)"; the two reports of an operation come from one
+// store and share their record.
+const void* g_store = nullptr;
+const _qv_trace_rpc_t* g_record = nullptr;
+
+constexpr unsigned kStart = 1543;
+constexpr unsigned kEnd = 1544;
+
+}  // namespace
+
+// The library finds this one when it is loaded.
+void qvtracer::util::write_trace(const _qv_trace_rpc_t* rpc, _qv_trace_rpc_t* record,
+                                 unsigned int event, unsigned int op, const void* a, const void* b,
+                                 const void* c, const void* d) {
+  std::printf("%u/%u(%lu)", event, op, reinterpret_cast<std::uintptr_t>(b));
+  if (event == kStart) {
+    std::memset(record, 's', sizeof(*record));
+    g_record = record;
+  } else if (record != g_record || record->bytes[255] != 's') {
+    std::printf("another record");
+  }
+  if (rpc != nullptr || a != g_store || c != nullptr || d != nullptr) {
+    std::printf("other arguments");
+  }
+}
+
+namespace {
+
+const std::vector<test::Entry> kEntries{{"b", {"2", "3"}}, {"aa", {"1"}}};
+const test::Entry kForeign{"foreign", {"1", "22"}};
+
+std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
+
+std::string reports(unsigned category, std::size_t bytes) {
+  const auto report = [&](unsigned event, std::size_t size) {
+    return std::to_string(event) + "/" + std::to_string(category) + "(" + std::to_string(size) +
+           ")";
+  };
+  return report(kStart, 0) + report(kEnd, bytes);
+}
+
+// Takes the steps that the arguments name, each with its reports in brackets.
+SCENARIO(traced_steps) {
+  CleanupController controller(0);
+  BasicStore store("maps", std::make_shared<test::CountingLock>(), &controller);
+  g_store = &store;
+  for (const std::string& step : arguments) {
+    EntryMap map;
+    KeySet keys;
+    std::printf("[");
+    if (step == "load") {
+      store.try_nonlock_load(map);
+    } else if (step == "scan") {
+      store.try_nonlock_load_new_keys(keys);
+    } else if (step == "append") {
+      store.try_nonlock_append(test::entry_map(kEntries), test::key_set({"b"}));
+    } else if (step == "others append") {
+      test::write_file(maps_file(), test::read_file(maps_file()) + entry_bytes(kForeign));
+    } else {
+      test::write_file(maps_file(), step);
+    }
+    std::printf("]");
+  }
+  return 0;
+}
+
+std::string steps(const TempDir& root, const test::Arguments& arguments) {
+  const Ran ran =
+      test::run_scenario("traced_steps", {{"QV_CACHE_STORE_ROOT", root.path()}}, arguments);
+  EXPECT_TRUE(ran.exited_with(0));
+  return ran.out;
+}
+
+TEST(StoreTracer, HearsOfALoadWithTheSizeOfTheFile) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  EXPECT_EQ(steps(root, {"load"}), "[" + reports(11, basic_file(kEntries).size()) + "]");
+}
+
+TEST(StoreTracer, HearsOfALoadThatFindsDamage) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries) + "damage");
+  EXPECT_EQ(steps(root, {"load"}), "[" + reports(11, basic_file(kEntries).size() + 6) + "]");
+}
+
+TEST(StoreTracer, HearsOfAScanWithTheBytesThatAreNew) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const std::string loaded = "[" + reports(11, basic_file(kEntries).size()) + "]";
+  EXPECT_EQ(steps(root, {"scan"}), loaded);
+  EXPECT_EQ(
+      steps(root, {"load", "others append", "scan", "scan"}),
+      loaded + "[][" + reports(11, entry_bytes(kForeign).size()) + "][" + reports(11, 0) + "]");
+}
+
+TEST(StoreTracer, HearsOfAnAppendWithTheBytesThatItAdded) {
+  const TempDir root;
+  const std::string added = "[" + reports(12, entry_bytes({"aa", {"1"}}).size()) + "]";
+  EXPECT_EQ(steps(root, {"append", "append"}), added + added);
+  EXPECT_EQ(test::read_file(root.file("maps")),
+            basic_file({{"aa", {"1"}}}) + entry_bytes({"aa", {"1"}}));
+}
+
+TEST(StoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
+  const TempDir root;
+  EXPECT_EQ(steps(root, {"load", "scan"}), "[][]");
+  const TempDir none;
+  EXPECT_EQ(
+      test::run_scenario("traced_steps", {{"QV_CACHE_STORE_ROOT", none.file("none")}}, {"append"})
+          .out,
+      "[]");
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  EXPECT_EQ(steps(root, {"load", "shrunken", "scan"}),
+            "[" + reports(11, basic_file(kEntries).size()) + "][][]");
+}
+
+}  // namespace
