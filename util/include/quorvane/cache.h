@@ -78,8 +78,8 @@ class QV_EXPORT Cache {
 
   // Adds an entry that no map holds yet. False, changing nothing, when the key
   // is there already or the cache is invalid. An entry that could be written but
-  // never read back (an empty key, no atoms, an empty atom) is refused as well,
-  // with a WARN record.
+  // never read back (an empty key, no atoms, an empty atom), or for which there
+  // is no memory, is refused as well, with a WARN record.
   bool add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> value);
 
   // How many entries there are, loaded and added.
@@ -92,6 +92,7 @@ class QV_EXPORT Cache {
 
  private:
   void load();
+  bool try_load_store();
   const std::vector<util::RoBuffer>* find_loaded(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* find_added(const util::RoBuffer& key);
   void build_index();

@@ -15,7 +15,7 @@ std::uint64_t hash_of(const util::RoBuffer& key) {
 
 bool same(const util::RoBuffer& a, const util::RoBuffer& b) {
   return a.get_size() == b.get_size() &&
-         std::memcmp(a.get_buffer(), b.get_buffer(), a.get_size()) == 0;
+         (a.get_size() == 0 || std::memcmp(a.get_buffer(), b.get_buffer(), a.get_size()) == 0);
 }
 
 // At most two slots in three are taken.
