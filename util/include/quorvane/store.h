@@ -61,13 +61,14 @@ class QV_EXPORT Store {
 // Something on disk that can be measured and deleted.
 class QV_EXPORT CleanableResource {
  public:
-  virtual ~CleanableResource();
-
   // Bytes on disk; 0 when they can't be measured.
   virtual std::uint64_t get_usage() = 0;
 
   // Deletes the files.
   virtual void clean() = 0;
+
+  // Last, so that the two operations keep the first slots.
+  virtual ~CleanableResource();
 };
 
 // Bounds the disk space of a process's stores: when the sizes last measured sum
