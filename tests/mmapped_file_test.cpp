@@ -251,6 +251,32 @@ TEST(MMappedFile, LogsTheReasonOfARefusedMappingAtDebugOnly) {
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
+// By its flags, so that the process's own mappings go on.
+SCENARIO(open_a_path_that_mmap_refuses) {
+  set_thresholds(arguments);
+  const int descriptor = next_descriptor();
+  MMappedFile file;
+  test::refuse(SYS_mmap, ENOMEM, test::When{3, MAP_SHARED | MAP_POPULATE});
+  file.open(arguments.at(0), O_RDONLY, 0, PROT_READ, MAP_SHARED | MAP_POPULATE);
+  const bool refused = is_closed(file) && next_descriptor() == descriptor;
+  open_to_read(file, arguments.at(0));  // nothing is left of the first try
+  return refused && file.is_open() && file.size() == 3 ? 0 : 1;
+}
+
+TEST(MMappedFile, StaysClosedWhenTheMappingOfAFileIsRefused) {
+  const test::TempDir dir;
+  const std::string path = dir.file("file");
+  test::write_file(path, "abc");
+  const std::string reason = "DEBUG mmap(" + path + ") failed with error: Cannot allocate memory";
+  const std::string opened = "DEBUG Opened and mmapped " + path + " file";
+  const auto ran = test::run_scenario("open_a_path_that_mmap_refuses", {}, {path, "2", "0"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), (Messages{reason, opened}));
+  const auto logged = test::run_scenario("open_a_path_that_mmap_refuses", {}, {path, "3", "2"});
+  EXPECT_TRUE(logged.exited_with(0));
+  EXPECT_EQ(logged.messages(), (Messages{kRefusedMmap, reason, opened}));
+}
+
 SCENARIO(open_a_path_that_fstat_refuses) {
   set_thresholds(arguments);
   const int descriptor = next_descriptor();

@@ -1,0 +1,250 @@
+// How serious each check of the caches and stores is: which of them the module
+// still reports when its threshold goes down.
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::BasicStore;
+using quorvane::cache::Cache;
+using quorvane::cache::CleanupController;
+using quorvane::cache::EntryMap;
+using quorvane::cache::FileStoreSkeleton;
+using quorvane::cache::KeySet;
+using quorvane::util::RoBuffer;
+using quorvane::util::RwBuffer;
+using test::basic_file;
+using test::buffer;
+using test::buffers;
+using test::expectation;
+using test::header_bytes;
+using test::le32;
+using test::le64;
+using test::Ran;
+using test::TempDir;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+const std::string kMagic = le32(test::kStoreMagic);
+const test::Entry kEntry{"k", {"v"}};
+
+std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
+
+struct Maps {
+  CleanupController controller{0};
+  BasicStore store{"maps", std::make_shared<test::CountingLock>(), &controller};
+
+  void load() {
+    EntryMap out;
+    store.try_nonlock_load(out);
+  }
+  void scan() {
+    KeySet keys;
+    store.try_nonlock_load_new_keys(keys);
+  }
+};
+
+void load(const std::string& bytes) {
+  test::write_file(maps_file(), bytes);
+  Maps().load();
+}
+
+void scan(const std::string& bytes) {
+  test::write_file(maps_file(), bytes);
+  Maps().scan();
+}
+
+void write_entry(std::size_t room) {
+  RwBuffer bytes(room);
+  quorvane::util::BufferWriter writer = bytes.writer();
+  BasicStore::write_entry(writer, buffer("abc"), buffers({"ab"}));
+}
+
+// Fails each check on decoding and encoding once.
+void fail_at_every_piece() {
+  load("1234567");
+  load(header_bytes(2));
+  load(basic_file({}) + "123");
+  load(basic_file({}) + "1234");
+  load(basic_file({}) + kMagic);
+  load(basic_file({}) + kMagic + le64(0));
+  load(basic_file({}) + kMagic + le64(2) + "k");
+  const std::string key = basic_file({}) + kMagic + le64(1) + "k";
+  load(key);
+  load(key + le64(0));
+  load(key + le64(1));
+  load(key + le64(1) + le64(0));
+  load(key + le64(1) + le64(2) + "v");
+  scan(key + le64(1) + le64(2) + "v");
+  load(basic_file({kEntry, kEntry}));
+  scan(basic_file({kEntry, kEntry}));
+  for (const std::size_t room : {3, 11, 14, 22, 30, 32}) {
+    write_entry(room);
+  }
+}
+
+const Messages kPieces{
+    "hdr",
+    "std::memcmp(hdr, &valid_hdr_, sizeof(valid_hdr_)) == 0",
+    "freader.get(&magic_number)",
+    "magic_number == QV_CACHE_STORE_MAGIC_NUMBER",
+    "freader.get(&key_size)",
+    "key_size > 0",
+    "freader.get_raw(rvalbuf.get_buffer(), key_size)",
+    "freader.get(&num_val_atoms)",
+    "num_val_atoms > 0",
+    "freader.get(&val_atom_size)",
+    "val_atom_size > 0",
+    "freader.get_raw(val_atom_buf.get_buffer(), val_atom_size)",
+    "freader.buffer(val_atom_size)",
+    "emplace_ret.second",
+    "emplace_ret.second",
+    "fwriter.put(QV_CACHE_STORE_MAGIC_NUMBER)",
+    "fwriter.put(key.get_size())",
+    "fwriter.put_raw(key.get_buffer(), key.get_size())",
+    "fwriter.put(val.size())",
+    "fwriter.put(val_atom.get_size())",
+    "fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size())",
+};
+
+// Fails each check on the files themselves once.
+void fail_at_every_file() {
+  test::write_file(maps_file(), basic_file({kEntry}));
+  Maps maps;
+  maps.load();
+  test::write_file(maps_file(), basic_file({}));
+  maps.scan();
+  std::remove(maps_file().c_str());
+  maps.store.check_consistent_state();
+  Maps().load();
+  Maps().scan();
+  maps.store.nonlock_get_disk_usage();
+  scan("");
+  load("");
+  maps.store.cache_file_prepare_to_append("/none/maps");
+  maps.store.cache_file_prepare_to_append("/dev/full");
+}
+
+const Messages kFilesSeverity1{"file.size() >= file_last_size_",
+                               "file_last_size_ == 0 || file_exists(fpath_)", "file.good()"};
+const Messages kFilesSeverity2{"file.is_open()", "file.is_open()"};
+const Messages kFilesSeverity3{"file_exists(fpath_)", "file_exists(fpath_)",
+                               "stat(fpath_.c_str(), &st) == 0"};
+
+// A cache that loaded an entry from a file that someone restarts then.
+void fail_at_every_sequence() {
+  const auto lock = std::make_shared<test::CountingLock>();
+  CleanupController controller(0);
+  test::write_file(maps_file(), basic_file({kEntry}));
+  {
+    Cache cache("maps", std::make_unique<BasicStore>("maps", lock, &controller), false);
+    cache.add_value(buffer("other"), buffers({"v"}));
+    test::write_file(maps_file(), basic_file({}));
+  }
+  Cache without_store("maps", nullptr, false);
+  test::write_file(maps_file(), "damage");
+  Cache damaged("maps", std::make_unique<BasicStore>("maps", lock, &controller), false);
+  FileStoreSkeleton::get_default_cleanup_controller();
+  unsetenv("QV_CACHE_STORE_ROOT");
+  quorvane::cache::get_store_file_path("maps");
+}
+
+SCENARIO(fail_everywhere) {
+  auto* const module = test::module_of("util/src/cache");
+  module->fault_log_level = std::stoi(arguments.at(1));
+  module->fault_abort_level = std::stoi(arguments.at(2));
+  test::module_of("util/src/mmapped_file")->fault_log_level = 0;
+  if (arguments.at(0) == "pieces") {
+    fail_at_every_piece();
+  } else if (arguments.at(0) == "files") {
+    fail_at_every_file();
+  } else {
+    fail_at_every_sequence();
+  }
+  return 0;
+}
+
+Ran fail_everywhere(const std::string& what, int log_level, int abort_level = 0) {
+  const TempDir root;
+  return test::run_scenario("fail_everywhere",
+                            {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "ERROR"}},
+                            {what, std::to_string(log_level), std::to_string(abort_level)});
+}
+
+// The records of checks, in the order of their texts.
+Messages checks_reported(const std::string& what, int log_level) {
+  Messages checks;
+  for (const std::string& message :
+       test::without_lines(fail_everywhere(what, log_level).messages())) {
+    if (message.rfind("ERROR QV_FAULT_EXPECT", 0) == 0) {
+      checks.push_back(message);
+    }
+  }
+  std::sort(checks.begin(), checks.end());
+  return checks;
+}
+
+Messages expected(const std::vector<Messages>& lists) {
+  Messages all;
+  for (const Messages& list : lists) {
+    for (const std::string& condition : list) {
+      all.push_back(expectation(condition));
+    }
+  }
+  std::sort(all.begin(), all.end());
+  return all;
+}
+
+TEST(StoreSeverity, OfEveryPieceIs1) {
+  EXPECT_EQ(checks_reported("pieces", 0), Messages{});
+  EXPECT_EQ(checks_reported("pieces", 1), expected({kPieces}));
+}
+
+TEST(StoreSeverity, OfTheFilesIsLessTheMoreOrdinaryTheCaseIs) {
+  EXPECT_EQ(checks_reported("files", 0), Messages{});
+  EXPECT_EQ(checks_reported("files", 1), expected({kFilesSeverity1}));
+  EXPECT_EQ(checks_reported("files", 2), expected({kFilesSeverity1, kFilesSeverity2}));
+  EXPECT_EQ(checks_reported("files", 3),
+            expected({kFilesSeverity1, kFilesSeverity2, kFilesSeverity3}));
+}
+
+TEST(StoreSeverity, OfAHeaderThatCannotBeWrittenIs1) {
+  const std::string report = "ERROR Writing header file failed (/dev/full)";
+  const Messages silent = fail_everywhere("files", 0).messages();
+  EXPECT_EQ(std::count(silent.begin(), silent.end(), report), 0);
+  const Messages logged = fail_everywhere("files", 1).messages();
+  EXPECT_EQ(std::count(logged.begin(), logged.end(), report), 1);
+}
+
+TEST(StoreSeverity, OfTheSequencesIsThatOfTheirUse) {
+  const Messages severity1{"file.size() >= file_last_size_", "store_->try_store_diff(diff_map_)",
+                           "hdr"};
+  const Messages severity2{"loaded_map_last_size_ == 0 || new_keys_loaded", "threshold_env"};
+  const Messages severity3{"fallback_to_volatile || (store != nullptr && store->is_valid())",
+                           "store_->try_load(loaded_map_)"};
+  EXPECT_EQ(checks_reported("sequences", 0), Messages{});
+  EXPECT_EQ(checks_reported("sequences", 1), expected({severity1}));
+  EXPECT_EQ(checks_reported("sequences", 2), expected({severity1, severity2}));
+  EXPECT_EQ(checks_reported("sequences", 3), expected({severity1, severity2, severity3}));
+}
+
+TEST(StoreSeverity, IsWhatEndsTheProcessToo) {
+  for (const char* what : {"pieces", "files", "sequences"}) {
+    EXPECT_TRUE(fail_everywhere(what, 0, 0).exited_with(0)) << what;
+    EXPECT_TRUE(fail_everywhere(what, 0, 1).aborted()) << what;
+  }
+}
+
+}  // namespace
