@@ -81,6 +81,19 @@ void qvtracer::util::write_trace(const _qv_trace_rpc_t* rpc, _qv_trace_rpc_t* re
 
 namespace {
 
+std::string g_memory_file_name;
+unsigned g_memory_file_flags = 0;
+
+}  // namespace
+
+extern "C" int memfd_create(const char* name, unsigned flags) noexcept {
+  g_memory_file_name = name;
+  g_memory_file_flags = flags;
+  return static_cast<int>(syscall(SYS_memfd_create, name, flags));
+}
+
+namespace {
+
 static_assert(!std::is_copy_constructible_v<CircularBufferPool>);
 static_assert(noexcept(std::declval<CircularBufferPool&>().allocate(0, nullptr)));
 static_assert(noexcept(std::declval<CircularBufferPool&>().deallocate(nullptr, 0, nullptr)));
@@ -250,6 +263,12 @@ TEST(CircularBufferPool, MapsItsFileTwiceAndKeepsNoDescriptor) {
   const CircularBufferPool* const gone = &*pool;
   pool.reset();
   EXPECT_EQ(pool_mappings(gone), std::vector<std::size_t>{});
+}
+
+TEST(CircularBufferPool, NamesItsFileAfterItselfAndKeepsItFromOtherPrograms) {
+  const CircularBufferPool pool(page());
+  EXPECT_EQ(g_memory_file_name, "ringbuf-" + address(&pool));
+  EXPECT_EQ(g_memory_file_flags, static_cast<unsigned>(MFD_CLOEXEC));
 }
 
 TEST(CircularBufferPool, WaitsForRoomThatFreeMakes) {

@@ -55,6 +55,7 @@ std::atomic<long> g_allocations{0};
 
 extern "C" int gettimeofday(timeval* __restrict now, void* __restrict zone) noexcept {
   ++t_time_calls;
+  errno = EOVERFLOW;  // as any call may leave it, and a record may not
   if (t_fake_time != nullptr) {
     *now = *t_fake_time;
     return 0;
@@ -427,14 +428,14 @@ TEST(LogRecord, IsNotFilteredByTheOutletsLevel) {
 }
 
 TEST(LogRecord, ErrorAndOffGoToBothDescriptorsInOneWriteEach) {
-  for (int value = 0; value <= 7; ++value) {
+  for (int value = -1; value <= 7; ++value) {
     Writes file;
     Writes error;
     LoggingModuleData outlet{file.fd(), error.fd(), QV_LOG_LEVEL_ALL};
     log_to(outlet, level_of(value), "level %d", value);
     const std::vector<std::string> in_file = file.take();
     EXPECT_EQ(in_file.size(), 1U);
-    EXPECT_EQ(error.take(), value <= 1 ? in_file : std::vector<std::string>{});
+    EXPECT_EQ(error.take(), value == 0 || value == 1 ? in_file : std::vector<std::string>{});
   }
 }
 
@@ -537,6 +538,32 @@ TEST(LogRecord, KeepsErrnoOnSuccess) {
   log_to(outlet, QV_LOG_LEVEL_INFO, "x");
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(file.take().size(), 1U);
+}
+
+TEST(LogRecord, MayQuoteTheCallersErrno) {
+  Writes file;
+  LoggingModuleData outlet{file.fd(), 0, QV_LOG_LEVEL_ALL};
+  const std::string format = "%m, %d times";  // a literal would have to be ISO C++
+  const auto check = [&] {
+    errno = ENOENT;
+    log_to(outlet, QV_LOG_LEVEL_INFO, format.c_str(), 3);
+    EXPECT_EQ(errno, ENOENT);
+    const auto record = parse_record(file.take_one());
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->message, "No such file or directory, 3 times");
+  };
+  check();
+  std::thread(check).join();
+}
+
+TEST(LogRecord, AMessageThatCannotBeFormattedIsEmpty) {
+  Writes file;
+  LoggingModuleData outlet{file.fd(), 0, QV_LOG_LEVEL_ALL};
+  // No character of the C locale.
+  log_to(outlet, QV_LOG_LEVEL_INFO, "%ls", L"\x20ac");
+  const auto record = parse_record(file.take_one());
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->message, "");
 }
 
 TEST(LogRecord, AllocatesNothingNotEvenAThreadsFirst) {

@@ -1,14 +1,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/module.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/scenario.h"
@@ -197,6 +202,25 @@ TEST(QvModuleCommit, ACollisionIsLoggedAtAnyLevelAndAborts) {
   }
 }
 
+SCENARIO(commits_a_route_twice_into_a_registry_with_an_outlet_of_its_own) {
+  LoggingModuleData first{STDOUT_FILENO, -1, QV_LOG_LEVEL_OFF};
+  Lookup lookup(&first);
+  for (int i = 0; i < 2; ++i) {
+    auto module = lookup.create_module();
+    lookup.add_route(*module, "test/twice");
+    lookup.commit(std::move(module));
+  }
+  return 0;
+}
+
+TEST(QvModuleCommit, ACollisionIsLoggedThroughTheModuleThatComesSecond) {
+  const Ran ran = run_scenario("commits_a_route_twice_into_a_registry_with_an_outlet_of_its_own");
+  EXPECT_TRUE(ran.aborted());
+  EXPECT_THAT(test::level_and_message(test::parse_records(ran.out)),
+              ElementsAre("ERROR Module creation collision detected: test/twice"));
+  EXPECT_THAT(ran.messages(), IsEmpty());
+}
+
 SCENARIO(commits_the_same_route_from_two_threads) {
   const auto commit = [] {
     ModuleRecord* module = create();
@@ -244,6 +268,20 @@ TEST(QvModuleCommit, TheEmptyPathIsARouteLikeAnyOther) {
   EXPECT_EQ(ran.out, "found");
   EXPECT_TRUE(ran.aborted());
   EXPECT_THAT(ran.messages(), ElementsAre("ERROR Module creation collision detected: "));
+}
+
+SCENARIO(passes_no_path) {
+  ModuleRecord* module = create();
+  qv_module_route(nullptr, module);
+  const bool ignored = module->routes->empty();
+  qv_module_commit(module);
+  return ignored && qv_module_find(nullptr) == nullptr ? 0 : 1;
+}
+
+TEST(QvModuleRoute, ANullPathIsNoRoute) {
+  const Ran ran = run_scenario("passes_no_path");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.messages(), IsEmpty());
 }
 
 // --------------------------------------------------------------------- handles
@@ -380,6 +418,25 @@ TEST_F(OwnRegistry, FreesItsModulesWithItself) {
   commit({"a", "b"});
   commit({});
   lookup_.reset();
+}
+
+// What a fork still waited for would hang it: no thread unlocks these bytes.
+SCENARIO(forks_after_a_registry_is_gone) {
+  LoggingModuleData outlet{-1, -1, QV_LOG_LEVEL_OFF};
+  alignas(Lookup) static std::array<unsigned char, sizeof(Lookup)> storage;
+  std::destroy_at(new (storage.data()) Lookup(&outlet));
+  storage.fill(1);
+  alarm(30);
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  int status = 1;
+  return waitpid(child, &status, 0) == child ? status : 1;
+}
+
+TEST(OwnRegistryGone, IsNothingThatAForkWaitsFor) {
+  EXPECT_TRUE(run_scenario("forks_after_a_registry_is_gone").exited_with(0));
 }
 
 TEST_F(OwnRegistry, ThreadsFindWhileOthersCommit) {

@@ -25,7 +25,8 @@ QV_EXPORT void* qv_module_create(void);
 
 /* Adds a route, components separated by "/". A leading "/" or an empty
  * component is malformed: the route is not added, and the library's internal
- * module logs a WARN record. A trailing "/" and the empty path are fine. */
+ * module logs a WARN record. A trailing "/" and the empty path are fine. A null
+ * path is ignored. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
 /* Registers the module under each of its routes and takes it over. A route that
