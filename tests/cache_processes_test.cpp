@@ -336,7 +336,8 @@ SCENARIO(first_lookups_beside_a_fork) {
 TEST(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
   const TempDir root;
   for (int i = 0; i < 20; ++i) {
-    EXPECT_TRUE(run("first_lookups_beside_a_fork", root).exited_with(0)) << i;
+    const Ran ran = run("first_lookups_beside_a_fork", root);
+    EXPECT_TRUE(ran.exited_with(0)) << i << ran.err;
   }
 }
 

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "stats_test/fake_recorder.h"
+#include "support/interrupt.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -146,21 +147,6 @@ std::string task_of_this_thread() { return "self/task/" + std::to_string(syscall
 bool is_sleeping(const std::string& task) {
   return is_in_call(task, SYS_nanosleep) || is_in_call(task, SYS_clock_nanosleep) ||
          is_in_call(task, SYS_restart_syscall);
-}
-
-std::atomic<int> g_signals{0};
-
-// From now on SIGUSR1 interrupts system calls instead of restarting them.
-void count_signals() {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { ++g_signals; };
-  sigaction(SIGUSR1, &action, nullptr);
-}
-
-void interrupt(pid_t thread) {
-  const int before = g_signals;
-  syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
-  wait_until([&] { return g_signals > before; });
 }
 
 // The fake recorder's report is what `output` writes. The recorder is the one
@@ -420,7 +406,7 @@ TEST_F(Stats, TheThreadReportsEveryPeriod) {
 
 // The thread that isn't this one.
 SCENARIO(interrupt_the_sleeping_thread) {
-  count_signals();
+  test::let_signals_interrupt();
   std::vector<std::string> before;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     before.push_back(task.path().filename());
@@ -436,7 +422,7 @@ SCENARIO(interrupt_the_sleeping_thread) {
   const std::string task = "self/task/" + std::to_string(reporter);
   for (int round = 0; round < 5; ++round) {
     wait_until([&] { return is_sleeping(task); });
-    interrupt(reporter);
+    test::interrupt(reporter);
   }
   wait_until([&] { return is_sleeping(task); });
   return read_file(std::getenv("QV_STATS_REPORT_FILE")).empty() ? 0 : 1;
@@ -781,7 +767,7 @@ void write_interrupted(FakeWrite write_piece, void* closure) {
   std::thread interrupter([&] {
     for (int round = 0; round < 3; ++round) {
       wait_until([&] { return is_in_call(task, SYS_write); });
-      interrupt(writer);
+      test::interrupt(writer);
     }
     wait_until([&] { return is_in_call(task, SYS_write); });
     drain_pipe();
@@ -793,7 +779,7 @@ void write_interrupted(FakeWrite write_piece, void* closure) {
 }
 
 SCENARIO(interrupt_a_write) {
-  count_signals();
+  test::let_signals_interrupt();
   const char* fifo = std::getenv("QV_STATS_REPORT_FILE");
   mkfifo(fifo, 0600);
   g_pipe = open(fifo, O_RDWR | O_NONBLOCK);
@@ -813,7 +799,7 @@ TEST_F(CircMetrics, AnInterruptedWriteIsRepeated) {
 }
 
 SCENARIO(interrupt_a_wait_for_the_file_lock) {
-  count_signals();
+  test::let_signals_interrupt();
   const char* path = std::getenv("QV_STATS_REPORT_FILE");
   CircMetricsModule* module = get_singleton_module();
   const int other = open(path, O_RDONLY);
@@ -827,7 +813,7 @@ SCENARIO(interrupt_a_wait_for_the_file_lock) {
   const std::string task = "self/task/" + std::to_string(id);
   for (int round = 0; round < 3; ++round) {
     wait_until([&] { return is_in_call(task, SYS_flock); });
-    interrupt(id);
+    test::interrupt(id);
   }
   wait_until([&] { return is_in_call(task, SYS_flock); });
   const bool waited = read_file(path).empty();
