@@ -159,9 +159,7 @@ SCENARIO(refused_close) {
   {
     Cache cache("maps", maps_store(), false);
     cache.add_value(buffer("a"), buffers({"1"}));
-    const int next = open("/dev/null", O_RDONLY);
-    close(next);
-    test::refuse(SYS_close, EDQUOT, test::When{0, static_cast<std::uint32_t>(next)});
+    test::refuse(SYS_close, EDQUOT);
   }
   return 0;
 }

@@ -90,7 +90,7 @@ void fail_at_every_piece() {
   scan(key + le64(1) + le64(2) + "v");
   load(basic_file({kEntry, kEntry}));
   scan(basic_file({kEntry, kEntry}));
-  for (const std::size_t room : {3, 11, 14, 22, 30, 32}) {
+  for (const std::size_t room : {3u, 11u, 14u, 22u, 30u, 32u}) {
     write_entry(room);
   }
 }
