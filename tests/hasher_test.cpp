@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <thread>
@@ -21,6 +23,30 @@ namespace farmhashcc {
 util::uint128_t CityHash128WithSeed(const char* s, size_t len, util::uint128_t seed);
 }
 #endif
+
+namespace {
+thread_local bool g_memory_is_refused = false;
+}
+
+// What the library allocates comes from here as well.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return g_memory_is_refused ? nullptr : std::malloc(size);
+}
+void* operator new(std::size_t size) {
+  void* memory = operator new(size, std::nothrow);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return operator new(size, std::nothrow);
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -154,6 +180,17 @@ TYPED_TEST(EveryHasher, GoesOnInACopyFromWhereItStands) {
   EXPECT_TRUE(push(hasher, "ab"));
   TypeParam copy = hasher;
   EXPECT_EQ(digest_of(copy, {"c"}), digest_of(hasher, {"c"}));
+}
+
+TYPED_TEST(EveryHasher, ThrowsWithoutMemoryAndKeepsWhatWasPushed) {
+  TypeParam undisturbed;
+  const std::string expected = digest_of(undisturbed, {"ab", "c"});
+  TypeParam hasher;
+  EXPECT_TRUE(push(hasher, "ab"));
+  g_memory_is_refused = true;
+  EXPECT_THROW(hasher.calculate_and_reset(), std::bad_alloc);
+  g_memory_is_refused = false;
+  EXPECT_EQ(digest_of(hasher, {"c"}), expected);
 }
 
 TEST(Blake2Hasher, GivesTheStandardDigest) {

@@ -22,6 +22,7 @@
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -147,6 +148,25 @@ std::string task_of_this_thread() { return "self/task/" + std::to_string(syscall
 bool is_sleeping(const std::string& task) {
   return is_in_call(task, SYS_nanosleep) || is_in_call(task, SYS_clock_nanosleep) ||
          is_in_call(task, SYS_restart_syscall);
+}
+
+std::set<std::string> tasks() {
+  std::set<std::string> ids;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    ids.insert(task.path().filename());
+  }
+  return ids;
+}
+
+// Starts the report thread and returns once it sleeps.
+pid_t start_reporter() {
+  const std::set<std::string> before = tasks();
+  get_singleton_module();
+  std::set<std::string> started = tasks();
+  std::erase_if(started, [&](const std::string& id) { return before.count(id) != 0; });
+  const std::string reporter = started.empty() ? "none" : *started.begin();
+  wait_until([&] { return is_sleeping("self/task/" + reporter); });
+  return std::stoi(reporter);
 }
 
 // The fake recorder's report is what `output` writes. The recorder is the one
@@ -404,21 +424,9 @@ TEST_F(Stats, TheThreadReportsEveryPeriod) {
   EXPECT_TRUE(run("read_three_reports", {{"QV_STATS_REPORT_PERIOD", "1"}}).exited_with(0));
 }
 
-// The thread that isn't this one.
 SCENARIO(interrupt_the_sleeping_thread) {
   test::let_signals_interrupt();
-  std::vector<std::string> before;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    before.push_back(task.path().filename());
-  }
-  get_singleton_module();
-  pid_t reporter = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    const std::string name = task.path().filename();
-    if (std::find(before.begin(), before.end(), name) == before.end()) {
-      reporter = std::stoi(name);
-    }
-  }
+  const pid_t reporter = start_reporter();
   const std::string task = "self/task/" + std::to_string(reporter);
   for (int round = 0; round < 5; ++round) {
     wait_until([&] { return is_sleeping(task); });
@@ -870,11 +878,14 @@ int wait_for(pid_t child) {
   return status;
 }
 
+// Not while the report thread starts: a sanitizer's allocator would not survive that.
 SCENARIO(fork_a_child_that_counts) {
+  start_reporter();
   const qv_stats_handle_t counter = qv_stats_create_counter(module_of("m"), "n");
   qv_stats_counter_inc(counter, 1);
   const pid_t child = fork();
   if (child == 0) {
+    g_leaves_leak_check = true;
     qv_stats_counter_inc(counter, 10);
     qv_stats_create_counter(module_of("of the child"), "n");
     std::exit(0);
@@ -923,15 +934,22 @@ TEST_F(CircMetrics, AChildsReportWaitsForItsParents) {
   EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));
 }
 
+// One thread reports: more of them pass the file lock on among themselves, and the
+// children wait.
 SCENARIO(fork_beside_reports) {
-  register_a_long_report();
+  qv_stats_create_counter(module_of("long"), "a counter");
   std::atomic<bool> stop{false};
   std::vector<std::thread> busy;
-  for (int index = 0; index < 3; ++index) {
+  busy.emplace_back([&] {
+    while (!stop) {
+      get_singleton_module()->report_now();
+      std::this_thread::yield();
+    }
+  });
+  for (int index = 0; index < 2; ++index) {
     busy.emplace_back([&] {
       while (!stop) {
-        get_singleton_module()->report_now();
-        qv_stats_counter_inc(qv_stats_create_counter(module_of("long"), "a counter 1"), 1);
+        qv_stats_counter_inc(qv_stats_create_counter(module_of("long"), "a counter"), 1);
       }
     });
   }
@@ -968,6 +986,7 @@ SCENARIO(fork_during_the_first_use) {
     const pid_t child = fork();
     if (child == 0) {
       alarm(60);
+      g_leaves_leak_check = true;
       std::atomic<bool> started{false};
       std::thread first([&] {
         started = true;
@@ -1019,6 +1038,22 @@ SCENARIO(count_until_the_end) {
 TEST_F(Stats, TheLastReportHoldsWhatExitHandlersAndDestructorsCounted) {
   EXPECT_TRUE(run("count_until_the_end").exited_with(0));
   EXPECT_EQ(reports(file()), (std::vector<json>{{{"late", {{"n", 1111}, {"made last", 0}}}}}));
+}
+
+// Only in the process whose test asks for it.
+[[maybe_unused]] const bool g_counted_at_load = [] {
+  if (std::getenv("COUNT_AT_LOAD") == nullptr) {
+    return false;
+  }
+  qv_stats_counter_inc(qv_stats_create_counter(module_of("early"), "n"), 1);
+  return true;
+}();
+
+TEST_F(Stats, StatisticsMayBeginInAStaticInitialiser) {
+  const Ran ran = run("use_nothing", {{"COUNT_AT_LOAD", "1"}, {"QV_STATS_REPORT_PERIOD", "1000"}});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), Lines{capturing(file())});
+  EXPECT_EQ(reports(file()), (std::vector<json>{{{"early", {{"n", 1}}}}}));
 }
 
 SCENARIO(start_in_an_exit_handler) {

@@ -14,11 +14,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
-#include <system_error>
 
 #include "src/fork_guard.h"
 #include "src/once.h"
@@ -115,7 +115,7 @@ CircMetricsModule::~CircMetricsModule() {
 void CircMetricsModule::start_report_thread() {
   try {
     report_thread_ = std::thread(&CircMetricsModule::report_thr, this);
-  } catch (const std::system_error& error) {
+  } catch (const std::exception& error) {  // no thread, or no memory for one
     QV_LOG(Module::get_internal(), WARN, "Could not start statistics report thread: %s",
            error.what());
   }
@@ -287,8 +287,12 @@ CircMetricsModule* get_singleton_module() {
   }
   static constinit Once once;
   once.run([] {
-    fork_guard::add(g_initialise_mutex);
-    initialise_once();
+    try {
+      fork_guard::add(g_initialise_mutex);
+      initialise_once();
+    } catch (const std::bad_alloc&) {
+      QV_LOG(Module::get_internal(), WARN, "No memory for statistics.");
+    }
   });
   return g_instance.load(std::memory_order_acquire);
 }
