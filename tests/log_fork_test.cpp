@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/env_config.h>
+#include <quorvane/fault.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
 #include <sys/mman.h>
@@ -14,6 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <iostream>
 #include <string>
@@ -323,6 +325,43 @@ TEST(ForkedLog, NoChildHangsAtItsExit) {
                     {"TSAN_OPTIONS", with_option("TSAN_OPTIONS", "atexit_sleep_ms=0")}});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
+}
+
+// As a crash reporter does, which forks the program that takes the report.
+void fork_and_tell(int) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  const char* const told = status_of(child) == 0 ? "reported" : "failed";
+  _exit(write(STDOUT_FILENO, told, strlen(told)) > 0 ? 0 : 1);
+}
+
+SCENARIO(reports_a_collision_from_a_fork) {
+  signal(SIGABRT, &fork_and_tell);
+  alarm(kHangs);
+  for (int i = 0; i < 2; ++i) {
+    void* const module = qv_module_create();
+    qv_module_route("test/twice", module);
+    qv_module_commit(module);
+  }
+  return 1;
+}
+
+SCENARIO(reports_a_failed_check_from_a_fork) {
+  signal(SIGABRT, &fork_and_tell);
+  alarm(kHangs);
+  const quorvane::Module module("test/fork");
+  QV_FAULT_ASSERT(module, arguments.empty(), "test");
+  return 1;
+}
+
+TEST(ForkedLog, AHandlerOfAbortMayFork) {
+  const Ran collision = run_scenario("reports_a_collision_from_a_fork");
+  EXPECT_TRUE(collision.exited_with(0));
+  EXPECT_EQ(collision.out, "reported");
+  EXPECT_EQ(collision.records.size(), 1U);
+  EXPECT_EQ(run_scenario("reports_a_failed_check_from_a_fork", {}, {"failed"}).out, "reported");
 }
 
 SCENARIO(a_child_commits_what_its_parent_has_too) {

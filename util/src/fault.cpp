@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "src/fork_guard.h"
+
 namespace {
 
 constexpr int kMaxFrames = 64;
@@ -17,6 +19,12 @@ void print_stack_and_abort(int signal_number) {
   const int count = backtrace(frames, kMaxFrames);
   std::fprintf(stderr, "Error: signal %d:\n", signal_number);
   backtrace_symbols_fd(frames, count, STDERR_FILENO);
+  std::abort();
+}
+
+// Checks fail with the locks of their components in hand.
+[[noreturn]] void abort_for_good() {
+  quorvane::fork_guard::give_up();
   std::abort();
 }
 
@@ -35,7 +43,7 @@ bool qv_fault_expect(void* module, unsigned severity, bool condition, const char
     va_end(args);
   }
   if (severity <= static_cast<unsigned>(record->fault_abort_level)) {
-    std::abort();
+    abort_for_good();
   }
   return false;
 }
@@ -58,7 +66,7 @@ bool expectation_failed(void* module, int severity, const char* condition, const
               condition, source, line);
   }
   if (record->fault_abort_level >= severity) {
-    std::abort();
+    abort_for_good();
   }
   return false;
 }
@@ -68,7 +76,7 @@ bool expectation_failed(void* module, int severity, const char* condition, const
 void assertion_failed(void* module, const char* condition, const char* source, int line) {
   qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, "QV_FAULT_ASSERT: assertion (%s) failed (%s:%d)",
             condition, source, line);
-  std::abort();
+  abort_for_good();
 }
 
 }  // namespace fault

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <set>
 
 namespace quorvane {
@@ -19,7 +20,14 @@ Guarded& guarded() {
   return all;
 }
 
+std::atomic<bool> g_is_given_up{false};
+thread_local bool t_is_forking = false;
+
 void before_fork() {
+  if (g_is_given_up) {
+    return;
+  }
+  t_is_forking = true;
   guarded().mutex.lock();
   for (std::mutex* member : guarded().members) {
     member->lock();
@@ -27,6 +35,10 @@ void before_fork() {
 }
 
 void after_fork() {
+  if (!t_is_forking) {
+    return;
+  }
+  t_is_forking = false;
   for (std::mutex* member : guarded().members) {
     member->unlock();
   }
@@ -47,6 +59,8 @@ void remove(std::mutex& mutex) {
   const std::lock_guard<std::mutex> lock(guarded().mutex);
   guarded().members.erase(&mutex);
 }
+
+void give_up() { g_is_given_up = true; }
 
 }  // namespace fork_guard
 }  // namespace quorvane

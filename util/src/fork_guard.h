@@ -15,6 +15,10 @@ namespace fork_guard {
 void add(std::mutex& mutex);
 void remove(std::mutex& mutex);
 
+// For a thread about to abort, which may hold a guarded mutex: forks wait no
+// more, so that a handler of SIGABRT may fork. Any thread.
+void give_up();
+
 }  // namespace fork_guard
 }  // namespace quorvane
 

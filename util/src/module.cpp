@@ -77,6 +77,7 @@ void Lookup::commit(std::unique_ptr<Module>&& module) {
     if (find(route) != nullptr) {
       qv_log_do(shared.get(), QV_LOG_LEVEL_ERROR, 0, "Module creation collision detected: %s",
                 route.c_str());
+      fork_guard::give_up();
       std::abort();
     }
     insert(route, shared);
