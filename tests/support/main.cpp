@@ -10,7 +10,7 @@
 // a child of fork leaves behind in its parent are no leak, and the pages that a
 // test's memory limit keeps from being locked are no concern of ours.
 extern "C" const char* __tsan_default_options();
-const char* __tsan_default_options() { return "report_thread_leaks=0:use_madv_dontdump=0"; }
+const char* __tsan_default_options() { return "report_thread_leaks=0:use_madv_dontdump=0:atexit_sleep_ms=50"; }
 
 int main(int argc, char** argv) {
   if (argc >= 3 && std::strcmp(argv[1], "--scenario") == 0) {
