@@ -28,25 +28,30 @@ namespace {
 thread_local bool g_memory_is_refused = false;
 }
 
-// What the library allocates comes from here as well.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+// What the library allocates comes from here as well. Not inlined: the compiler
+// would see a new freed by free.
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return g_memory_is_refused ? nullptr : std::malloc(size);
 }
-void* operator new(std::size_t size) {
+__attribute__((noinline)) void* operator new(std::size_t size) {
   void* memory = operator new(size, std::nothrow);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
   return memory;
 }
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+__attribute__((noinline)) void* operator new[](std::size_t size) { return operator new(size); }
+__attribute__((noinline)) void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   return operator new(size, std::nothrow);
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+__attribute__((noinline)) void operator delete[](void* memory) noexcept { std::free(memory); }
+__attribute__((noinline)) void operator delete[](void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
 
 namespace {
 
