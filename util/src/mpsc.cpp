@@ -1,0 +1,102 @@
+#include <quorvane/mpsc.h>
+
+#include <quorvane/fault.h>
+
+namespace quorvane {
+namespace mpsc {
+namespace {
+
+// Lets the other thread of the core go ahead, without giving the core up.
+inline void pause_in_spin() {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+}  // namespace
+
+Module g_module("quorvane/mpsc");
+
+Ring::Ring(unsigned int size) : size_(size), mask_(size - 1) {
+  // The number is the line that the record carries: readers of logs search for
+  // it, so it stays when the code moves.
+  QV_FAULT_ASSERT_AT(module::Module::get_internal(), try_use_size(size, size) == true,
+                     "util/src/mpsc", 22);
+}
+
+bool Ring::try_use_size(unsigned int size, unsigned int& out) {
+  if (size < 2 || (size & (size - 1)) != 0) {
+    return false;
+  }
+  out = size;
+  return true;
+}
+
+Ring::Reservation Ring::wr_reserve() {
+  std::uint32_t reserve = reserve_index_.load();
+  for (;;) {
+    const std::uint32_t read = read_index_.load();
+    const std::uint32_t used = reserve - read;
+    if (used < mask_) {
+      if (reserve_index_.compare_exchange_weak(reserve, reserve + 1)) {
+        return {reserve + 1};
+      }
+    } else if (static_cast<std::int32_t>(used) < 0) {
+      // Others' entries have come and gone since the reserve index was read.
+      reserve = reserve_index_.load();
+    } else if (read_index_.load() == read) {
+      std::unique_lock<std::mutex> lock(space_mutex_);
+      while (read_index_.load() == read) {
+        space_.wait(lock);
+      }
+      reserve = reserve_index_.load();
+    }
+  }
+}
+
+// The store of the commit index and the load of the read index are a full fence
+// apart, being sequentially consistent: either the producer sees that the
+// consumer has nothing left, or the consumer sees the entry before it sleeps.
+void Ring::wr_commit(const Reservation& reservation) {
+  const std::uint32_t before = reservation.value - 1;
+  while (commit_index_.load() != before) {
+    pause_in_spin();
+  }
+  commit_index_.store(reservation.value);
+  if (read_index_.load() == before) {
+    const std::lock_guard<std::mutex> lock(data_mutex_);
+    data_.notify_one();
+  }
+}
+
+std::unique_lock<std::mutex> Ring::rd_lock() { return std::unique_lock<std::mutex>(data_mutex_); }
+
+void Ring::rd_wait(std::unique_lock<std::mutex>& lock) {
+  if (read_index_.load() == commit_index_.load()) {
+    data_.wait(lock);
+  }
+}
+
+bool Ring::rd_head(unsigned int& slot) {
+  const std::uint32_t read = read_index_.load();
+  if (commit_index_.load() == read) {
+    return false;
+  }
+  slot = read & mask_;
+  return true;
+}
+
+void Ring::rd_advance() {
+  // Read first: a reservation made after the increment needs no wake-up, and its
+  // producer may be the one to be woken.
+  const std::uint32_t reserve = reserve_index_.load();
+  if (read_index_.fetch_add(1) + 1 == reserve) {
+    const std::lock_guard<std::mutex> lock(space_mutex_);
+    space_.notify_all();
+  }
+}
+
+}  // namespace mpsc
+}  // namespace quorvane

@@ -1,0 +1,208 @@
+#include <quorvane/pidset.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+struct qv_pidset {
+  int fd;
+  std::uint64_t capacity;
+  void* map;
+};
+
+namespace {
+
+constexpr int kPresent = 1;
+constexpr int kFull = 2;
+constexpr int kLockFailed = 999;
+
+std::size_t page_size() { return static_cast<std::size_t>(getpagesize()); }
+
+// The callers of what failed want its errno, not that of the tidying up.
+class ErrnoKeeper {
+ public:
+  ~ErrnoKeeper() { errno = saved_; }
+
+ private:
+  int saved_ = errno;
+};
+
+qv_pidset_t* give_up(int fd) {
+  const ErrnoKeeper keeper;
+  flock(fd, LOCK_UN);
+  return nullptr;
+}
+
+qv_pidset_t* unmap_and_give_up(int fd, void* map) {
+  const ErrnoKeeper keeper;
+  munmap(map, page_size());
+  return give_up(fd);
+}
+
+// Other processes write the count while we read it without the lock.
+std::atomic_ref<std::uint64_t> count_of(const qv_pidset_t* set) {
+  return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(set->map));
+}
+
+std::int32_t* ids_of(const qv_pidset_t* set) {
+  return reinterpret_cast<std::int32_t*>(static_cast<std::uint64_t*>(set->map) + 1);
+}
+
+// A count that somebody has spoilt since the set was opened leads nobody past
+// the page.
+std::size_t used_of(const qv_pidset_t* set) {
+  return std::min(count_of(set).load(std::memory_order_relaxed), set->capacity);
+}
+
+// The index of the first id not less than `pid`, or `count`. A block at a time,
+// without a branch inside: compilers make vector code of it.
+std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int32_t pid) {
+  constexpr std::size_t kBlock = 16;
+  std::size_t index = 0;
+  for (; count - index >= kBlock; index += kBlock) {
+    std::int32_t found = 0;
+    for (std::size_t i = 0; i < kBlock; ++i) {
+      found |= ids[index + i] >= pid ? 1 : 0;
+    }
+    if (found != 0) {
+      break;
+    }
+  }
+  while (index < count && ids[index] < pid) {
+    ++index;
+  }
+  return index;
+}
+
+}  // namespace
+
+qv_pidset_t* qv_pidset_open(const char* path) {
+  const int fd = open(path, O_RDWR);
+  // A descriptor that holds no set stays open, unlike that of a clone.
+  return fd < 0 ? nullptr : qv_pidset_open_fd(fd);
+}
+
+qv_pidset_t* qv_pidset_open_fd(int fd) {
+  if (flock(fd, LOCK_EX) != 0) {
+    return nullptr;
+  }
+  struct stat status;
+  if (fstat(fd, &status) != 0) {
+    return give_up(fd);
+  }
+  const std::size_t page = page_size();
+  const bool is_new = status.st_size == 0;
+  if (is_new && ftruncate(fd, static_cast<off_t>(page)) != 0) {
+    return give_up(fd);
+  }
+  // Pages that can be written can be read. A refused mapping isn't null and is
+  // not noticed here: the first access ends the process.
+  void* const map = mmap(nullptr, page, PROT_WRITE, MAP_SHARED, fd, 0);
+  if (map == nullptr) {
+    return give_up(fd);
+  }
+  if (is_new) {
+    std::memset(map, 0, page);
+  } else if (status.st_size != static_cast<off_t>(page)) {
+    return unmap_and_give_up(fd, map);
+  }
+  auto* const set = static_cast<qv_pidset_t*>(std::calloc(1, sizeof(qv_pidset_t)));
+  if (set == nullptr) {
+    return unmap_and_give_up(fd, map);
+  }
+  flock(fd, LOCK_UN);
+  *set = {fd, qv_pidset_max_pid_count(), map};
+  if (count_of(set).load(std::memory_order_relaxed) > set->capacity) {
+    qv_pidset_close(set);
+    return nullptr;
+  }
+  return set;
+}
+
+qv_pidset_t* qv_pidset_clone(qv_pidset_t* set) {
+  const int fd = dup(set->fd);
+  if (fd < 0) {
+    return nullptr;
+  }
+  qv_pidset_t* const copy = qv_pidset_open_fd(fd);
+  if (copy == nullptr) {
+    const ErrnoKeeper keeper;
+    close(fd);  // for the second time if the count was wrong
+  }
+  return copy;
+}
+
+void qv_pidset_close(qv_pidset_t* set) {
+  munmap(set->map, page_size());
+  close(set->fd);
+  std::free(set);
+}
+
+int qv_pidset_add(qv_pidset_t* set, std::int32_t pid) {
+  if (flock(set->fd, LOCK_EX) != 0) {
+    return kLockFailed;
+  }
+  std::int32_t* const ids = ids_of(set);
+  const std::size_t count = used_of(set);
+  const std::size_t index = first_not_less(ids, count, pid);
+  int result = 0;
+  if (index < count && ids[index] == pid) {
+    result = kPresent;
+  } else if (count >= qv_pidset_max_pid_count()) {
+    result = kFull;
+  } else {
+    std::memmove(ids + index + 1, ids + index, (count - index) * sizeof(*ids));
+    ids[index] = pid;
+    count_of(set).store(count + 1, std::memory_order_release);
+  }
+  flock(set->fd, LOCK_UN);
+  return result;
+}
+
+int qv_pidset_remove(qv_pidset_t* set, std::int32_t pid) {
+  const int locked = flock(set->fd, LOCK_EX);
+  if (locked != 0) {
+    return locked;
+  }
+  std::int32_t* const ids = ids_of(set);
+  const std::size_t count = used_of(set);
+  const std::size_t index = first_not_less(ids, count, pid);
+  if (index < count && ids[index] == pid) {
+    count_of(set).store(count - 1, std::memory_order_release);
+    std::memmove(ids + index, ids + index + 1, (count - index - 1) * sizeof(*ids));
+  }
+  return flock(set->fd, LOCK_UN);
+}
+
+bool qv_pidset_contains(qv_pidset_t* set, std::int32_t pid) {
+  const std::int64_t index = qv_pidset_ge_index(set, pid);
+  return index >= 0 && ids_of(set)[index] == pid;
+}
+
+int qv_pidset_lock_contains(qv_pidset_t* set) {
+  return flock(set->fd, LOCK_EX) == 0 ? 0 : kLockFailed;
+}
+
+int qv_pidset_unlock_contains(qv_pidset_t* set) { return flock(set->fd, LOCK_UN); }
+
+std::int64_t qv_pidset_ge_index(qv_pidset_t* set, std::int32_t pid) {
+  const std::size_t count = used_of(set);
+  const std::size_t index = first_not_less(ids_of(set), count, pid);
+  return index < count ? static_cast<std::int64_t>(index) : -1;
+}
+
+std::uint64_t* qv_pidset_count_ptr(qv_pidset_t* set) {
+  return static_cast<std::uint64_t*>(set->map);
+}
+
+std::int32_t* qv_pidset_pidlist(qv_pidset_t* set) { return ids_of(set); }
+
+std::uint64_t qv_pidset_max_pid_count() { return (page_size() - 8) >> 2; }
