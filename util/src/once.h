@@ -20,10 +20,13 @@ class Once {
   // Returns when the function has run. Any thread; one load afterwards.
   template <typename Function>
   void run(const Function& function) {
-    if (state_.load(std::memory_order_acquire) != kDone) {
+    if (!has_run()) {
       run_or_wait(function);
     }
   }
+
+  // Any thread; one load. What the function wrote can be read after a true.
+  bool has_run() const { return state_.load(std::memory_order_acquire) == kDone; }
 
  private:
   using State = std::uint64_t;  // 0, the generation of the process that runs it, or kDone

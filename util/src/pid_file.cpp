@@ -1,0 +1,71 @@
+#include <quorvane/fault.h>
+#include <quorvane/module.h>
+#include <quorvane/pid_file.h>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+constexpr unsigned kSeverity = 2;
+
+// No string: a handler of SIGQUIT may remove the file.
+char g_path[PATH_MAX];
+
+// The process whose file g_path is; 0 when there is none. A raw clone inherits
+// its parent's id here, and so leaves the file to it.
+std::atomic<pid_t> g_owner{0};
+
+// -1 also when the name had to be cut, which no file can have. Its record is cut
+// before that is seen.
+int open_file(const char* root, pid_t pid) {
+  const int length = std::snprintf(g_path, sizeof(g_path), "%sqv.%d", root, pid);
+  return length < static_cast<int>(sizeof(g_path))
+             ? open(g_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
+             : -1;
+}
+
+// At load, and in a child, which leaves its parent's file alone.
+void write_file() {
+  g_owner = 0;
+  const char* const root = std::getenv("QV_PIDFILE_ROOT");
+  if (root == nullptr || *root == '\0') {
+    return;
+  }
+  const pid_t pid = getpid();
+  const int fd = open_file(root, pid);
+  if (qv_fault_expect(quorvane::module::Module::get_internal(), kSeverity, fd >= 0,
+                      "Failed to open QV_PIDFILE_ROOT pid file %s", g_path)) {
+    dprintf(fd, "%d\n", pid);
+    close(fd);
+    g_owner = pid;
+  }
+}
+
+bool write_at_load_and_in_children() {
+  write_file();
+  return pthread_atfork(nullptr, nullptr, &write_file) == 0;
+}
+
+[[maybe_unused]] const bool g_is_set_up = write_at_load_and_in_children();
+
+// Runs after everything that the program does at its exit.
+__attribute__((destructor)) void remove_at_exit() { qv_remove_sigquit_pidfile(); }
+
+}  // namespace
+
+void qv_remove_sigquit_pidfile() {
+  pid_t owner = getpid();
+  if (g_owner.compare_exchange_strong(owner, 0)) {
+    const bool is_gone = unlink(g_path) == 0 || errno == ENOENT;
+    qv_fault_expect(quorvane::module::Module::get_internal(), kSeverity, is_gone,
+                    "Failed to unlink QV_PIDFILE_ROOT pid file %s", g_path);
+  }
+}
