@@ -2,15 +2,13 @@
 // first damage and a refusal, with no more memory than the file itself takes.
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <random>
 #include <vector>
 
+#include "support/hostile.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -20,10 +18,13 @@ using quorvane::cache::CleanupController;
 using quorvane::cache::EntryMap;
 using quorvane::cache::KeySet;
 using test::basic_file;
+using test::changed;
 using test::Entry;
 using test::entry_bytes;
 using test::expectation;
+using test::GrowthLimit;
 using test::le64;
+using test::LogTail;
 using test::Ran;
 using test::TempDir;
 using Messages = std::vector<std::string>;
@@ -68,46 +69,6 @@ Fields fields_of(const std::vector<Entry>& entries) {
   return fields;
 }
 
-// The records that this scenario logged since the last call.
-class LogTail {
- public:
-  LogTail() : file_(getenv("QV_LOG_FILE")) {}
-
-  Messages next() {
-    std::string text;
-    for (std::string line; std::getline(file_, line);) {
-      text += line + "\n";
-    }
-    file_.clear();
-    return test::without_lines(test::level_and_message(test::parse_records(text)));
-  }
-
- private:
-  std::ifstream file_;
-};
-
-// Lets the process grow by no more than `bytes` and what a page table costs.
-class GrowthLimit {
- public:
-  explicit GrowthLimit([[maybe_unused]] std::size_t bytes) {
-#ifndef QV_SANITIZED  // whose runtimes reserve address space as they go
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    constexpr std::size_t slack = 512 * 1024;
-    set(pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) + bytes + slack);
-#endif
-  }
-  ~GrowthLimit() { set(RLIM_INFINITY); }
-  GrowthLimit(const GrowthLimit&) = delete;
-  GrowthLimit& operator=(const GrowthLimit&) = delete;
-
- private:
-  static void set(rlim_t limit) {
-    const rlimit now{limit, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &now);
-  }
-};
-
 std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
 
 Messages expected_messages(const test::Walk& walk, bool is_scan) {
@@ -149,7 +110,8 @@ class Checker {
     const test::Walk walk = test::walk_basic_file(bytes);
     EntryMap out;
     const bool ok = run(bytes, [&](BasicStore& store) { return store.try_nonlock_load(out); });
-    report(what + ", load", walk, ok, log_.next() == expected_messages(walk, false));
+    report(what + ", load", walk, ok,
+           test::without_lines(log_.next()) == expected_messages(walk, false));
     if (test::listing(out) != test::listing(test::entry_map(walk.entries))) {
       std::printf("%s, load: other entries\n", what.c_str());
     }
@@ -160,7 +122,8 @@ class Checker {
     KeySet keys;
     const bool ok =
         run(bytes, [&](BasicStore& store) { return store.try_nonlock_load_new_keys(keys); });
-    report(what + ", scan", walk, ok, log_.next() == expected_messages(walk, true));
+    report(what + ", scan", walk, ok,
+           test::without_lines(log_.next()) == expected_messages(walk, true));
     std::vector<std::string> expected;
     for (const Entry& entry : walk.entries) {
       expected.push_back(entry.key);
@@ -202,10 +165,6 @@ Ran run(const std::string& scenario, const test::Arguments& arguments = {}) {
 void expect_checked(const Ran& ran, std::size_t cases) {
   EXPECT_TRUE(ran.exited_with(0)) << ran.status;
   EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
-}
-
-std::string changed(std::string bytes, std::size_t offset, const std::string& by) {
-  return bytes.replace(offset, by.size(), by);
 }
 
 }  // namespace

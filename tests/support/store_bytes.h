@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <string>
 #include <vector>
@@ -96,6 +97,14 @@ inline quorvane::cache::KeySet key_set(const std::vector<std::string>& keys) {
     set.insert(buffer(key));
   }
   return set;
+}
+
+inline quorvane::cache::KeySet keys_of(const quorvane::cache::EntryMap& entries) {
+  quorvane::cache::KeySet keys;
+  for (const auto& entry : entries) {
+    keys.insert(entry.first);
+  }
+  return keys;
 }
 
 // "key=atom,atom" of each entry and a newline, in the order of the map.
@@ -242,9 +251,16 @@ inline std::string assertion(const std::string& condition,
   return "ERROR QV_FAULT_ASSERT: assertion (" + condition + ") failed (" + source + ")";
 }
 
+// The same for a check whose line is a fixed number.
+inline std::string expectation_at(const std::string& condition, int line) {
+  return expectation(condition, "util/src/cache:" + std::to_string(line));
+}
+
 // The messages with a final "(util/src/cache:123)" turned into
-// "(util/src/cache)": a check's line is that of its site.
-inline std::vector<std::string> without_lines(std::vector<std::string> messages) {
+// "(util/src/cache)": a check's line is that of its site. Lines from `first_fixed`
+// on stay.
+inline std::vector<std::string> without_lines(std::vector<std::string> messages,
+                                              int first_fixed = std::numeric_limits<int>::max()) {
   for (std::string& message : messages) {
     const std::size_t colon = message.rfind(':');
     if (message.rfind("(util/src/") >= message.size() || colon == std::string::npos ||
@@ -253,7 +269,8 @@ inline std::vector<std::string> without_lines(std::vector<std::string> messages)
     }
     const std::string line = message.substr(colon + 1, message.size() - colon - 2);
     if (!line.empty() && line[0] != '0' &&
-        line.find_first_not_of("0123456789") == std::string::npos) {
+        line.find_first_not_of("0123456789") == std::string::npos &&
+        std::stoi(line) < first_fixed) {
       message.replace(colon, line.size() + 1, "");
     }
   }

@@ -105,16 +105,18 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   // the stream for the result.
   std::ofstream cache_file_prepare_to_append(std::string path) const;
 
- private:
-  struct Header {
+ protected:
+  // What every store file begins with.
+  struct hdr_t {
     std::uint32_t magic_number;
     std::uint32_t version;
   };
 
+ private:
   CleanupController* cleanup_controller_;
   std::uint64_t ticket_;
   std::uint64_t loaded_map_last_size_ = 0;
-  Header valid_hdr_;
+  hdr_t valid_hdr_;
   std::shared_ptr<Store::Lock> lock_;
 };
 
@@ -153,11 +155,85 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   std::uint64_t file_last_size_ = 0;
 };
 
-enum class StoreKind { basic };
+// Two files per cache: one of keys, each with the position of its value, and one
+// of nothing but value bytes, which is mapped as long as the store lives.
+//
+// Loading copies keys only. The atoms that it hands out, and all copies of them,
+// are views into the mapping: they must not be read once the store, or the cache
+// that owns it, has gone. Copy the bytes of a value that is to live longer.
+//
+// Unlike the basic store's, a missing pair of files fails the load; a cache gets
+// its first pair from make_file_store.
+class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
+ public:
+  LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+                  CleanupController* controller);
+  ~LazyLookupStore() override;
+
+  std::string type() const override;
+  bool try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) override;
+
+  // Aborts when an earlier load succeeded: its atoms are still in use.
+  bool try_nonlock_load(EntryMap& map) override;
+  bool try_nonlock_load_new_keys(KeySet& keys) override;
+  std::uint64_t nonlock_get_disk_usage() const override;
+  void nonlock_clean() override;
+
+  // "key_NAME" and "val_NAME", in the store root.
+  static std::string get_key_fname(const std::string& name);
+  static std::string get_val_fname(const std::string& name);
+
+  // The sizes of an entry in the two files, in bytes.
+  static std::size_t get_key_file_entry_representation_size(const util::RoBuffer& key,
+                                                            const std::vector<util::RoBuffer>& val);
+  static std::size_t get_val_file_entry_representation_size(const std::vector<util::RoBuffer>& val);
+
+  // The pieces of the two files. Each returns false after a severity 1 check that
+  // quotes what failed. `val_offset` is where the value's magic number lies in
+  // the value file.
+  static bool write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
+                                   std::size_t val_offset, const std::vector<util::RoBuffer>& val);
+  static bool write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
+                                       const std::vector<util::RoBuffer>& val);
+  static bool write_val_file_entry(util::BufferWriter& fwriter,
+                                   const std::vector<util::RoBuffer>& val);
+  static bool write_val_atom_data(util::BufferWriter& fwriter,
+                                  const std::vector<util::RoBuffer>& val);
+  static bool read_val_atom_positions(util::BufferReader& key_freader, std::size_t& val_offset,
+                                      std::vector<std::size_t>& sizes);
+  static bool skip_val_atom_positions(util::BufferReader& key_freader);
+
+  // Appends to `val` views of the atoms that lie at `val_offset` in the value
+  // file's bytes, which must outlive them.
+  static bool shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t val_offset,
+                               const std::vector<std::size_t>& sizes,
+                               std::vector<util::RoBuffer>& val);
+
+  // False, after a check, when one file is there without the other, or the key
+  // file has gone since this store used it.
+  bool check_consistent_state() const;
+
+ private:
+  bool read_files(const util::MMappedFile& key_file, EntryMap& map);
+  bool read_entries(util::BufferReader& key_freader, util::RoBuffer& val_fbuffer,
+                    EntryMap& map) const;
+  bool read_new_keys(util::BufferReader& key_freader, KeySet& keys) const;
+  bool read_new_key(util::BufferReader& key_freader, KeySet& keys) const;
+  bool pass_known_part(util::BufferReader& key_freader) const;
+  void remove_unstored_files() const;
+
+  std::string key_fpath_;
+  std::string val_fpath_;
+  util::MMappedFile val_file_;
+  std::uint64_t key_file_last_size_ = 0;
+};
+
+enum class StoreKind { basic, lazy_lookup };
 
 // Makes a store of this kind for the cache `name`, with a lock of the same name
 // on the root. Null `controller`: the process's default one. An unusable root
-// gives a store that is not valid.
+// gives a store that is not valid. A lazy store gets its two files, without
+// entries, when neither is there yet.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
                                                  CleanupController* controller = nullptr);
 

@@ -1,18 +1,14 @@
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <new>
 #include <utility>
 
 #include <quorvane/file_store.h>
 
 #include "src/cache/checks.h"
 #include "src/cache/entry_scan.h"
+#include "src/cache/store_files.h"
 #include "src/cache/trace.h"
 
 namespace quorvane {
@@ -20,26 +16,6 @@ namespace cache {
 namespace {
 
 constexpr unsigned kVersion = 1;
-
-bool file_exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
-
-// Without waiting for a writer, should the path be a pipe.
-void map_whole(util::MMappedFile& file, const std::string& path) {
-  file.open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
-}
-
-// What the entry takes, or, when there is no memory for that, a buffer in which
-// it has no room.
-util::RwBuffer entry_buffer(const util::RoBuffer& key, const std::vector<util::RoBuffer>& val) {
-  try {
-    return util::RwBuffer(BasicStore::get_entry_representation_size(key, val));
-  } catch (const std::bad_alloc&) {
-    return util::RwBuffer(0);
-  }
-}
 
 }  // namespace
 
@@ -116,7 +92,7 @@ bool BasicStore::try_nonlock_load(EntryMap& out) {
 
 // False when an entry is damaged; those before it are in `out`.
 bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const {
-  for (const ScannedEntry& entry : scan_entries(freader)) {
+  for (const ScannedEntry& entry : scan_entries(freader, pass_basic_value)) {
     auto copy = entry.copy();
     const std::size_t before = out.size();
     out.emplace_hint(out.end(), std::move(copy.first), std::move(copy.second));
@@ -220,7 +196,7 @@ bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
     if (new_keys.count(key) != 0) {
       continue;  // another process stored it meanwhile
     }
-    util::RwBuffer fbuffer = entry_buffer(key, val);
+    util::RwBuffer fbuffer = entry_buffer(get_entry_representation_size(key, val));
     util::BufferWriter fwriter = fbuffer.writer();
     if (!write_entry(fwriter, key, val)) {
       return false;
@@ -239,9 +215,7 @@ bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
 }
 
 void BasicStore::remove_unstored_file() const {
-  if (std::remove(fpath_.c_str()) == 0) {
-    QV_LOG(g_module, WARN, "Error removing file %s: %s\n", fpath_.c_str(), std::strerror(errno));
-  }
+  remove_unstored(fpath_);
   QV_LOG(g_module, WARN, "Cache file %s removed as it couldn't be stored correctly",
          fpath_.c_str());
 }

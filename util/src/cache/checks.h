@@ -18,4 +18,11 @@ extern const Module g_module;
 #define CACHE_ASSERT(condition) \
   QV_FAULT_ASSERT(::quorvane::cache::g_module, condition, "util/src/cache")
 
+// The same with a line of their own: readers of logs search for it, so it stays
+// when the code moves.
+#define CACHE_EXPECT_AT(severity, condition, line) \
+  QV_FAULT_EXPECT_AT(::quorvane::cache::g_module, severity, condition, "util/src/cache", line)
+#define CACHE_ASSERT_AT(condition, line) \
+  QV_FAULT_ASSERT_AT(::quorvane::cache::g_module, condition, "util/src/cache", line)
+
 #endif  // QUORVANE_SRC_CACHE_CHECKS_H_

@@ -29,7 +29,7 @@ bool scan_size(util::BufferReader& freader, std::uint64_t& size) {
   return freader.get(&size) && size > 0;
 }
 
-bool scan_entry(util::BufferReader& freader, ScannedEntry& entry) {
+bool scan_entry(util::BufferReader& freader, ScannedEntry& entry, const PassValue& pass_value) {
   std::uint32_t magic = 0;
   std::uint64_t key_size = 0;
   if (!freader.get(&magic) || magic != QV_CACHE_STORE_MAGIC_NUMBER ||
@@ -37,15 +37,8 @@ bool scan_entry(util::BufferReader& freader, ScannedEntry& entry) {
     return false;
   }
   const unsigned char* key = freader.buffer(key_size);
-  std::uint64_t atoms = 0;
-  if (key == nullptr || !scan_size(freader, atoms)) {
+  if (key == nullptr || !pass_value(freader)) {
     return false;
-  }
-  for (std::uint64_t atom = 0; atom < atoms; ++atom) {
-    std::uint64_t atom_size = 0;
-    if (!scan_size(freader, atom_size) || freader.buffer(atom_size) == nullptr) {
-      return false;
-    }
   }
   entry = {key_size, prefix_of(key, key_size), key};
   return true;
@@ -118,13 +111,27 @@ std::pair<util::RoBuffer, std::vector<util::RoBuffer>> ScannedEntry::copy() cons
   return result;
 }
 
-std::vector<ScannedEntry> scan_entries(util::BufferReader& freader) {
+bool pass_basic_value(util::BufferReader& freader) {
+  std::uint64_t atoms = 0;
+  if (!scan_size(freader, atoms)) {
+    return false;
+  }
+  for (std::uint64_t atom = 0; atom < atoms; ++atom) {
+    std::uint64_t atom_size = 0;
+    if (!scan_size(freader, atom_size) || freader.buffer(atom_size) == nullptr) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<ScannedEntry> scan_entries(util::BufferReader& freader, const PassValue& pass_value) {
   std::vector<ScannedEntry> entries;
   bool sorted = true;
   while (freader.remaining() > 0) {
     util::BufferReader ahead = freader;
     ScannedEntry entry;
-    if (!scan_entry(ahead, entry)) {
+    if (!scan_entry(ahead, entry, pass_value)) {
       break;
     }
     sorted = sorted && (entries.empty() || !(entry < entries.back()));

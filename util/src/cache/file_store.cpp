@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/cache/store_files.h"
 #include "src/once.h"
 
 namespace quorvane {
@@ -44,6 +45,20 @@ constexpr std::size_t kSmallestAtom = sizeof(std::uint64_t) + 1;
 // fewer: what a damaged size asks for is never allocated.
 util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size) {
   return util::RwBuffer(size <= freader.remaining() ? size : 0);
+}
+
+// A lazy store whose files are there, if they can be made: it loads nothing
+// without them. Half a pair is left alone; the load will tell of it.
+std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
+                                              std::shared_ptr<Store::Lock> lock,
+                                              CleanupController* controller) {
+  auto store = std::make_unique<LazyLookupStore>(name, std::move(lock), controller);
+  if (store->is_valid() &&
+      !file_exists(get_store_file_path(LazyLookupStore::get_key_fname(name))) &&
+      !file_exists(get_store_file_path(LazyLookupStore::get_val_fname(name)))) {
+    store->try_store_diff({});
+  }
+  return store;
 }
 
 }  // namespace
@@ -199,6 +214,8 @@ std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
   switch (kind) {
     case StoreKind::basic:
       return std::make_unique<BasicStore>(name, std::move(lock), controller);
+    case StoreKind::lazy_lookup:
+      return make_lazy_lookup_store(name, std::move(lock), controller);
   }
   return nullptr;
 }

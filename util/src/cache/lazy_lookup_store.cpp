@@ -1,0 +1,349 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <utility>
+
+#include <quorvane/file_store.h>
+
+#include "src/cache/checks.h"
+#include "src/cache/key_file_scan.h"
+#include "src/cache/lazy_append.h"
+#include "src/cache/store_files.h"
+#include "src/cache/trace.h"
+
+namespace quorvane {
+namespace cache {
+namespace {
+
+constexpr unsigned kVersion = 2;
+
+// Holds any sum of two positions.
+__extension__ typedef unsigned __int128 Position;
+
+// Closes a mapping unless what it was made for succeeds.
+class Provisional {
+ public:
+  explicit Provisional(util::MMappedFile& file) : file_(&file) {}
+  ~Provisional() {
+    if (file_ != nullptr) {
+      file_->close();
+    }
+  }
+  Provisional(const Provisional&) = delete;
+  Provisional& operator=(const Provisional&) = delete;
+
+  void keep() { file_ = nullptr; }
+
+ private:
+  util::MMappedFile* file_;
+};
+
+}  // namespace
+
+LazyLookupStore::LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+                                 CleanupController* controller)
+    : FileStoreSkeleton(kVersion, name, std::move(lock), controller),
+      key_fpath_(get_store_file_path(get_key_fname(name))),
+      val_fpath_(get_store_file_path(get_val_fname(name))) {}
+
+LazyLookupStore::~LazyLookupStore() = default;
+
+std::string LazyLookupStore::type() const { return "LazyLookupStore"; }
+std::string LazyLookupStore::get_key_fname(const std::string& name) { return "key_" + name; }
+std::string LazyLookupStore::get_val_fname(const std::string& name) { return "val_" + name; }
+
+// --- the pieces of the key file ---
+
+std::size_t LazyLookupStore::get_key_file_entry_representation_size(
+    const util::RoBuffer& key, const std::vector<util::RoBuffer>& val) {
+  return sizeof(QV_CACHE_STORE_MAGIC_NUMBER) + sizeof(std::size_t) + key.get_size() +
+         sizeof(std::size_t) + sizeof(std::size_t) + val.size() * sizeof(std::size_t);
+}
+
+bool LazyLookupStore::write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
+                                           std::size_t val_offset,
+                                           const std::vector<util::RoBuffer>& val) {
+  return write_magic_number(fwriter) && write_key(fwriter, key) &&
+         write_val_atom_positions(fwriter, val_offset, val);
+}
+
+bool LazyLookupStore::write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
+                                               const std::vector<util::RoBuffer>& val) {
+  if (!CACHE_EXPECT_AT(1, fwriter.put(val_offset), 973) ||
+      !CACHE_EXPECT_AT(1, fwriter.put(val.size()), 977)) {
+    return false;
+  }
+  return std::all_of(val.begin(), val.end(), [&fwriter](const util::RoBuffer& val_atom) {
+    return CACHE_EXPECT_AT(1, fwriter.put(val_atom.get_size()), 983);
+  });
+}
+
+bool LazyLookupStore::read_val_atom_positions(util::BufferReader& key_freader,
+                                              std::size_t& val_offset,
+                                              std::vector<std::size_t>& sizes) {
+  std::size_t num_val_atoms = 0;
+  if (!CACHE_EXPECT_AT(1, key_freader.get(&val_offset), 897) ||
+      !CACHE_EXPECT_AT(1, key_freader.get(&num_val_atoms), 902) ||
+      !CACHE_EXPECT_AT(1, num_val_atoms > 0, 904)) {
+    return false;
+  }
+  sizes.clear();
+  sizes.reserve(std::min(num_val_atoms, key_freader.remaining() / sizeof(std::size_t)));
+  for (std::size_t atom = 0; atom < num_val_atoms; ++atom) {
+    std::size_t val_atom_size = 0;
+    if (!CACHE_EXPECT_AT(1, key_freader.get(&val_atom_size), 911) ||
+        !CACHE_EXPECT_AT(1, val_atom_size > 0, 913)) {
+      return false;
+    }
+    sizes.push_back(val_atom_size);
+  }
+  return true;
+}
+
+bool LazyLookupStore::skip_val_atom_positions(util::BufferReader& key_freader) {
+  std::size_t num_val_atoms = 0;
+  if (!CACHE_EXPECT_AT(1, key_freader.buffer(sizeof(std::size_t)), 950) ||
+      !CACHE_EXPECT_AT(1, key_freader.get(&num_val_atoms), 955) ||
+      !CACHE_EXPECT_AT(1, num_val_atoms > 0, 957)) {
+    return false;
+  }
+  // A count whose bytes would wrap asks for more than there is all the same.
+  num_val_atoms =
+      std::min(num_val_atoms, std::numeric_limits<std::size_t>::max() / sizeof(std::size_t));
+  return CACHE_EXPECT_AT(1, key_freader.buffer(num_val_atoms * sizeof(std::size_t)), 963);
+}
+
+// --- the pieces of the value file ---
+
+std::size_t LazyLookupStore::get_val_file_entry_representation_size(
+    const std::vector<util::RoBuffer>& val) {
+  std::size_t size = sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
+  for (const util::RoBuffer& atom : val) {
+    size += atom.get_size();
+  }
+  return size;
+}
+
+bool LazyLookupStore::write_val_file_entry(util::BufferWriter& fwriter,
+                                           const std::vector<util::RoBuffer>& val) {
+  return write_magic_number(fwriter) && write_val_atom_data(fwriter, val);
+}
+
+bool LazyLookupStore::write_val_atom_data(util::BufferWriter& fwriter,
+                                          const std::vector<util::RoBuffer>& val) {
+  return std::all_of(val.begin(), val.end(), [&fwriter](const util::RoBuffer& val_atom) {
+    // An empty atom has no bytes, and perhaps no address to put from.
+    return val_atom.get_size() == 0 ||
+           CACHE_EXPECT_AT(1, fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size()), 996);
+  });
+}
+
+bool LazyLookupStore::shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t val_offset,
+                                       const std::vector<std::size_t>& sizes,
+                                       std::vector<util::RoBuffer>& val) {
+  if (!CACHE_EXPECT_AT(1, val_offset >= sizeof(hdr_t), 923)) {
+    return false;
+  }
+  // Each atom takes a byte at least.
+  val.reserve(val.size() + std::min(sizes.size(), val_fbuffer.get_size()));
+  Position val_atom_offset = Position{val_offset} + sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
+  for (const std::size_t val_atom_size : sizes) {
+    if (!CACHE_EXPECT_AT(1, val_atom_offset + val_atom_size <= val_fbuffer.get_size(), 934)) {
+      return false;
+    }
+    val.push_back(util::RoBuffer::view(
+        val_fbuffer.get_buffer() + static_cast<std::size_t>(val_atom_offset), val_atom_size));
+    val_atom_offset += val_atom_size;
+  }
+  return true;
+}
+
+// --- the files ---
+
+bool LazyLookupStore::check_consistent_state() const {
+  const bool key_file_exists = file_exists(key_fpath_);
+  const bool val_file_exists = file_exists(val_fpath_);
+  return CACHE_EXPECT_AT(1, key_file_exists == val_file_exists, 1036) &&
+         CACHE_EXPECT_AT(1, key_file_last_size_ == 0 || key_file_exists, 1041);
+}
+
+std::uint64_t LazyLookupStore::nonlock_get_disk_usage() const {
+  std::uint64_t usage = 0;
+  struct stat st;
+  if (CACHE_EXPECT_AT(3, stat(key_fpath_.c_str(), &st) == 0, 1365)) {
+    usage += static_cast<std::uint64_t>(st.st_size);
+  }
+  if (CACHE_EXPECT_AT(3, stat(val_fpath_.c_str(), &st) == 0, 1368)) {
+    usage += static_cast<std::uint64_t>(st.st_size);
+  }
+  return usage;
+}
+
+void LazyLookupStore::nonlock_clean() {
+  unlink(val_fpath_.c_str());
+  unlink(key_fpath_.c_str());
+  QV_LOG(g_module, DEBUG, "Cachemap files %s and %s cleaned", key_fpath_.c_str(),
+         val_fpath_.c_str());
+}
+
+bool LazyLookupStore::try_nonlock_load(EntryMap& map) {
+  if (!check_consistent_state() || !CACHE_EXPECT_AT(3, file_exists(key_fpath_), 1158)) {
+    return false;
+  }
+  util::MMappedFile key_file;
+  map_whole(key_file, key_fpath_);
+  if (!CACHE_EXPECT_AT(2, key_file.is_open(), 1163)) {
+    return false;
+  }
+  CACHE_ASSERT_AT(!val_file_.is_open(), 1166);
+  map_whole(val_file_, val_fpath_);
+  if (!CACHE_EXPECT_AT(2, val_file_.is_open(), 1169)) {
+    return false;
+  }
+  Provisional values(val_file_);
+  Trace trace(this, TraceCategory::load);
+  const bool loaded = read_files(key_file, map);
+  trace.end(key_file.size());
+  if (!loaded) {
+    return false;
+  }
+  QV_LOG(g_module, DEBUG, "Cachemap (%s, %s) files loaded", key_fpath_.c_str(), val_fpath_.c_str());
+  key_file_last_size_ = key_file.size();
+  values.keep();
+  return true;
+}
+
+bool LazyLookupStore::read_files(const util::MMappedFile& key_file, EntryMap& map) {
+  const auto key_fbuffer = util::RoBuffer::view(key_file.data(), key_file.size());
+  auto val_fbuffer = util::RoBuffer::view(val_file_.data(), val_file_.size());
+  util::BufferReader key_freader = key_fbuffer.reader();
+  util::BufferReader val_freader = val_fbuffer.reader();
+  if (!read_header(key_freader) || !read_header(val_freader)) {
+    return false;
+  }
+  if (insert_whole_key_file(key_freader, val_fbuffer, map) ||
+      read_entries(key_freader, val_fbuffer, map)) {
+    return true;
+  }
+  QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", key_fpath_.c_str());
+  return false;
+}
+
+// One by one as they lie, up to the first that is damaged or repeats a key.
+bool LazyLookupStore::read_entries(util::BufferReader& key_freader, util::RoBuffer& val_fbuffer,
+                                   EntryMap& map) const {
+  std::size_t val_offset = 0;
+  std::vector<std::size_t> sizes;
+  while (key_freader.remaining() > 0) {
+    if (!read_magic_number(key_freader)) {
+      return false;
+    }
+    util::RoBuffer key = read_key(key_freader);
+    std::vector<util::RoBuffer> val;
+    if (key.get_size() == 0 || !read_val_atom_positions(key_freader, val_offset, sizes) ||
+        !shallow_read_val(val_fbuffer, val_offset, sizes, val)) {
+      return false;
+    }
+    const auto emplace_ret = map.emplace(std::move(key), std::move(val));
+    if (!emplace_ret.second) {
+      QV_LOG(g_module, ERROR, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
+      return CACHE_EXPECT_AT(3, emplace_ret.second, 1230);
+    }
+  }
+  return true;
+}
+
+bool LazyLookupStore::try_nonlock_load_new_keys(KeySet& keys) {
+  if (!check_consistent_state() || !CACHE_EXPECT_AT(3, file_exists(key_fpath_), 1271)) {
+    return false;
+  }
+  util::MMappedFile key_file;
+  map_whole(key_file, key_fpath_);
+  if (!CACHE_EXPECT_AT(2, key_file.is_open(), 1276) ||
+      !CACHE_EXPECT_AT(1, key_file.size() >= key_file_last_size_, 1295)) {
+    return false;
+  }
+  Trace trace(this, TraceCategory::load);
+  const auto key_fbuffer = util::RoBuffer::view(key_file.data(), key_file.size());
+  util::BufferReader key_freader = key_fbuffer.reader();
+  const bool loaded = pass_known_part(key_freader) && read_new_keys(key_freader, keys);
+  trace.end(key_file.size() - key_file_last_size_);
+  if (!loaded) {
+    return false;
+  }
+  QV_LOG(g_module, DEBUG, "Cachemap %s diff loaded", key_fpath_.c_str());
+  key_file_last_size_ = key_file.size();
+  return true;
+}
+
+bool LazyLookupStore::pass_known_part(util::BufferReader& key_freader) const {
+  if (key_file_last_size_ == 0) {
+    return CACHE_EXPECT_AT(1, read_header(key_freader), 1279);
+  }
+  return CACHE_EXPECT_AT(1, key_freader.buffer(key_file_last_size_), 1300);
+}
+
+bool LazyLookupStore::read_new_keys(util::BufferReader& key_freader, KeySet& keys) const {
+  while (key_freader.remaining() > 0) {
+    if (!read_new_key(key_freader, keys)) {
+      QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", key_fpath_.c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+bool LazyLookupStore::read_new_key(util::BufferReader& key_freader, KeySet& keys) const {
+  if (!read_magic_number(key_freader)) {
+    return false;
+  }
+  util::RoBuffer key = read_key(key_freader);
+  if (key.get_size() == 0 || !skip_val_atom_positions(key_freader)) {
+    return false;
+  }
+  const auto emplace_ret = keys.emplace(std::move(key));
+  if (!emplace_ret.second) {
+    QV_LOG(g_module, WARN, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
+  }
+  return CACHE_EXPECT_AT(1, emplace_ret.second, 1332);
+}
+
+bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) {
+  const bool are_new = !file_exists(key_fpath_) && !file_exists(val_fpath_);
+  std::ofstream key_file = cache_file_prepare_to_append(key_fpath_);
+  std::ofstream val_file = cache_file_prepare_to_append(val_fpath_);
+  if (!key_file.good() || !val_file.good()) {
+    if (are_new) {  // half a pair would fail every load from now on
+      std::remove(key_fpath_.c_str());
+      std::remove(val_fpath_.c_str());
+    }
+    return false;
+  }
+  Trace trace(this, TraceCategory::append);
+  LazyAppend append(key_file, val_file);
+  const bool fbuffer_corrupted = !append.write(diff, keys_to_skip);
+  trace.end(append.bytes());
+  key_file.close();  // some file systems tell only now
+  val_file.close();
+  // clang-format off
+  if (!CACHE_EXPECT_AT(1, !fbuffer_corrupted && key_file.good() && val_file.good(), 1126)) {
+    // clang-format on
+    remove_unstored_files();
+    return false;
+  }
+  QV_LOG(g_module, DEBUG, "Cache files (%s, %s) stored", key_fpath_.c_str(), val_fpath_.c_str());
+  return true;
+}
+
+void LazyLookupStore::remove_unstored_files() const {
+  remove_unstored(key_fpath_);
+  remove_unstored(val_fpath_);
+  QV_LOG(g_module, WARN, "Cache files (%s, %s) removed as they couldn't be stored correctly",
+         key_fpath_.c_str(), val_fpath_.c_str());
+}
+
+}  // namespace cache
+}  // namespace quorvane
