@@ -1,0 +1,98 @@
+// What the kernel says of a thread of this process.
+#ifndef TESTS_SUPPORT_THREAD_STATE_H_
+#define TESTS_SUPPORT_THREAD_STATE_H_
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace test {
+
+// The fields of /proc/self/task/TID/stat from the state on, as proc(5) numbers
+// them from 3; "" when the thread has ended.
+inline std::string stat_from_state(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const std::size_t name_end = text.rfind(')');
+  return name_end == std::string::npos ? "" : text.substr(name_end + 2);
+}
+
+inline bool is_asleep(pid_t tid) { return stat_from_state(tid).rfind('S', 0) == 0; }
+
+// The clock ticks that the thread has computed for.
+inline long computed_ticks(pid_t tid) {
+  std::istringstream fields(stat_from_state(tid));
+  std::string skipped;
+  for (int field = 3; field < 14; ++field) {
+    fields >> skipped;
+  }
+  long user = 0;
+  long system = 0;
+  fields >> user >> system;
+  return user + system;
+}
+
+// How often the thread has gone to sleep.
+inline long sleeps(pid_t tid) {
+  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+  std::string word;
+  while (status >> word && word != "voluntary_ctxt_switches:") {
+  }
+  long count = -1;
+  status >> count;
+  return count;
+}
+
+// A thread that runs one function and can be watched while it does.
+class Watched {
+ public:
+  explicit Watched(std::function<void()> function)
+      : thread_([this, function = std::move(function)] {
+          tid_ = gettid();
+          function();
+          done_ = true;
+        }) {}
+  ~Watched() { join(); }
+  Watched(const Watched&) = delete;
+  Watched& operator=(const Watched&) = delete;
+
+  // Waits until the thread runs.
+  pid_t tid() const {
+    while (tid_ == 0) {
+      std::this_thread::yield();
+    }
+    return tid_;
+  }
+
+  // Waits until the thread sleeps or has ended.
+  void settle() const {
+    while (!done_ && !is_asleep(tid())) {
+      std::this_thread::yield();
+    }
+  }
+
+  bool is_done() const { return done_; }
+
+  void join() {
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+ private:
+  std::atomic<pid_t> tid_{0};
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+}  // namespace test
+
+#endif  // TESTS_SUPPORT_THREAD_STATE_H_
