@@ -75,7 +75,7 @@ TEST_F(Readme, NamesEveryVariableThatTheLibraryReads) {
   for (const char* variable :
        {"QV_LOG_FILE", "QV_LOG_FILE_Global", "HOME", "QV_LOG_LEVEL", "QV_LOG_SYNC",
         "QV_CACHE_STORE_ROOT", "QV_CACHE_STORE_CLEANUP_THRESHOLD", "QV_STATS_REPORT_FILE",
-        "QV_STATS_REPORT_PERIOD"}) {
+        "QV_STATS_REPORT_PERIOD", "QV_PIDFILE_ROOT", "TMPDIR"}) {
     EXPECT_THAT(text, HasSubstr("| `" + std::string(variable) + "` |"));
   }
 }

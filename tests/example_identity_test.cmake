@@ -1,0 +1,1 @@
+add_dependencies(example_identity_test identity)
