@@ -1,0 +1,1 @@
+add_dependencies(example_pidset_test pidset)
