@@ -1,4 +1,4 @@
-// A basic store's file of 32-byte keys and 256-byte values, and a root for it.
+// A store's files of 32-byte keys and 256-byte values, and a root for it.
 #ifndef BENCH_STORE_FIXTURE_H_
 #define BENCH_STORE_FIXTURE_H_
 
@@ -57,15 +57,15 @@ inline std::string make_value(const Key& key) {
   return value;
 }
 
-// Writes the file `name` through the library, in `batches` appends of an equal
+// Writes the store `name` through the library, in `batches` appends of an equal
 // share of the keys each; each batch is in key order, the batches are mixed.
-inline void write_store(const std::string& name, const std::vector<Key>& keys,
-                        std::size_t batches) {
+template <typename Store = quorvane::cache::BasicStore>
+void write_store(const std::string& name, const std::vector<Key>& keys, std::size_t batches) {
   using namespace quorvane;
   root();
   const std::size_t share = (keys.size() + batches - 1) / batches;
   for (std::size_t begin = 0; begin < keys.size(); begin += share) {
-    cache::BasicStore store(name, std::make_shared<cache::StoreFLock>(name), nullptr);
+    Store store(name, std::make_shared<cache::StoreFLock>(name), nullptr);
     cache::EntryMap diff;
     for (std::size_t at = begin; at < std::min(begin + share, keys.size()); ++at) {
       const std::string value = make_value(keys[at]);

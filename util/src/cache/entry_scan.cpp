@@ -31,9 +31,13 @@ bool scan_size(util::BufferReader& freader, std::uint64_t& size) {
 
 bool scan_entry(util::BufferReader& freader, ScannedEntry& entry, const PassValue& pass_value) {
   std::uint32_t magic = 0;
-  std::uint64_t key_size = 0;
-  if (!freader.get(&magic) || magic != QV_CACHE_STORE_MAGIC_NUMBER ||
-      !scan_size(freader, key_size)) {
+  const unsigned char* const head = freader.buffer(sizeof(magic) + sizeof(entry.key_size));
+  if (head == nullptr) {
+    return false;
+  }
+  std::memcpy(&magic, head, sizeof(magic));
+  const std::uint64_t key_size = read_number(head + sizeof(magic));
+  if (magic != QV_CACHE_STORE_MAGIC_NUMBER || key_size == 0) {
     return false;
   }
   const unsigned char* key = freader.buffer(key_size);

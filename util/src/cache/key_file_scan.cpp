@@ -1,12 +1,14 @@
 #include "src/cache/key_file_scan.h"
 
 #include <algorithm>
-#include <utility>
+#include <cstring>
+#include <numeric>
 #include <vector>
 
 #include <quorvane/file_store.h>
 
 #include "src/cache/entry_scan.h"
+#include "src/cache/key_slabs.h"
 
 namespace quorvane {
 namespace cache {
@@ -16,24 +18,51 @@ namespace {
 constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kMagicSize = sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
 
+std::size_t number_at(const unsigned char* bytes) {
+  std::size_t number;
+  std::memcpy(&number, bytes, sizeof(number));
+  return number;
+}
+
 // Whether the positions are there and name bytes within a value file of this size.
 bool pass_positions(util::BufferReader& key_freader, std::size_t val_file_size) {
-  std::size_t val_offset = 0;
-  std::size_t atoms = 0;
-  if (!key_freader.get(&val_offset) || !key_freader.get(&atoms) || atoms == 0 ||
+  const unsigned char* const fixed = key_freader.buffer(2 * sizeof(std::size_t));
+  if (fixed == nullptr) {
+    return false;
+  }
+  const std::size_t val_offset = number_at(fixed);
+  const std::size_t atoms = number_at(fixed + sizeof(std::size_t));
+  if (atoms == 0 || atoms > key_freader.remaining() / sizeof(std::size_t) ||
       val_offset < kHeaderSize || val_offset > val_file_size ||
       val_file_size - val_offset < kMagicSize) {
     return false;
   }
+  const unsigned char* sizes = key_freader.buffer(atoms * sizeof(std::size_t));
   std::size_t left = val_file_size - val_offset - kMagicSize;
-  for (; atoms > 0; --atoms) {
-    std::size_t atom_size = 0;
-    if (!key_freader.get(&atom_size) || atom_size == 0 || atom_size > left) {
+  for (std::size_t atom = 0; atom < atoms; ++atom, sizes += sizeof(std::size_t)) {
+    const std::size_t atom_size = number_at(sizes);
+    if (atom_size == 0 || atom_size > left) {
       return false;
     }
     left -= atom_size;
   }
   return true;
+}
+
+// Of positions that were passed before.
+std::vector<util::RoBuffer> atoms_at(const unsigned char* positions,
+                                     const util::RoBuffer& val_fbuffer) {
+  const unsigned char* atom = val_fbuffer.get_buffer() + number_at(positions) + kMagicSize;
+  positions += sizeof(std::size_t);
+  std::size_t atoms = number_at(positions);
+  std::vector<util::RoBuffer> val;
+  for (val.reserve(atoms); atoms > 0; --atoms) {
+    positions += sizeof(std::size_t);
+    const std::size_t size = number_at(positions);
+    val.push_back(util::RoBuffer::view(atom, size));
+    atom += size;
+  }
+  return val;
 }
 
 bool is_same_key(const ScannedEntry& before, const ScannedEntry& after) {
@@ -42,10 +71,8 @@ bool is_same_key(const ScannedEntry& before, const ScannedEntry& after) {
 
 }  // namespace
 
-bool insert_whole_key_file(util::BufferReader key_freader, util::RoBuffer& val_fbuffer,
+bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer& val_fbuffer,
                            EntryMap& map) {
-  const std::size_t left = key_freader.remaining();
-  const unsigned char* const end = key_freader.buffer(0) + left;
   const auto entries = scan_entries(key_freader, [&val_fbuffer](util::BufferReader& freader) {
     return pass_positions(freader, val_fbuffer.get_size());
   });
@@ -53,16 +80,12 @@ bool insert_whole_key_file(util::BufferReader key_freader, util::RoBuffer& val_f
       std::adjacent_find(entries.begin(), entries.end(), is_same_key) != entries.end()) {
     return false;
   }
-  std::vector<std::size_t> sizes;
+  KeySlabs keys(std::accumulate(
+      entries.begin(), entries.end(), std::size_t{0},
+      [](std::size_t total, const ScannedEntry& entry) { return total + entry.key_size; }));
   for (const ScannedEntry& entry : entries) {
-    const unsigned char* const positions = entry.key + entry.key_size;
-    const auto bytes = util::RoBuffer::view(positions, static_cast<std::size_t>(end - positions));
-    util::BufferReader freader = bytes.reader();
-    std::size_t val_offset = 0;
-    std::vector<util::RoBuffer> val;
-    LazyLookupStore::read_val_atom_positions(freader, val_offset, sizes);
-    LazyLookupStore::shallow_read_val(val_fbuffer, val_offset, sizes, val);
-    map.emplace_hint(map.end(), util::RoBuffer::copy(entry.key, entry.key_size), std::move(val));
+    map.emplace_hint(map.end(), keys.copy(entry.key, entry.key_size),
+                     atoms_at(entry.key + entry.key_size, val_fbuffer));
   }
   return true;
 }

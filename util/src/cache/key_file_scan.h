@@ -14,7 +14,7 @@ namespace cache {
 // in key order, which is many times faster than one by one as they lie. The
 // atoms are views of `val_fbuffer`. False, with nothing done, when anything is
 // wrong: read the entries one by one, then, to find what.
-bool insert_whole_key_file(util::BufferReader key_freader, util::RoBuffer& val_fbuffer,
+bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer& val_fbuffer,
                            EntryMap& map);
 
 }  // namespace cache

@@ -2,7 +2,6 @@
 
 #include <farmhash.h>
 
-#include <bit>
 #include <cstring>
 
 namespace quorvane {
@@ -13,36 +12,40 @@ std::uint64_t hash_of(const util::RoBuffer& key) {
   return ::util::Hash64(reinterpret_cast<const char*>(key.get_buffer()), key.get_size());
 }
 
-bool same(const util::RoBuffer& a, const util::RoBuffer& b) {
-  return a.get_size() == b.get_size() &&
-         (a.get_size() == 0 || std::memcmp(a.get_buffer(), b.get_buffer(), a.get_size()) == 0);
+// The upper half of the product: spreads the hashes over any number of slots.
+std::size_t scaled(std::uint64_t hash, std::size_t slots) {
+  __extension__ using Wide = unsigned __int128;
+  return static_cast<std::size_t>((static_cast<Wide>(hash) * slots) >> 64);
 }
-
-// At most two slots in three are taken.
-std::size_t slots_for(std::size_t entries) { return std::bit_ceil(entries + entries / 2 + 1); }
 
 }  // namespace
 
-LoadedIndex::LoadedIndex(const EntryMap& map)
-    : slots_(slots_for(map.size())), mask_(slots_.size() - 1) {
-  for (const auto& entry : map) {
-    const std::uint64_t hash = hash_of(entry.first);
-    std::size_t at = hash & mask_;
-    while (slots_[at].entry != nullptr) {
-      at = (at + 1) & mask_;
+// Two slots in three are taken.
+LoadedIndex::LoadedIndex(const EntryMap& map) : slots_(map.size() + map.size() / 2 + 1) {
+  for (const auto& [key, value] : map) {
+    const std::uint64_t hash = hash_of(key);
+    std::size_t at = scaled(hash, slots_.size());
+    while (slots_[at].value != nullptr) {
+      at = after(at);
     }
-    slots_[at] = {hash, &entry};
+    slots_[at] = {hash, key.get_buffer(), key.get_size(), &value};
   }
 }
 
 const std::vector<util::RoBuffer>* LoadedIndex::find(const util::RoBuffer& key) const {
   const std::uint64_t hash = hash_of(key);
-  for (std::size_t at = hash & mask_; slots_[at].entry != nullptr; at = (at + 1) & mask_) {
-    if (slots_[at].hash == hash && same(slots_[at].entry->first, key)) {
-      return &slots_[at].entry->second;
+  std::size_t at = scaled(hash, slots_.size());
+  for (; slots_[at].value != nullptr; at = after(at)) {
+    if (slots_[at].hash == hash && slots_[at].has_key(key)) {
+      return slots_[at].value;
     }
   }
   return nullptr;
+}
+
+bool LoadedIndex::Slot::has_key(const util::RoBuffer& wanted) const {
+  return size == wanted.get_size() &&
+         (size == 0 || std::memcmp(key, wanted.get_buffer(), size) == 0);
 }
 
 }  // namespace cache
