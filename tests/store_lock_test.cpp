@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/interrupt.h"
 #include "support/lock_probe.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
@@ -541,21 +542,8 @@ TEST(StoreFLockRefusals, ALockThatTheKernelRefusesEndsTheProcess) {
   }
 }
 
-// Whether a signal still waits for the thread.
-bool has_pending_signal(pid_t tid) {
-  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("SigPnd:", 0) == 0) {
-      return line.find_first_not_of("0", line.find('0')) != std::string::npos;
-    }
-  }
-  return false;
-}
-
 SCENARIO(interrupted_lock) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};  // and no SA_RESTART
-  sigaction(SIGUSR1, &action, nullptr);
+  test::let_signals_interrupt();
   StoreFLock first("maps");
   StoreFLock second("maps");
   first.lock();
@@ -569,10 +557,7 @@ SCENARIO(interrupted_lock) {
   bool waits = true;
   for (int i = 0; i < 3; ++i) {
     waits = waits && test::waits_for_lock(getpid(), got_it);
-    pthread_kill(thread.native_handle(), SIGUSR1);
-    while (has_pending_signal(tid)) {
-      std::this_thread::yield();
-    }
+    test::interrupt(tid);
   }
   waits = waits && test::waits_for_lock(getpid(), got_it);
   const bool passed_early = got_it.is_passed();
