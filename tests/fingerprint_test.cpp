@@ -23,18 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-// The recorder lies beside the library, and is found there unless a sanitizer
-// calls dlopen in the library's place.
-#ifdef QV_SANITIZED
-const std::optional<std::string> RECORDER_PATH = QV_BINARY_DIR "/lib";
-#else
-const std::optional<std::string> RECORDER_PATH;
-#endif
 
 using quorvane::util::RoBuffer;
 using test::Arguments;
@@ -558,9 +551,9 @@ TEST_F(Fingerprint, TheRootComesFromTheEnvironmentUnlessItIsGiven) {
 
 TEST_F(Fingerprint, EachWorkerReportsItsOwnHitsAndMisses) {
   const std::string reports = dir_.file("reports");
-  const Ran ran =
-      test::run_program(PROGRAM, {"--root", root_, "--jobs", "3", tree_},
-                        {{"QV_STATS_REPORT_FILE", reports}, {"LD_LIBRARY_PATH", RECORDER_PATH}});
+  const Ran ran = test::run_program(
+      PROGRAM, {"--root", root_, "--jobs", "3", tree_},
+      {{"QV_STATS_REPORT_FILE", reports}, {"LD_LIBRARY_PATH", test::kRecorderPath}});
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;
   const auto lines = lines_of(test::read_file(reports));
   ASSERT_THAT(lines, SizeIs(3));

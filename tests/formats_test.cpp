@@ -13,18 +13,11 @@
 #include <regex>
 #include <string>
 
+#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-// The recorder lies beside the library, and is found there unless a sanitizer
-// calls dlopen in the library's place.
-#ifdef QV_SANITIZED
-const std::optional<std::string> RECORDER_PATH = QV_BINARY_DIR "/lib";
-#else
-const std::optional<std::string> RECORDER_PATH;
-#endif
 
 using quorvane::util::RoBuffer;
 using test::Ran;
@@ -124,7 +117,7 @@ TEST_F(FormatsDocument, ShowsTheBytesOfALogRecord) {
 TEST_F(FormatsDocument, ShowsTheBytesOfAStatisticsReport) {
   const std::string file = dir_.file("reports");
   ASSERT_TRUE(test::run_scenario("report_statistics", {{"QV_STATS_REPORT_FILE", file},
-                                                       {"LD_LIBRARY_PATH", RECORDER_PATH}})
+                                                       {"LD_LIBRARY_PATH", test::kRecorderPath}})
                   .exited_with(0));
   const std::string report =
       replaced(test::read_file(file), R"(^\{"ts": \d+,)", R"({"ts": 1709294400,)");
