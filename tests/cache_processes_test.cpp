@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/lazy_files.h"
 #include "support/lock_probe.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
@@ -26,6 +27,7 @@
 using quorvane::cache::Cache;
 using quorvane::cache::CleanupController;
 using quorvane::cache::make_file_store;
+using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using test::basic_file;
 using test::buffer;
@@ -48,9 +50,26 @@ CleanupController& no_limit() {
   return controller;
 }
 
+// Which store a scenario uses.
+constexpr const char* kKindVariable = "QVTEST_STORE_KIND";
+const std::string kLazy = "lazy";
+
+StoreKind kind() {
+  const char* name = getenv(kKindVariable);
+  return name != nullptr && name == kLazy ? StoreKind::lazy_lookup : StoreKind::basic;
+}
+
 std::unique_ptr<Cache> maps_cache() {
-  return std::make_unique<Cache>("maps", make_file_store(StoreKind::basic, "maps", &no_limit()),
-                                 false);
+  return std::make_unique<Cache>("maps", make_file_store(kind(), "maps", &no_limit()), false);
+}
+
+// Without an entry, but with the files that its kind needs.
+std::unique_ptr<Store> store_with_lock(const std::shared_ptr<Store::Lock>& lock) {
+  if (kind() == StoreKind::basic) {
+    return std::make_unique<quorvane::cache::BasicStore>("maps", lock, &no_limit());
+  }
+  make_file_store(kind(), "maps", &no_limit());
+  return std::make_unique<quorvane::cache::LazyLookupStore>("maps", lock, &no_limit());
 }
 
 bool add(Cache& cache, const std::string& key, const std::string& value) {
@@ -91,27 +110,61 @@ class SharedBarrier {
   pthread_barrier_t* barrier_;
 };
 
-Ran run(const std::string& scenario, const TempDir& root, const test::Environment& more = {},
-        const test::Arguments& arguments = {}) {
-  test::Environment environment{{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "WARN"}};
-  environment.insert(more.begin(), more.end());
-  return test::run_scenario(scenario, environment, arguments);
-}
-
-// How often each key occurs in the file, which must be whole.
-std::map<std::string, int> occurrences(const TempDir& root) {
-  const std::string bytes = test::read_file(root.file("maps"));
-  const test::Walk walk = test::walk_basic_file(bytes);
-  EXPECT_EQ(walk.failed_check, "");
+// How often each key occurs in the file of keys, which must be whole.
+std::map<std::string, int> occurrences(const std::string& kind, const TempDir& root) {
   std::map<std::string, int> times;
-  for (const test::Entry& entry : walk.entries) {
-    ++times[entry.key];
+  const auto count = [&times](const std::vector<test::Entry>& entries) {
+    for (const test::Entry& entry : entries) {
+      ++times[entry.key];
+    }
+  };
+  if (kind == kLazy) {
+    const test::LazyFiles files = test::read_lazy_files(root.path());
+    const test::LazyWalk walk = test::LazyWalker(files, "", true).walk();
+    EXPECT_EQ(walk.messages, Messages{});
+    count(walk.entries);
+    return times;
   }
+  const test::Walk walk = test::walk_basic_file(test::read_file(root.file("maps")));
+  EXPECT_EQ(walk.failed_check, "");
+  count(walk.entries);
   for (const std::string& key : walk.collisions) {
     ++times[key];
   }
   return times;
 }
+
+void expect_files_of(const std::string& kind, const TempDir& root,
+                     const std::vector<test::Entry>& entries) {
+  if (kind == kLazy) {
+    EXPECT_EQ(test::read_lazy_files(root.path()), test::lazy_files(entries));
+  } else {
+    EXPECT_EQ(test::read_file(root.file("maps")), basic_file(entries));
+  }
+}
+
+// By the kind of store.
+class OfEitherKind : public testing::TestWithParam<const char*> {
+ protected:
+  Ran run(const std::string& scenario, const TempDir& root, const test::Environment& more = {},
+          const test::Arguments& arguments = {}) const {
+    test::Environment environment{{"QV_CACHE_STORE_ROOT", root.path()},
+                                  {"QV_LOG_LEVEL", "WARN"},
+                                  {kKindVariable, GetParam()}};
+    environment.insert(more.begin(), more.end());
+    return test::run_scenario(scenario, environment, arguments);
+  }
+};
+
+class CacheProcesses : public OfEitherKind {};
+class CacheFork : public OfEitherKind {};
+class CacheOutsideMain : public OfEitherKind {};
+
+std::string name_of(const testing::TestParamInfo<const char*>& tested) { return tested.param; }
+
+INSTANTIATE_TEST_SUITE_P(, CacheProcesses, testing::Values("basic", "lazy"), name_of);
+INSTANTIATE_TEST_SUITE_P(, CacheFork, testing::Values("basic", "lazy"), name_of);
+INSTANTIATE_TEST_SUITE_P(, CacheOutsideMain, testing::Values("basic", "lazy"), name_of);
 
 }  // namespace
 
@@ -157,28 +210,28 @@ SCENARIO(overlapping_adders) {
   return failures;
 }
 
-void expect_every_key_once(const TempDir& root) {
-  const std::map<std::string, int> times = occurrences(root);
+void expect_every_key_once(const std::string& kind, const TempDir& root) {
+  const std::map<std::string, int> times = occurrences(kind, root);
   EXPECT_EQ(times.size(), static_cast<std::size_t>(kRounds * kKeysPerRound));
   for (const auto& [key, count] : times) {
     EXPECT_EQ(count, 1) << key;
   }
 }
 
-TEST(CacheProcesses, ThatStoreAtTheSameTimeLeaveEachKeyOnce) {
+TEST_P(CacheProcesses, ThatStoreAtTheSameTimeLeaveEachKeyOnce) {
   const TempDir root;
   const Ran ran = run("overlapping_adders", root, {}, {"together"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Messages{});
-  expect_every_key_once(root);
+  expect_every_key_once(GetParam(), root);
 }
 
-TEST(CacheProcesses, ThatLoadWhileOthersStoreLeaveEachKeyOnce) {
+TEST_P(CacheProcesses, ThatLoadWhileOthersStoreLeaveEachKeyOnce) {
   const TempDir root;
   const Ran ran = run("overlapping_adders", root, {}, {"apart"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Messages{});
-  expect_every_key_once(root);
+  expect_every_key_once(GetParam(), root);
 }
 
 // --- forks ---
@@ -203,21 +256,24 @@ SCENARIO(fork_with_a_cache) {
   return ended(child);
 }
 
-TEST(CacheFork, WhatParentAndChildAddIsStoredOnce) {
+TEST_P(CacheFork, WhatParentAndChildAddIsStoredOnce) {
   for (const char* order : {"child first", "any order"}) {
     const TempDir root;
     const Ran ran = run("fork_with_a_cache", root, {}, {order});
     EXPECT_TRUE(ran.exited_with(0));
     EXPECT_EQ(ran.messages(), Messages{});
-    EXPECT_EQ(occurrences(root), (std::map<std::string, int>{
-                                     {"before", 1}, {"both", 1}, {"child", 1}, {"parent", 1}}));
+    EXPECT_EQ(
+        occurrences(GetParam(), root),
+        (std::map<std::string, int>{{"before", 1}, {"both", 1}, {"child", 1}, {"parent", 1}}));
   }
 }
 
 SCENARIO(child_stores_while_parent_holds_the_lock) {
   const auto lock = std::make_shared<quorvane::cache::StoreFLock>("maps");
-  auto cache = std::make_unique<Cache>(
-      "maps", std::make_unique<quorvane::cache::BasicStore>("maps", lock, &no_limit()), false);
+  auto cache = std::make_unique<Cache>("maps", store_with_lock(lock), false);
+  const std::string file = std::string(getenv("QV_CACHE_STORE_ROOT")) +
+                           (kind() == StoreKind::basic ? "/maps" : "/val_maps");
+  const std::string before = test::read_file(file);
   add(*cache, "key", "1");
   test::Signpost stored;
   lock->lock();
@@ -227,17 +283,17 @@ SCENARIO(child_stores_while_parent_holds_the_lock) {
     return 0;
   });
   const bool waits = test::waits_for_lock(child, stored);
-  const bool wrote_early = test::exists(std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps");
+  const bool wrote_early = test::read_file(file) != before;
   lock->unlock();
   const int status = ended(child);
   std::printf("%d %d %d", waits, wrote_early, status);
   return 0;
 }
 
-TEST(CacheFork, AChildStoresOnlyOnceItsParentReleasesTheLock) {
+TEST_P(CacheFork, AChildStoresOnlyOnceItsParentReleasesTheLock) {
   const TempDir root;
   EXPECT_EQ(run("child_stores_while_parent_holds_the_lock", root).out, "1 0 0");
-  EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{"key", {"1"}}}));
+  expect_files_of(GetParam(), root, {{"key", {"1"}}});
 }
 
 constexpr int kForks = 200;
@@ -304,13 +360,13 @@ SCENARIO(forks_beside_busy_threads) {
   return 0;
 }
 
-TEST(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
+TEST_P(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
   const TempDir root;
   const Ran ran = run("forks_beside_busy_threads", root);
   EXPECT_EQ(ran.out, "0");
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Messages{kStatisticsOff});
-  const std::map<std::string, int> times = occurrences(root);
+  const std::map<std::string, int> times = occurrences(GetParam(), root);
   for (int i = 0; i < kForks; ++i) {
     const auto found = times.find("child" + std::to_string(i));
     ASSERT_NE(found, times.end()) << i;
@@ -333,7 +389,7 @@ SCENARIO(first_lookups_beside_a_fork) {
   return ended(child) == 0 ? 0 : 1;
 }
 
-TEST(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
+TEST_P(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
   const TempDir root;
   for (int i = 0; i < 20; ++i) {
     const Ran ran = run("first_lookups_beside_a_fork", root);
@@ -385,42 +441,42 @@ SCENARIO(use_outside_main) {
   return 0;
 }
 
-TEST(CacheOutsideMain, ACacheHeldInAStaticObjectStoresAtTheEnd) {
+TEST_P(CacheOutsideMain, ACacheHeldInAStaticObjectStoresAtTheEnd) {
   const TempDir root;
   for (int i = 0; i < 2; ++i) {
     const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", "static"}});
     EXPECT_TRUE(ran.exited_with(0));
     EXPECT_EQ(ran.messages(), Messages{kStatisticsOff});
   }
-  EXPECT_EQ(test::read_file(root.file("maps")),
-            basic_file({{"first", {"at the end"}}, {"static", {"1"}}, {"second", {"at the end"}}}));
+  expect_files_of(GetParam(), root,
+                  {{"first", {"at the end"}}, {"static", {"1"}}, {"second", {"at the end"}}});
 }
 
-TEST(CacheOutsideMain, ACacheWorksInAnExitHandlerAndInAStaticDestructor) {
+TEST_P(CacheOutsideMain, ACacheWorksInAnExitHandlerAndInAStaticDestructor) {
   for (const char* when : {"atexit", "destructor"}) {
     const TempDir root;
     const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", when}});
     EXPECT_TRUE(ran.exited_with(0)) << when;
     EXPECT_EQ(ran.messages(), Messages{}) << when;
-    EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{when, {"1"}}}));
+    expect_files_of(GetParam(), root, {{when, {"1"}}});
   }
 }
 
 // The default controller, the counters and the log are still there as well.
 SCENARIO(defaults_at_exit) {
   std::atexit([] {
-    Cache cache("maps", make_file_store(StoreKind::basic, "maps"), false);
+    Cache cache("maps", make_file_store(kind(), "maps"), false);
     std::printf("%d", cache.get_value(buffer("k")) == nullptr && add(cache, "k", "1"));
     std::fflush(stdout);
   });
   return 0;
 }
 
-TEST(CacheOutsideMain, TheDefaultControllerIsThereAtExit) {
+TEST_P(CacheOutsideMain, TheDefaultControllerIsThereAtExit) {
   const TempDir root;
   const Ran ran = run("defaults_at_exit", root,
                       {{"QV_CACHE_STORE_CLEANUP_THRESHOLD", "1000"}, {"QV_LOG_LEVEL", "INFO"}});
   EXPECT_EQ(ran.out, "1");
   EXPECT_TRUE(ran.exited_with(0));
-  EXPECT_EQ(test::read_file(root.file("maps")), basic_file({{"k", {"1"}}}));
+  expect_files_of(GetParam(), root, {{"k", {"1"}}});
 }

@@ -65,6 +65,14 @@ std::vector<util::RoBuffer> atoms_at(const unsigned char* positions,
   return val;
 }
 
+// In key order the entries lie all over a file of several runs.
+constexpr std::size_t kPrefetched = 16;
+
+void prefetch(const ScannedEntry& entry) {
+  __builtin_prefetch(entry.key);
+  __builtin_prefetch(entry.key + entry.key_size);
+}
+
 bool is_same_key(const ScannedEntry& before, const ScannedEntry& after) {
   return !(before < after);
 }
@@ -83,7 +91,9 @@ bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer&
   KeySlabs keys(std::accumulate(
       entries.begin(), entries.end(), std::size_t{0},
       [](std::size_t total, const ScannedEntry& entry) { return total + entry.key_size; }));
-  for (const ScannedEntry& entry : entries) {
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    prefetch(entries[std::min(i + kPrefetched, entries.size() - 1)]);
+    const ScannedEntry& entry = entries[i];
     map.emplace_hint(map.end(), keys.copy(entry.key, entry.key_size),
                      atoms_at(entry.key + entry.key_size, val_fbuffer));
   }
