@@ -62,17 +62,26 @@ std::size_t used_of(const qv_pidset_t* set) {
   return std::min(count_of(set).load(std::memory_order_relaxed), set->capacity);
 }
 
-// The index of the first id not less than `pid`, or `count`. A block at a time,
-// without a branch inside: compilers make vector code of it.
+using FourIds = std::int32_t __attribute__((vector_size(16)));
+using TwoWords = std::uint64_t __attribute__((vector_size(16)));
+
+// All ones in each place of an id that is less than that of `bound`.
+inline FourIds less(const std::int32_t* ids, FourIds bound) {
+  FourIds four;
+  std::memcpy(&four, ids, sizeof(four));
+  return bound > four;
+}
+
+// The index of the first id not less than `pid`, or `count`. A page is scanned
+// to its end more often than not: 16 ids at a time.
 std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int32_t pid) {
-  constexpr std::size_t kBlock = 16;
+  const FourIds bound = {pid, pid, pid, pid};
   std::size_t index = 0;
-  for (; count - index >= kBlock; index += kBlock) {
-    std::int32_t found = 0;
-    for (std::size_t i = 0; i < kBlock; ++i) {
-      found |= ids[index + i] >= pid ? 1 : 0;
-    }
-    if (found != 0) {
+  for (; count - index >= 16; index += 16) {
+    const std::int32_t* const block = ids + index;
+    const auto all = reinterpret_cast<TwoWords>(less(block, bound) & less(block + 4, bound) &
+                                                less(block + 8, bound) & less(block + 12, bound));
+    if ((all[0] & all[1]) != ~std::uint64_t{0}) {
       break;
     }
   }

@@ -1,0 +1,2 @@
+find_path(CONCURRENTQUEUE_INCLUDE_DIR blockingconcurrentqueue.h PATH_SUFFIXES concurrentqueue REQUIRED)
+target_include_directories(mpsc_bench SYSTEM PRIVATE ${CONCURRENTQUEUE_INCLUDE_DIR})
