@@ -66,10 +66,16 @@ RoBuffer bytes(const std::string& text) { return RoBuffer::copy(text.data(), tex
 
 SCENARIO(fill_store) {
   using namespace quorvane::cache;
-  Cache cache("demo", make_file_store(StoreKind::basic, "demo"), false);
+  const StoreKind kind = arguments.at(0) == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
+  Cache cache("demo", make_file_store(kind, "demo"), false);
   cache.add_value(bytes("key"), {bytes("ab"), bytes("c")});
   cache.add_value(bytes("k"), {bytes("v")});
   return cache.is_valid() ? 0 : 1;
+}
+
+SCENARIO(open_lazy_store) {
+  quorvane::cache::make_file_store(quorvane::cache::StoreKind::lazy_lookup, "demo");
+  return 0;
 }
 
 SCENARIO(log_one_record) {
@@ -91,17 +97,35 @@ SCENARIO(report_statistics) {
 
 class FormatsDocument : public testing::Test {
  protected:
+  Ran fill_store(const std::string& kind) const {
+    return test::run_scenario("fill_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}}, {kind});
+  }
+
   test::TempDir dir_;
 };
 
 TEST_F(FormatsDocument, ShowsTheBytesOfABasicStore) {
-  ASSERT_TRUE(
-      test::run_scenario("fill_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}}).exited_with(0));
+  ASSERT_TRUE(fill_store("basic").exited_with(0));
   EXPECT_EQ(documented("store"), hexdump(test::read_file(dir_.file("demo"))));
 }
 
+TEST_F(FormatsDocument, ShowsTheBytesOfBothFilesOfALazyStore) {
+  ASSERT_TRUE(fill_store("lazy_lookup").exited_with(0));
+  EXPECT_EQ(documented("keys"), hexdump(test::read_file(dir_.file("key_demo"))));
+  EXPECT_EQ(documented("values"), hexdump(test::read_file(dir_.file("val_demo"))));
+}
+
+TEST_F(FormatsDocument, IsRightThatALazyStoreHasItsFilesFromTheStart) {
+  using namespace std::string_literals;
+  ASSERT_TRUE(
+      test::run_scenario("open_lazy_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}}).exited_with(0));
+  const std::string header = "\xa5\xc3\xa5\xc3\x02\0\0\0"s;
+  EXPECT_EQ(test::read_file(dir_.file("key_demo")), header);
+  EXPECT_EQ(test::read_file(dir_.file("val_demo")), header);
+}
+
 TEST_F(FormatsDocument, IsRightThatTheLockFileIsEmpty) {
-  test::run_scenario("fill_store", {{"QV_CACHE_STORE_ROOT", dir_.path()}});
+  fill_store("basic");
   EXPECT_TRUE(test::exists(dir_.file("lock_demo")));
   EXPECT_EQ(test::read_file(dir_.file("lock_demo")), "");
 }

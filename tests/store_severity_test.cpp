@@ -3,15 +3,18 @@
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "support/lazy_files.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -22,6 +25,7 @@ using quorvane::cache::CleanupController;
 using quorvane::cache::EntryMap;
 using quorvane::cache::FileStoreSkeleton;
 using quorvane::cache::KeySet;
+using quorvane::cache::LazyLookupStore;
 using quorvane::util::RoBuffer;
 using quorvane::util::RwBuffer;
 using test::basic_file;
@@ -161,6 +165,128 @@ void fail_at_every_sequence() {
   quorvane::cache::get_store_file_path("maps");
 }
 
+// --- the lazy store ---
+
+struct LazyMaps {
+  CleanupController controller{0};
+  LazyLookupStore store{"maps", std::make_shared<test::CountingLock>(), &controller};
+
+  void load() {
+    EntryMap out;
+    store.try_nonlock_load(out);
+  }
+  void scan() {
+    KeySet keys;
+    store.try_nonlock_load_new_keys(keys);
+  }
+};
+
+std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
+
+void lazy_load(const std::string& key_bytes, const std::string& val_bytes = header_bytes(2)) {
+  test::write_lazy_files(root_path(), {key_bytes, val_bytes});
+  LazyMaps().load();
+}
+
+void lazy_scan(const std::string& key_bytes) {
+  test::write_lazy_files(root_path(), {key_bytes, header_bytes(2)});
+  LazyMaps().scan();
+}
+
+void fail_at_every_lazy_piece() {
+  const std::string key = header_bytes(2) + kMagic + le64(1) + "k";
+  lazy_load(key);
+  lazy_load(key + le64(8));
+  lazy_load(key + le64(8) + le64(0));
+  lazy_load(key + le64(8) + le64(1));
+  lazy_load(key + le64(8) + le64(1) + le64(0));
+  lazy_load(key + le64(7) + le64(1) + le64(1));
+  lazy_load(key + le64(8) + le64(1) + le64(1));
+  lazy_scan(key);
+  lazy_scan(key + le64(8));
+  lazy_scan(key + le64(8) + le64(0));
+  lazy_scan(key + le64(8) + le64(1));
+  lazy_scan(test::lazy_files({kEntry, kEntry}).key);
+  lazy_scan(header_bytes(1));
+  for (const std::size_t room : {16u, 24u, 32u}) {
+    RwBuffer bytes(room);
+    quorvane::util::BufferWriter writer = bytes.writer();
+    LazyLookupStore::write_key_file_entry(writer, buffer("abc"), 8, buffers({"v"}));
+  }
+  RwBuffer bytes(4);
+  quorvane::util::BufferWriter writer = bytes.writer();
+  LazyLookupStore::write_val_file_entry(writer, buffers({"v"}));
+}
+
+const Messages kLazyPieces{
+    "key_freader.get(&val_offset)",
+    "key_freader.get(&num_val_atoms)",
+    "num_val_atoms > 0",
+    "key_freader.get(&val_atom_size)",
+    "val_atom_size > 0",
+    "val_offset >= sizeof(hdr_t)",
+    "val_atom_offset + val_atom_size <= val_fbuffer.get_size()",
+    "key_freader.buffer(sizeof(std::size_t))",
+    "key_freader.get(&num_val_atoms)",
+    "num_val_atoms > 0",
+    "key_freader.buffer(num_val_atoms * sizeof(std::size_t))",
+    "emplace_ret.second",
+    "std::memcmp(hdr, &valid_hdr_, sizeof(valid_hdr_)) == 0",
+    "read_header(key_freader)",
+    "fwriter.put(val_offset)",
+    "fwriter.put(val.size())",
+    "fwriter.put(val_atom.get_size())",
+    "fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size())",
+};
+
+// Appends an entry that the size of a file allows no more.
+void lazy_append_without_room(const test::Entry& entry) {
+  test::write_lazy_files(root_path(), test::lazy_files({}));
+  LazyMaps().store.try_nonlock_append(test::entry_map({entry}), {});
+}
+
+void fail_at_every_lazy_file() {
+  test::write_lazy_files(root_path(), test::lazy_files({kEntry}));
+  LazyMaps maps;
+  maps.load();
+  test::write_file(root_path() + "/key_maps", header_bytes(2));
+  maps.scan();
+  std::remove((root_path() + "/key_maps").c_str());
+  maps.store.check_consistent_state();
+  std::remove((root_path() + "/val_maps").c_str());
+  maps.store.check_consistent_state();
+  LazyMaps().load();
+  LazyMaps().scan();
+  maps.store.nonlock_get_disk_usage();
+  lazy_load("");
+  lazy_scan("");
+  lazy_load(header_bytes(2), "");
+  const test::LazyFiles twice = test::lazy_files({kEntry, kEntry});
+  lazy_load(twice.key, twice.val);
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit{100000, 100000};
+  setrlimit(RLIMIT_FSIZE, &limit);
+  lazy_append_without_room({"k", {std::string(200000, 'v')}});
+  lazy_append_without_room({std::string(200000, 'k'), {"v"}});
+}
+
+const std::string kLazyStored = "!fbuffer_corrupted && key_file.good() && val_file.good()";
+const Messages kLazyFilesSeverity1{
+    "key_file.size() >= key_file_last_size_",
+    "key_file_exists == val_file_exists",
+    "key_file_last_size_ == 0 || key_file_exists",
+    "val_file .write(reinterpret_cast<const char *>( val_fbuffer.get_buffer()), "
+    "val_fbuffer.get_size()) .good()",
+    kLazyStored,
+    "key_file .write(reinterpret_cast<const char *>( key_fbuffer.get_buffer()), "
+    "key_fbuffer.get_size()) .good()",
+    kLazyStored};
+const Messages kLazyFilesSeverity2{"key_file.is_open()", "key_file.is_open()",
+                                   "val_file_.is_open()"};
+const Messages kLazyFilesSeverity3{"file_exists(key_fpath_)", "file_exists(key_fpath_)",
+                                   "stat(key_fpath_.c_str(), &st) == 0",
+                                   "stat(val_fpath_.c_str(), &st) == 0", "emplace_ret.second"};
+
 SCENARIO(fail_everywhere) {
   auto* const module = test::module_of("util/src/cache");
   module->fault_log_level = std::stoi(arguments.at(1));
@@ -170,6 +296,10 @@ SCENARIO(fail_everywhere) {
     fail_at_every_piece();
   } else if (arguments.at(0) == "files") {
     fail_at_every_file();
+  } else if (arguments.at(0) == "lazy pieces") {
+    fail_at_every_lazy_piece();
+  } else if (arguments.at(0) == "lazy files") {
+    fail_at_every_lazy_file();
   } else {
     fail_at_every_sequence();
   }
@@ -220,6 +350,19 @@ TEST(StoreSeverity, OfTheFilesIsLessTheMoreOrdinaryTheCaseIs) {
             expected({kFilesSeverity1, kFilesSeverity2, kFilesSeverity3}));
 }
 
+TEST(StoreSeverity, OfEveryPieceOfALazyStoreIs1) {
+  EXPECT_EQ(checks_reported("lazy pieces", 0), Messages{});
+  EXPECT_EQ(checks_reported("lazy pieces", 1), expected({kLazyPieces}));
+}
+
+TEST(StoreSeverity, OfALazyStoresFilesIsThatOfABasicStores) {
+  EXPECT_EQ(checks_reported("lazy files", 0), Messages{});
+  EXPECT_EQ(checks_reported("lazy files", 1), expected({kLazyFilesSeverity1}));
+  EXPECT_EQ(checks_reported("lazy files", 2), expected({kLazyFilesSeverity1, kLazyFilesSeverity2}));
+  EXPECT_EQ(checks_reported("lazy files", 3),
+            expected({kLazyFilesSeverity1, kLazyFilesSeverity2, kLazyFilesSeverity3}));
+}
+
 TEST(StoreSeverity, OfAHeaderThatCannotBeWrittenIs1) {
   const std::string report = "ERROR Writing header file failed (/dev/full)";
   const Messages silent = fail_everywhere("files", 0).messages();
@@ -241,7 +384,7 @@ TEST(StoreSeverity, OfTheSequencesIsThatOfTheirUse) {
 }
 
 TEST(StoreSeverity, IsWhatEndsTheProcessToo) {
-  for (const char* what : {"pieces", "files", "sequences"}) {
+  for (const char* what : {"pieces", "files", "sequences", "lazy pieces", "lazy files"}) {
     EXPECT_TRUE(fail_everywhere(what, 0, 0).exited_with(0)) << what;
     EXPECT_TRUE(fail_everywhere(what, 0, 1).aborted()) << what;
   }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/lazy_files.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -18,6 +19,7 @@ using quorvane::cache::BasicStore;
 using quorvane::cache::CleanupController;
 using quorvane::cache::EntryMap;
 using quorvane::cache::KeySet;
+using quorvane::cache::LazyLookupStore;
 using test::basic_file;
 using test::entry_bytes;
 using test::Ran;
@@ -66,10 +68,20 @@ std::string reports(unsigned category, std::size_t bytes) {
   return report(kStart, 0) + report(kEnd, bytes);
 }
 
+// What another process does.
+void others_append(const BasicStore&) {
+  test::write_file(maps_file(), test::read_file(maps_file()) + entry_bytes(kForeign));
+}
+void others_append(const LazyLookupStore&) {
+  const std::string root = getenv("QV_CACHE_STORE_ROOT");
+  test::write_lazy_files(root, test::add_to(test::read_lazy_files(root), {kForeign}));
+}
+
 // Takes the steps that the arguments name, each with its reports in brackets.
-SCENARIO(traced_steps) {
+template <typename Store>
+int take(const test::Arguments& arguments) {
   CleanupController controller(0);
-  BasicStore store("maps", std::make_shared<test::CountingLock>(), &controller);
+  Store store("maps", std::make_shared<test::CountingLock>(), &controller);
   g_store = &store;
   for (const std::string& step : arguments) {
     EntryMap map;
@@ -82,7 +94,7 @@ SCENARIO(traced_steps) {
     } else if (step == "append") {
       store.try_nonlock_append(test::entry_map(kEntries), test::key_set({"b"}));
     } else if (step == "others append") {
-      test::write_file(maps_file(), test::read_file(maps_file()) + entry_bytes(kForeign));
+      others_append(store);
     } else {
       test::write_file(maps_file(), step);
     }
@@ -91,9 +103,12 @@ SCENARIO(traced_steps) {
   return 0;
 }
 
-std::string steps(const TempDir& root, const test::Arguments& arguments) {
-  const Ran ran =
-      test::run_scenario("traced_steps", {{"QV_CACHE_STORE_ROOT", root.path()}}, arguments);
+SCENARIO(traced_steps) { return take<BasicStore>(arguments); }
+SCENARIO(traced_lazy_steps) { return take<LazyLookupStore>(arguments); }
+
+std::string steps(const TempDir& root, const test::Arguments& arguments,
+                  const std::string& scenario = "traced_steps") {
+  const Ran ran = test::run_scenario(scenario, {{"QV_CACHE_STORE_ROOT", root.path()}}, arguments);
   EXPECT_TRUE(ran.exited_with(0));
   return ran.out;
 }
@@ -139,6 +154,52 @@ TEST(StoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
   test::write_file(root.file("maps"), basic_file(kEntries));
   EXPECT_EQ(steps(root, {"load", "shrunken", "scan"}),
             "[" + reports(11, basic_file(kEntries).size()) + "][][]");
+}
+
+// --- the lazy store ---
+
+std::string lazy_steps(const TempDir& root, const test::Arguments& arguments) {
+  return steps(root, arguments, "traced_lazy_steps");
+}
+
+TEST(LazyStoreTracer, HearsOfALoadWithTheSizeOfTheKeyFile) {
+  const TempDir root;
+  test::LazyFiles files = test::lazy_files(kEntries);
+  test::write_lazy_files(root.path(), files);
+  EXPECT_EQ(lazy_steps(root, {"load"}), "[" + reports(11, files.key.size()) + "]");
+  files.key += "damage";
+  test::write_lazy_files(root.path(), files);
+  EXPECT_EQ(lazy_steps(root, {"load"}), "[" + reports(11, files.key.size()) + "]");
+}
+
+TEST(LazyStoreTracer, HearsOfAScanWithTheBytesOfTheKeyFileThatAreNew) {
+  const TempDir root;
+  test::write_lazy_files(root.path(), test::lazy_files(kEntries));
+  const std::string loaded = "[" + reports(11, test::lazy_files(kEntries).key.size()) + "]";
+  EXPECT_EQ(lazy_steps(root, {"scan"}), loaded);
+  EXPECT_EQ(lazy_steps(root, {"load", "others append", "scan", "scan"}),
+            loaded + "[][" + reports(11, test::key_file_entry(kForeign, 0).size()) + "][" +
+                reports(11, 0) + "]");
+}
+
+TEST(LazyStoreTracer, HearsOfAnAppendWithTheBytesThatItAddedToBothFiles) {
+  const TempDir root;
+  const test::Entry added{"aa", {"1"}};
+  const std::size_t size =
+      test::key_file_entry(added, 0).size() + test::val_file_entry(added).size();
+  const std::string expected = "[" + reports(12, size) + "]";
+  EXPECT_EQ(lazy_steps(root, {"append", "append"}), expected + expected);
+  EXPECT_EQ(test::read_lazy_files(root.path()), test::lazy_files({added, added}));
+}
+
+TEST(LazyStoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
+  const TempDir root;
+  EXPECT_EQ(lazy_steps(root, {"load", "scan"}), "[][]");
+  const TempDir none;
+  EXPECT_EQ(test::run_scenario("traced_lazy_steps", {{"QV_CACHE_STORE_ROOT", none.file("none")}},
+                               {"append"})
+                .out,
+            "[]");
 }
 
 }  // namespace
