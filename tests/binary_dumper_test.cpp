@@ -176,9 +176,12 @@ TEST_F(Dumper, OverwritesWhatHasTheName) {
   EXPECT_EQ(read_file(dir_.file("0000")), "first");
 }
 
+// Only the last two are logged.
 SCENARIO(dumps_ten_thousand_and_one) {
+  auto* const module = static_cast<quorvane::module::Module*>(qv_module_find(kModule));
   BinaryDumper dumper("n", "d", ".bin", arguments.at(0).c_str(), QV_LOG_LEVEL_INFO);
   for (int i = 0; i <= 10000; ++i) {
+    module->level = i < 9999 ? QV_LOG_LEVEL_OFF : QV_LOG_LEVEL_INFO;
     dump(dumper, std::to_string(i));
   }
   return 0;
@@ -188,9 +191,8 @@ SCENARIO(dumps_ten_thousand_and_one) {
 TEST_F(Dumper, CutsTheNameOfTheTenThousandAndFirstDump) {
   const Ran ran = run_scenario("dumps_ten_thousand_and_one", {}, {dir_.path()});
   EXPECT_TRUE(ran.exited_with(0));
-  ASSERT_EQ(ran.records.size(), 10001U);
-  EXPECT_EQ(ran.messages()[9999], record("n #9999 of size 4", "d9999.bin"));
-  EXPECT_EQ(ran.messages()[10000], record("n #10000 of size 5", "d10000.bi"));
+  EXPECT_THAT(ran.messages(), ElementsAre(record("n #9999 of size 4", "d9999.bin"),
+                                          record("n #10000 of size 5", "d10000.bi")));
   const auto files = files_in(dir_.path());
   EXPECT_EQ(files.size(), 10001U);
   EXPECT_EQ(files.at("d0000.bin"), "0");

@@ -71,6 +71,16 @@ class PidFile : public testing::Test {
     return test::run_scenario(scenario, {{kRootEnv, root}}, arguments);
   }
 
+  // A leak checker at a child's exit takes what the threads that the fork lost
+  // were holding for leaks.
+  Ran run_losing_threads(const std::string& scenario) const {
+    const char* const set = std::getenv("ASAN_OPTIONS");
+    return test::run_scenario(
+        scenario,
+        {{kRootEnv, dir_.path() + "/"},
+         {"ASAN_OPTIONS", (set == nullptr ? "" : std::string(set) + ":") + "detect_leaks=0"}});
+  }
+
   std::vector<std::string> left() const {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
@@ -122,8 +132,9 @@ TEST_F(PidFile, TakesARootWithoutASlashAsAPrefix) {
 }
 
 SCENARIO(has_no_file) {
+  const bool has_one = exists("qv." + std::to_string(getpid()));
   qv_remove_sigquit_pidfile();
-  return exists("qv." + std::to_string(getpid())) ? 1 : 0;
+  return has_one ? 1 : 0;
 }
 
 TEST_F(PidFile, IsNoneWithoutARoot) {
@@ -376,7 +387,7 @@ SCENARIO(forks_in_a_thread) {
   return status == 0 && is_announced(getpid()) ? 0 : 1;
 }
 
-TEST_F(PidFile, OfAThreadsChildIsItsOwn) { expect_clean(run("forks_in_a_thread")); }
+TEST_F(PidFile, OfAThreadsChildIsItsOwn) { expect_clean(run_losing_threads("forks_in_a_thread")); }
 
 SCENARIO(forks_at_exit) {
   std::atexit([] {
@@ -457,7 +468,9 @@ SCENARIO(forks_beside_threads) {
   return failed;
 }
 
-TEST_F(PidFile, HangsNoChildForkedBesideBusyThreads) { expect_clean(run("forks_beside_threads")); }
+TEST_F(PidFile, HangsNoChildForkedBesideBusyThreads) {
+  expect_clean(run_losing_threads("forks_beside_threads"));
+}
 
 // ---------------------------------------------------------------------------- execve
 

@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <latch>
 #include <limits>
 #include <ostream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "support/scenario.h"
@@ -87,11 +89,13 @@ TEST(AsyncCounter, StartsAtZeroAndIsOneForEveryArgument) {
 }
 
 TEST(AsyncCounter, LosesNoIncrementOfEightThreads) {
-  constexpr std::uint64_t kRounds = 20000;
+  constexpr std::uint64_t kRounds = 1000000;
   const std::uint64_t before = qv_async_get(nullptr);
+  std::latch start(8);
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([] {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
       for (std::uint64_t round = 0; round < kRounds; ++round) {
         qv_async_inc(nullptr);
       }
