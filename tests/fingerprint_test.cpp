@@ -118,7 +118,8 @@ std::string text_of(const RoBuffer& bytes) {
 
 // Prints "KEY STRONG FAST LINES" for each entry.
 SCENARIO(print_store) {
-  const auto store = quorvane::cache::StoreKind::basic;
+  using quorvane::cache::StoreKind;
+  const auto store = arguments.empty() ? StoreKind::basic : StoreKind::lazy_lookup;
   quorvane::cache::Cache cache("print", quorvane::cache::make_file_store(store, "fingerprint"),
                                false);
   for (const auto& [key, atoms] : cache) {
@@ -234,8 +235,8 @@ SCENARIO(on_a_terminal) {
   return WEXITSTATUS(status);
 }
 
-std::vector<std::string> stored(const std::string& root) {
-  const Ran ran = test::run_scenario("print_store", {{"QV_CACHE_STORE_ROOT", root}});
+std::vector<std::string> stored(const std::string& root, const Arguments& kind = {}) {
+  const Ran ran = test::run_scenario("print_store", {{"QV_CACHE_STORE_ROOT", root}}, kind);
   EXPECT_TRUE(ran.exited_with(0));
   return lines_of(ran.out);
 }
@@ -303,6 +304,63 @@ TEST_F(Fingerprint, AFileOfAnotherSizeAndTheSameModificationTimeIsReadAgain) {
   const timespec times[] = {{0, UTIME_OMIT}, before.st_mtim};
   ASSERT_EQ(utimensat(AT_FDCWD, (tree_ + "/abc").c_str(), times, 0), 0);
   EXPECT_EQ(table(run())["bytes read"], 4U);
+}
+
+const Arguments LAZY{"--kind", "lazy_lookup"};
+
+TEST_F(Fingerprint, ALazyStoreHoldsTheSameEntriesInTwoFiles) {
+  const std::string keys = root_ + "/key_fingerprint";
+  const std::string values = root_ + "/val_fingerprint";
+  const Ran ran = run(LAZY);
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  EXPECT_EQ(ran.err, "");
+  auto rows = table(ran);
+  EXPECT_EQ(rows["misses"], 3U);
+  EXPECT_EQ(rows["store bytes"],
+            std::filesystem::file_size(keys) + std::filesystem::file_size(values));
+  EXPECT_FALSE(test::exists(store_));
+  EXPECT_TRUE(run({"--kind", "basic"}).exited_with(0));
+  EXPECT_EQ(stored(root_, {"lazy"}), stored(root_));
+}
+
+TEST_F(Fingerprint, TheSecondRunOnALazyStoreReadsNothing) {
+  EXPECT_TRUE(run({"--kind", "lazy_lookup", "--jobs", "3"}).exited_with(0));
+  test::write_file(tree_ + "/new", "new");
+  const Ran ran = run({"--kind", "lazy_lookup", "--jobs", "3"});
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  auto rows = table(ran);
+  EXPECT_EQ(rows["hits"], 3U);
+  EXPECT_EQ(rows["misses"], 1U);
+  EXPECT_EQ(rows["bytes read"], 3U);
+  EXPECT_THAT(stored(root_, {"lazy"}), SizeIs(4));
+}
+
+TEST_F(Fingerprint, ADamagedLazyStoreIsNamedLeftAloneAndTheWorkIsDone) {
+  run(LAZY);
+  const std::string keys = root_ + "/key_fingerprint";
+  const std::string damaged = test::read_file(keys) + "x";
+  test::write_file(keys, damaged);
+  const Ran ran = run(LAZY);
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + keys + " and " + root_ +
+                          "/val_fingerprint: damaged or unreadable store (delete it to start "
+                          "anew); going on without a store"));
+  EXPECT_EQ(table(ran)["misses"], 3U);
+  EXPECT_EQ(test::read_file(keys), damaged);
+}
+
+TEST_F(Fingerprint, DigestsThatALazyStoreCouldNotTakeAreReported) {
+  run(LAZY);
+  test::write_file(tree_ + "/new", "new");
+  chmod((root_ + "/val_fingerprint").c_str(), 0444);
+  const Ran ran = test::run_scenario("without_privileges", {},
+                                     {PROGRAM, "--kind", "lazy_lookup", "--root", root_, tree_});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + root_ + "/key_fingerprint and " + root_ +
+                          "/val_fingerprint: not all new digests could be stored"));
+  EXPECT_EQ(table(ran)["hits"], 3U);
 }
 
 TEST_F(Fingerprint, AnotherWayToNameTheTreeFindsTheSameEntries) {
@@ -573,7 +631,8 @@ TEST_F(Fingerprint, HelpNamesEveryOptionAndExitStatus) {
   const Ran ran = test::run_program(PROGRAM, {"--help"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
-  for (const char* part : {"--store", "--root", "--jobs", "--help", "Exit status"}) {
+  for (const char* part :
+       {"--store", "--kind", "basic", "lazy_lookup", "--root", "--jobs", "--help", "Exit status"}) {
     EXPECT_THAT(ran.out, HasSubstr(part));
   }
 }
@@ -588,6 +647,7 @@ TEST_F(Fingerprint, WrongUsageIsOneLineAndStatusTwo) {
       {{"--root", root_, "--jobs", "", tree_}, "not a number of jobs: "},
       {{"--root", root_, "--store", "a/b", tree_}, "the store's name must be a plain file name"},
       {{"--root", root_, "--store", "", tree_}, "the store's name must be a plain file name"},
+      {{"--root", root_, "--kind", "lazy", tree_}, "not a kind of store: lazy"},
       {{"--nonsense", tree_}, "unknown option --nonsense"},
       {{"-xy", tree_}, "unknown option -x"},
       {{tree_, "--root"}, "a value is missing after --root"},

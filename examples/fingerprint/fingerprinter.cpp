@@ -1,7 +1,6 @@
 #include "fingerprint/fingerprinter.h"
 
 #include <fcntl.h>
-#include <quorvane/file_store.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,11 +9,11 @@
 
 #include "fingerprint/complaint.h"
 #include "fingerprint/interruption.h"
+#include "fingerprint/store_access.h"
 
 namespace fingerprint {
 namespace {
 
-using quorvane::cache::BasicStore;
 using quorvane::util::RoBuffer;
 
 constexpr std::size_t CHUNK_SIZE = std::size_t{1} << 20;
@@ -61,8 +60,9 @@ RoBuffer or_nothing(RoBuffer digest, const std::array<std::uint8_t, N>& of_nothi
 
 }  // namespace
 
-Fingerprinter::Fingerprinter(quorvane::cache::Cache& cache, Counts& counts)
-    : cache_(cache), counts_(counts), chunk_(CHUNK_SIZE) {}
+Fingerprinter::Fingerprinter(quorvane::cache::Cache& cache, quorvane::cache::StoreKind kind,
+                             Counts& counts)
+    : cache_(cache), kind_(kind), counts_(counts), chunk_(CHUNK_SIZE) {}
 
 void Fingerprinter::process(const std::string& path) {
   struct stat file {};
@@ -106,7 +106,7 @@ void Fingerprinter::miss(const std::string& path, const struct stat& file, const
     return;
   }
   ++counts_.misses;
-  const std::uint64_t size = BasicStore::get_entry_representation_size(key, atoms);
+  const std::uint64_t size = size_in_store(kind_, key, atoms);
   // Digests of a file that changed meanwhile belong to no version of it.
   if (unchanged && cache_.add_value(key, std::move(atoms))) {
     counts_.added_bytes += size;

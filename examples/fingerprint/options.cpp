@@ -14,6 +14,8 @@
 namespace fingerprint {
 namespace {
 
+using quorvane::cache::StoreKind;
+
 constexpr unsigned MAX_JOBS = 1024;
 
 constexpr const char* HELP =
@@ -22,6 +24,9 @@ constexpr const char* HELP =
     "the next run reads only the files that are new or changed.\n"
     "\n"
     "  --store NAME  the store's name (default: fingerprint)\n"
+    "  --kind KIND   basic, the default: one file, read into memory; or lazy_lookup:\n"
+    "                two files, keys and values, of which only the keys are read\n"
+    "                into memory. Each kind has files of its own.\n"
     "  --root DIR    the directory that holds the store; it must exist\n"
     "                (default: the value of QV_CACHE_STORE_ROOT)\n"
     "  --jobs N      worker processes, 1 to 1024 (default: one per core)\n"
@@ -40,6 +45,14 @@ bool parse_jobs(const char* text, unsigned& out) {
   const char* end = text + std::strlen(text);
   const auto [stop, error] = std::from_chars(text, end, out);
   return error == std::errc() && stop == end && out >= 1 && out <= MAX_JOBS;
+}
+
+bool parse_kind(const std::string& name, StoreKind& out) {
+  if (name != "basic" && name != "lazy_lookup") {
+    return false;
+  }
+  out = name == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
+  return true;
 }
 
 // getopt names a short option by its letter only, a long one not at all.
@@ -67,16 +80,20 @@ std::optional<int> check(Options& out) {
 }  // namespace
 
 std::optional<int> parse_options(int argc, char** argv, Options& out) {
-  static const option known[] = {{"store", required_argument, nullptr, 's'},
-                                 {"root", required_argument, nullptr, 'r'},
-                                 {"jobs", required_argument, nullptr, 'j'},
-                                 {"help", no_argument, nullptr, 'h'},
-                                 {nullptr, 0, nullptr, 0}};
+  static const option known[] = {
+      {"store", required_argument, nullptr, 's'}, {"kind", required_argument, nullptr, 'k'},
+      {"root", required_argument, nullptr, 'r'},  {"jobs", required_argument, nullptr, 'j'},
+      {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0}};
   opterr = 0;
   for (int name = 0; (name = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
     switch (name) {
       case 's':
         out.store = optarg;
+        break;
+      case 'k':
+        if (!parse_kind(optarg, out.kind)) {
+          return wrong_usage(std::string("not a kind of store: ") + optarg);
+        }
         break;
       case 'r':
         out.root = optarg;

@@ -2,6 +2,8 @@
 #ifndef FINGERPRINT_OPTIONS_H_
 #define FINGERPRINT_OPTIONS_H_
 
+#include <quorvane/file_store.h>
+
 #include <optional>
 #include <string>
 
@@ -15,7 +17,8 @@ constexpr int INTERRUPTED = 128;  // plus the signal; what was done until then i
 
 struct Options {
   std::string tree;                   // the directory to walk
-  std::string store = "fingerprint";  // the store's file name inside the root
+  std::string store = "fingerprint";  // the store's name
+  quorvane::cache::StoreKind kind = quorvane::cache::StoreKind::basic;
   std::string root;
   unsigned jobs = 0;
 };

@@ -18,13 +18,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Worker `number` of `jobs` takes every jobs-th file: an even share, and the
+// Worker `number` takes every jobs-th file: an even share, and the
 // same one in every run. It works on its own copy of the parent's cache, which
 // was loaded once, and hands what it added to the store when it destroys it.
-void do_share(const Tree& tree, unsigned number, unsigned jobs, OpenedCache& opened,
+void do_share(const Tree& tree, unsigned number, const Options& options, OpenedCache& opened,
               Counts& counts) {
-  Fingerprinter fingerprinter(*opened.cache, counts);
-  for (std::size_t i = number; i < tree.files.size() && interruption() == 0; i += jobs) {
+  Fingerprinter fingerprinter(*opened.cache, options.kind, counts);
+  for (std::size_t i = number; i < tree.files.size() && interruption() == 0; i += options.jobs) {
     fingerprinter.process(tree.files[i]);
   }
   opened.cache.reset();
@@ -41,7 +41,7 @@ bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, Worke
   progress();
   catch_interruptions();
   const bool all_started = pool.start(options.jobs, [&](unsigned number) {
-    do_share(tree, number, options.jobs, opened, pool.counts());
+    do_share(tree, number, options, opened, pool.counts());
   });
   const bool all_well = pool.wait(progress);
   show_progress("");
@@ -97,7 +97,7 @@ int run_or_throw(const Options& options) {
   const std::uint64_t after = persistent ? store_size(options) : 0;
   const bool stored = persistent && reached_the_store(pool.counts(), before, after);
   if (persistent && !stored) {
-    complain(options.root + "/" + options.store + ": not all new digests could be stored");
+    complain(store_files(options) + ": not all new digests could be stored");
   }
   const std::size_t unreadable = tree.unreadable + pool.counts().unreadable;
   print_table(pool.counts(), unreadable,

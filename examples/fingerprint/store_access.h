@@ -3,10 +3,12 @@
 #define FINGERPRINT_STORE_ACCESS_H_
 
 #include <quorvane/cache.h>
+#include <quorvane/file_store.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "fingerprint/options.h"
 
@@ -22,8 +24,15 @@ struct OpenedCache {
 // volatile.
 OpenedCache open_cache(const Options& options);
 
-// The size of the store's file; 0 when there is none.
+// The paths of the store's files, as the user reads them.
+std::string store_files(const Options& options);
+
+// The size of the store's files; 0 when there are none.
 std::uint64_t store_size(const Options& options);
+
+// How many bytes a store of this kind grows by with an entry.
+std::uint64_t size_in_store(quorvane::cache::StoreKind kind, const quorvane::util::RoBuffer& key,
+                            const std::vector<quorvane::util::RoBuffer>& value);
 
 }  // namespace fingerprint
 
