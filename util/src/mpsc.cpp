@@ -59,6 +59,9 @@ Ring::Reservation Ring::wr_reserve() {
 // The store of the commit index and the load of the read index are a full fence
 // apart, being sequentially consistent: either the producer sees that the
 // consumer has nothing left, or the consumer sees the entry before it sleeps.
+//
+// The empty critical section waits for a consumer that has seen nothing and is
+// about to sleep. Who is woken needs that lock itself, so it is free by then.
 void Ring::wr_commit(const Reservation& reservation) {
   const std::uint32_t before = reservation.value - 1;
   while (commit_index_.load() != before) {
@@ -66,7 +69,7 @@ void Ring::wr_commit(const Reservation& reservation) {
   }
   commit_index_.store(reservation.value);
   if (read_index_.load() == before) {
-    const std::lock_guard<std::mutex> lock(data_mutex_);
+    { const std::lock_guard<std::mutex> lock(data_mutex_); }
     data_.notify_one();
   }
 }
@@ -79,21 +82,34 @@ void Ring::rd_wait(std::unique_lock<std::mutex>& lock) {
   }
 }
 
+// The producers' line is read only when the entries that were seen there are
+// used up. The differences are signed: who retires entries without asking for
+// the head may be ahead of what was seen.
 bool Ring::rd_head(unsigned int& slot) {
   const std::uint32_t read = read_index_.load();
-  if (commit_index_.load() == read) {
-    return false;
+  if (static_cast<std::int32_t>(seen_commit_ - read) <= 0) {
+    seen_commit_ = commit_index_.load();
+    if (seen_commit_ == read) {
+      return false;
+    }
   }
   slot = read & mask_;
   return true;
 }
 
 void Ring::rd_advance() {
-  // Read first: a reservation made after the increment needs no wake-up, and its
-  // producer may be the one to be woken.
+  const std::uint32_t next = read_index_.load() + 1;
+  if (static_cast<std::int32_t>(seen_commit_ - next) > 0) {
+    // More is committed, and so reserved: this can't have drained the ring.
+    read_index_.store(next);
+    return;
+  }
+  // Read before the increment: whoever reserves later found space and needs no
+  // wake-up.
   const std::uint32_t reserve = reserve_index_.load();
-  if (read_index_.fetch_add(1) + 1 == reserve) {
-    const std::lock_guard<std::mutex> lock(space_mutex_);
+  read_index_.store(next);
+  if (next == reserve) {
+    { const std::lock_guard<std::mutex> lock(space_mutex_); }
     space_.notify_all();
   }
 }
