@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/hostile.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -254,6 +255,30 @@ TEST_F(Dumper, ReportsAFileThatCannotBeOpenedAndTakesItsNumber) {
   EXPECT_THAT(files_in(missing), ElementsAre(testing::Pair("0001", "kept")));
   EXPECT_EQ(ran.err, ran.log);
 }
+
+#ifndef QV_SANITIZED
+// A sanitizer ends a process that finds no memory.
+
+// One string, whose place is the first argument, is too long to be copied.
+SCENARIO(dumps_without_memory) {
+  const std::size_t place = std::stoul(arguments.at(0));
+  const std::string text(64 * 1024 * 1024, 'x');
+  std::array<const char*, 4> strings{"thing", "", "", "."};
+  strings.at(place) = text.c_str();
+  const test::GrowthLimit limit(1024 * 1024);
+  BinaryDumper dumper(strings[0], strings[1], strings[2], strings[3], QV_LOG_LEVEL_INFO);
+  dump(dumper, "lost");
+  return 0;
+}
+
+TEST_F(Dumper, WithoutMemoryForItsArgumentsOpensNoFile) {
+  for (const char* place : {"0", "1", "2", "3"}) {
+    const Ran ran = run_scenario("dumps_without_memory", {}, {place});
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_THAT(ran.messages(), ElementsAre("INFO Dump failed!  Can't open file."));
+  }
+}
+#endif
 
 // -------------------------------------------------------------------------- a full disk
 

@@ -53,7 +53,7 @@ BinaryDumper::BinaryDumper(const char* name, const char* prefix, const char* suf
       suffix_(own(suffix, ".bin")),
       directory_(own(directory, default_directory())),
       level_(level),
-      path_size_(path_size(directory_, prefix_, suffix_)) {}
+      path_size_(name_ == nullptr ? 0 : path_size(directory_, prefix_, suffix_)) {}
 
 BinaryDumper::~BinaryDumper() {
   std::free(prefix_);
