@@ -5,6 +5,7 @@
 #include <quorvane/file_store.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
+#include <quorvane/pidset.h>
 #include <quorvane/stats.h>
 
 #include <cstdint>
@@ -128,6 +129,21 @@ TEST_F(FormatsDocument, IsRightThatTheLockFileIsEmpty) {
   fill_store("basic");
   EXPECT_TRUE(test::exists(dir_.file("lock_demo")));
   EXPECT_EQ(test::read_file(dir_.file("lock_demo")), "");
+}
+
+TEST_F(FormatsDocument, ShowsTheBytesOfAProcessIdSet) {
+  const std::string path = dir_.file("pids");
+  test::write_file(path, "");
+  qv_pidset_t* const set = qv_pidset_open(path.c_str());
+  ASSERT_NE(set, nullptr);
+  for (const std::int32_t id : {9, -1, 5}) {
+    EXPECT_EQ(qv_pidset_add(set, id), 0);
+  }
+  EXPECT_EQ(qv_pidset_remove(set, 5), 0);
+  qv_pidset_close(set);
+  const std::string page = test::read_file(path);
+  EXPECT_EQ(documented("pids"), hexdump(page.substr(0, 20)));
+  EXPECT_EQ(page.find_first_not_of('\0', 20), std::string::npos);
 }
 
 TEST_F(FormatsDocument, ShowsTheBytesOfALogRecord) {
