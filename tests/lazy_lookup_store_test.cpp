@@ -875,6 +875,34 @@ TEST(LazyStoreCache, OnAnUnusableRootGetsNoValidStore) {
                                      "No such file or directory."});
 }
 
+TEST(LazyStoreCache, WithoutARootSaysSoForTheLockAndForEachFile) {
+  const Ran ran =
+      test::run_scenario("cache_adds", {{"QV_CACHE_STORE_ROOT", {}}, {"QV_LOG_LEVEL", "WARN"}});
+  EXPECT_EQ(ran.out, "0\n");
+  const std::string no_root = "ERROR Caching enabled, but QV_CACHE_STORE_ROOT not set.";
+  EXPECT_EQ(
+      ran.messages(),
+      (Messages{no_root, "WARN Cache store  lock couldn't be obtained: No such file or directory.",
+                no_root, no_root}));
+}
+
+// The load that cleans finds nothing; the next store starts anew.
+SCENARIO(cache_past_the_threshold) {
+  CleanupController controller(50);
+  for (int i = 0; i < 2; ++i) {
+    Cache cache("maps", make_file_store(StoreKind::lazy_lookup, "maps", &controller), false);
+    std::printf("%d", cache.is_valid());
+  }
+  return 0;
+}
+
+TEST(LazyStoreCache, WhoseLoadCleansIsInvalidAndTheNextOneStartsAnew) {
+  const LazyRoot root(lazy_files(kEntries));
+  const Ran ran = root.run("cache_past_the_threshold", {}, "ERROR");
+  EXPECT_EQ(ran.out, "01");
+  EXPECT_EQ(root.files(), lazy_files({}));
+}
+
 SCENARIO(bare_store) {
   CleanupController controller(0);
   auto store = std::make_unique<LazyLookupStore>(

@@ -162,8 +162,9 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
 // are views into the mapping: they must not be read once the store, or the cache
 // that owns it, has gone. Copy the bytes of a value that is to live longer.
 //
-// Unlike the basic store's, a missing pair of files fails the load; a cache gets
-// its first pair from make_file_store.
+// Unlike the basic store's, a missing pair of files fails the load, and so does
+// one that the load itself deletes because the process's stores outgrow the
+// cleanup threshold. make_file_store lays a new pair.
 class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
  public:
   LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
