@@ -422,7 +422,7 @@ void pass_token(Ring& from, Ring& to, int rounds) {
 }
 
 TEST(RingTokens, WakeASleepingConsumerEachTime) {
-  constexpr int kRounds = 20'000;
+  constexpr int kRounds = 5'000;
   Ring there(2);
   Ring back(2);
   std::thread other([&] { pass_token(there, back, kRounds); });
