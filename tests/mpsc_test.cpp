@@ -26,7 +26,6 @@ class RingProbe {
     ring.read_index_ = first;
     ring.commit_index_ = first;
     ring.reserve_index_ = first;
-    ring.seen_commit_ = first;
   }
   static void wake_consumer(Ring& ring) {
     const std::lock_guard<std::mutex> lock(ring.data_mutex_);

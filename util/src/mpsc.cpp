@@ -83,13 +83,14 @@ void Ring::rd_wait(std::unique_lock<std::mutex>& lock) {
 }
 
 // The producers' line is read only when the entries that were seen there are
-// used up. The differences are signed: who retires entries without asking for
-// the head may be ahead of what was seen.
+// used up. What was seen counts from the read index that it was seen with: a
+// consumer may retire entries without asking for the head.
 bool Ring::rd_head(unsigned int& slot) {
   const std::uint32_t read = read_index_.load();
-  if (static_cast<std::int32_t>(seen_commit_ - read) <= 0) {
-    seen_commit_ = commit_index_.load();
-    if (seen_commit_ == read) {
+  if (known_from_ != read || known_ == 0) {
+    known_from_ = read;
+    known_ = commit_index_.load() - read;
+    if (known_ == 0) {
       return false;
     }
   }
@@ -98,8 +99,12 @@ bool Ring::rd_head(unsigned int& slot) {
 }
 
 void Ring::rd_advance() {
-  const std::uint32_t next = read_index_.load() + 1;
-  if (static_cast<std::int32_t>(seen_commit_ - next) > 0) {
+  const std::uint32_t read = read_index_.load();
+  const std::uint32_t next = read + 1;
+  const bool is_followed = known_from_ == read && known_ > 1;
+  known_from_ = next;
+  known_ = is_followed ? known_ - 1 : 0;
+  if (is_followed) {
     // More is committed, and so reserved: this can't have drained the ring.
     read_index_.store(next);
     return;

@@ -113,7 +113,8 @@ class QV_EXPORT Ring {
   static constexpr std::size_t kLine = 64;  // nobody's writes slow another's reads
 
   alignas(kLine) std::atomic<std::uint32_t> read_index_{0};
-  std::uint32_t seen_commit_{0};  // the commit index as the consumer last saw it
+  std::uint32_t known_from_{0};  // the consumer's: with the read index here,
+  std::uint32_t known_{0};       // at least so many entries are committed
   alignas(kLine) std::atomic<std::uint32_t> commit_index_{0};
   std::atomic<std::uint32_t> reserve_index_{0};
   alignas(kLine) std::uint32_t size_;
