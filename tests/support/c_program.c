@@ -1,9 +1,12 @@
-/* The whole C interface of the foundation from a C program: that it compiles,
- * links and works is the point. */
+/* The C interface from a C program: that it compiles, links and works is the
+ * point. */
 #include <quorvane/env_config.h>
 #include <quorvane/fault.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
+#include <quorvane/pid_file.h>
+#include <quorvane/pidset.h>
+#include <quorvane/small_utils.h>
 #include <quorvane/stats.h>
 
 static void logs_list(void* module, const char* format, ...) {
@@ -11,6 +14,17 @@ static void logs_list(void* module, const char* format, ...) {
   va_start(args, format);
   qv_logv_do(module, QV_LOG_LEVEL_INFO, 0, format, args);
   va_end(args);
+}
+
+static bool finds_bytes(void) {
+  const char text[] = "abc";
+  return qv_find_sequence(text, 3, "bc", 2) == text + 1;
+}
+
+/* No file, no set. */
+static bool opens_no_set(void) {
+  return qv_pidset_open("") == NULL && qv_pidset_open_fd(-1) == NULL &&
+         qv_pidset_max_pid_count() > 0;
 }
 
 int main(void) {
@@ -24,6 +38,10 @@ int main(void) {
   QV_LOG(module, ALL, "never");
   logs_list(module, "%s", "list");
   qv_enable_stack_print_on_segfault();
+  qv_remove_sigquit_pidfile();
+  if (!finds_bytes() || !opens_no_set()) {
+    return 1;
+  }
   const bool expected = qv_fault_expect(module, 2, false, "expected %d", 1);
   return !expected && qv_env_config_get_bool("QV_TEST_UNSET", true) &&
                  qv_env_config_get_uint64("QV_TEST_UNSET", 7) == 7
