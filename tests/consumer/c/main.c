@@ -10,6 +10,7 @@ int main(void) {
   qv_module_route("consumer", module);
   qv_module_commit(module);
   QV_LOG(module, INFO, "from %s", "C");
-  printf("%s\n", qv_stats_create_counter(module, "calls") == QV_STATS_INVALID_HANDLE ? "off" : "on");
+  printf("%s\n",
+         qv_stats_create_counter(module, "calls") == QV_STATS_INVALID_HANDLE ? "off" : "on");
   return 0;
 }
