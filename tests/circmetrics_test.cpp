@@ -1,11 +1,16 @@
 #include <circmetrics.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
+#include <bit>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -38,6 +43,17 @@ struct Recorder {
   }
   json state() const { return json::parse(text()); }
 };
+
+// A sanitizer has an allocator of its own.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
+
+std::size_t allocated_bytes() {
+  if (&__sanitizer_get_current_allocated_bytes != nullptr) {
+    return __sanitizer_get_current_allocated_bytes();
+  }
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 void run_threads(int count, const std::function<void(int)>& body) {
   std::vector<std::thread> threads;
@@ -183,6 +199,34 @@ TEST(Circmetrics, LosesNoUpdateOfManyThreads) {
   EXPECT_EQ(state["h"]["max"], kUpdates);
 }
 
+TEST(Circmetrics, LosesNoUpdateOfThreadsThatComeAndGo) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  constexpr int kWaves = 50;
+  for (int wave = 0; wave < kWaves; ++wave) {
+    run_threads(3, [&](int index) {
+      for (int update = 0; update <= index; ++update) {
+        stats_add64(counter, 10);
+        stats_add64(counter, -1);
+      }
+    });
+  }
+  EXPECT_EQ(recorder.state()["c"], kWaves * 6 * 9);
+}
+
+TEST(Circmetrics, CountsWhatDestructorsAddWhenTheirThreadEnds) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  pthread_key_t key;
+  ASSERT_EQ(pthread_key_create(&key, [](void* metric) { stats_add64(metric, 100); }), 0);
+  run_threads(20, [&](int) {
+    stats_add64(counter, 1);
+    pthread_setspecific(key, counter);
+  });
+  EXPECT_EQ(recorder.state()["c"], 20 * 101);
+  EXPECT_EQ(pthread_key_delete(key), 0);
+}
+
 TEST(Circmetrics, ThreadsThatRegisterTheSameNamesShareThem) {
   const Recorder recorder;
   run_threads(8, [&](int) {
@@ -283,6 +327,85 @@ TEST(Circmetrics, PercentilesAreWithinOnePercent) {
   expect_close_percentiles({-5, 0, 0, 7});
 }
 
+TEST(Circmetrics, EveryMagnitudeIsWithinOnePercent) {
+  constexpr double kLargest = std::numeric_limits<double>::max();
+  const Recorder recorder;
+  std::mt19937_64 random(7);
+  std::uniform_real_distribution<double> fraction(1, 2);
+  std::vector<double> samples;
+  for (int exponent = -1074; exponent <= 1023; ++exponent) {
+    samples.push_back(std::ldexp(fraction(random), exponent));
+    samples.push_back(-std::ldexp(fraction(random), exponent));
+  }
+  for (int multiple = 1; multiple <= 300; ++multiple) {
+    samples.push_back(multiple * std::numeric_limits<double>::denorm_min());
+  }
+  for (std::size_t index = 0; index < samples.size(); ++index) {
+    void* histogram =
+        stats_register(recorder.root, std::to_string(index).c_str(), CIRCMETRICS_HISTOGRAM);
+    for (const double sample : {-kLargest, samples[index], kLargest}) {
+      ASSERT_EQ(stats_set_hist(histogram, sample, 1), 0);
+    }
+  }
+  const json state = recorder.state();
+  for (std::size_t index = 0; index < samples.size(); ++index) {
+    const double sample = samples[index];
+    EXPECT_NEAR(state[std::to_string(index)]["p50"].get<double>(), sample, std::abs(sample) * 0.01);
+  }
+}
+
+TEST(Circmetrics, PercentilesHoldTheOrderOfTheSmallestDoubles) {
+  std::vector<double> small(20000);
+  std::mt19937_64 random(8);
+  for (double& sample : small) {
+    const std::uint64_t bits = random();
+    sample = std::bit_cast<double>(bits >> 12 >> (bits & 63) % 50);
+  }
+  expect_close_percentiles(small);
+  std::vector<double> both = small;
+  for (double& sample : small) {
+    sample = -sample;
+  }
+  expect_close_percentiles(small);
+  both.insert(both.end(), small.begin(), small.end());
+  both.insert(both.end(), {0.0, -0.0, 1.0, -1.0});
+  expect_close_percentiles(both);
+}
+
+TEST(Circmetrics, PercentilesOfRandomBitsAreWithinOnePercent) {
+  std::vector<double> samples;
+  std::mt19937_64 random(9);
+  while (samples.size() < 20000) {
+    const auto sample = std::bit_cast<double>(random());
+    if (std::isfinite(sample)) {
+      samples.push_back(sample);
+    }
+  }
+  expect_close_percentiles(samples);
+}
+
+TEST(Circmetrics, AHistogramTakesBoundedMemory) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  const auto insert_all = [&](double fraction) {
+    for (int exponent = -1074; exponent <= 1024; ++exponent) {
+      stats_set_hist(histogram, std::ldexp(fraction, exponent), 1);
+      stats_set_hist(histogram, -std::ldexp(fraction, exponent), 1);
+    }
+    stats_set_hist(histogram, 0.0, 1);
+    stats_set_hist(histogram, -0.0, 1);
+  };
+  const std::size_t before = allocated_bytes();
+  insert_all(1);
+  const std::size_t filled = allocated_bytes();
+  EXPECT_GT(filled - before, 1000000);
+  EXPECT_LT(filled - before, 2300000);
+  for (double fraction = 1; fraction < 2; fraction += 1.0 / 256) {
+    insert_all(fraction);
+  }
+  EXPECT_EQ(allocated_bytes(), filled);
+}
+
 TEST(Circmetrics, InfiniteSamplesAreCountedAndReportedAsNull) {
   const Recorder recorder;
   void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
@@ -352,6 +475,19 @@ TEST(Circmetrics, StopsWhenNothingIsTaken) {
   EXPECT_EQ(calls, 1);
 }
 
+TEST(Circmetrics, TakesACountBeyondThePieceForThePiece) {
+  const Recorder recorder;
+  for (int index = 0; index < 3000; ++index) {
+    stats_register(recorder.root, ("counter " + std::to_string(index)).c_str(), 5);
+  }
+  const auto boast = [](void* closure, const void* bytes, size_t length) {
+    return append(closure, bytes, length) + 1000;
+  };
+  std::string text;
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, boast, &text), 0);
+  EXPECT_EQ(text, recorder.text());
+}
+
 TEST(Circmetrics, WritesOnlyTheLayoutThatItKnows) {
   const Recorder recorder;
   std::string text;
@@ -407,4 +543,45 @@ TEST(Circmetrics, AChildOfABusyProcessGoesOn) {
   stop = true;
   busy.join();
   EXPECT_FALSE(recorder.state().contains("child"));
+}
+
+// The parent's threads are gone in the child, and what they had for themselves with
+// them.
+TEST(Circmetrics, AChildLosesNoUpdateWhileItsParentsThreadsLive) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  constexpr int kThreads = 10;
+  std::barrier met(kThreads + 1);
+  std::thread parents([&] {
+    run_threads(kThreads, [&](int) {
+      stats_add64(counter, 1);
+      met.arrive_and_wait();
+      met.arrive_and_wait();
+    });
+  });
+  met.arrive_and_wait();
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    stats_add64(counter, 5);
+#ifndef QV_SANITIZED  // ThreadSanitizer has no threads in the child of a threaded process
+    run_threads(kThreads, [&](int) {
+      for (int update = 0; update < 1000; ++update) {
+        stats_add64(counter, 1);
+      }
+    });
+    constexpr int kExpected = kThreads + 5 + 1000 * kThreads;
+#else
+    constexpr int kExpected = kThreads + 5;
+#endif
+    std::string text;
+    stats_recorder_output_json(recorder.recorder, 1, 0, &append, &text);
+    _exit(json::parse(text)["c"] == kExpected ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  met.arrive_and_wait();
+  parents.join();
+  EXPECT_EQ(recorder.state()["c"], kThreads);
 }

@@ -38,13 +38,14 @@ enum circmetrics_type {
   CIRCMETRICS_GAUGE_DOUBLE = 6,
   /* The distribution of its samples: an object with "count", "sum", "min",
    * "max", "mean", "p50", "p90", "p99" and "p99.9". A percentile is at most 1 %
-   * off the sample of that rank (for magnitudes of 2^-1022 and above). Without
-   * samples all but count and sum are null, as is any value that is not finite.
-   * At most 2.2 MB, however many samples; 5 kB when they span ten octaves. */
+   * off the sample of that rank, whatever its sign and magnitude. Without samples
+   * all but count and sum are null, as is any value that is not finite. At most
+   * 2.3 MB, however many samples; 6 kB when they span ten octaves. */
   CIRCMETRICS_HISTOGRAM = 7
 };
 
-/* Takes `length` bytes; returns how many it took, or -1 to end the output. */
+/* Takes `length` bytes; returns how many it took (more is all), or -1 to end the
+ * output. */
 typedef ssize_t (*circmetrics_write)(void* closure, const void* bytes, size_t length);
 
 /* A new recorder; null without memory. */
@@ -83,8 +84,11 @@ CIRCMETRICS_EXPORT int stats_set_hist_intscale(void* metric, int64_t value, int3
 
 /* Writes the recorder's present state as one JSON object through `write`, in as
  * many pieces as that takes: a namespace is an object of what is in it, sorted by
- * name. `version` of the layout is 1 and `flags` is 0; others give -1. No lock is
- * held while `write` runs. Returns 0, or -1 as soon as `write` takes nothing. */
+ * name. `version` of the layout is 1: compact, on one line, without a newline at its
+ * end. `flags` is 0: what counters and histograms hold since the start, and nothing
+ * is reset. Others give -1 and write nothing. No lock is held while `write` runs: it
+ * may call everything here. When it takes less than it is offered, the rest is
+ * offered again. Returns 0, or -1 as soon as `write` takes nothing or fails. */
 CIRCMETRICS_EXPORT int stats_recorder_output_json(void* recorder, int version, int flags,
                                                   circmetrics_write write, void* closure);
 

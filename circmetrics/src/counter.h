@@ -9,6 +9,7 @@
 
 #include "circmetrics.h"
 #include "metric.h"
+#include "thread_slot.h"
 
 namespace circmetrics {
 
@@ -20,17 +21,31 @@ class Counter final : public Metric {
 
   Counter() : Metric(CIRCMETRICS_COUNTER) {}
 
-  void add(std::int64_t amount);
+  void add(std::int64_t amount) {
+    const auto summand = static_cast<std::uint64_t>(amount);
+    const ThreadSlot slot = ThreadSlot::of_this_thread();
+    if (slot.is_owned()) [[likely]] {
+      add_owned(slot.index(), summand);
+    } else {
+      add_shared(summand);
+    }
+  }
+
   void write(JsonWriter& json) const override;
 
  private:
-  static constexpr std::size_t kShards = 8;
-
-  struct alignas(64) Shard {
-    std::atomic<std::uint64_t> sum{0};  // unsigned: wraps instead of overflowing
+  struct alignas(64) Shard {              // unsigned: wraps instead of overflowing
+    std::atomic<std::uint64_t> owned{0};  // written by the slot's owner alone
+    std::atomic<std::uint64_t> shared{0};
   };
 
-  std::array<Shard, kShards> shards_;
+  void add_owned(std::size_t slot, std::uint64_t amount) {
+    std::atomic<std::uint64_t>& sum = shards_[slot].owned;
+    sum.store(sum.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+  }
+  void add_shared(std::uint64_t amount);
+
+  std::array<Shard, ThreadSlot::kCount> shards_;
 };
 
 }  // namespace circmetrics

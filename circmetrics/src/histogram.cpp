@@ -12,9 +12,17 @@ namespace {
 
 constexpr int kFractionBits = 52;
 constexpr int kBucketBits = 6;
+constexpr std::uint64_t kLastBucket = (1U << kBucketBits) - 1;
 constexpr std::uint64_t kBucketWidth = std::uint64_t{1} << (kFractionBits - kBucketBits);
-constexpr std::size_t kOctaves = 4096;  // by sign and exponent
-constexpr std::size_t kNegative = kOctaves / 2;
+constexpr std::uint64_t kSign = std::uint64_t{1} << 63;
+constexpr std::uint64_t kSmallestNormal = std::uint64_t{1} << kFractionBits;
+
+// The octaves, by sign and exponent. Doubles below 2^-1022 have all the same exponent,
+// that of zero: their own octaves, by the place of the leading one, come after.
+constexpr std::size_t kZero = 0;
+constexpr std::size_t kNegative = 2048;
+constexpr std::size_t kSubnormal = 4096;
+constexpr std::size_t kNegativeSubnormal = kSubnormal + 64;
 
 // The node that `link` leads to, made when there is none.
 template <typename Node>
@@ -40,9 +48,38 @@ void keep_best(std::atomic<double>& best, double value, Better is_better) {
   }
 }
 
-// Zero's own octave reports its buckets' lower bounds: zero is more common than
-// its neighbours, which are below 2^-1022. Infinity has no middle.
+// Across all octaves.
+std::size_t bucket_index(double value) {
+  const auto bits = std::bit_cast<std::uint64_t>(value);
+  const std::uint64_t magnitude = bits & ~kSign;
+  if (magnitude == 0 || magnitude >= kSmallestNormal) {
+    return bits / kBucketWidth;
+  }
+  const int leading = static_cast<int>(std::bit_width(magnitude)) - 1;
+  const std::uint64_t first_bits = leading < kBucketBits ? magnitude << (kBucketBits - leading)
+                                                         : magnitude >> (leading - kBucketBits);
+  const std::size_t octave =
+      (bits == magnitude ? kSubnormal : kNegativeSubnormal) + static_cast<std::size_t>(leading);
+  return (octave << kBucketBits) + (first_bits & kLastBucket);
+}
+
+// Below 2^-1067 a bucket holds one double or none.
+double middle_of_subnormals(std::size_t octave, std::size_t bucket) {
+  const std::uint64_t sign = octave < kNegativeSubnormal ? 0 : kSign;
+  const auto leading = static_cast<int>((octave - kSubnormal) % 64);
+  const std::uint64_t first_bits = kLastBucket + 1 + bucket;
+  if (leading <= kBucketBits) {
+    return std::bit_cast<double>(sign | first_bits >> (kBucketBits - leading));
+  }
+  const int rest = leading - kBucketBits;
+  return std::bit_cast<double>(sign | first_bits << rest | std::uint64_t{1} << (rest - 1));
+}
+
+// Infinity has no middle, and zero is none.
 double middle_of(std::size_t octave, std::size_t bucket) {
+  if (octave >= kSubnormal) {
+    return middle_of_subnormals(octave, bucket);
+  }
   const std::uint64_t lowest =
       (static_cast<std::uint64_t>(octave) << kFractionBits) + bucket * kBucketWidth;
   const double bound = std::bit_cast<double>(lowest);
@@ -81,7 +118,7 @@ Histogram::~Histogram() {
 }
 
 Histogram::Count* Histogram::find_or_make_bucket(double value) {
-  const std::uint64_t index = std::bit_cast<std::uint64_t>(value) / kBucketWidth;
+  const std::size_t index = bucket_index(value);
   Group* group = find_or_make(groups_[index / kFanOut / kFanOut]);
   Octave* octave =
       group == nullptr ? nullptr : find_or_make(group->octaves[index / kFanOut % kFanOut]);
@@ -122,16 +159,23 @@ void Histogram::append_octave(Snapshot& filled, std::size_t octave) const {
   }
 }
 
-Histogram::Snapshot Histogram::snapshot() const {
-  Snapshot filled;
-  for (std::size_t octave = kNegative; octave < kOctaves; ++octave) {
+void Histogram::append_octaves(Snapshot& filled, std::size_t first, std::size_t end) const {
+  for (std::size_t octave = first; octave < end; ++octave) {
     append_octave(filled, octave);
   }
+}
+
+Histogram::Snapshot Histogram::snapshot() const {
+  constexpr std::size_t kSubnormalOctaves = kFractionBits;
+  Snapshot filled;
+  append_octaves(filled, kNegative, kNegative + 1);
+  append_octaves(filled, kNegativeSubnormal, kNegativeSubnormal + kSubnormalOctaves);
+  append_octaves(filled, kNegative + 1, kSubnormal);
   // Doubles below zero have the order of their magnitudes: the other way round.
   std::reverse(filled.begin(), filled.end());
-  for (std::size_t octave = 0; octave < kNegative; ++octave) {
-    append_octave(filled, octave);
-  }
+  append_octaves(filled, kZero, kZero + 1);
+  append_octaves(filled, kSubnormal, kSubnormal + kSubnormalOctaves);
+  append_octaves(filled, kZero + 1, kNegative);
   return filled;
 }
 
