@@ -1,0 +1,123 @@
+// Threads work through jobs while one metric of each kind follows them, and the
+// report comes out as it would on a dashboard.
+//
+//   metrics REPORT_FILE [THREADS]
+#include <quorvane/module.h>
+#include <quorvane/stats.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr unsigned kJobsOfAThread = 1000;
+
+// Its path is where the metrics stand in the report.
+const quorvane::Module g_module("examples/metrics");
+
+// What the gauges read, at every report: these stay where they are.
+std::int64_t g_running = 0;
+double g_load = 0;
+
+struct Metrics {
+  qv_stats_handle_t jobs = qv_stats_create_counter(g_module.get(), "jobs");
+  qv_stats_handle_t bytes = qv_stats_create_histogram(g_module.get(), "bytes");
+  qv_stats_handle_t running = qv_stats_create_gauge_int64(g_module.get(), "running", &g_running);
+  qv_stats_handle_t load = qv_stats_create_gauge_double(g_module.get(), "load", &g_load);
+};
+
+// The callers below test the handles: with statistics off, this does its work all
+// the same.
+void work(const Metrics& metrics) {
+  std::atomic_ref(g_running).fetch_add(1);
+  for (unsigned job = 1; job <= kJobsOfAThread; ++job) {
+    qv_stats_hist_insert(metrics.bytes, job, 1);
+    qv_stats_counter_inc(metrics.jobs, 1);
+  }
+}
+
+void work_in_threads(const Metrics& metrics, unsigned count) {
+  std::vector<std::thread> threads;
+  for (unsigned index = 0; index < count; ++index) {
+    threads.emplace_back(work, metrics);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// One member a line.
+class Indenter {
+ public:
+  void put(char byte) {
+    if (in_string_) {
+      text_ += byte;
+      in_string_ = byte != '"' || escaped_;
+      escaped_ = byte == '\\' && !escaped_;
+    } else if (byte == '{') {
+      ++depth_;
+      break_line("{");
+    } else if (byte == '}') {
+      --depth_;
+      break_line("");
+      text_ += byte;
+    } else if (byte == ',') {
+      break_line(",");
+    } else if (byte != ' ') {
+      text_ += byte == ':' ? ": " : std::string(1, byte);
+      in_string_ = byte == '"';
+    }
+  }
+
+  const std::string& text() const { return text_; }
+
+ private:
+  void break_line(const char* after) { text_ += after + ("\n" + std::string(2 * depth_, ' ')); }
+
+  std::string text_;
+  std::size_t depth_ = 0;
+  bool in_string_ = false;
+  bool escaped_ = false;
+};
+
+void print_last_report(const char* path) {
+  std::ifstream file(path);
+  std::string last;
+  for (std::string line; std::getline(file, line);) {
+    last = line;
+  }
+  Indenter indenter;
+  for (const char byte : last) {
+    indenter.put(byte);
+  }
+  std::printf("%s\n", indenter.text().c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const unsigned long threads = argc == 3 ? std::strtoul(argv[2], nullptr, 10) : 2;
+  if (argc < 2 || argc > 3 || threads == 0 || threads > 64) {
+    std::fprintf(stderr, "usage: metrics REPORT_FILE [THREADS], 1 to 64 threads\n");
+    return 2;
+  }
+  // Whoever starts a program decides on its statistics; this one is about them.
+  setenv("QV_STATS_REPORT_FILE", argv[1], 1);
+  const Metrics metrics;
+  auto* const statistics = quorvane::stats::get_singleton_module();
+  if (statistics == nullptr) {
+    std::fprintf(stderr, "metrics: no statistics, the log says why\n");
+    return 1;
+  }
+  work_in_threads(metrics, static_cast<unsigned>(threads));
+  g_load = static_cast<double>(threads) / 64;
+  // Other programs leave this to QV_STATS_REPORT_PERIOD and to their exit.
+  statistics->report_now();
+  print_last_report(argv[1]);
+}

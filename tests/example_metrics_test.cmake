@@ -1,0 +1,1 @@
+add_dependencies(example_metrics_test metrics)

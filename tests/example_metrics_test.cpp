@@ -1,0 +1,90 @@
+// The example program of the statistics, as its users start it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::MatchesRegex;
+
+const std::string PROGRAM = QV_BINARY_DIR "/bin/metrics";
+
+class MetricsExample : public testing::Test {
+ protected:
+  test::TempDir dir_;
+  std::string report_ = dir_.file("report");
+};
+
+TEST_F(MetricsExample, PrintsItsReportOneMemberALine) {
+  const auto ran = test::run_program(PROGRAM, {report_, "3"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.err, "");
+  const std::size_t time_end = ran.out.find(',');
+  ASSERT_NE(time_end, std::string::npos);
+  EXPECT_THAT(ran.out.substr(0, time_end), MatchesRegex("\\{\n  \"ts\": [0-9]+"));
+  EXPECT_EQ(ran.out.substr(time_end),
+            ",\n"
+            "  \"log\": {\n"
+            "    \"examples\": {\n"
+            "      \"metrics\": {\n"
+            "        \"bytes\": {\n"
+            "          \"count\": 3000,\n"
+            "          \"sum\": 1501500,\n"
+            "          \"min\": 1,\n"
+            "          \"max\": 1000,\n"
+            "          \"mean\": 500.5,\n"
+            "          \"p50\": 502,\n"
+            "          \"p90\": 900,\n"
+            "          \"p99\": 988,\n"
+            "          \"p99.9\": 996\n"
+            "        },\n"
+            "        \"jobs\": 3000,\n"
+            "        \"load\": 0.046875,\n"
+            "        \"running\": 3\n"
+            "      }\n"
+            "    }\n"
+            "  }\n"
+            "}\n");
+}
+
+// The report that was asked for, and the one at exit.
+TEST_F(MetricsExample, LeavesTheReportsInTheFile) {
+  const auto ran = test::run_program(PROGRAM, {report_});
+  EXPECT_TRUE(ran.exited_with(0));
+  std::istringstream file(test::read_file(report_));
+  std::string asked_for, at_exit, more;
+  ASSERT_TRUE(std::getline(file, asked_for) && std::getline(file, at_exit));
+  EXPECT_FALSE(std::getline(file, more));
+  EXPECT_EQ(json::parse(asked_for), json::parse(ran.out));
+  EXPECT_EQ(json::parse(at_exit)["log"], json::parse(ran.out)["log"]);
+}
+
+TEST_F(MetricsExample, SaysThatItHasNoStatistics) {
+  const std::string path = dir_.file("missing/report");
+  const auto ran = test::run_program(PROGRAM, {path});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.out, "");
+  EXPECT_EQ(ran.err, "metrics: no statistics, the log says why\n");
+  EXPECT_THAT(ran.messages(), ElementsAre("WARN Could not open statistics output file " + path +
+                                              ": No such file or directory",
+                                          "WARN Could not close report_file: Bad file descriptor"));
+}
+
+TEST_F(MetricsExample, SaysHowItIsUsed) {
+  for (const test::Arguments& arguments :
+       {test::Arguments{}, {report_, "0"}, {report_, "65"}, {report_, "many"}, {"a", "1", "b"}}) {
+    const auto ran = test::run_program(PROGRAM, arguments);
+    EXPECT_TRUE(ran.exited_with(2));
+    EXPECT_EQ(ran.err, "usage: metrics REPORT_FILE [THREADS], 1 to 64 threads\n");
+  }
+}
+
+}  // namespace
