@@ -1,0 +1,6 @@
+# Its CMake package asks for the development files of a web server and a web client
+# as well; the metrics need neither.
+find_path(PROMETHEUS_INCLUDE_DIR prometheus/counter.h REQUIRED)
+find_library(PROMETHEUS_CORE prometheus-cpp-core REQUIRED)
+target_include_directories(circmetrics_bench SYSTEM PRIVATE ${PROMETHEUS_INCLUDE_DIR})
+target_link_libraries(circmetrics_bench PRIVATE circmetrics ${PROMETHEUS_CORE})

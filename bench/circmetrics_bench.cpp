@@ -1,0 +1,111 @@
+// What an update of a counter and of a histogram costs, to prometheus-cpp's.
+//
+// Its histogram counts between fixed bounds: here as many as give the percentiles of
+// six decades the recorder's 1 %. Its summary offers the same percentiles of any
+// values as the recorder does, by merging samples under a lock.
+#include <benchmark/benchmark.h>
+#include <circmetrics.h>
+#include <prometheus/counter.h>
+#include <prometheus/histogram.h>
+#include <prometheus/summary.h>
+
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <random>
+
+#include "ratio.h"
+
+namespace {
+
+constexpr double kSmallest = 1;
+constexpr double kLargest = 1e6;
+
+void* new_metric(int type) {
+  void* recorder = stats_recorder_alloc();
+  return stats_register(stats_recorder_global_ns(recorder), "metric", type);
+}
+
+void OurCounter(benchmark::State& state) {
+  static void* const counter = new_metric(CIRCMETRICS_COUNTER);
+  for (auto _ : state) {
+    stats_add64(counter, 1);
+  }
+}
+
+void TheirCounter(benchmark::State& state) {
+  static prometheus::Counter counter;
+  for (auto _ : state) {
+    counter.Increment();
+  }
+}
+
+// Latencies, say: evenly spread over the decades. Each thread has its own.
+class Samples {
+ public:
+  explicit Samples(int thread) {
+    std::mt19937_64 random(static_cast<unsigned>(thread) + 1);
+    std::uniform_real_distribution<double> exponent(std::log(kSmallest), std::log(kLargest));
+    for (double& value : values_) {
+      value = std::exp(exponent(random));
+    }
+  }
+
+  double next() { return values_[index_++ % values_.size()]; }
+
+ private:
+  std::array<double, 4096> values_;
+  std::size_t index_ = 0;
+};
+
+void OurHistogram(benchmark::State& state) {
+  static void* const histogram = new_metric(CIRCMETRICS_HISTOGRAM);
+  Samples samples(state.thread_index());
+  for (auto _ : state) {
+    stats_set_hist(histogram, samples.next(), 1);
+  }
+}
+
+prometheus::Histogram::BucketBoundaries bounds_of_one_percent() {
+  prometheus::Histogram::BucketBoundaries bounds;
+  for (double bound = kSmallest; bound < kLargest; bound *= 1.02) {
+    bounds.push_back(bound);
+  }
+  return bounds;
+}
+
+void TheirHistogram(benchmark::State& state) {
+  static prometheus::Histogram histogram(bounds_of_one_percent());
+  Samples samples(state.thread_index());
+  for (auto _ : state) {
+    histogram.Observe(samples.next());
+  }
+}
+
+void TheirSummary(benchmark::State& state) {
+  static prometheus::Summary summary({{0.5, 0.01}, {0.9, 0.01}, {0.99, 0.001}, {0.999, 0.0001}});
+  Samples samples(state.thread_index());
+  for (auto _ : state) {
+    summary.Observe(samples.next());
+  }
+}
+
+BENCHMARK(OurCounter)->Threads(1)->Threads(4)->Repetitions(10);
+BENCHMARK(TheirCounter)->Threads(1)->Threads(4)->Repetitions(10);
+BENCHMARK(OurHistogram)->Threads(1)->Threads(4)->Repetitions(10);
+BENCHMARK(TheirHistogram)->Threads(1)->Threads(4)->Repetitions(10);
+BENCHMARK(TheirSummary)->Threads(1)->Threads(4)->Repetitions(10);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return bench::run(
+      argc, argv,
+      {{"counter, 1 thread", "OurCounter/threads:1", "TheirCounter/threads:1", 0.6},
+       {"counter, 4 threads", "OurCounter/threads:4", "TheirCounter/threads:4", 0.6},
+       {"histogram, 1 thread", "OurHistogram/threads:1", "TheirHistogram/threads:1", 0.6},
+       {"histogram, 4 threads", "OurHistogram/threads:4", "TheirHistogram/threads:4", 0.6},
+       {"histogram to summary, 1 thread", "OurHistogram/threads:1", "TheirSummary/threads:1", 0.6},
+       {"histogram to summary, 4 threads", "OurHistogram/threads:4", "TheirSummary/threads:4",
+        0.6}});
+}
