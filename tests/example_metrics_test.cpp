@@ -6,6 +6,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -19,12 +20,16 @@ const std::string PROGRAM = QV_BINARY_DIR "/bin/metrics";
 
 class MetricsExample : public testing::Test {
  protected:
+  static test::Ran run(const test::Arguments& arguments) {
+    return test::run_program(PROGRAM, arguments, {{"LD_LIBRARY_PATH", test::kRecorderPath}});
+  }
+
   test::TempDir dir_;
   std::string report_ = dir_.file("report");
 };
 
 TEST_F(MetricsExample, PrintsItsReportOneMemberALine) {
-  const auto ran = test::run_program(PROGRAM, {report_, "3"});
+  const auto ran = run({report_, "3"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
   const std::size_t time_end = ran.out.find(',');
@@ -57,7 +62,7 @@ TEST_F(MetricsExample, PrintsItsReportOneMemberALine) {
 
 // The report that was asked for, and the one at exit.
 TEST_F(MetricsExample, LeavesTheReportsInTheFile) {
-  const auto ran = test::run_program(PROGRAM, {report_});
+  const auto ran = run({report_});
   EXPECT_TRUE(ran.exited_with(0));
   std::istringstream file(test::read_file(report_));
   std::string asked_for, at_exit, more;
@@ -69,7 +74,7 @@ TEST_F(MetricsExample, LeavesTheReportsInTheFile) {
 
 TEST_F(MetricsExample, SaysThatItHasNoStatistics) {
   const std::string path = dir_.file("missing/report");
-  const auto ran = test::run_program(PROGRAM, {path});
+  const auto ran = run({path});
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_EQ(ran.out, "");
   EXPECT_EQ(ran.err, "metrics: no statistics, the log says why\n");
