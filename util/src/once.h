@@ -13,8 +13,8 @@ namespace quorvane {
 // Unlike the guard of a local static, it survives a fork that catches another
 // thread in the function: the child, which doesn't have that thread, runs the
 // function again. Unlike std::once_flag, it tells so to ThreadSanitizer too.
-// The function must not throw and must bear to be run again after it was cut
-// short anywhere.
+// What the function throws reaches the caller who ran it, and the next one runs it
+// again. It must bear to be run again after it was cut short anywhere.
 class Once {
  public:
   // Returns when the function has run. Any thread; one load afterwards.
@@ -41,12 +41,21 @@ class Once {
         state_.wait(running, std::memory_order_acquire);
         state = state_.load(std::memory_order_acquire);
       } else if (state_.compare_exchange_strong(state, running, std::memory_order_acquire)) {
-        function();
-        state_.store(kDone, std::memory_order_release);
-        state_.notify_all();
+        try {
+          function();
+        } catch (...) {
+          leave(0);
+          throw;
+        }
+        leave(kDone);
         return;
       }
     }
+  }
+
+  void leave(State state) {
+    state_.store(state, std::memory_order_release);
+    state_.notify_all();
   }
 
   std::atomic<State> state_{0};

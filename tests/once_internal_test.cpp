@@ -1,0 +1,65 @@
+#include "src/once.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using quorvane::Once;
+
+TEST(Once, RunsTheFunctionForTheFirstOfAllThreads) {
+  Once once;
+  std::atomic<int> runs{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      once.run([&] { ++runs; });
+      EXPECT_TRUE(once.has_run());
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(runs, 1);
+}
+
+TEST(Once, RunsAgainAfterAThrow) {
+  Once once;
+  EXPECT_THROW(once.run([] { throw std::runtime_error("no memory, say"); }), std::runtime_error);
+  EXPECT_FALSE(once.has_run());
+  bool ran = false;
+  once.run([&] { ran = true; });
+  EXPECT_TRUE(ran);
+  EXPECT_TRUE(once.has_run());
+}
+
+// Would wait for ever if nobody told it of the throw.
+TEST(Once, AThreadThatWaitsRunsTheFunctionThatThrew) {
+  Once once;
+  std::atomic<bool> is_running{false};
+  std::atomic<bool> may_throw{false};
+  std::atomic<bool> second_ran{false};
+  std::thread first([&] {
+    EXPECT_THROW(once.run([&] {
+      is_running = true;
+      is_running.notify_all();
+      may_throw.wait(false);
+      throw std::runtime_error("first");
+    }),
+                 std::runtime_error);
+  });
+  is_running.wait(false);
+  std::thread second([&] { once.run([&] { second_ran = true; }); });
+  may_throw = true;
+  may_throw.notify_all();
+  first.join();
+  second.join();
+  EXPECT_TRUE(second_ran);
+  EXPECT_TRUE(once.has_run());
+}
+
+}  // namespace
