@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/thread_state.h"
+
 namespace {
 
 using quorvane::Once;
@@ -53,7 +55,14 @@ TEST(Once, AThreadThatWaitsRunsTheFunctionThatThrew) {
                  std::runtime_error);
   });
   is_running.wait(false);
-  std::thread second([&] { once.run([&] { second_ran = true; }); });
+  std::atomic<pid_t> second_id{0};
+  std::thread second([&] {
+    second_id = gettid();
+    once.run([&] { second_ran = true; });
+  });
+  while (second_id == 0 || !test::is_asleep(second_id)) {
+    std::this_thread::yield();
+  }
   may_throw = true;
   may_throw.notify_all();
   first.join();
