@@ -1,4 +1,5 @@
-/* A metrics recorder: counters, gauges and histograms in nested namespaces,
+/** \file
+ * A metrics recorder: counters, gauges and histograms in nested namespaces,
  * written out as one JSON value.
  *
  * A program loads libcircmetrics.so with dlopen(3) and looks these functions up.
@@ -20,23 +21,24 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+/** Marks what the library shows. */
 #define CIRCMETRICS_EXPORT __attribute__((visibility("default")))
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* The kinds of metrics, with what each is in the JSON. */
+/** The kinds of metrics, with what each is in the JSON. */
 enum circmetrics_type {
-  /* An int64_t of the caller's, read at every output: a number, or null while
+  /** An int64_t of the caller's, read at every output: a number, or null while
    * nothing is observed. */
   CIRCMETRICS_GAUGE_INT64 = 3,
-  /* A sum that stats_add64 adds to, modulo 2^64: a number. */
+  /** A sum that stats_add64 adds to, modulo 2^64: a number. */
   CIRCMETRICS_COUNTER = 5,
-  /* A double of the caller's, read at every output: a number; null while nothing
+  /** A double of the caller's, read at every output: a number; null while nothing
    * is observed, and for an infinity or NaN. */
   CIRCMETRICS_GAUGE_DOUBLE = 6,
-  /* The distribution of its samples: an object with "count", "sum", "min",
+  /** The distribution of its samples: an object with "count", "sum", "min",
    * "max", "mean", "p50", "p90", "p99" and "p99.9". A percentile is at most 1 %
    * off the sample of that rank, whatever its sign and magnitude. Without samples
    * all but count and sum are null, as is any value that is not finite. At most
@@ -44,45 +46,45 @@ enum circmetrics_type {
   CIRCMETRICS_HISTOGRAM = 7
 };
 
-/* Takes `length` bytes; returns how many it took (more is all), or -1 to end the
+/** Takes `length` bytes; returns how many it took (more is all), or -1 to end the
  * output. */
 typedef ssize_t (*circmetrics_write)(void* closure, const void* bytes, size_t length);
 
-/* A new recorder; null without memory. */
+/** A new recorder; null without memory. */
 CIRCMETRICS_EXPORT void* stats_recorder_alloc(void);
 
-/* The recorder's root namespace; null for a null recorder. */
+/** The recorder's root namespace; null for a null recorder. */
 CIRCMETRICS_EXPORT void* stats_recorder_global_ns(void* recorder);
 
-/* The namespace `name` inside `parent`, made when there is none. Null when a
+/** The namespace `name` inside `parent`, made when there is none. Null when a
  * metric has this name, for a null argument, and without memory. */
 CIRCMETRICS_EXPORT void* stats_register_ns(void* recorder, void* parent, const char* name);
 
-/* The metric `name` of type `type` inside `ns`, made when there is none. Null
+/** The metric `name` of type `type` inside `ns`, made when there is none. Null
  * when something else has this name, for an unknown type or a null argument, and
  * without memory. */
 CIRCMETRICS_EXPORT void* stats_register(void* ns, const char* name, int type);
 
-/* The functions below return 0, or -1 when the metric is null or of another
- * kind: nothing has changed then. */
-
-/* Makes a gauge of this type read the variable at `address` at every output. The
- * variable must stay there; null observes nothing again. */
+/** Makes a gauge of this type read the variable at `address` at every output. The
+ * variable must stay there; null observes nothing again. Returns 0, or -1, having
+ * changed nothing, when the metric is null or of another type. */
 CIRCMETRICS_EXPORT int stats_observe(void* metric, int type, const void* address);
 
-/* Adds `amount`, which may be negative, to a counter. */
+/** Adds `amount`, which may be negative, to a counter. Returns 0, or -1, having
+ * changed nothing, when the metric is null or no counter. */
 CIRCMETRICS_EXPORT int stats_add64(void* metric, int64_t amount);
 
-/* Records `count` samples of `value` in a histogram. Also -1 for NaN, and
- * without memory for a new range of values. */
+/** Records `count` samples of `value` in a histogram. Returns 0, or -1, having
+ * changed nothing, when the metric is null or no histogram, for NaN, and without
+ * memory for a new range of values. */
 CIRCMETRICS_EXPORT int stats_set_hist(void* metric, double value, uint32_t count);
 
-/* The same for samples of value * 10^scale, from a caller that has no floating
+/** The same for samples of value * 10^scale, from a caller that has no floating
  * point at hand. */
 CIRCMETRICS_EXPORT int stats_set_hist_intscale(void* metric, int64_t value, int32_t scale,
                                                uint32_t count);
 
-/* Writes the recorder's present state as one JSON object through `write`, in as
+/** Writes the recorder's present state as one JSON object through `write`, in as
  * many pieces as that takes: a namespace is an object of what is in it, sorted by
  * name. `version` of the layout is 1: compact, on one line, without a newline at its
  * end. `flags` is 0: what counters and histograms hold since the start, and nothing

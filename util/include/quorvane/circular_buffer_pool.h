@@ -1,13 +1,14 @@
-// A pool that lends contiguous byte ranges out of one fixed region in strict
-// circular order.
-//
-// The region is mapped twice, back to back, so that a range which runs past its
-// end is contiguous all the same. Ranges come back from the newest end
-// (deallocate) or from the oldest (free); any other order ends the process.
-//
-// Thread-safety: every operation; one mutex guards the two counters.
-// Fork-safety: the region is shared memory, the counters are not. Let either the
-// parent or the child use a pool, not both.
+/// \file
+/// A pool that lends contiguous byte ranges out of one fixed region in strict
+/// circular order.
+///
+/// The region is mapped twice, back to back, so that a range which runs past its
+/// end is contiguous all the same. Ranges come back from the newest end
+/// (deallocate) or from the oldest (free); any other order ends the process.
+///
+/// Thread-safety: every operation; one mutex guards the two counters.
+/// Fork-safety: the region is shared memory, the counters are not. Let either the
+/// parent or the child use a pool, not both.
 #ifndef QUORVANE_CIRCULAR_BUFFER_POOL_H_
 #define QUORVANE_CIRCULAR_BUFFER_POOL_H_
 
@@ -23,27 +24,31 @@
 namespace quorvane {
 namespace util {
 
+/// One region whose ranges are lent and come back in circular order.
+///
+/// Invariant: what is lent is one run of the region, from the oldest range to the
+/// newest. Thread-safety: every operation.
 class QV_EXPORT CircularBufferPool {
  public:
-  // A region of `size` bytes, a multiple of the page size. Anything else, and
-  // a kernel that refuses the memory, logs an ERROR record and aborts.
+  /// A region of `size` bytes, a multiple of the page size. Anything else, and
+  /// a kernel that refuses the memory, logs an ERROR record and aborts.
   explicit CircularBufferPool(unsigned long size);
 
-  // Every buffer must have been given back.
+  /// Every buffer must have been given back.
   ~CircularBufferPool();
   CircularBufferPool(const CircularBufferPool&) = delete;
   CircularBufferPool& operator=(const CircularBufferPool&) = delete;
 
-  // Lends `size` bytes rounded up to a multiple of 64, waiting without a time
-  // limit while there is no room. A `size` above the region's logs and aborts.
-  // `rpc` goes to the tracer as it is; it may be null.
+  /// Lends `size` bytes rounded up to a multiple of 64, waiting without a time
+  /// limit while there is no room. A `size` above the region's logs and aborts.
+  /// `rpc` goes to the tracer as it is; it may be null.
   RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
-  // Takes the newest range back. `ptr` is its start and `size` what was asked
-  // for or lent; another range logs and aborts. Wakes every waiter.
+  /// Takes the newest range back. `ptr` is its start and `size` what was asked
+  /// for or lent; another range logs and aborts. Wakes every waiter.
   void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
-  // Takes the oldest range back, likewise.
+  /// Takes the oldest range back, likewise.
   void free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   // End of the public interface.

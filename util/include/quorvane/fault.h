@@ -1,11 +1,12 @@
-// Fault checks, and a stack trace when the process takes a segmentation fault.
-//
-// A check has a severity; lower is more serious. A failed expectation is logged
-// at ERROR when its severity is at most the module's fault_log_level (2 unless
-// changed) and aborts when it is at most the module's fault_abort_level (0). A
-// failed assertion is always logged and always aborts.
-//
-// Thread-safety: checks keep no state. Fork-safety: safe in a child.
+/// \file
+/// Fault checks, and a stack trace when the process takes a segmentation fault.
+///
+/// A check has a severity; lower is more serious. A failed expectation is logged
+/// at ERROR when its severity is at most the module's fault_log_level (2 unless
+/// changed) and aborts when it is at most the module's fault_abort_level (0). A
+/// failed assertion is always logged and always aborts.
+///
+/// Thread-safety: checks keep no state. Fork-safety: safe in a child.
 #ifndef QUORVANE_FAULT_H_
 #define QUORVANE_FAULT_H_
 
@@ -18,13 +19,13 @@ extern "C" {
 #include <stdbool.h>
 #endif
 
-/* Returns `condition`. When it is false, logs the printf-style message through
+/** Returns `condition`. When it is false, logs the printf-style message through
  * `module` and aborts as the module's thresholds say; a module at OFF logs
  * nothing but aborts all the same. */
 QV_EXPORT bool qv_fault_expect(void* module, unsigned severity, bool condition, const char* format,
                                ...) __attribute__((format(printf, 4, 5)));
 
-/* Makes SIGSEGV print "Error: signal 11:" and up to 64 stack frames on standard
+/** Makes SIGSEGV print "Error: signal 11:" and up to 64 stack frames on standard
  * error and abort. Call it once, from any thread. */
 QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 
@@ -35,29 +36,29 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 
 #include <quorvane/module.h>
 
-// QV_FAULT_EXPECT_AT(module, severity, condition, source, line): true when the
-// condition holds; otherwise reports it as a failed expectation and is false.
-// The record quotes the condition as it is written. `module` is a
-// quorvane::module::Module* or a quorvane::Module.
+/// QV_FAULT_EXPECT_AT(module, severity, condition, source, line): true when the
+/// condition holds; otherwise reports it as a failed expectation and is false.
+/// The record quotes the condition as it is written. `module` is a
+/// quorvane::module::Module* or a quorvane::Module.
 #define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                         \
   (static_cast<bool>(condition) ||                                                            \
    ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
                                          source, line))
 
-// The same at the site's own line.
+/// The same at the site's own line.
 #define QV_FAULT_EXPECT(module, severity, condition, source)                                  \
   (static_cast<bool>(condition) ||                                                            \
    ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
                                          source, __LINE__))
 
-// QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
-// the condition holds.
+/// QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
+/// the condition holds.
 #define QV_FAULT_ASSERT_AT(module, condition, source, line)            \
   (static_cast<bool>(condition) ? static_cast<void>(0)                 \
                                 : ::quorvane::fault::assertion_failed( \
                                       qv_log_module_pointer(module), #condition, source, line))
 
-// The same at the site's own line.
+/// The same at the site's own line.
 #define QV_FAULT_ASSERT(module, condition, source)                                              \
   (static_cast<bool>(condition)                                                                 \
        ? static_cast<void>(0)                                                                   \
@@ -69,9 +70,12 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 namespace quorvane {
 namespace fault {
 
-// Always returns false.
+/// What QV_FAULT_EXPECT calls for a condition that doesn't hold. Always returns
+/// false.
 QV_EXPORT bool expectation_failed(void* module, int severity, const char* condition,
                                   const char* source, int line);
+
+/// What QV_FAULT_ASSERT calls for a condition that doesn't hold.
 [[noreturn]] QV_EXPORT void assertion_failed(void* module, const char* condition,
                                              const char* source, int line);
 

@@ -1,12 +1,13 @@
-// Stores that keep their entries in files of one root directory, shared by many
-// processes.
-//
-// The root is the value of QV_CACHE_STORE_ROOT; it is not created. Everything
-// that touches a file runs under the store's lock. A file is never trusted: a
-// damaged one gives records and a false result.
-// Thread-safety: try_load and try_store_diff serialise threads and processes
-// through the lock; the nonlock_ operations expect the caller to hold it.
-// Fork-safety: a child's lock excludes its parent.
+/// \file
+/// Stores that keep their entries in files of one root directory, shared by many
+/// processes.
+///
+/// The root is the value of QV_CACHE_STORE_ROOT; it is not created. Everything
+/// that touches a file runs under the store's lock. A file is never trusted: a
+/// damaged one gives records and a false result.
+/// Thread-safety: try_load and try_store_diff serialise threads and processes
+/// through the lock; the nonlock_ operations expect the caller to hold it.
+/// Fork-safety: a child's lock excludes its parent.
 #ifndef QUORVANE_FILE_STORE_H_
 #define QUORVANE_FILE_STORE_H_
 
@@ -25,28 +26,30 @@
 namespace quorvane {
 namespace cache {
 
-// Opens every store file and every entry.
+/// Opens every store file and every entry.
 constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
 
-// The path of the store file `name`: the root, "/", `name`. Empty, with a
-// severity 2 check, when no root is set.
+/// The path of the store file `name`: the root, "/", `name`. Empty, with a
+/// severity 2 check, when no root is set.
 QV_EXPORT std::string get_store_file_path(const std::string& name);
 
-// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
-// exclude each other, also in one process, and so do threads on one object.
+/// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
+/// exclude each other, also in one process, and so do threads on one object.
 class QV_EXPORT StoreFLock : public Store::Lock {
  public:
-  // Opens the lock file, creating it with mode 0666 less the umask. A failure is
-  // one WARN record and leaves the lock invalid.
+  /// Opens the lock file, creating it with mode 0666 less the umask. A failure is
+  /// one WARN record and leaves the lock invalid.
   explicit StoreFLock(const std::string& name);
+  /// Takes the descriptor over, and with it the lock if it is held; the other is
+  /// invalid from then on.
   StoreFLock(StoreFLock&& other) noexcept;
   ~StoreFLock() override;
 
   bool is_valid() const override;
 
-  // Waits without a time limit. Errors other than EINTR abort: nobody may touch
-  // the files without the lock. In a child of fork the first call opens the lock
-  // file anew, so that parent and child exclude each other.
+  /// Waits without a time limit. Errors other than EINTR abort: nobody may touch
+  /// the files without the lock. In a child of fork the first call opens the lock
+  /// file anew, so that parent and child exclude each other.
   void lock() override;
   void unlock() override;
 
@@ -63,11 +66,11 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::atomic<const void*> owner_{nullptr};  // the thread that holds the lock
 };
 
-// What all file stores share: the header, the entry encoding, and the locked
-// sequences around what a concrete store does with its files.
+/// What all file stores share: the header, the entry encoding, and the locked
+/// sequences around what a concrete store does with its files.
 class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
  public:
-  // `controller` is not owned and must outlive the store; null: the default one.
+  /// `controller` is not owned and must outlive the store; null: the default one.
   FileStoreSkeleton(unsigned int version, std::string path, std::shared_ptr<Store::Lock> lock,
                     CleanupController* controller);
   ~FileStoreSkeleton() override;
@@ -80,18 +83,30 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
 
   std::uint64_t get_usage() override;
   void clean() override;
+
+  /// Appends the entries of `diff` whose keys are not in `new_keys`. False when not
+  /// all of them are stored.
   virtual bool try_nonlock_append(const EntryMap& diff, const KeySet& new_keys) = 0;
+
+  /// Adds all stored entries to `out`. False when they can't be read.
   virtual bool try_nonlock_load(EntryMap& out) = 0;
+
+  /// Adds the keys of what was appended since this store's load to `new_keys`.
+  /// False when they can't be read.
   virtual bool try_nonlock_load_new_keys(KeySet& new_keys) = 0;
+
+  /// Bytes on disk; 0 when they can't be measured.
   virtual std::uint64_t nonlock_get_disk_usage() const = 0;
+
+  /// Deletes the store's files.
   virtual void nonlock_clean() = 0;
 
-  // The process's controller, made on first use with the threshold of
-  // QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes. Lives for ever.
+  /// The process's controller, made on first use with the threshold of
+  /// QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes. Lives for ever.
   static CleanupController* get_default_cleanup_controller();
 
-  // The pieces of a file. Each returns false, or an empty buffer, after a
-  // severity 1 check that quotes what failed.
+  ///@{ The pieces of a file. Each returns false, or an empty buffer, after a
+  /// severity 1 check that quotes what failed.
   bool read_header(util::BufferReader& freader) const;
   static bool read_magic_number(util::BufferReader& freader);
   static util::RoBuffer read_key(util::BufferReader& freader);
@@ -100,16 +115,17 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   static bool write_magic_number(util::BufferWriter& fwriter);
   static bool write_key(util::BufferWriter& fwriter, const util::RoBuffer& key);
   static bool write_val(util::BufferWriter& fwriter, const std::vector<util::RoBuffer>& val);
+  ///@}
 
-  // Opens `path` for appending and gives an empty or new file its header. Ask
-  // the stream for the result.
+  /// Opens `path` for appending and gives an empty or new file its header. Ask
+  /// the stream for the result.
   std::ofstream cache_file_prepare_to_append(std::string path) const;
 
  protected:
-  // What every store file begins with.
+  /// What every store file begins with.
   struct hdr_t {
-    std::uint32_t magic_number;
-    std::uint32_t version;
+    std::uint32_t magic_number;  ///< QV_CACHE_STORE_MAGIC_NUMBER
+    std::uint32_t version;       ///< of the format: 1 basic, 2 lazy look-up
   };
 
  private:
@@ -120,9 +136,11 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   std::shared_ptr<Store::Lock> lock_;
 };
 
-// One file per cache: the header, then entries.
+/// One file per cache: the header, then entries.
 class QV_EXPORT BasicStore : public FileStoreSkeleton {
  public:
+  /// The store of the file `name` in the store root. See FileStoreSkeleton for
+  /// `lock` and `controller`.
   BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
              CleanupController* controller);
   ~BasicStore() override;
@@ -134,13 +152,15 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   std::uint64_t nonlock_get_disk_usage() const override;
   void nonlock_clean() override;
 
-  // The size of an entry in the file, in bytes.
+  /// The size of an entry in the file, in bytes.
   static std::uint64_t get_entry_representation_size(const util::RoBuffer& key,
                                                      const std::vector<util::RoBuffer>& val);
+
+  /// Appends an entry to the buffer. False after a severity 1 check.
   static bool write_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                           const std::vector<util::RoBuffer>& val);
 
-  // False, after a check, when the file has gone since this store used it.
+  /// False, after a check, when the file has gone since this store used it.
   bool check_consistent_state() const;
 
  private:
@@ -155,18 +175,20 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   std::uint64_t file_last_size_ = 0;
 };
 
-// Two files per cache: one of keys, each with the position of its value, and one
-// of nothing but value bytes, which is mapped as long as the store lives.
-//
-// Loading copies keys only. The atoms that it hands out, and all copies of them,
-// are views into the mapping: they must not be read once the store, or the cache
-// that owns it, has gone. Copy the bytes of a value that is to live longer.
-//
-// Unlike the basic store's, a missing pair of files fails the load, and so does
-// one that the load itself deletes because the process's stores outgrow the
-// cleanup threshold. make_file_store lays a new pair.
+/// Two files per cache: one of keys, each with the position of its value, and one
+/// of nothing but value bytes, which is mapped as long as the store lives.
+///
+/// Loading copies keys only. The atoms that it hands out, and all copies of them,
+/// are views into the mapping: they must not be read once the store, or the cache
+/// that owns it, has gone. Copy the bytes of a value that is to live longer.
+///
+/// Unlike the basic store's, a missing pair of files fails the load, and so does
+/// one that the load itself deletes because the process's stores outgrow the
+/// cleanup threshold. make_file_store lays a new pair.
 class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
  public:
+  /// The store of the two files of `name` in the store root. See FileStoreSkeleton
+  /// for `lock` and `controller`.
   LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
                   CleanupController* controller);
   ~LazyLookupStore() override;
@@ -174,24 +196,26 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   std::string type() const override;
   bool try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) override;
 
-  // Aborts when an earlier load succeeded: its atoms are still in use.
+  /// Aborts when an earlier load succeeded: its atoms are still in use.
   bool try_nonlock_load(EntryMap& map) override;
   bool try_nonlock_load_new_keys(KeySet& keys) override;
   std::uint64_t nonlock_get_disk_usage() const override;
   void nonlock_clean() override;
 
-  // "key_NAME" and "val_NAME", in the store root.
+  ///@{ The names of the two files: "key_NAME" and "val_NAME".
   static std::string get_key_fname(const std::string& name);
   static std::string get_val_fname(const std::string& name);
+  ///@}
 
-  // The sizes of an entry in the two files, in bytes.
+  ///@{ The sizes of an entry in the two files, in bytes.
   static std::size_t get_key_file_entry_representation_size(const util::RoBuffer& key,
                                                             const std::vector<util::RoBuffer>& val);
   static std::size_t get_val_file_entry_representation_size(const std::vector<util::RoBuffer>& val);
+  ///@}
 
-  // The pieces of the two files. Each returns false after a severity 1 check that
-  // quotes what failed. `val_offset` is where the value's magic number lies in
-  // the value file.
+  ///@{ The pieces of the two files. Each returns false after a severity 1 check that
+  /// quotes what failed. `val_offset` is where the value's magic number lies in
+  /// the value file.
   static bool write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                                    std::size_t val_offset, const std::vector<util::RoBuffer>& val);
   static bool write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
@@ -203,15 +227,16 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   static bool read_val_atom_positions(util::BufferReader& key_freader, std::size_t& val_offset,
                                       std::vector<std::size_t>& sizes);
   static bool skip_val_atom_positions(util::BufferReader& key_freader);
+  ///@}
 
-  // Appends to `val` views of the atoms that lie at `val_offset` in the value
-  // file's bytes, which must outlive them.
+  /// Appends to `val` views of the atoms that lie at `val_offset` in the value
+  /// file's bytes, which must outlive them.
   static bool shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t val_offset,
                                const std::vector<std::size_t>& sizes,
                                std::vector<util::RoBuffer>& val);
 
-  // False, after a check, when one file is there without the other, or the key
-  // file has gone since this store used it.
+  /// False, after a check, when one file is there without the other, or the key
+  /// file has gone since this store used it.
   bool check_consistent_state() const;
 
  private:
@@ -229,12 +254,13 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   std::uint64_t key_file_last_size_ = 0;
 };
 
+/// What make_file_store makes: a BasicStore or a LazyLookupStore.
 enum class StoreKind { basic, lazy_lookup };
 
-// Makes a store of this kind for the cache `name`, with a lock of the same name
-// on the root. Null `controller`: the process's default one. An unusable root
-// gives a store that is not valid. A lazy store gets its two files, without
-// entries, when neither is there yet.
+/// Makes a store of this kind for the cache `name`, with a lock of the same name
+/// on the root. Null `controller`: the process's default one. An unusable root
+/// gives a store that is not valid. A lazy store gets its two files, without
+/// entries, when neither is there yet.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
                                                  CleanupController* controller = nullptr);
 

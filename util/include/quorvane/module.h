@@ -1,14 +1,15 @@
-// Log modules and the registry that finds them by path.
-//
-// A module carries a component's level and its fault thresholds. Components
-// declare one as a static quorvane::Module; a second declaration of the same
-// path gives the same module.
-//
-// Thread-safety: creating, finding and committing are safe from any thread; two
-// threads that commit the same path at the same time end the process. Routing
-// touches only the caller's own module.
-// Fork-safety: a child may use everything here, whatever its parent's other
-// threads did at the fork.
+/// \file
+/// Log modules and the registry that finds them by path.
+///
+/// A module carries a component's level and its fault thresholds. Components
+/// declare one as a static quorvane::Module; a second declaration of the same
+/// path gives the same module.
+///
+/// Thread-safety: creating, finding and committing are safe from any thread; two
+/// threads that commit the same path at the same time end the process. Routing
+/// touches only the caller's own module.
+/// Fork-safety: a child may use everything here, whatever its parent's other
+/// threads did at the fork.
 #ifndef QUORVANE_MODULE_H_
 #define QUORVANE_MODULE_H_
 
@@ -19,22 +20,22 @@
 extern "C" {
 #endif
 
-/* A new module at the outlet's level, without routes and not yet registered.
+/** A new module at the outlet's level, without routes and not yet registered.
  * The caller owns it until qv_module_commit. */
 QV_EXPORT void* qv_module_create(void);
 
-/* Adds a route, components separated by "/". A leading "/" or an empty
+/** Adds a route, components separated by "/". A leading "/" or an empty
  * component is malformed: the route is not added, and the library's internal
  * module logs a WARN record. A trailing "/" and the empty path are fine. A null
  * path is ignored. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
-/* Registers the module under each of its routes and takes it over. A route that
+/** Registers the module under each of its routes and takes it over. A route that
  * is already registered logs an ERROR record and aborts. A module without
  * routes is destroyed. */
 QV_EXPORT void qv_module_commit(void* module);
 
-/* The module registered under exactly this route, or null. Takes no lock. The
+/** The module registered under exactly this route, or null. Takes no lock. The
  * registry keeps it until the process ends. */
 QV_EXPORT void* qv_module_find(const char* path);
 
@@ -53,33 +54,39 @@ QV_EXPORT void* qv_module_find(const char* path);
 namespace quorvane {
 namespace module {
 
-// The module record. Written by its owner before it is committed; afterwards
-// only its level and thresholds may be written, by whoever coordinates readers.
+/// The module record. Written by its owner before it is committed; afterwards
+/// only its level and thresholds may be written, by whoever coordinates readers.
 struct QV_EXPORT Module {
-  qv_log_level_t level;            // records above it are not emitted
-  std::int32_t fault_abort_level;  // a failed check of at most this severity aborts; 0
-  std::int32_t fault_log_level;    // a failed check of at most this severity is logged; 2
-  std::uint64_t reserved;          // 0
-  logging::LoggingModuleData* outlet;
-  std::vector<std::string>* routes;  // null for the internal module
+  qv_log_level_t level;                ///< records above it are not emitted
+  std::int32_t fault_abort_level;      ///< a failed check of at most this severity aborts; 0
+  std::int32_t fault_log_level;        ///< a failed check of at most this severity is logged; 2
+  std::uint64_t reserved;              ///< 0
+  logging::LoggingModuleData* outlet;  ///< where its records go
+  std::vector<std::string>* routes;    ///< null for the internal module
 
-  // The library's own module: level INFO, never registered, lives for ever.
+  /// The library's own module: level INFO, never registered, lives for ever.
   static Module* get_internal();
 };
 
-// The registry: routes to modules. Find is lock-free; commits serialise.
+/// The registry: routes to modules. Find is lock-free; commits serialise.
 class QV_EXPORT Lookup {
  public:
-  // `outlet` must outlive the registry and every module that it creates.
+  /// `outlet` must outlive the registry and every module that it creates.
   explicit Lookup(logging::LoggingModuleData* outlet);
   ~Lookup();
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  // See the C functions of the same name.
+  /// See qv_module_create.
   std::unique_ptr<Module> create_module();
+
+  /// See qv_module_route.
   void add_route(Module& module, const std::string& path);
+
+  /// See qv_module_commit.
   void commit(std::unique_ptr<Module>&& module);
+
+  /// See qv_module_find.
   Module* find(const std::string& path) const;
 
   // End of the public interface.
@@ -103,15 +110,17 @@ class QV_EXPORT Lookup {
 
 }  // namespace module
 
-// A component's handle on its module; declare it as a static object.
+/// A component's handle on its module; declare it as a static object.
 class QV_EXPORT Module {
  public:
-  // Finds the module of this path, or creates, routes and commits it. A
-  // malformed path gives a module of its own that nobody can find.
+  /// Finds the module of this path, or creates, routes and commits it. A
+  /// malformed path gives a module of its own that nobody can find.
   explicit Module(const char* path);
 
+  ///@{ The module; never null.
   module::Module* get() const { return module_; }
   module::Module* operator->() const { return module_; }
+  ///@}
 
  private:
   module::Module* module_;
@@ -119,7 +128,9 @@ class QV_EXPORT Module {
 
 }  // namespace quorvane
 
+/// \cond
 static inline void* qv_log_module_pointer(const quorvane::Module& module) { return module.get(); }
+/// \endcond
 #endif  // __cplusplus
 
 #endif  // QUORVANE_MODULE_H_

@@ -1,12 +1,13 @@
-// Counters, gauges and histograms, registered under a log module's path and
-// reported as JSON lines.
-//
-// Statistics are on when QV_STATS_REPORT_FILE names the file that receives the
-// reports: one line every QV_STATS_REPORT_PERIOD seconds (0 or unset: none) and
-// one at process exit. The recorder, libcircmetrics.so, is loaded at run time.
-//
-// Thread-safety: every function from any thread. Fork-safety: a child's reports
-// hold the child's own view; it has no report thread. Not in signal handlers.
+/// \file
+/// Counters, gauges and histograms, registered under a log module's path and
+/// reported as JSON lines.
+///
+/// Statistics are on when QV_STATS_REPORT_FILE names the file that receives the
+/// reports: one line every QV_STATS_REPORT_PERIOD seconds (0 or unset: none) and
+/// one at process exit. The recorder, libcircmetrics.so, is loaded at run time.
+///
+/// Thread-safety: every function from any thread. Fork-safety: a child's reports
+/// hold the child's own view; it has no report thread. Not in signal handlers.
 #ifndef QUORVANE_STATS_H_
 #define QUORVANE_STATS_H_
 
@@ -19,12 +20,13 @@ extern "C" {
 #include <stdint.h>
 #endif
 
-/* A metric; QV_STATS_INVALID_HANDLE when it could not be made. */
+/** A metric; QV_STATS_INVALID_HANDLE when it could not be made. */
 typedef uint64_t qv_stats_handle_t;
 
+/** What stands for no metric. */
 #define QV_STATS_INVALID_HANDLE (~(qv_stats_handle_t)0)
 
-/* Makes a metric called `name` inside the nested namespaces that the path of
+/**@{ Makes a metric called `name` inside the nested namespaces that the path of
  * `module` spells; the same name gives the same metric. Returns the invalid
  * handle when statistics are off, the path has an empty component, or the
  * recorder refuses. A module without a path also logs a WARN record on itself.
@@ -37,29 +39,31 @@ QV_EXPORT qv_stats_handle_t qv_stats_create_gauge_double(void* module, const cha
                                                          const double* value);
 QV_EXPORT qv_stats_handle_t qv_stats_create_counter(void* module, const char* name);
 QV_EXPORT qv_stats_handle_t qv_stats_create_histogram(void* module, const char* name);
+/**@}*/
 
-/* The updates. They test nothing: call them with a valid handle only, or use the
+/**@{ The updates. They test nothing: call them with a valid handle only, or use the
  * callers below, which test it. They return what the recorder returns. */
 QV_EXPORT int qv_stats_counter_inc_do(qv_stats_handle_t handle, int64_t amount);
 QV_EXPORT int qv_stats_hist_insert_do(qv_stats_handle_t handle, double value, uint32_t count);
 QV_EXPORT int qv_stats_hist_insert_fast_do(qv_stats_handle_t handle, int64_t value, int32_t scale,
                                            uint32_t count);
+/**@}*/
 
-/* Adds `amount` to a counter; nothing for the invalid handle. */
+/** Adds `amount` to a counter; nothing for the invalid handle. */
 static inline void qv_stats_counter_inc(qv_stats_handle_t handle, int64_t amount) {
   if (handle != QV_STATS_INVALID_HANDLE) {
     (void)qv_stats_counter_inc_do(handle, amount);
   }
 }
 
-/* Records `count` samples of `value`; nothing for the invalid handle. */
+/** Records `count` samples of `value`; nothing for the invalid handle. */
 static inline void qv_stats_hist_insert(qv_stats_handle_t handle, double value, uint32_t count) {
   if (handle != QV_STATS_INVALID_HANDLE) {
     (void)qv_stats_hist_insert_do(handle, value, count);
   }
 }
 
-/* Records `count` samples of value * 10^scale; nothing for the invalid handle. */
+/** Records `count` samples of value * 10^scale; nothing for the invalid handle. */
 static inline void qv_stats_hist_insert_fast(qv_stats_handle_t handle, int64_t value, int32_t scale,
                                              uint32_t count) {
   if (handle != QV_STATS_INVALID_HANDLE) {
@@ -83,34 +87,35 @@ struct Module;
 }
 namespace stats {
 
-// The binding to the recorder. One exists per process, from the first use of
-// statistics until the process ends.
+/// The binding to the recorder. One exists per process, from the first use of
+/// statistics until the process ends.
 class QV_EXPORT CircMetricsModule {
  public:
-  // Takes over `handle`, the recorder library as dlopen(3) gave it; opens the
-  // report file `path` for appending; starts the report thread when `period` is
-  // not 0. A missing symbol aborts; any other failure leaves is_usable() false.
+  /// Takes over `handle`, the recorder library as dlopen(3) gave it; opens the
+  /// report file `path` for appending; starts the report thread when `period` is
+  /// not 0. A missing symbol aborts; any other failure leaves is_usable() false.
   CircMetricsModule(void* handle, std::chrono::duration<long> period, const char* path);
 
-  // Only for a module that is not usable: a running report thread would end the
-  // process.
+  /// Only for a module that is not usable: a running report thread would end the
+  /// process.
   ~CircMetricsModule();
   CircMetricsModule(const CircMetricsModule&) = delete;
   CircMetricsModule& operator=(const CircMetricsModule&) = delete;
 
+  /// Whether there are a recorder and a report file.
   bool is_usable() const { return recorder_ != nullptr; }
 
-  // Appends one line to the report file. Best effort.
+  /// Appends one line to the report file. Best effort.
   void report_now();
 
-  // The report thread: a report every period, for ever. Once the process's last
-  // report is written, it writes no more.
+  /// The report thread: a report every period, for ever. Once the process's last
+  /// report is written, it writes no more.
   [[noreturn]] void report_thr();
 
-  // The namespace that the module's path spells, or null.
+  /// The namespace that the module's path spells, or null.
   void* resolve_namespace(const module::Module& module);
 
-  // The recorder's functions, as libcircmetrics.so exports them.
+  ///@{ The recorder's functions, as libcircmetrics.so exports them.
   void* register_metric(void* ns, const char* name, int type) { return register_(ns, name, type); }
   int observe(void* metric, int type, const void* address) {
     return observe_(metric, type, address);
@@ -122,6 +127,7 @@ class QV_EXPORT CircMetricsModule {
   int set_hist_intscale(void* metric, std::int64_t value, std::int32_t scale, std::uint32_t count) {
     return set_hist_intscale_(metric, value, scale, count);
   }
+  ///@}
 
   // End of the public interface.
 
@@ -158,8 +164,8 @@ class QV_EXPORT CircMetricsModule {
   bool ended_ = false;        // the last report is written
 };
 
-// The process's module, set up from the environment on the first call; null
-// when statistics are off.
+/// The process's module, set up from the environment on the first call; null
+/// when statistics are off.
 QV_EXPORT CircMetricsModule* get_singleton_module();
 
 }  // namespace stats
