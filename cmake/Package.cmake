@@ -1,6 +1,6 @@
 # What `cmake --install` lays out, and the Debian packages that `cpack` makes of
-# it: libqvutil1 (component runtime), libqvutil-dev (devel), libcircmetrics
-# (recorder). Configure with -DCMAKE_INSTALL_PREFIX=/usr for packages.
+# it, whatever prefix the build was configured for: libqvutil1 (component runtime),
+# libqvutil-dev (devel), libcircmetrics (recorder).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS QVUtil EXPORT QVUtilTargets
@@ -10,7 +10,7 @@ install(DIRECTORY util/include/quorvane DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} 
 set(qv_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/QVUtil)
 install(EXPORT QVUtilTargets NAMESPACE QVUtil:: DESTINATION ${qv_cmake_dir} COMPONENT devel)
 configure_package_config_file(cmake/QVUtilConfig.cmake.in ${PROJECT_BINARY_DIR}/QVUtilConfig.cmake
-  INSTALL_DESTINATION ${qv_cmake_dir})
+  INSTALL_DESTINATION ${qv_cmake_dir} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/QVUtilConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/QVUtilConfig.cmake ${PROJECT_BINARY_DIR}/QVUtilConfigVersion.cmake
@@ -29,18 +29,44 @@ install(FILES ${qv_man3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT deve
 install(FILES ${qv_man7} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT devel)
 
 set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianDocs.cmake)
 set(CPACK_PACKAGE_CONTACT "QVUtil maintainers")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Utility library for the processes of a distributed product")
-set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime devel recorder)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libqvutil1)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+# A program that was linked against this version may use what earlier ones lack.
+# Written here, since cpack would complain about the recorder, which has no soname
+# to depend on.
+set(qv_runtime libqvutil${PROJECT_VERSION_MAJOR})
+file(WRITE ${PROJECT_BINARY_DIR}/debian/shlibs
+  "libQVUtil ${PROJECT_VERSION_MAJOR} ${qv_runtime} (>= ${PROJECT_VERSION})\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/shlibs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${qv_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS libcircmetrics)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "utility library for processes that fork (library)
+QVUtil gives the processes of a distributed product logging, settings from the
+environment, fault checks, hashing, statistics, and a key/value cache that they
+share through files.")
+
 set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libqvutil-dev)
 set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "libqvutil1 (= ${PROJECT_VERSION}), libboost-dev")
+# Boost for its header of UUIDs, which <quorvane/uuid.h> shows.
+set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "${qv_runtime} (= ${PROJECT_VERSION}), libboost-dev")
+set(CPACK_DEBIAN_DEVEL_DESCRIPTION "utility library for processes that fork (development files)
+Headers for C++17 and C11, the CMake package QVUtil, the pkg-config module
+qvutil, and manual pages.")
+
 set(CPACK_DEBIAN_RECORDER_PACKAGE_NAME libcircmetrics)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RECORDER_DESCRIPTION "metrics recorder that QVUtil loads at run time
+With it, processes that use QVUtil can count, and report what they counted as
+lines of JSON.")
 include(CPack)

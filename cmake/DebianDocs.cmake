@@ -1,0 +1,17 @@
+# Run by cpack between laying out the files and packing them: what a Debian package
+# holds beside the files of `cmake --install`, and its manual pages compressed.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
+set(source ${CMAKE_CURRENT_LIST_DIR}/..)
+set(plain OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+
+foreach(component ${CPACK_COMPONENTS_ALL})
+  string(TOUPPER ${component} variable)
+  set(share ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/${component}${CPACK_PACKAGING_INSTALL_PREFIX}/share)
+  set(doc ${share}/doc/${CPACK_DEBIAN_${variable}_PACKAGE_NAME})
+  file(COPY ${source}/cmake/copyright DESTINATION ${doc} FILE_PERMISSIONS ${plain})
+  file(COPY ${source}/CHANGELOG.md DESTINATION ${doc} FILE_PERMISSIONS ${plain})
+  file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
+
+  file(GLOB pages ${share}/man/man*/*)
+  execute_process(COMMAND gzip -9n ${doc}/changelog ${pages} COMMAND_ERROR_IS_FATAL ANY)
+endforeach()
