@@ -25,6 +25,18 @@ install(FILES ${PROJECT_BINARY_DIR}/qvutil.pc DESTINATION ${CMAKE_INSTALL_LIBDIR
 
 file(GLOB qv_man3 CONFIGURE_DEPENDS docs/man/*.3)
 file(GLOB qv_man7 CONFIGURE_DEPENDS docs/man/*.7)
+# A page describes a family: under the name of each of its functions lies a link.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${qv_man3})
+foreach(page ${qv_man3})
+  get_filename_component(family ${page} NAME_WE)
+  file(STRINGS ${page} names REGEX "^\\.Nm qv_")
+  list(TRANSFORM names REPLACE "^\\.Nm ([a-z0-9_]+).*" "\\1")
+  list(REMOVE_ITEM names ${family})
+  foreach(name ${names})
+    file(WRITE ${PROJECT_BINARY_DIR}/man/${name}.3 ".so man3/${family}.3\n")
+    list(APPEND qv_man3 ${PROJECT_BINARY_DIR}/man/${name}.3)
+  endforeach()
+endforeach()
 install(FILES ${qv_man3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT devel)
 install(FILES ${qv_man7} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT devel)
 
@@ -45,9 +57,14 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 # Written here, since cpack would complain about the recorder, which has no soname
 # to depend on.
 set(qv_runtime libqvutil${PROJECT_VERSION_MAJOR})
-file(WRITE ${PROJECT_BINARY_DIR}/debian/shlibs
+set(qv_control ${PROJECT_BINARY_DIR}/debian)
+file(WRITE ${qv_control}/shlibs
   "libQVUtil ${PROJECT_VERSION_MAJOR} ${qv_runtime} (>= ${PROJECT_VERSION})\n")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/shlibs)
+# Once for all packages of an installation, in the right order; the scripts that
+# cpack adds call ldconfig for each.
+file(WRITE ${qv_control}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${qv_control}/shlibs ${qv_control}/triggers)
+set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA ${qv_control}/triggers)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${qv_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS libcircmetrics)
