@@ -214,6 +214,25 @@ TEST(Floors, ExportedHeadersIncludeOnlyExportedHeaders) {
   }
 }
 
+// --------------------------------------------------------------------- version
+
+std::string version() {
+  static const std::regex project(R"re(project\(QVUtil VERSION ([0-9.]+))re");
+  const std::string text = test::read_file(QV_SOURCE_DIR "/CMakeLists.txt");
+  std::smatch match;
+  return std::regex_search(text, match, project) ? match[1].str() : "";
+}
+
+// CHANGELOG.md is history.
+TEST(Version, StandsInOnePlace) {
+  ASSERT_NE(version(), "");
+  const CommandResult places = run(
+      "cd '" QV_SOURCE_DIR "' && grep -rlwF '" + version() +
+      "' CMakeLists.txt CMakePresets.json CONTRIBUTING.md README.md bench circmetrics cmake docs"
+      " examples fuzz scripts tests util");
+  EXPECT_EQ(places.output, "CMakeLists.txt\n");
+}
+
 // --------------------------------------------------------------------- symbols
 
 #ifndef QV_SANITIZED
@@ -229,8 +248,8 @@ std::vector<std::string> lines_of(const std::string& text) {
 }
 
 // One list for every compiler: what it inlines or not is its own affair, so the
-// weak copies of inline functions don't count.
-std::vector<std::string> exported_symbols() {
+// weak copies of inline functions don't count. Each with its version: NAME@@VERSION.
+std::vector<std::string> versioned_symbols() {
   const CommandResult result =
       run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/libQVUtil.so");
   EXPECT_EQ(result.status, 0) << result.output;
@@ -242,8 +261,17 @@ std::vector<std::string> exported_symbols() {
     fields >> name >> type;
     const bool is_class_data = name.rfind("_ZT", 0) == 0;
     if (type != "A" && ((type != "W" && type != "V" && type != "u") || is_class_data)) {
-      names.push_back(name.substr(0, name.find('@')));
+      names.push_back(name);
     }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<std::string> exported_symbols() {
+  std::vector<std::string> names = versioned_symbols();
+  for (std::string& name : names) {
+    name.resize(std::min(name.size(), name.find('@')));
   }
   std::sort(names.begin(), names.end());
   return names;
@@ -256,6 +284,12 @@ TEST(ExportedSymbols, AreTheListInTheRepository) {
   }
   EXPECT_EQ(list, test::read_file(kUtil / "QVUtil.symbols"))
       << "when the change is meant, apply the difference to util/QVUtil.symbols";
+}
+
+TEST(ExportedSymbols, CarryTheVersionOfTheirFirstRelease) {
+  const std::vector<std::string> names = versioned_symbols();
+  ASSERT_FALSE(names.empty());
+  EXPECT_THAT(names, testing::Each(testing::EndsWith("@@QVUTIL_1.0")));
 }
 
 TEST(ExportedSymbols, AreOurs) {
