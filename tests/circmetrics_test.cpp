@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +11,7 @@
 #include <barrier>
 #include <bit>
 #include <cmath>
-#include <cstring>
+#include <cstdlib>
 #include <functional>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -243,6 +244,41 @@ TEST(Circmetrics, LosesNoUpdateOfDestructorsAtAThreadsEnd) {
   EXPECT_EQ(pthread_key_delete(key), 0);
 }
 
+namespace {
+
+void* g_counted_by_a_signal = nullptr;
+std::atomic<int> g_signals{0};
+
+void count_signal(int) {
+  stats_add64(g_counted_by_a_signal, 1);
+  ++g_signals;
+}
+
+}  // namespace
+
+TEST(Circmetrics, LosesNoUpdateOfASignalHandler) {
+  constexpr int kSignals = 1000;
+  const Recorder recorder;
+  void* counter = g_counted_by_a_signal = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  g_signals = 0;
+  struct sigaction handler = {};
+  handler.sa_handler = &count_signal;
+  ASSERT_EQ(sigaction(SIGUSR1, &handler, nullptr), 0);
+  std::int64_t added = 0;
+  std::thread interrupted([&] {
+    while (g_signals < kSignals) {
+      add_ones(counter, 100);
+      added += 100;
+      pthread_sigmask(SIG_SETMASK, nullptr, nullptr);  // ThreadSanitizer delivers here
+    }
+  });
+  for (int sent = 0; g_signals < kSignals; ++sent) {
+    pthread_kill(interrupted.native_handle(), SIGUSR1);
+  }
+  interrupted.join();
+  EXPECT_EQ(recorder.state()["c"], added + g_signals);
+}
+
 TEST(Circmetrics, ThreadsThatRegisterTheSameNamesShareThem) {
   const Recorder recorder;
   run_threads(8, [&](int) {
@@ -294,18 +330,78 @@ TEST(Circmetrics, EscapesNames) {
 }
 
 TEST(Circmetrics, ReplacesBytesThatAreNotUtf8) {
-  // A lone continuation, overlong forms, a surrogate, too large a number, cut off.
-  for (const char* name : {"\x80", "\xC0\xAF", "\xC1\x81", "\xE0\x80\x80", "\xED\xA0\x80",
-                           "\xF4\x90\x80\x80", "\xF8", "\xFF", "\xE2\x82", "\xF0\x9F\x8E"}) {
-    const Recorder recorder;
-    const std::string whole = std::string("<") + name + ">";
-    stats_register(recorder.root, whole.c_str(), CIRCMETRICS_COUNTER);
-    std::string replaced = "<";
-    for (std::size_t index = 0; index < std::strlen(name); ++index) {
-      replaced += "\xEF\xBF\xBD";
+  const struct {
+    const char* name;
+    int replacements;
+  } cases[] = {{"\x80", 1},      // a lone continuation
+               {"\xC0\xAF", 2},  // overlong forms
+               {"\xC1\x81", 2},
+               {"\xE0\x80\x80", 3},
+               {"\xED\xA0\x80", 3},      // a surrogate
+               {"\xF4\x90\x80\x80", 4},  // too large a number
+               {"\xF8", 1},
+               {"\xFF", 1},
+               {"\xE2\x82", 1},  // cut off
+               {"\xF0\x9F\x8E", 1}};
+  for (const auto& [name, replacements] : cases) {
+    for (const std::string after : {">", ""}) {
+      const Recorder recorder;
+      stats_register(recorder.root, ("<" + (name + after)).c_str(), CIRCMETRICS_COUNTER);
+      std::string replaced = "<";
+      for (int index = 0; index < replacements; ++index) {
+        replaced += "\xEF\xBF\xBD";
+      }
+      EXPECT_EQ(recorder.state(), (json{{replaced + after, 0}}));
     }
-    EXPECT_EQ(recorder.state(), (json{{replaced + ">", 0}}));
   }
+}
+
+TEST(Circmetrics, WritesValidJsonForNamesOfAnyBytes) {
+  const Recorder recorder;
+  std::mt19937_64 random(10);
+  for (int index = 0; index < 2000; ++index) {
+    std::string name;
+    for (std::uint64_t bytes = random(); bytes != 0; bytes >>= 8 + bytes % 5) {
+      name += static_cast<char>(bytes);
+    }
+    ASSERT_NE(stats_register(recorder.root, name.c_str(), CIRCMETRICS_COUNTER), nullptr);
+  }
+  EXPECT_GT(recorder.state().size(), 1000);  // throws when it is none
+}
+
+namespace {
+
+constexpr int kDeep = 20000;
+
+void* report_deep_namespaces(void* closure) {
+  auto* const text = static_cast<std::string*>(closure);
+  const Recorder recorder;
+  void* ns = recorder.root;
+  for (int depth = 0; depth < kDeep; ++depth) {
+    ns = recorder.ns(ns, "n");
+  }
+  stats_register(ns, "c", CIRCMETRICS_COUNTER);
+  *text = recorder.text();
+  return nullptr;
+}
+
+}  // namespace
+
+TEST(Circmetrics, NamespacesMayBeDeeperThanTheStack) {
+  pthread_attr_t small_stack;
+  pthread_attr_init(&small_stack);
+  ASSERT_EQ(pthread_attr_setstacksize(&small_stack, 256 * 1024), 0);
+  pthread_t thread;
+  std::string text;
+  ASSERT_EQ(pthread_create(&thread, &small_stack, &report_deep_namespaces, &text), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&small_stack);
+  std::string expected;
+  for (int depth = 0; depth < kDeep; ++depth) {
+    expected += R"({"n":)";
+  }
+  expected += R"({"c":0})" + std::string(kDeep, '}');
+  EXPECT_TRUE(text == expected);  // too long to print
 }
 
 TEST(Circmetrics, AHistogramWithoutSamplesHasNothingButItsCount) {
@@ -331,6 +427,50 @@ TEST(Circmetrics, AHistogramOfOneValueReportsExactlyThat) {
                                            {"p99", value},
                                            {"p99.9", value}}));
   }
+}
+
+TEST(Circmetrics, TheMeanIsWithinTheSamples) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  for (int sample = 0; sample < 10; ++sample) {
+    stats_set_hist(histogram, 0.1, 1);
+  }
+  const json state = recorder.state()["h"];
+  EXPECT_LT(state["sum"], 1.0);  // as doubles add up
+  EXPECT_EQ(state["mean"], 0.1);
+}
+
+TEST(Circmetrics, ZerosOfBothSignsAreTheSameSample) {
+  std::string texts[2];
+  for (const bool negative_first : {false, true}) {
+    const Recorder recorder;
+    void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+    stats_set_hist(histogram, negative_first ? -0.0 : 0.0, 1);
+    stats_set_hist(histogram, negative_first ? 0.0 : -0.0, 1);
+    texts[negative_first] = recorder.text();
+  }
+  EXPECT_EQ(texts[0], R"({"h":{"count":2,"sum":0,"min":0,"max":0,"mean":0,)"
+                      R"("p50":0,"p90":0,"p99":0,"p99.9":0}})");
+  EXPECT_EQ(texts[1], texts[0]);
+}
+
+TEST(Circmetrics, RanksAreExactWhereDoublesSkipNumbers) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  const auto record = [&](double value, std::uint64_t count) {
+    for (std::uint64_t left = count; left > 0;) {
+      const auto part = static_cast<std::uint32_t>(std::min<std::uint64_t>(left, UINT32_MAX));
+      ASSERT_EQ(stats_set_hist(histogram, value, part), 0);
+      left -= part;
+    }
+  };
+  // The median's rank is one more than there are ones.
+  constexpr std::uint64_t kBeyondDoubles = std::uint64_t{1} << 53;
+  record(1, kBeyondDoubles + 3);
+  record(2, kBeyondDoubles + 5);
+  const json state = recorder.state()["h"];
+  EXPECT_EQ(state["count"], 2 * kBeyondDoubles + 8);
+  EXPECT_EQ(state["p50"], 2);
 }
 
 TEST(Circmetrics, PercentilesAreWithinOnePercent) {
@@ -455,6 +595,32 @@ TEST(Circmetrics, ScaledSamplesAreTheValueTimesAPowerOfTen) {
   }
 }
 
+TEST(Circmetrics, ScaledSamplesAreRoundedOnce) {
+  std::mt19937_64 random(11);
+  for (int round = 0; round < 3000; ++round) {
+    const auto value = static_cast<int64_t>(random() >> random() % 64);
+    const auto scale =
+        static_cast<int32_t>(random() % (round % 2 == 0 ? 46 : 681)) - (round % 2 == 0 ? 23 : 360);
+    const Recorder recorder;
+    void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+    ASSERT_EQ(stats_set_hist_intscale(histogram, value, scale, 1), 0);
+    const std::string text = std::to_string(value) + "e" + std::to_string(scale);
+    const double nearest = std::strtod(text.c_str(), nullptr);
+    EXPECT_EQ(recorder.state()["h"]["sum"], std::isfinite(nearest) ? json(nearest) : json())
+        << text;
+  }
+}
+
+TEST(Circmetrics, ScaledSamplesBeyondDoublesAreInfinite) {
+  const Recorder recorder;
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  EXPECT_EQ(stats_set_hist_intscale(histogram, -1, std::numeric_limits<int32_t>::max(), 1), 0);
+  EXPECT_EQ(stats_set_hist_intscale(histogram, 7, 0, 1), 0);
+  const json state = recorder.state()["h"];
+  EXPECT_EQ(state["min"], nullptr);
+  EXPECT_EQ(state["max"], 7);
+}
+
 TEST(Circmetrics, ContinuesAfterAShortCount) {
   const Recorder recorder;
   for (int index = 0; index < 3000; ++index) {
@@ -524,6 +690,16 @@ TEST(Circmetrics, MayBeUsedWhileItWrites) {
                                        const_cast<Recorder*>(&recorder)),
             0);
   EXPECT_EQ(recorder.text(), R"({"late":0})");
+}
+
+TEST(Circmetrics, MayWriteWhileItWrites) {
+  Recorder recorder;
+  stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  const auto write_again = [](void* closure, const void*, size_t length) {
+    EXPECT_EQ(static_cast<Recorder*>(closure)->text(), R"({"c":0})");
+    return static_cast<ssize_t>(length);
+  };
+  EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, write_again, &recorder), 0);
 }
 
 TEST(Circmetrics, AChildOfABusyProcessGoesOn) {
@@ -618,4 +794,45 @@ TEST(Circmetrics, LosesNoUpdateInAChildOfManyThreads) {
   met.arrive_and_wait();
   parents.join();
   EXPECT_EQ(recorder.state()["c"], 1 + kThreads);
+}
+
+TEST(Circmetrics, AChildForkedBesideUpdatesReportsWhatItSawAndAddsToIt) {
+  const Recorder recorder;
+  void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
+  void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
+  const auto update = [&](int count) {
+    for (int index = 0; index < count; ++index) {
+      stats_add64(counter, 1);
+      stats_set_hist(histogram, 1 + index % 100, 1);
+    }
+  };
+  update(100);  // a sanitizer's allocator may not be in use at a fork
+  std::atomic<bool> stop{false};
+  std::thread updates([&] {
+    run_threads(3, [&](int) {
+      while (!stop) {
+        update(100);
+      }
+    });
+  });
+  for (int round = 0; round < 40; ++round) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(60);
+      const json before = recorder.state();
+      update(1000);
+      const json after = recorder.state();
+      const json& distribution = after["h"];
+      const bool is_right = after["c"] == before["c"].get<int>() + 1000 &&
+                            distribution["count"] == before["h"]["count"].get<int>() + 1000 &&
+                            distribution["min"] == 1 && distribution["max"] == 100 &&
+                            distribution["mean"] >= 1 && distribution["mean"] <= 100;
+      _exit(is_right ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  stop = true;
+  updates.join();
 }

@@ -4,16 +4,20 @@
  *
  * A program loads libcircmetrics.so with dlopen(3) and looks these functions up.
  *
- * Names: any bytes; a byte sequence that is not UTF-8 is reported as U+FFFD. A
- * name stands for one thing in its namespace: registering it again gives the
- * same namespace or metric, registering it as something else gives null.
+ * Names: any bytes; a byte sequence that is not UTF-8 is reported as U+FFFD, so
+ * names that differ only in such bytes come out as two members of one key. A name
+ * stands for one thing in its namespace: registering it again gives the same
+ * namespace or metric, registering it as something else gives null.
  *
  * Lifetime: recorders, namespaces and metrics live until the process ends.
  *
  * Thread-safety: every function from any thread. Updates are lock-free (the
  * first sample in a new range of a histogram allocates) and none is lost.
  * Fork-safety: a child may use everything; it goes on from the values at the
- * fork. Not in signal handlers. No function throws. */
+ * fork, where the sum, min and max of a histogram may have a sample that another
+ * thread was recording just then and that is not counted.
+ * Signal handlers: only stats_add64, once the thread has called it outside of one.
+ * No function throws. */
 #ifndef CIRCMETRICS_H_
 #define CIRCMETRICS_H_
 
@@ -40,9 +44,12 @@ enum circmetrics_type {
   CIRCMETRICS_GAUGE_DOUBLE = 6,
   /** The distribution of its samples: an object with "count", "sum", "min",
    * "max", "mean", "p50", "p90", "p99" and "p99.9". A percentile is at most 1 %
-   * off the sample of that rank, whatever its sign and magnitude. Without samples
-   * all but count and sum are null, as is any value that is not finite. At most
-   * 2.3 MB, however many samples; 6 kB when they span ten octaves. */
+   * off the sample of that rank, whatever its sign and magnitude; p90 of n samples is
+   * that of rank 0.9 * n, rounded up. Count is modulo 2^64, sum as doubles add up: one
+   * beyond them stays an infinity. Without samples all but count and sum are null, as
+   * is any value that is not finite. A sample that is being recorded during an output
+   * may be in some of the values already. At most 2.3 MB, however many samples; 6 kB
+   * when they span ten octaves. */
   CIRCMETRICS_HISTOGRAM = 7
 };
 
@@ -79,8 +86,8 @@ CIRCMETRICS_EXPORT int stats_add64(void* metric, int64_t amount);
  * memory for a new range of values. */
 CIRCMETRICS_EXPORT int stats_set_hist(void* metric, double value, uint32_t count);
 
-/** The same for samples of value * 10^scale, from a caller that has no floating
- * point at hand. */
+/** The same for samples of value * 10^scale, rounded to the nearest double, from a
+ * caller that has no floating point at hand. */
 CIRCMETRICS_EXPORT int stats_set_hist_intscale(void* metric, int64_t value, int32_t scale,
                                                uint32_t count);
 

@@ -39,9 +39,15 @@ class Counter final : public Metric {
     std::atomic<std::uint64_t> shared{0};
   };
 
+  // In one instruction: a signal handler of this thread may count as well, and its
+  // addition would be lost between a load and a store.
   void add_owned(std::size_t slot, std::uint64_t amount) {
     std::atomic<std::uint64_t>& sum = shards_[slot].owned;
-    sum.store(sum.load(std::memory_order_relaxed) + amount, std::memory_order_relaxed);
+#ifdef __x86_64__
+    asm("addq %1, %0" : "+m"(sum) : "er"(amount) : "cc");
+#else
+    sum.fetch_add(amount, std::memory_order_relaxed);
+#endif
   }
   void add_shared(std::uint64_t amount);
 

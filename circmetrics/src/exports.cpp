@@ -76,7 +76,8 @@ int stats_observe(void* metric, int type, const void* address) {
   return kOk;
 }
 
-int stats_add64(void* metric, int64_t amount) {
+// Within one cache line it takes a cycle less.
+__attribute__((aligned(64))) int stats_add64(void* metric, int64_t amount) {
   auto* counter = metric_as<Counter>(metric);
   if (counter == nullptr) {
     return kFailed;

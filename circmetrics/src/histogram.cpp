@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cmath>
+#include <iterator>
 #include <new>
 
 #include "json_writer.h"
@@ -86,21 +88,31 @@ double middle_of(std::size_t octave, std::size_t bucket) {
   return std::isnormal(bound) ? std::bit_cast<double>(lowest + kBucketWidth / 2) : bound + 0.0;
 }
 
-// value * 10^scale. Doubles hold the powers up to 10^22 exactly, so a usual scale
-// costs one rounding and no call.
+// Decimal text to the nearest double is what the C++ library is good at.
+double parsed(std::int64_t value, std::int32_t scale) {
+  constexpr int kLongestValue = 20;
+  char text[kLongestValue + 20];
+  char* end = std::to_chars(text, text + kLongestValue, value).ptr;
+  *end++ = 'e';
+  end = std::to_chars(end, std::end(text), scale).ptr;
+  double result = 0;
+  const bool fits = std::from_chars(text, end, result).ec == std::errc();
+  return fits || scale < 0 ? result : std::copysign(HUGE_VAL, static_cast<double>(value));
+}
+
+// value * 10^scale, rounded once: doubles hold integers up to 2^53 and powers up to
+// 10^22 exactly, so the usual ones cost one operation.
 double scaled(std::int64_t value, std::int32_t scale) {
   static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                        1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                        1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
-  constexpr std::int32_t kLargest = 22;
+  constexpr std::int64_t kLargest = std::int64_t{1} << 53;
+  constexpr std::int32_t kLargestScale = 22;
+  if (value < -kLargest || value > kLargest || scale < -kLargestScale || scale > kLargestScale) {
+    return parsed(value, scale);
+  }
   const auto number = static_cast<double>(value);
-  if (scale >= 0 && scale <= kLargest) {
-    return number * kPowers[scale];
-  }
-  if (scale < 0 && scale >= -kLargest) {
-    return number / kPowers[-scale];
-  }
-  return value == 0 ? 0.0 : static_cast<double>(value * std::pow(10.0L, scale));
+  return scale < 0 ? number / kPowers[-scale] : number * kPowers[scale];
 }
 
 }  // namespace
@@ -181,19 +193,24 @@ Histogram::Snapshot Histogram::snapshot() const {
 
 namespace {
 
-// The sample of rank ceil(fraction * total).
+// The sample of rank ceil(total * permille / 1000), which a double doesn't always hold.
 template <typename Snapshot>
-double percentile(const Snapshot& filled, std::uint64_t total, double fraction) {
-  const double rank = std::max(1.0, std::ceil(fraction * static_cast<double>(total)));
-  double below = 0;
+double percentile(const Snapshot& filled, std::uint64_t total, std::uint64_t permille) {
+  const std::uint64_t rank = total / 1000 * permille + (total % 1000 * permille + 999) / 1000;
+  std::uint64_t below = 0;
   for (const auto& bucket : filled) {
-    below += static_cast<double>(bucket.count);
+    below += bucket.count;
     if (below >= rank) {
       return bucket.middle;
     }
   }
   return filled.back().middle;
 }
+
+constexpr struct {
+  const char* key;
+  std::uint64_t permille;
+} kPercentiles[] = {{"p50", 500}, {"p90", 900}, {"p99", 990}, {"p99.9", 999}};
 
 void write_member(JsonWriter& json, const char* key, double value) {
   json.key(key);
@@ -210,23 +227,22 @@ void Histogram::write(JsonWriter& json) const {
   }
   const double none = std::numeric_limits<double>::quiet_NaN();
   const double sum = sum_.load(std::memory_order_relaxed);
-  const double min = total == 0 ? none : min_.load(std::memory_order_relaxed);
-  const double max = total == 0 ? none : max_.load(std::memory_order_relaxed);
+  // Which zero came first tells nobody anything: both are 0.
+  const double min = total == 0 ? none : min_.load(std::memory_order_relaxed) + 0.0;
+  const double max = total == 0 ? none : max_.load(std::memory_order_relaxed) + 0.0;
   json.begin_object();
   json.key("count");
   json.number(total);
   write_member(json, "sum", sum);
   write_member(json, "min", min);
   write_member(json, "max", max);
-  write_member(json, "mean", total == 0 ? none : sum / static_cast<double>(total));
-  static constexpr struct {
-    const char* key;
-    double fraction;
-  } kPercentiles[] = {{"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"p99.9", 0.999}};
-  for (const auto& [key, fraction] : kPercentiles) {
-    // A bucket's middle may lie beyond the samples in it.
+  // The sum's roundings may take the mean beyond the samples, as may a bucket's middle
+  // the percentiles.
+  const double mean = total == 0 ? none : sum / static_cast<double>(total);
+  write_member(json, "mean", std::isfinite(mean) ? std::clamp(mean, min, max) : none);
+  for (const auto& [key, permille] : kPercentiles) {
     write_member(json, key,
-                 total == 0 ? none : std::clamp(percentile(filled, total, fraction), min, max));
+                 total == 0 ? none : std::clamp(percentile(filled, total, permille), min, max));
   }
   json.end_object();
 }

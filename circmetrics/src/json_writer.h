@@ -5,12 +5,17 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace circmetrics {
 
 // Valid JSON as long as begin and end match and every member has a key. Used by
-// one thread. By hand, so that the recorder needs no package: of a JSON library it
-// would use no more than this.
+// one thread.
+//
+// Names come from nlohmann-json and digits from the C++ library. Braces and commas
+// are by hand: nlohmann-json writes only a whole copy of the state, by recursion that
+// a deep namespace ends with the stack, and RapidJSON's writer neither replaces bytes
+// that are no UTF-8 nor survives an allocation that fails.
 class JsonWriter {
  public:
   void begin_object();
@@ -22,11 +27,9 @@ class JsonWriter {
   void number(double value);  // null when not finite: JSON has no such numbers
   void null() { text_ += "null"; }
 
-  const std::string& text() const { return text_; }
+  std::string take_text() { return std::move(text_); }
 
  private:
-  void append_escaped(std::string_view name);
-
   std::string text_;
   bool first_ = true;  // in its object
 };

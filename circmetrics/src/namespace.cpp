@@ -1,5 +1,7 @@
 #include "namespace.h"
 
+#include <vector>
+
 #include "circmetrics.h"
 #include "counter.h"
 #include "gauge.h"
@@ -30,9 +32,8 @@ Namespace* Namespace::find_or_make_namespace(const char* name) {
   if (found != entries_.end()) {
     return found->second.inner.get();
   }
-  Entry& made = entries_[name];
-  made.inner = std::make_unique<Namespace>();
-  return made.inner.get();
+  Entry entry{std::make_unique<Namespace>(), nullptr};
+  return entries_.emplace(name, std::move(entry)).first->second.inner.get();
 }
 
 Metric* Namespace::find_or_make_metric(const char* name, int type) {
@@ -48,17 +49,30 @@ Metric* Namespace::find_or_make_metric(const char* name, int type) {
   return entries_.emplace(name, std::move(entry)).first->second.metric.get();
 }
 
+// Not recursive: namespaces may lie deeper in each other than a thread has stack for.
 void Namespace::write(JsonWriter& json) const {
+  struct Level {
+    Entries::const_iterator next;
+    Entries::const_iterator end;
+  };
   json.begin_object();
-  for (const auto& [name, entry] : entries_) {
+  std::vector<Level> open{{entries_.begin(), entries_.end()}};
+  while (!open.empty()) {
+    Level& level = open.back();
+    if (level.next == level.end) {
+      json.end_object();
+      open.pop_back();
+      continue;
+    }
+    const auto& [name, entry] = *level.next++;
     json.key(name);
-    if (entry.inner != nullptr) {
-      entry.inner->write(json);
-    } else {
+    if (entry.metric != nullptr) {
       entry.metric->write(json);
+    } else {
+      json.begin_object();
+      open.push_back({entry.inner->entries_.begin(), entry.inner->entries_.end()});
     }
   }
-  json.end_object();
 }
 
 }  // namespace circmetrics

@@ -23,12 +23,14 @@ class Namespace {
   void write(JsonWriter& json) const;
 
  private:
-  struct Entry {
+  struct Entry {  // one of the two
     std::unique_ptr<Namespace> inner;
     std::unique_ptr<Metric> metric;
   };
 
-  std::map<std::string, Entry> entries_;
+  using Entries = std::map<std::string, Entry>;
+
+  Entries entries_;
 };
 
 }  // namespace circmetrics

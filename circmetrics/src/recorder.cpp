@@ -35,7 +35,7 @@ std::string Recorder::to_json() const {
   const std::lock_guard<std::mutex> guard(registration_mutex());
   JsonWriter json;
   root_.write(json);
-  return json.text();
+  return json.take_text();
 }
 
 }  // namespace circmetrics
