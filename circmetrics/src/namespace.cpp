@@ -32,8 +32,8 @@ Namespace* Namespace::find_or_make_namespace(const char* name) {
   if (found != entries_.end()) {
     return found->second.inner.get();
   }
-  Entry entry{std::make_unique<Namespace>(), nullptr};
-  return entries_.emplace(name, std::move(entry)).first->second.inner.get();
+  auto inner = std::make_unique<Namespace>();
+  return entries_.emplace(name, Entry{std::move(inner), nullptr}).first->second.inner.get();
 }
 
 Metric* Namespace::find_or_make_metric(const char* name, int type) {
