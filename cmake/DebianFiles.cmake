@@ -1,6 +1,5 @@
 # Run by cpack between laying out the files and packing them: what a Debian package
 # holds beside the files of `cmake --install`, and its manual pages compressed.
-set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS ${CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS})
 set(source ${CMAKE_CURRENT_LIST_DIR}/..)
 set(plain OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
@@ -15,3 +14,6 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   file(GLOB pages ${share}/man/man*/*)
   execute_process(COMMAND gzip -9n ${doc}/changelog ${pages} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
+# Directories are made as the umask allows.
+execute_process(COMMAND find ${CPACK_TEMPORARY_INSTALL_DIRECTORY} -type d -exec chmod 755 {} +
+  COMMAND_ERROR_IS_FATAL ANY)
