@@ -83,6 +83,13 @@ TEST_F(MetricsExample, SaysThatItHasNoStatistics) {
                                           "WARN Could not close report_file: Bad file descriptor"));
 }
 
+TEST_F(MetricsExample, SaysThatItFindsNoReport) {
+  const auto ran = run({"/dev/null"});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.out, "");
+  EXPECT_EQ(ran.err, "metrics: no report in /dev/null\n");
+}
+
 TEST_F(MetricsExample, SaysHowItIsUsed) {
   for (const test::Arguments& arguments :
        {test::Arguments{}, {report_, "0"}, {report_, "65"}, {report_, "many"}, {"a", "1", "b"}}) {

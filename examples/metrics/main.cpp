@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,51 +53,20 @@ void work_in_threads(const Metrics& metrics, unsigned count) {
   }
 }
 
-// One member a line.
-class Indenter {
- public:
-  void put(char byte) {
-    if (in_string_) {
-      text_ += byte;
-      in_string_ = byte != '"' || escaped_;
-      escaped_ = byte == '\\' && !escaped_;
-    } else if (byte == '{') {
-      ++depth_;
-      break_line("{");
-    } else if (byte == '}') {
-      --depth_;
-      break_line("");
-      text_ += byte;
-    } else if (byte == ',') {
-      break_line(",");
-    } else if (byte != ' ') {
-      text_ += byte == ':' ? ": " : std::string(1, byte);
-      in_string_ = byte == '"';
-    }
-  }
-
-  const std::string& text() const { return text_; }
-
- private:
-  void break_line(const char* after) { text_ += after + ("\n" + std::string(2 * depth_, ' ')); }
-
-  std::string text_;
-  std::size_t depth_ = 0;
-  bool in_string_ = false;
-  bool escaped_ = false;
-};
-
-void print_last_report(const char* path) {
+// One member a line, in the order of the report. False when there is none.
+bool print_last_report(const char* path) {
   std::ifstream file(path);
   std::string last;
   for (std::string line; std::getline(file, line);) {
     last = line;
   }
-  Indenter indenter;
-  for (const char byte : last) {
-    indenter.put(byte);
+  const auto report = nlohmann::ordered_json::parse(last, nullptr, /*allow_exceptions=*/false);
+  if (report.is_discarded()) {
+    std::fprintf(stderr, "metrics: no report in %s\n", path);
+    return false;
   }
-  std::printf("%s\n", indenter.text().c_str());
+  std::puts(report.dump(2).c_str());
+  return true;
 }
 
 }  // namespace
@@ -119,5 +89,5 @@ int main(int argc, char** argv) {
   g_load = static_cast<double>(threads) / 64;
   // Other programs leave this to QV_STATS_REPORT_PERIOD and to their exit.
   statistics->report_now();
-  print_last_report(argv[1]);
+  return print_last_report(argv[1]) ? 0 : 1;
 }
