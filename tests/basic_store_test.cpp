@@ -263,6 +263,41 @@ TEST(BasicStoreLoad, APipeInTheFilesPlaceFailsAndIsNotWaitedFor) {
   EXPECT_EQ(without_lines(ran.messages()), Messages{expectation("file.is_open()")});
 }
 
+// Up to 4096 bytes the pieces of an entry share one allocation.
+TEST(BasicStoreLoad, ReadsSmallAndLargeEntriesAlike) {
+  const std::string key(10, 'k');
+  for (const std::size_t total : {4095u, 4096u, 4097u, 10000u}) {
+    const Entry entry{key, {"1", std::string(total - key.size() - 3, 'x'), "22"}};
+    const Root root(basic_file({entry, {"other", {"3"}}}));
+    EXPECT_EQ(root.run("load").out,
+              "load 1\nother=3\n" + key + "=1," + entry.atoms[1] + ",22\nBasicStore")
+        << total;
+  }
+}
+
+SCENARIO(load_into_a_filled_map) {
+  Maps maps;
+  EntryMap out = entry_map({{"aa", {"mine"}}, {"c", {"mine"}}});
+  const bool ok = maps.store.try_nonlock_load(out);
+  std::printf("load %d\n%s", ok, test::listing(out).c_str());
+  return 0;
+}
+
+TEST(BasicStoreLoad, AddsToWhatTheMapHoldsAndReportsWhatItHoldsAlready) {
+  const Root root(basic_file(kEntries));
+  const Ran ran = root.run("load_into_a_filled_map", {}, "WARN");
+  EXPECT_EQ(ran.out, "load 1\nb=2,3\nc=mine\naa=mine\n");
+  EXPECT_EQ(without_lines(ran.messages()),
+            (Messages{expectation("emplace_ret.second"), root.collision()}));
+}
+
+TEST(BasicStoreLoad, OfADamagedFileIsSilentAtOff) {
+  const Root root(basic_file(kEntries) + "damage");
+  const Ran ran = root.run("load", {"loud"}, "OFF");
+  EXPECT_EQ(ran.out, "load 0\nb=2,3\naa=1\nBasicStore");
+  EXPECT_EQ(ran.log, "");
+}
+
 // --- the state between operations ---
 
 SCENARIO(vanished_file) {
@@ -420,6 +455,13 @@ TEST(BasicStoreScan, ADamageFailsAndLeavesTheLastSizeAsItWas) {
             (Messages{root.opened(), root.loaded(), root.opened(),
                       expectation("magic_number == QV_CACHE_STORE_MAGIC_NUMBER"), root.corrupted(),
                       root.opened(), root.scanned()}));
+}
+
+TEST(BasicStoreScan, OfADamagedFileIsSilentAtOff) {
+  const Root root(basic_file(kEntries));
+  const Ran ran = root.run("scan_of_damage", {}, "OFF");
+  EXPECT_EQ(ran.out, Root(basic_file(kEntries)).run("scan_of_damage").out);
+  EXPECT_EQ(ran.log, "");
 }
 
 SCENARIO(scan_of_collisions) {
@@ -592,6 +634,7 @@ TEST(BasicStoreClean, RemovesTheFileAndSaysSoWhateverTheResult) {
   EXPECT_FALSE(test::exists(root.maps()));
   const std::string cleaned = "DEBUG Cachemap file " + root.maps() + " cleaned";
   EXPECT_EQ(ran.messages(), (Messages{cleaned, cleaned}));
+  EXPECT_EQ(root.run("clean", {}, "INFO").messages(), Messages{});
 }
 
 SCENARIO(locked_load_with_threshold) {

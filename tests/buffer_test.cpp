@@ -107,6 +107,13 @@ TEST(RoBuffer, IsEmptyAfterAMove) {
   EXPECT_EQ(text_of(source), "abc");
 }
 
+TEST(RoBuffer, KeepsItsBytesWhenMovedToItself) {
+  RoBuffer buffer = RoBuffer::copy("abc", 3);
+  RoBuffer& same = buffer;
+  buffer = std::move(same);
+  EXPECT_EQ(text_of(buffer), "abc");
+}
+
 TEST(RwBuffer, OfNoBytesHasSizeZero) {
   RwBuffer buffer(0);
   EXPECT_EQ(buffer.get_size(), 0u);
@@ -306,6 +313,13 @@ TEST(BufferReader, RefusesACStringWithoutANul) {
   EXPECT_FALSE(reader.get_c_string(out.data(), out.size()));
   EXPECT_EQ(out, "########");
   EXPECT_FALSE(RoBuffer().reader().get_c_string(out.data(), out.size()));
+}
+
+TEST(BufferReader, RefusesANullDestinationForACString) {
+  const RoBuffer buffer = RoBuffer::copy("", 1);
+  BufferReader reader = buffer.reader();
+  EXPECT_FALSE(reader.get_c_string(nullptr, 1));
+  EXPECT_EQ(reader.position(), 0u);
 }
 
 TEST(BufferReader, FindsAnEmptyCString) {

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/no_memory.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -24,27 +25,6 @@ using test::Ran;
 using test::run_scenario;
 using test::without_lines;
 using Messages = std::vector<std::string>;
-
-namespace {
-
-// Has this thread's next allocations fail.
-thread_local bool g_no_memory = false;
-
-}  // namespace
-
-// Not inlined: the compiler would see a new freed by free.
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  void* const memory = g_no_memory ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -307,6 +287,14 @@ TEST(CacheConstruction, ALoadThatThrowsIsAFailedLoad) {
                       "ERROR Couldn't create maps cache with FakeStore store type"}));
 }
 
+TEST(CacheConstruction, AFailedLoadIsSilentAtOff) {
+  for (const char* scenario : {"failing_load", "throwing_load"}) {
+    const Ran ran = run_scenario(scenario, {{"QV_LOG_LEVEL", "OFF"}}, {"loud"});
+    EXPECT_EQ(ran.out, run_scenario(scenario, {}, {"quiet"}).out);
+    EXPECT_EQ(ran.log, "");
+  }
+}
+
 // --- destruction ---
 
 SCENARIO(destruction) {
@@ -438,9 +426,9 @@ SCENARIO(addition_without_memory) {
     Cache cache("maps", fake(script), false);
     const RoBuffer key = buffer("k");
     std::vector<RoBuffer> value = buffers({"v"});
-    g_no_memory = true;
+    test::no_memory_from = 0;
     const bool added = cache.add_value(key, std::move(value));
-    g_no_memory = false;
+    test::no_memory_from = test::kEnoughMemory;
     std::printf("%d %zu %s ", added, cache.size(), value_of(cache, "k").c_str());
     std::printf("%d ", cache.add_value(key, buffers({"v"})));
   }
@@ -453,6 +441,16 @@ TEST(CacheAddition, AnEntryForWhichThereIsNoMemoryIsRefusedWithOneWarning) {
   EXPECT_EQ(ran.out, "0 0 null 1 k=v\n");
   ASSERT_GE(ran.messages().size(), 2u);
   EXPECT_EQ(ran.messages()[1], "WARN Refused to add an entry to maps cache: no memory");
+}
+
+TEST(CacheAddition, ARefusalIsSilentBelowWarn) {
+  const test::Environment errors_only{{"QV_LOG_LEVEL", "ERROR"}};
+  const Ran unreadable = run_scenario("unreadable_additions", errors_only);
+  EXPECT_EQ(unreadable.out, "0 0 0 0 0");
+  EXPECT_EQ(unreadable.messages(), Messages{});
+  const Ran without_memory = run_scenario("addition_without_memory", errors_only);
+  EXPECT_EQ(without_memory.out, "0 0 null 1 k=v\n");
+  EXPECT_EQ(without_memory.messages(), Messages{kStatisticsOff});
 }
 
 TEST(CacheIteration, VisitsTheLoadedEntriesThenTheAddedOnesEachInKeyOrder) {
@@ -573,6 +571,39 @@ TEST(CacheLookUp, FindsAnEmptyKeyHoweverManyEntriesThereAre) {
     wrong += cache.get_value(buffer("none" + std::to_string(i))) != nullptr;
   }
   EXPECT_EQ(wrong, 0);
+}
+
+SCENARIO(look_ups_without_memory) {
+  constexpr int kLoaded = 2000;
+  Script script;
+  std::vector<RoBuffer> keys;
+  for (int i = 0; i < kLoaded; ++i) {
+    script.content.push_back({"key" + std::to_string(i), {std::to_string(i)}});
+    keys.push_back(buffer(script.content.back().key));
+  }
+  Cache cache("maps", fake(script), false);
+  int found = cache.get_value(keys[0]) != nullptr ? 1 : 0;  // makes the counters
+  test::no_memory_from = std::stoul(arguments.at(0));
+  for (const RoBuffer& key : keys) {
+    found += cache.get_value(key) != nullptr ? 1 : 0;
+  }
+  test::no_memory_from = test::kEnoughMemory;
+  std::printf("%d %s", found, value_of(cache, "key77").c_str());
+  return 0;
+}
+
+TEST(CacheLookUp, GoesOnWithoutMemoryForAnIndex) {
+  const std::string created = "INFO Created maps cache with FakeStore store type";
+  for (const char* no_memory_from : {"0", "4096"}) {
+    const Ran ran = run_scenario("look_ups_without_memory", {}, {no_memory_from});
+    EXPECT_EQ(ran.out, "2001 [77]");
+    EXPECT_EQ(ran.messages(),
+              (Messages{"INFO Loaded maps cache data with FakeStore store type, num entries = 2000",
+                        created, kStatisticsOff, "DEBUG No memory to index maps cache"}));
+    EXPECT_EQ(run_scenario("look_ups_without_memory", {{"QV_LOG_LEVEL", "WARN"}}, {no_memory_from})
+                  .messages(),
+              Messages{kStatisticsOff});
+  }
 }
 
 TEST(CacheThreads, LookUpsAgreeHoweverOftenTheyAreMade) {

@@ -545,3 +545,9 @@ TEST(MakeFileStore, MakesAnInvalidStoreOnARootThatDoesNotExist) {
                      "/lock_maps lock couldn't be obtained: No such file or directory."});
   EXPECT_FALSE(test::exists(dir.file("none")));
 }
+
+// As a program may ask for that was compiled against a later version.
+TEST(MakeFileStore, MakesNoStoreOfAnUnknownKind) {
+  CleanupController controller(0);
+  EXPECT_EQ(make_file_store(static_cast<StoreKind>(2), "maps", &controller), nullptr);
+}

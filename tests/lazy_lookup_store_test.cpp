@@ -382,6 +382,41 @@ TEST(LazyStoreLoad, WhatIsNoFileFailsAsNotOpened) {
             Messages{expectation_at("val_file_.is_open()", 1169)});
 }
 
+SCENARIO(load_into_a_filled_map) {
+  Maps maps;
+  EntryMap out = entry_map({{arguments.at(0), {"mine"}}});
+  const bool ok = maps.store.try_nonlock_load(out);
+  std::printf("load %d\n%s", ok,
+              ok ? test::listing(out).c_str() : test::listing(test::keys_of(out)).c_str());
+  return 0;
+}
+
+TEST(LazyStoreLoad, AddsToWhatTheMapHolds) {
+  const LazyRoot root(lazy_files({{"b", {"2", "3"}}, {"aa", {"1"}}, {"a", {"0"}}}));
+  const Ran ran = root.run("load_into_a_filled_map", {"c"});
+  EXPECT_EQ(ran.out, "load 1\na=0\nb=2,3\nc=mine\naa=1\n");
+  EXPECT_EQ(ran.messages(), (Messages{root.opened_key(), root.opened_val(), root.loaded()}));
+}
+
+TEST(LazyStoreLoad, AKeyThatTheMapHoldsAlreadyFails) {
+  const LazyRoot root(lazy_files(kEntries));
+  const Ran ran = root.run("load_into_a_filled_map", {"aa"}, "WARN");
+  EXPECT_EQ(ran.out, "load 0\nb\naa\n");
+  EXPECT_EQ(ran.messages(), (Messages{root.collision("ERROR"), root.corrupted()}));
+}
+
+TEST(LazyStoreLoad, OfDamageOrCollisionsIsSilentAtOff) {
+  LazyFiles damaged = lazy_files(kEntries);
+  damaged.key += "damage";
+  for (const LazyFiles& files :
+       {damaged, lazy_files({{"b", {"1"}}, {"aa", {"1"}}, {"b", {"2"}}})}) {
+    const LazyRoot root(files);
+    const Ran ran = root.run("load", {"loud"}, "OFF");
+    EXPECT_EQ(ran.out, "load 0\nb\naa\nLazyLookupStore");
+    EXPECT_EQ(ran.log, "");
+  }
+}
+
 // The atoms of the first load would be views of nothing.
 SCENARIO(load_twice) {
   Maps maps;
@@ -593,6 +628,14 @@ TEST(LazyStoreScan, AKeyThatOccursTwiceInTheNewPartFails) {
                       root.corrupted()}));
 }
 
+TEST(LazyStoreScan, OfDamageOrCollisionsIsSilentAtOff) {
+  for (const char* scenario : {"scan_of_damage", "scan_of_collisions"}) {
+    const Ran ran = LazyRoot(lazy_files(kEntries)).run(scenario, {}, "OFF");
+    EXPECT_EQ(ran.out, LazyRoot(lazy_files(kEntries)).run(scenario).out);
+    EXPECT_EQ(ran.log, "");
+  }
+}
+
 // --- append ---
 
 const std::vector<Entry> kAppended{{"b", {"2"}}, {"aa", {"1"}}, {"ccc", {"4", "55"}}};
@@ -628,6 +671,19 @@ TEST(LazyStoreAppend, GivesEmptyFilesTheirHeaders) {
   const LazyRoot root({"", ""});
   EXPECT_EQ(root.run("append").out, "append 1\n");
   EXPECT_EQ(root.files(), lazy_files(kAppended));
+}
+
+TEST(LazyStoreAppend, MakesTheHalfOfAPairThatIsMissing) {
+  LazyFiles files = lazy_files({});
+  files.val += "left behind";
+  const LazyRoot keyless(files);
+  std::remove(keyless.key().c_str());
+  EXPECT_EQ(keyless.run("append").out, "append 1\n");
+  EXPECT_EQ(keyless.files(), add_to(files, kAppended));
+  const LazyRoot valueless(lazy_files({}));
+  std::remove(valueless.val().c_str());
+  EXPECT_EQ(valueless.run("append").out, "append 1\n");
+  EXPECT_EQ(valueless.files(), lazy_files(kAppended));
 }
 
 TEST(LazyStoreAppend, SkipsTheKeysThatOthersStored) {

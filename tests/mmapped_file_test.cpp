@@ -303,6 +303,16 @@ TEST(MMappedFile, LogsARefusedFstatAtError) {
   EXPECT_EQ(logged.messages(), (Messages{kRefusedFstat, reason}));
 }
 
+TEST(MMappedFile, IsSilentAtOffWhateverTheKernelRefuses) {
+  const test::TempDir dir;
+  const std::string path = dir.file("file");
+  test::write_file(path, "abc");
+  const auto ran = test::run_scenario("open_a_path_that_fstat_refuses", {{"QV_LOG_LEVEL", "OFF"}},
+                                      {path, "3", "0"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.messages(), Messages{});
+}
+
 constexpr std::size_t kPagesOfRefused = 3;
 
 SCENARIO(close_a_mapping_that_munmap_refuses) {

@@ -29,6 +29,7 @@
 
 #include "stats_test/fake_recorder.h"
 #include "support/interrupt.h"
+#include "support/no_memory.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -316,6 +317,44 @@ TEST_F(Stats, MessagesFollowTheInternalModulesLevel) {
             Lines{});
 }
 
+TEST_F(Stats, AFailureIsSilentBelowWarn) {
+  test::write_file(dir_.file("libcircmetrics.so"), "no library");
+  const std::vector<Environment> failures{
+      {{"LD_LIBRARY_PATH", dir_.path()}},
+      {{"QV_STATS_REPORT_FILE", dir_.file("no/such/report")}},
+      {{"LD_LIBRARY_PATH", QV_FAKE_RECORDERS "/fake"}, {"FAKE_REFUSES", "alloc"}}};
+  for (const Environment& failure : failures) {
+    const Ran ran = run("silence_and_use", failure, {"1"});
+    EXPECT_TRUE(ran.exited_with(4));
+    EXPECT_EQ(ran.messages(), Lines{});
+  }
+}
+
+SCENARIO(use_without_memory) {
+  void* const module = module_of("a component that is no short string/m");
+  if (arguments.at(0) == "later") {
+    get_singleton_module();
+  }
+  test::no_memory_from = 0;
+  const qv_stats_handle_t without = qv_stats_create_counter(module, "n");
+  test::no_memory_from = test::kEnoughMemory;
+  const qv_stats_handle_t with = qv_stats_create_counter(module, "n");
+  return (without == QV_STATS_INVALID_HANDLE ? 1 : 0) + (with == QV_STATS_INVALID_HANDLE ? 2 : 0);
+}
+
+TEST_F(Stats, AFirstUseWithoutMemoryTurnsStatisticsOffWithOneWarning) {
+  const Ran ran = run("use_without_memory", {}, {"first"});
+  EXPECT_TRUE(ran.exited_with(3));
+  EXPECT_EQ(ran.messages(), Lines{"WARN No memory for statistics."});
+  EXPECT_FALSE(test::exists(file()));
+}
+
+TEST_F(Stats, AMetricForWhichThereIsNoMemoryGetsTheInvalidHandleUntilThereIs) {
+  const Ran ran = run("use_without_memory", {}, {"later"});
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.messages(), Lines{capturing(file())});
+}
+
 SCENARIO(use_first_from_many_threads) {
   std::atomic<int> ready{0};
   std::vector<CircMetricsModule*> modules(8);
@@ -454,6 +493,9 @@ TEST_F(Stats, AnInterruptedThreadSleepsOn) {
 
 // Refuses threads only: LeakSanitizer clones a process of its own at the end.
 SCENARIO(start_without_threads) {
+  if (!arguments.empty()) {
+    Module::get_internal()->level = QV_LOG_LEVEL_ERROR;
+  }
   constexpr std::uint32_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
@@ -469,6 +511,9 @@ TEST_F(Stats, AProcessThatMayHaveNoMoreThreadsStillReportsAtItsEnd) {
                                    "Resource temporarily unavailable",
                                    capturing(file())}));
   EXPECT_EQ(reports(file()).size(), 1U);
+  const Ran quiet = run("start_without_threads", {{"QV_STATS_REPORT_PERIOD", "1"}}, {"quiet"});
+  EXPECT_EQ(quiet.messages(), Lines{});
+  EXPECT_EQ(reports(file()).size(), 2U);
 }
 
 // -- What is created, and where
@@ -847,6 +892,17 @@ TEST_F(Stats, AReportWaitsForTheFileLockAlsoWhenInterrupted) {
   EXPECT_EQ(reports(file()).size(), 2U);
 }
 
+SCENARIO(report_where_nothing_can_be_locked) {
+  test::refuse(SYS_flock, ENOLCK);
+  get_singleton_module()->report_now();
+  return 0;
+}
+
+TEST_F(Stats, AReportIsWrittenAlsoWhereFilesCantBeLocked) {
+  EXPECT_TRUE(run("report_where_nothing_can_be_locked").exited_with(0));
+  EXPECT_EQ(reports(file()).size(), 2U);
+}
+
 // -- Several threads and processes
 
 constexpr int kManyReports = 60;
@@ -910,6 +966,73 @@ TEST_F(Stats, AChildReportsItsOwnView) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(reports(file()), (std::vector<json>{{{"m", {{"n", 11}}}, {"of the child", {{"n", 0}}}},
                                                 {{"m", {{"n", 101}}}}}));
+}
+
+int descriptor_of(const std::string& path) {
+  for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(open, gone) == path) {
+      return std::stoi(open.path().filename());
+    }
+  }
+  return -1;
+}
+
+void refuse_file_of_its_own(const std::string& call, int report) {
+  if (call == "fstat") {
+    const test::When of_report{0, static_cast<std::uint32_t>(report)};
+    test::refuse(SYS_fstat, EIO, of_report);
+    test::refuse(SYS_newfstatat, EIO, of_report);
+  } else if (call == "open") {
+    test::refuse(SYS_openat, EMFILE, test::When{2, O_WRONLY | O_APPEND | O_CLOEXEC});
+  } else if (call == "dup3") {
+    test::refuse(SYS_dup3, EBUSY);
+  }
+}
+
+// A child reports twice. Prints whether it did so through its parent's open file,
+// whose flags are then the parent's as well.
+SCENARIO(report_in_a_child) {
+  alarm(100);
+  get_singleton_module();
+  const int report = descriptor_of(std::getenv("QV_STATS_REPORT_FILE"));
+  const pid_t child = fork();
+  if (child == 0) {
+    refuse_file_of_its_own(arguments.at(0), report);
+    get_singleton_module()->report_now();
+    get_singleton_module()->report_now();
+    fcntl(report, F_SETFL, fcntl(report, F_GETFL) | O_NONBLOCK);
+    _exit(0);
+  }
+  const int status = wait_for(child);
+  std::printf("%d", (fcntl(report, F_GETFL) & O_NONBLOCK) != 0);
+  return status;
+}
+
+TEST_F(Stats, AChildReportsThroughItsParentsFileOnlyWhenItCantOpenItAnew) {
+  EXPECT_EQ(run("report_in_a_child", {}, {"nothing refused"}).out, "0");
+  EXPECT_EQ(reports(file()).size(), 3U);
+  for (const char* call : {"fstat", "open", "dup3"}) {
+    std::filesystem::remove(file());
+    const Ran ran = run("report_in_a_child", {}, {call});
+    EXPECT_TRUE(ran.exited_with(0)) << call;
+    EXPECT_EQ(ran.out, "1") << call;
+    EXPECT_EQ(reports(file()).size(), 3U) << call;
+  }
+}
+
+// To open a pipe once more could block.
+TEST_F(Stats, AChildReportsThroughItsParentsPipe) {
+  ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
+  const int pipe = open(file().c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+  const Ran ran = run("report_in_a_child", {}, {"nothing refused"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.out, "1");
+  char text[4096];
+  const ssize_t size = read(pipe, text, sizeof(text));
+  close(pipe);
+  ASSERT_GT(size, 0);
+  EXPECT_EQ(lines_of({text, static_cast<std::size_t>(size)}).size(), 3U);
 }
 
 pid_t g_child = 0;
@@ -1111,6 +1234,9 @@ SCENARIO(fail_to_unload) {
   void* handle = dlopen(QV_FAKE_RECORDERS "/fake/libcircmetrics.so", RTLD_LAZY);
   const CircMetricsModule module(handle, std::chrono::duration<long>(0), arguments.at(0).c_str());
   dlclose(handle);
+  if (arguments.size() > 1) {
+    Module::get_internal()->level = QV_LOG_LEVEL_ERROR;
+  }
   errno = EDOM;
   return 0;
 }
@@ -1121,6 +1247,10 @@ TEST_F(CircMetrics, AFailedUnloadIsReportedWithTheSystemsText) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Lines{"WARN Could not dlclose CircMetrics library: Numerical argument "
                                   "out of domain"});
+  EXPECT_EQ(run("fail_to_unload", {{"LD_LIBRARY_PATH", QV_FAKE_RECORDERS "/fake"}},
+                {dir_.file("own"), "quiet"})
+                .messages(),
+            Lines{});
 }
 
 SCENARIO(destroy_a_running_module) {

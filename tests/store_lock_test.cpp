@@ -130,6 +130,14 @@ TEST(StoreFLockFile, ThatCannotBeMadeLeavesAnInvalidLockAndAWarning) {
                                      " lock couldn't be obtained: No such file or directory."});
 }
 
+TEST(StoreFLockFile, ThatCannotBeMadeIsNoRecordAtOff) {
+  const TempDir root;
+  const Ran ran = run_scenario(
+      "make_lock", {{"QV_CACHE_STORE_ROOT", root.file("none")}, {"QV_LOG_LEVEL", "OFF"}}, {"maps"});
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(ran.log, "");
+}
+
 TEST(StoreFLockFile, WithoutARootIsReportedTwice) {
   const Ran ran = run_scenario("make_lock", {}, {"maps"});
   EXPECT_EQ(ran.out, "0");
@@ -288,6 +296,22 @@ TEST(StoreFLockLock, TwoThreadsOnOneObjectExcludeEachOther) {
 }
 
 constexpr unsigned kHangSeconds = 60;
+
+SCENARIO(locked_twice) {
+  alarm(kHangSeconds);
+  StoreFLock lock("maps");
+  lock.lock();
+  lock.lock();
+  std::printf("%d ", test::is_locked(root_file("lock_maps")));
+  lock.unlock();
+  std::printf("%d", test::is_locked(root_file("lock_maps")));
+  return 0;
+}
+
+TEST(StoreFLockLock, TwiceByOneThreadIsReleasedAtOnce) {
+  const TempDir root;
+  EXPECT_EQ(run("locked_twice", root).out, "1 0");
+}
 
 SCENARIO(unlocked_by_another_thread) {
   alarm(kHangSeconds);
@@ -574,14 +598,23 @@ TEST(StoreFLockRefusals, AnInterruptedLockGoesOnWaiting) {
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
-SCENARIO(no_descriptor_left_in_a_child) {
+constexpr std::uint32_t kOpenAnew = O_RDWR | O_CLOEXEC;
+constexpr std::uint32_t kOpenByPath = O_RDWR | O_CREAT | O_CLOEXEC;
+
+void refuse_open(std::uint32_t flags) { test::refuse(SYS_openat, ENOENT, test::When{2, flags}); }
+
+void use_up_descriptors() {
+  while (open("/dev/null", O_RDONLY) >= 0) {
+  }
+}
+
+SCENARIO(lock_in_a_child_that_cannot_open_it_anew) {
   StoreFLock lock("maps");
   test::Signpost child_has_it;
   test::Signpost child_may_go;
   const pid_t child = fork();
   if (child == 0) {
-    while (open("/dev/null", O_RDONLY) >= 0) {
-    }
+    arguments.at(0) == "no descriptors" ? use_up_descriptors() : refuse_open(kOpenAnew);
     lock.lock();
     child_has_it.pass();
     child_may_go.await();
@@ -599,5 +632,38 @@ SCENARIO(no_descriptor_left_in_a_child) {
 
 TEST(StoreFLockRefusals, AChildWithoutADescriptorToSpareGetsItsLockAllTheSame) {
   const TempDir root;
-  EXPECT_EQ(run("no_descriptor_left_in_a_child", root).out, "1 0 0");
+  EXPECT_EQ(run("lock_in_a_child_that_cannot_open_it_anew", root, {"no descriptors"}).out, "1 0 0");
+}
+
+TEST(StoreFLockRefusals, AChildWithoutProcGetsItsLockAllTheSame) {
+  const TempDir root;
+  EXPECT_EQ(run("lock_in_a_child_that_cannot_open_it_anew", root, {"no /proc"}).out, "1 0 0");
+}
+
+SCENARIO(lock_that_a_child_cannot_have) {
+  StoreFLock lock("maps");
+  const pid_t child = fork();
+  if (child == 0) {
+    if (arguments.at(0) == "dup3") {
+      test::refuse(SYS_dup3, EBADF);
+    } else {
+      refuse_open(kOpenAnew);
+      refuse_open(kOpenByPath);
+    }
+    lock.lock();
+    _exit(0);
+  }
+  std::printf("%d", ended(child));
+  return 0;
+}
+
+TEST(StoreFLockRefusals, AChildThatCannotHaveALockOfItsOwnEnds) {
+  const TempDir root;
+  const std::string aborted = std::to_string(1000 + SIGABRT);
+  const Ran no_place = run("lock_that_a_child_cannot_have", root, {"dup3"});
+  EXPECT_EQ(no_place.out, aborted);
+  EXPECT_EQ(without_lines(no_place.messages()), Messages{assertion("dup_ret == fd_")});
+  const Ran no_file = run("lock_that_a_child_cannot_have", root, {"open"});
+  EXPECT_EQ(no_file.out, aborted);
+  EXPECT_EQ(without_lines(no_file.messages()), Messages{assertion("fd_ >= 0")});
 }
