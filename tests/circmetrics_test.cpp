@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -794,6 +795,48 @@ TEST(Circmetrics, LosesNoUpdateInAChildOfManyThreads) {
   met.arrive_and_wait();
   parents.join();
   EXPECT_EQ(recorder.state()["c"], 1 + kThreads);
+}
+
+namespace {
+
+void* g_gone = nullptr;  // what a gauge observes, a page that can't be read
+pid_t g_child_of_crash = -1;
+
+// As a crash reporter does it. Then the page can be read, and the report goes on, in
+// the child as well.
+void fork_and_repair(int) {
+  g_child_of_crash = fork();
+  alarm(60);  // a child inherits none
+  mprotect(g_gone, 1, PROT_READ);
+}
+
+}  // namespace
+
+TEST(Circmetrics, AReportThatCrashesLetsItsHandlerForkAndLeavesTheChildFree) {
+  const Recorder recorder;
+  void* gauge = stats_register(recorder.root, "g", CIRCMETRICS_GAUGE_INT64);
+  g_gone = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(g_gone, MAP_FAILED);
+  struct sigaction handler = {};
+  struct sigaction before = {};
+  handler.sa_handler = &fork_and_repair;
+  ASSERT_EQ(sigaction(SIGSEGV, &handler, &before), 0);
+  stats_observe(gauge, CIRCMETRICS_GAUGE_INT64, g_gone);
+  alarm(60);  // instead of a hang
+  const std::string text = recorder.text();
+  recorder.ns(recorder.root, "later");
+  const std::string later = recorder.text();
+  const bool is_right = text == R"({"g":0})" && later == R"({"g":0,"later":{}})";
+  if (g_child_of_crash == 0) {
+    _exit(is_right ? 0 : 1);
+  }
+  EXPECT_TRUE(is_right) << text << later;
+  int status = -1;
+  EXPECT_EQ(waitpid(g_child_of_crash, &status, 0), g_child_of_crash);
+  EXPECT_EQ(status, 0);
+  alarm(0);
+  sigaction(SIGSEGV, &before, nullptr);
+  munmap(g_gone, 1);
 }
 
 TEST(Circmetrics, AChildForkedBesideUpdatesReportsWhatItSawAndAddsToIt) {

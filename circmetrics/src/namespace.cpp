@@ -1,12 +1,9 @@
 #include "namespace.h"
 
-#include <vector>
-
 #include "circmetrics.h"
 #include "counter.h"
 #include "gauge.h"
 #include "histogram.h"
-#include "json_writer.h"
 
 namespace circmetrics {
 namespace {
@@ -50,29 +47,27 @@ Metric* Namespace::find_or_make_metric(const char* name, int type) {
 }
 
 // Not recursive: namespaces may lie deeper in each other than a thread has stack for.
-void Namespace::write(JsonWriter& json) const {
+std::vector<Namespace::Step> Namespace::steps() const {
   struct Level {
     Entries::const_iterator next;
     Entries::const_iterator end;
   };
-  json.begin_object();
+  std::vector<Step> steps;
   std::vector<Level> open{{entries_.begin(), entries_.end()}};
   while (!open.empty()) {
     Level& level = open.back();
     if (level.next == level.end) {
-      json.end_object();
+      steps.push_back({nullptr, nullptr});
       open.pop_back();
       continue;
     }
     const auto& [name, entry] = *level.next++;
-    json.key(name);
-    if (entry.metric != nullptr) {
-      entry.metric->write(json);
-    } else {
-      json.begin_object();
+    steps.push_back({&name, entry.metric.get()});
+    if (entry.inner != nullptr) {
       open.push_back({entry.inner->entries_.begin(), entry.inner->entries_.end()});
     }
   }
+  return steps;
 }
 
 }  // namespace circmetrics

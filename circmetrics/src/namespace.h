@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "metric.h"
 
@@ -20,7 +21,13 @@ class Namespace {
   // Null when the name stands for something else or there is no such type.
   Metric* find_or_make_metric(const char* name, int type);
 
-  void write(JsonWriter& json) const;
+  // What lies in it, in the order of a report. A namespace begins with its name and no
+  // metric, and ends with neither. Good for ever, without the lock too.
+  struct Step {
+    const std::string* name;
+    const Metric* metric;
+  };
+  std::vector<Step> steps() const;
 
  private:
   struct Entry {  // one of the two

@@ -31,10 +31,24 @@ Recorder* Recorder::make() {
   return made;
 }
 
-std::string Recorder::to_json() const {
+std::vector<Namespace::Step> Recorder::steps() const {
   const std::lock_guard<std::mutex> guard(registration_mutex());
+  return root_.steps();
+}
+
+// Metrics are read without the lock: one of them may crash, a gauge whose variable is
+// no more, and the handler of that may fork.
+std::string Recorder::to_json() const {
   JsonWriter json;
-  root_.write(json);
+  json.begin_object();
+  for (const auto& [name, metric] : steps()) {
+    if (name == nullptr) {
+      json.end_object();
+      continue;
+    }
+    json.key(*name);
+    metric != nullptr ? metric->write(json) : json.begin_object();
+  }
   return json.take_text();
 }
 

@@ -4,6 +4,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "namespace.h"
 
@@ -22,11 +23,13 @@ class Recorder {
 
   Namespace& root() { return root_; }
 
-  // The present state. Takes the lock.
+  // The present state. Takes the lock, for the names.
   std::string to_json() const;
 
  private:
   Recorder() = default;
+
+  std::vector<Namespace::Step> steps() const;
 
   Namespace root_;
   Recorder* previous_ = nullptr;  // keeps every recorder known to a leak checker
