@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <thread>
@@ -638,6 +640,60 @@ TEST(StoreFLockRefusals, AChildWithoutADescriptorToSpareGetsItsLockAllTheSame) {
 TEST(StoreFLockRefusals, AChildWithoutProcGetsItsLockAllTheSame) {
   const TempDir root;
   EXPECT_EQ(run("lock_in_a_child_that_cannot_open_it_anew", root, {"no /proc"}).out, "1 0 0");
+}
+
+// What the two threads of the next scenario's child tell each other.
+std::atomic<bool> g_reopens{false};
+std::atomic<bool> g_has_lock{false};
+std::atomic<bool> g_waited{false};
+std::atomic<pid_t> g_second{0};
+
+// While the first thread is about to open the lock file anew: lets the second one ask
+// for the lock, and returns when it sleeps or has it. Without any memory, for the
+// handler of a signal.
+void await_second_thread() {
+  g_reopens = true;
+  while (g_second == 0) {
+    sched_yield();
+  }
+  char path[64];
+  std::snprintf(path, sizeof(path), "/proc/self/task/%d/syscall", g_second.load());
+  char call[32] = "";
+  while (!g_has_lock && std::atol(call) != SYS_futex) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    call[std::max<ssize_t>(read(fd, call, sizeof(call) - 1), 0)] = '\0';
+    close(fd);
+  }
+  g_waited = !g_has_lock;
+}
+
+SCENARIO(two_threads_of_a_child_lock) {
+  StoreFLock lock("maps");
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(kHangSeconds);
+    std::thread second([&] {
+      while (!g_reopens) {
+        sched_yield();
+      }
+      g_second = gettid();
+      lock.lock();
+      g_has_lock = true;
+      lock.unlock();
+    });
+    test::refuse_after(SYS_openat, ENOENT, test::When{2, kOpenAnew}, &await_second_thread);
+    lock.lock();
+    lock.unlock();
+    second.join();
+    _exit(g_waited ? 0 : 1);
+  }
+  std::printf("%d", ended(child));
+  return 0;
+}
+
+TEST(StoreFLockProcesses, AThreadOfAChildWaitsForTheOneThatOpensTheFileAnew) {
+  const TempDir root;
+  EXPECT_EQ(run("two_threads_of_a_child_lock", root).out, "0");
 }
 
 SCENARIO(lock_that_a_child_cannot_have) {

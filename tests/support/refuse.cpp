@@ -3,8 +3,10 @@
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -13,8 +15,23 @@
 #include <vector>
 
 namespace test {
+namespace {
 
-void refuse(long number, int error, std::optional<When> when) {
+void (*g_meanwhile)() = nullptr;
+
+// The filter's error comes as the signal's.
+void run_and_fail(int, siginfo_t* info, void* context) {
+  const int error = info->si_errno;
+  g_meanwhile();
+  auto& registers = static_cast<ucontext_t*>(context)->uc_mcontext;
+#if defined(__x86_64__)
+  registers.gregs[REG_RAX] = -error;
+#elif defined(__aarch64__)
+  registers.regs[0] = static_cast<unsigned long long>(-error);
+#endif
+}
+
+void install(long number, std::uint32_t answer, std::optional<When> when) {
   const auto load = [](std::size_t offset) {
     return sock_filter{BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offset)};
   };
@@ -32,7 +49,7 @@ void refuse(long number, int error, std::optional<When> when) {
   } else {
     program.push_back(jump(static_cast<std::uint32_t>(number), 0, 1));
   }
-  program.push_back(give(SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error)));
+  program.push_back(give(answer));
   program.push_back(give(SECCOMP_RET_ALLOW));
 
   const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
@@ -41,6 +58,21 @@ void refuse(long number, int error, std::optional<When> when) {
     std::perror("seccomp");
     std::abort();
   }
+}
+
+}  // namespace
+
+void refuse(long number, int error, std::optional<When> when) {
+  install(number, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error), when);
+}
+
+void refuse_after(long number, int error, When when, void (*meanwhile)()) {
+  g_meanwhile = meanwhile;
+  struct sigaction action {};
+  action.sa_sigaction = &run_and_fail;
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGSYS, &action, nullptr);
+  install(number, SECCOMP_RET_TRAP | static_cast<std::uint32_t>(error), when);
 }
 
 }  // namespace test

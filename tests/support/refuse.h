@@ -19,6 +19,10 @@ struct When {
 // From now on system call `number` (SYS_flock, ...) fails with `error`.
 void refuse(long number, int error, std::optional<When> when = std::nullopt);
 
+// The same, but the thread that makes the call first runs `meanwhile`, in a signal
+// handler. For one kind of call in a process.
+void refuse_after(long number, int error, When when, void (*meanwhile)());
+
 }  // namespace test
 
 #endif  // TESTS_SUPPORT_REFUSE_H_
