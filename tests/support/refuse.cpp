@@ -31,26 +31,28 @@ void run_and_fail(int, siginfo_t* info, void* context) {
 #endif
 }
 
-void install(long number, std::uint32_t answer, std::optional<When> when) {
-  const auto load = [](std::size_t offset) {
-    return sock_filter{BPF_LD | BPF_W | BPF_ABS, 0, 0, static_cast<std::uint32_t>(offset)};
-  };
-  const auto jump = [](std::uint32_t value, unsigned char yes, unsigned char no) {
-    return sock_filter{BPF_JMP | BPF_JEQ | BPF_K, yes, no, value};
-  };
-  const auto give = [](std::uint32_t value) { return sock_filter{BPF_RET | BPF_K, 0, 0, value}; };
-
-  std::vector<sock_filter> program{load(offsetof(seccomp_data, nr))};
-  if (when) {
-    program.push_back(jump(static_cast<std::uint32_t>(number), 0, 3));
+void install(long number, std::uint32_t answer, const std::vector<When>& conditions) {
+  std::vector<sock_filter> program;
+  const std::size_t allow = 3 + 2 * conditions.size();
+  const auto add = [&](int code, std::size_t operand, unsigned char yes, unsigned char no) {
     program.push_back(
-        load(offsetof(seccomp_data, args) + 8 * static_cast<std::size_t>(when->index)));
-    program.push_back(when->negate ? jump(when->value, 1, 0) : jump(when->value, 0, 1));
-  } else {
-    program.push_back(jump(static_cast<std::uint32_t>(number), 0, 1));
+        {static_cast<std::uint16_t>(code), yes, no, static_cast<std::uint32_t>(operand)});
+  };
+  // Goes on with the next instruction, or to the one that allows the call.
+  const auto go_on_if = [&](std::uint32_t value, bool negate) {
+    const auto away = static_cast<unsigned char>(allow - program.size() - 1);
+    add(BPF_JMP | BPF_JEQ | BPF_K, value, negate ? away : 0, negate ? 0 : away);
+  };
+
+  add(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr), 0, 0);
+  go_on_if(static_cast<std::uint32_t>(number), false);
+  for (const When& when : conditions) {
+    add(BPF_LD | BPF_W | BPF_ABS,
+        offsetof(seccomp_data, args) + 8 * static_cast<std::size_t>(when.index), 0, 0);
+    go_on_if(when.value, when.negate);
   }
-  program.push_back(give(answer));
-  program.push_back(give(SECCOMP_RET_ALLOW));
+  add(BPF_RET | BPF_K, answer, 0, 0);
+  add(BPF_RET | BPF_K, SECCOMP_RET_ALLOW, 0, 0);
 
   const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
@@ -62,8 +64,14 @@ void install(long number, std::uint32_t answer, std::optional<When> when) {
 
 }  // namespace
 
-void refuse(long number, int error, std::optional<When> when) {
-  install(number, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error), when);
+void refuse(long number, int error, std::optional<When> when, std::optional<When> also) {
+  std::vector<When> conditions;
+  for (const std::optional<When>& condition : {when, also}) {
+    if (condition) {
+      conditions.push_back(*condition);
+    }
+  }
+  install(number, SECCOMP_RET_ERRNO | static_cast<std::uint32_t>(error), conditions);
 }
 
 void refuse_after(long number, int error, When when, void (*meanwhile)()) {
@@ -72,7 +80,7 @@ void refuse_after(long number, int error, When when, void (*meanwhile)()) {
   action.sa_sigaction = &run_and_fail;
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGSYS, &action, nullptr);
-  install(number, SECCOMP_RET_TRAP | static_cast<std::uint32_t>(error), when);
+  install(number, SECCOMP_RET_TRAP | static_cast<std::uint32_t>(error), {when});
 }
 
 }  // namespace test

@@ -16,8 +16,10 @@ struct When {
   bool negate = false;
 };
 
-// From now on system call `number` (SYS_flock, ...) fails with `error`.
-void refuse(long number, int error, std::optional<When> when = std::nullopt);
+// From now on system call `number` (SYS_flock, ...) fails with `error`, when both
+// conditions hold.
+void refuse(long number, int error, std::optional<When> when = std::nullopt,
+            std::optional<When> also = std::nullopt);
 
 // The same, but the thread that makes the call first runs `meanwhile`, in a signal
 // handler. For one kind of call in a process.
