@@ -33,9 +33,7 @@ TEST(LoadedIndex, FindsAnEmptyKey) {
 }
 
 // Found by following hashes of hashes until two met.
-TEST(LoadedIndex, TellsKeysOfOneHashApart) {
-  const std::string one = "e4bd4261d93d79f9";
-  const std::string other = "1044c263d92d205b";
+void expect_told_apart(const std::string& one, const std::string& other) {
   ASSERT_EQ(util::Hash64(one), util::Hash64(other));
   const EntryMap map_of_one = test::entry_map({{one, {"1"}}});
   const LoadedIndex index_of_one(map_of_one);
@@ -45,6 +43,14 @@ TEST(LoadedIndex, TellsKeysOfOneHashApart) {
   const LoadedIndex index(map);
   EXPECT_EQ(value_of(index, one), "1");
   EXPECT_EQ(value_of(index, other), "2");
+}
+
+TEST(LoadedIndex, TellsKeysOfOneHashAndOneSizeApart) {
+  expect_told_apart("e4bd4261d93d79f9", "1044c263d92d205b");
+}
+
+TEST(LoadedIndex, TellsKeysOfOneHashAndTwoSizesApart) {
+  expect_told_apart("k26ead66949f22622", "a4f928b2c1fefc35");
 }
 
 }  // namespace
