@@ -1,6 +1,7 @@
 # What `cmake --install` lays out, and the Debian packages that `cpack` makes of
-# it, whatever prefix the build was configured for: libqvutil1 (component runtime),
-# libqvutil-dev (devel), libcircmetrics (recorder).
+# it: libqvutil1 (component runtime), libqvutil-dev (devel), libcircmetrics
+# (recorder). Configured with -DCMAKE_INSTALL_PREFIX=/usr, the libraries go where
+# Debian has them, below the name of the architecture.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS QVUtil EXPORT QVUtilTargets

@@ -2,9 +2,9 @@
 if(NOT QV_SANITIZE)
   set(qv_consumer ${CMAKE_CURRENT_SOURCE_DIR}/consumer/run)
   add_test(NAME Package.ServesOutsideProjects
-    COMMAND ${qv_consumer} install ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+    COMMAND ${qv_consumer} install ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
   add_test(NAME Package.DebianPackagesServeOutsideProjects
-    COMMAND ${qv_consumer} packages ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+    COMMAND ${qv_consumer} packages ${PROJECT_SOURCE_DIR})
   set_tests_properties(Package.ServesOutsideProjects PROPERTIES TIMEOUT 120)
   set_tests_properties(Package.DebianPackagesServeOutsideProjects PROPERTIES TIMEOUT 300)
 endif()
