@@ -696,6 +696,26 @@ TEST(StoreFLockProcesses, AThreadOfAChildWaitsForTheOneThatOpensTheFileAnew) {
   EXPECT_EQ(run("two_threads_of_a_child_lock", root).out, "0");
 }
 
+SCENARIO(invalid_lock_in_a_child) {
+  StoreFLock lock("none/maps");
+  mkdir(root_file("lock_none").c_str(), 0755);
+  const pid_t child = fork();
+  if (child == 0) {
+    lock.lock();
+    _exit(0);
+  }
+  std::printf("%d %d", lock.is_valid(), ended(child));
+  return 0;
+}
+
+TEST(StoreFLockProcesses, AnInvalidLockIsNoBetterInAChild) {
+  const TempDir root;
+  const Ran ran = run("invalid_lock_in_a_child", root);
+  EXPECT_EQ(ran.out, "0 " + std::to_string(1000 + SIGABRT));
+  EXPECT_EQ(without_lines(ran.messages()).back(), assertion("fd_ >= 0"));
+  EXPECT_FALSE(test::exists(root.file("lock_none/maps")));
+}
+
 SCENARIO(lock_that_a_child_cannot_have) {
   StoreFLock lock("maps");
   const pid_t child = fork();

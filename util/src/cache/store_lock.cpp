@@ -50,9 +50,11 @@ StoreFLock::~StoreFLock() {
 
 bool StoreFLock::is_valid() const { return fd_ >= 0; }
 
+// Nobody looks at the descriptor before it is the process's own: it may just be
+// getting another number.
 void StoreFLock::lock() {
-  CACHE_ASSERT(fd_ >= 0);
   leave_parents_lock();
+  CACHE_ASSERT(fd_ >= 0);
   // flock sees one lock per descriptor; its threads exclude each other here.
   const void* owner = nullptr;
   while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
@@ -63,8 +65,8 @@ void StoreFLock::lock() {
 }
 
 void StoreFLock::unlock() {
-  CACHE_ASSERT(fd_ >= 0);
   leave_parents_lock();
+  CACHE_ASSERT(fd_ >= 0);
   call_flock(LOCK_UN);
   // Whoever took it: the file is free now, and nobody may wait for it any more.
   owner_.store(nullptr);
@@ -91,7 +93,9 @@ void StoreFLock::leave_parents_lock() {
       seen = generation_.load();
     } else if (generation_.compare_exchange_strong(seen, own | kReopening)) {
       owner_.store(nullptr);
-      reopen();
+      if (fd_ >= 0) {
+        reopen();
+      }
       generation_.store(own);
       generation_.notify_all();
       return;
