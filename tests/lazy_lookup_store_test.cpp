@@ -801,6 +801,14 @@ TEST(LazyStoreAppend, AFileThatCannotBeOpenedLeavesTheOtherAsItIs) {
   EXPECT_EQ(test::read_file(root.key()), lazy_files(kEntries).key);
 }
 
+TEST(LazyStoreAppend, AFailureRemovesNothingWhereOneOfTheFilesWasThere) {
+  const LazyRoot root;
+  ASSERT_EQ(mkdir(root.val().c_str(), 0755), 0);
+  EXPECT_EQ(root.run("append").out, "append 0\n");
+  EXPECT_TRUE(test::exists(root.val()));
+  EXPECT_EQ(test::read_file(root.key()), lazy_files({}).key);
+}
+
 // --- disk usage and cleaning ---
 
 SCENARIO(usage) {
