@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/no_memory.h"
 #include "support/scenario.h"
 
 namespace {
@@ -29,6 +30,18 @@ using testing::IsEmpty;
 using ModuleRecord = quorvane::module::Module;
 
 ModuleRecord* create() { return static_cast<ModuleRecord*>(qv_module_create()); }
+
+SCENARIO(finds_the_librarys_modules) {
+  for (const char* path : {"util/src/cache", "util/src/hasher", "util/src/mmapped_file",
+                           "util/src/fatbin_parser", "util/buffer_pool", "quorvane/mpsc"}) {
+    std::cout << (qv_module_find(path) == nullptr ? path : "");
+  }
+  return 0;
+}
+
+TEST(QvModuleFind, FindsTheModuleOfEachComponentFromTheStart) {
+  EXPECT_EQ(run_scenario("finds_the_librarys_modules").out, "");
+}
 
 // ------------------------------------------------------------------ the record
 
@@ -285,6 +298,68 @@ TEST(QvModuleRoute, ANullPathIsNoRoute) {
 }
 
 // --------------------------------------------------------------------- handles
+
+// ------------------------------------------------------------- without memory
+
+// In each round smaller allocations fail than in the one before.
+SCENARIO(commits_without_memory) {
+  int refused = 0;
+  int wrong = 0;
+  for (std::size_t from = 512; from > 0; --from) {
+    const std::string first = "the first route of number " + std::to_string(from);
+    const std::string second = "the second route of number " + std::to_string(from);
+    ModuleRecord* const module = create();
+    qv_module_route(first.c_str(), module);
+    qv_module_route(second.c_str(), module);
+    test::no_memory_from = from;
+    qv_module_commit(module);
+    void* const found = qv_module_find(first.c_str());
+    wrong += found != (qv_module_find(second.c_str())) ? 1 : 0;
+    test::no_memory_from = test::kEnoughMemory;
+    if (found == nullptr) {
+      ++refused;
+      qv_module_commit(module);
+    }
+    wrong += qv_module_find(first.c_str()) == module ? 0 : 1;
+    wrong += qv_module_find(second.c_str()) == module ? 0 : 1;
+  }
+  std::cout << refused;
+  return wrong;
+}
+
+TEST(QvModuleCommit, WithoutMemoryLeavesTheModuleToItsMaker) {
+  const Ran ran = run_scenario("commits_without_memory");
+  EXPECT_TRUE(ran.exited_with(0));
+  const int refused = std::stoi(ran.out);
+  EXPECT_GT(refused, 16);
+  EXPECT_LT(refused, 512);
+  EXPECT_EQ(ran.messages(), std::vector<std::string>(static_cast<std::size_t>(refused),
+                                                     "WARN No memory to register a module"));
+}
+
+SCENARIO(makes_and_routes_without_memory) {
+  ModuleRecord* const module = create();
+  test::no_memory_from = 0;
+  void* const none = qv_module_create();
+  qv_module_route("a path that is no short string", module);
+  qv_module_route("//a path that is no short string", module);
+  qv_module_route("a path", nullptr);
+  qv_module_commit(nullptr);
+  const quorvane::Module handle("a path that is no short string");
+  test::no_memory_from = test::kEnoughMemory;
+  const bool right =
+      none == nullptr && module->routes->empty() && handle.get() == ModuleRecord::get_internal();
+  qv_module_commit(module);
+  return right ? 0 : 1;
+}
+
+TEST(QvModuleRoute, WithoutMemoryIsAWarning) {
+  const Ran ran = run_scenario("makes_and_routes_without_memory");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.messages(),
+              ElementsAre("WARN No memory for module path \"a path that is no short string\"",
+                          "WARN No memory for module path \"//a path that is no short string\""));
+}
 
 SCENARIO(declares_a_handle_twice) {
   const quorvane::Module first("a/b");

@@ -1,4 +1,5 @@
 #include <quorvane/hasher.h>
+#include <quorvane/module.h>
 
 #include <blake2.h>
 #include <farmhash.h>
@@ -17,6 +18,9 @@ util::uint128_t CityHash128WithSeed(const char* s, size_t len, util::uint128_t s
 namespace quorvane {
 namespace hash {
 namespace {
+
+// Nothing here fails, and so nothing is logged yet.
+[[maybe_unused]] const Module g_module("util/src/hasher");
 
 constexpr std::size_t kBlake2Size = 32;
 

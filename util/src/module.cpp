@@ -1,6 +1,7 @@
 #include <quorvane/module.h>
 
 #include <cstdlib>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -58,8 +59,11 @@ Lookup::~Lookup() {
 }
 
 std::unique_ptr<Module> Lookup::create_module() {
-  return std::unique_ptr<Module>(new Module{outlet_->level, kFaultAbortLevel, kFaultLogLevel, 0,
-                                            outlet_, new std::vector<std::string>});
+  auto routes = std::make_unique<std::vector<std::string>>();
+  std::unique_ptr<Module> made(
+      new Module{outlet_->level, kFaultAbortLevel, kFaultLogLevel, 0, outlet_, routes.get()});
+  routes.release();
+  return made;
 }
 
 void Lookup::add_route(Module& module, const std::string& path) {
@@ -70,28 +74,42 @@ void Lookup::add_route(Module& module, const std::string& path) {
   module.routes->push_back(path);
 }
 
+// All that needs memory comes first: a module is registered under each of its routes
+// or stays the caller's.
 void Lookup::commit(std::unique_ptr<Module>&& module) {
-  const std::shared_ptr<Module> shared(module.release(), &destroy);
+  using Owner = std::unique_ptr<Module, void (*)(Module*)>;
   const std::lock_guard<std::mutex> lock(mutex_);
-  for (const std::string& route : *shared->routes) {
-    if (find(route) != nullptr) {
-      qv_log_do(shared.get(), QV_LOG_LEVEL_ERROR, 0, "Module creation collision detected: %s",
+  Map entries;
+  std::vector<std::unique_ptr<Node>> nodes;
+  for (const std::string& route : *module->routes) {
+    const auto [entry, is_new] = entries.try_emplace(route);
+    if (!is_new || find(route) != nullptr) {
+      qv_log_do(module.get(), QV_LOG_LEVEL_ERROR, 0, "Module creation collision detected: %s",
                 route.c_str());
       fork_guard::give_up();
       std::abort();
     }
-    insert(route, shared);
+    nodes.push_back(std::make_unique<Node>(Node{&*entry, nullptr}));
+  }
+  map_.reserve(map_.size() + entries.size());
+  const auto owner = std::make_shared<Owner>(nullptr, &destroy);
+
+  owner->reset(module.release());
+  for (auto& entry : entries) {
+    entry.second = std::shared_ptr<Module>(owner, owner->get());
+  }
+  map_.merge(entries);
+  // Readers see a node whole or not at all.
+  for (std::unique_ptr<Node>& node : nodes) {
+    auto& bucket = buckets_[bucket_of(node->entry->first, buckets_.size())];
+    node->next = bucket.load(std::memory_order_relaxed);
+    bucket.store(node.release(), std::memory_order_release);
   }
 }
 
-// With the mutex held. Readers see the node whole or not at all.
-void Lookup::insert(const std::string& path, const std::shared_ptr<Module>& module) {
-  const Map::value_type& entry = *map_.emplace(path, module).first;
-  auto& bucket = buckets_[bucket_of(path, buckets_.size())];
-  bucket.store(new Node{&entry, bucket.load(std::memory_order_relaxed)}, std::memory_order_release);
-}
+Module* Lookup::find(const std::string& path) const { return find_route(path); }
 
-Module* Lookup::find(const std::string& path) const {
+Module* Lookup::find_route(std::string_view path) const {
   const auto& bucket = buckets_[bucket_of(path, buckets_.size())];
   for (const Node* node = bucket.load(std::memory_order_acquire); node != nullptr;
        node = node->next) {
@@ -110,9 +128,11 @@ class Unregistered {
  public:
   Unregistered() { fork_guard::add(mutex_); }
 
-  void keep(Module* module) {
+  void keep(Module* module) try {
     const std::lock_guard<std::mutex> lock(mutex_);
     modules_.push_back(module);
+  } catch (const std::bad_alloc&) {
+    // The list only tells leak checkers that the module isn't lost.
   }
 
   static Unregistered& instance() {
@@ -133,6 +153,9 @@ Module* find_or_register(const char* path) {
     return static_cast<Module*>(found);
   }
   auto* made = static_cast<Module*>(qv_module_create());
+  if (made == nullptr) {
+    return Module::get_internal();
+  }
   qv_module_route(path, made);
   if (made->routes->empty()) {
     Unregistered::instance().keep(made);
@@ -151,20 +174,36 @@ Module::Module(const char* path) : module_(module::find_or_register(path)) {}
 
 using quorvane::module::registry;
 
-void* qv_module_create(void) { return registry().create_module().release(); }
+void* qv_module_create(void) try {
+  return registry().create_module().release();
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 
-void qv_module_route(const char* path, void* module) {
-  if (path != nullptr) {
+void qv_module_route(const char* path, void* module) try {
+  if (path != nullptr && module != nullptr) {
     registry().add_route(*static_cast<quorvane::module::Module*>(module), path);
   }
+} catch (const std::bad_alloc&) {
+  QV_LOG(quorvane::module::Module::get_internal(), WARN, "No memory for module path \"%s\"", path);
 }
 
 void qv_module_commit(void* module) {
-  registry().commit(
-      std::unique_ptr<quorvane::module::Module>(static_cast<quorvane::module::Module*>(module)));
+  if (module == nullptr) {
+    return;
+  }
+  std::unique_ptr<quorvane::module::Module> owned(static_cast<quorvane::module::Module*>(module));
+  try {
+    registry().commit(std::move(owned));
+  } catch (const std::bad_alloc&) {
+    QV_LOG(quorvane::module::Module::get_internal(), WARN, "No memory to register a module");
+    owned.release();  // whoever made it goes on using it
+  }
 }
 
-void* qv_module_find(const char* path) { return path == nullptr ? nullptr : registry().find(path); }
+void* qv_module_find(const char* path) {
+  return path == nullptr ? nullptr : registry().find_route(path);
+}
 
 void qv_logv_do(void* module, qv_log_level_t level, unsigned long /*reserved*/, const char* format,
                 va_list args) {

@@ -21,22 +21,23 @@ extern "C" {
 #endif
 
 /** A new module at the outlet's level, without routes and not yet registered.
- * The caller owns it until qv_module_commit. */
+ * The caller owns it until qv_module_commit. Null without memory. */
 QV_EXPORT void* qv_module_create(void);
 
 /** Adds a route, components separated by "/". A leading "/" or an empty
  * component is malformed: the route is not added, and the library's internal
- * module logs a WARN record. A trailing "/" and the empty path are fine. A null
- * path is ignored. */
+ * module logs a WARN record, as it does without memory. A trailing "/" and the
+ * empty path are fine. A null path or module is ignored. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
 /** Registers the module under each of its routes and takes it over. A route that
  * is already registered logs an ERROR record and aborts. A module without
- * routes is destroyed. */
+ * routes is destroyed. Without memory the library's internal module logs a WARN
+ * record, and the module stays as it is, for ever. A null module is ignored. */
 QV_EXPORT void qv_module_commit(void* module);
 
-/** The module registered under exactly this route, or null. Takes no lock. The
- * registry keeps it until the process ends. */
+/** The module registered under exactly this route, or null. Takes no lock and
+ * allocates nothing. The registry keeps it until the process ends. */
 QV_EXPORT void* qv_module_find(const char* path);
 
 #ifdef __cplusplus
@@ -48,6 +49,7 @@ QV_EXPORT void* qv_module_find(const char* path);
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -83,7 +85,8 @@ class QV_EXPORT Lookup {
   /// See qv_module_route.
   void add_route(Module& module, const std::string& path);
 
-  /// See qv_module_commit.
+  /// See qv_module_commit. Without memory it throws std::bad_alloc, and the module
+  /// stays the caller's.
   void commit(std::unique_ptr<Module>&& module);
 
   /// See qv_module_find.
@@ -94,13 +97,14 @@ class QV_EXPORT Lookup {
  private:
   using Map = std::unordered_map<std::string, std::shared_ptr<Module>>;
 
-  // One registered route as readers see it; immutable once published.
+  // One registered route as readers see it; immutable once they do.
   struct Node {
     const Map::value_type* entry;
     const Node* next;
   };
 
-  void insert(const std::string& path, const std::shared_ptr<Module>& module);
+  friend void* ::qv_module_find(const char* path);  // finds without a copy of the path
+  Module* find_route(std::string_view path) const;
 
   Map map_;
   std::mutex mutex_;
@@ -114,7 +118,8 @@ class QV_EXPORT Lookup {
 class QV_EXPORT Module {
  public:
   /// Finds the module of this path, or creates, routes and commits it. A
-  /// malformed path gives a module of its own that nobody can find.
+  /// malformed path gives a module of its own that nobody can find. Without memory
+  /// it is the library's internal module.
   explicit Module(const char* path);
 
   ///@{ The module; never null.
