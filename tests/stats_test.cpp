@@ -33,6 +33,7 @@
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
+#include "support/thread_state.h"
 
 #ifdef QV_SANITIZED
 #include <sanitizer/lsan_interface.h>
@@ -397,6 +398,17 @@ TEST_F(Stats, TheRecorderIsFoundBesideTheLibrary) {
       test::run_program(QV_STATS_LOADER, {QV_LIBRARY}, {{"QV_STATS_REPORT_FILE", file()}});
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;
   EXPECT_EQ(reports(file()), (std::vector<json>{{{"loaded", {{"times", 1}}}}}));
+}
+
+TEST_F(Stats, ARecorderInTheCurrentDirectoryIsNotLoaded) {
+  const TempDir elsewhere;
+  const std::string library = elsewhere.file("libQVUtil.so");
+  std::filesystem::copy_file(QV_LIBRARY, library);
+  const std::string command =
+      "cd '" QV_FAKE_RECORDERS "/fake' && '" QV_STATS_LOADER "' '" + library + "'";
+  const Ran ran = test::run_program("/bin/sh", {"-c", command}, {{"QV_STATS_REPORT_FILE", file()}});
+  EXPECT_TRUE(ran.exited_with(2)) << ran.err;
+  EXPECT_EQ(ran.messages(), Lines{"WARN Could not load libcircmetrics.so for stats."});
 }
 #endif
 
@@ -1036,6 +1048,7 @@ TEST_F(Stats, AChildReportsThroughItsParentsPipe) {
 }
 
 pid_t g_child = 0;
+bool g_child_may_write = true;
 
 // Forks in the middle of a report, and goes on once the child waits for the end of
 // this report with one of its own.
@@ -1043,6 +1056,9 @@ void fork_while_reporting(FakeWrite write_piece, void* closure) {
   write_piece(closure, "[", 1);
   g_child = fork();
   if (g_child == 0) {
+    if (!g_child_may_write) {
+      test::refuse(SYS_openat, EACCES, test::When{2, O_WRONLY | O_APPEND | O_CLOEXEC});
+    }
     set_output([](FakeWrite write_child, void* of_child) { write_child(of_child, "{}", 2); });
     get_singleton_module()->report_now();
     _exit(0);
@@ -1055,6 +1071,7 @@ void fork_while_reporting(FakeWrite write_piece, void* closure) {
 }
 
 SCENARIO(fork_during_a_report) {
+  g_child_may_write = std::getenv("REFUSED") == nullptr;
   get_singleton_module();
   set_output(&fork_while_reporting);
   get_singleton_module()->report_now();
@@ -1065,6 +1082,59 @@ SCENARIO(fork_during_a_report) {
 TEST_F(CircMetrics, AChildsReportWaitsForItsParents) {
   EXPECT_TRUE(run_with("fake", "fork_during_a_report").exited_with(0));
   EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));
+}
+
+// One that has become another user, say.
+TEST_F(CircMetrics, TheReportOfAChildThatMayOpenTheFileOnlyForReadingWaitsAsWell) {
+  EXPECT_TRUE(run_with("fake", "fork_during_a_report", {{"REFUSED", ""}}).exited_with(0));
+  EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));
+}
+
+// Before statistics are on.
+void set_on_alloc(FakeHook hook) {
+  void* recorder = dlopen("libcircmetrics.so", RTLD_LAZY);
+  reinterpret_cast<FakeSetOnAlloc>(dlsym(recorder, "fake_set_on_alloc"))(hook);
+}
+
+SCENARIO(fork_while_a_recorder_is_made) {
+  alarm(100);
+  set_on_alloc([] {
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(0);
+    }
+    wait_for(child);
+  });
+  return get_singleton_module() != nullptr ? 0 : 1;
+}
+
+TEST_F(CircMetrics, ARecorderMayForkWhileItIsMade) {
+  EXPECT_TRUE(run_with("fake", "fork_while_a_recorder_is_made").exited_with(0));
+}
+
+// A fork that begins while statistics are set up waits for that, and for nothing else
+// before it.
+SCENARIO(register_a_module_while_a_recorder_is_made) {
+  static std::optional<test::Watched> forking;
+  alarm(100);
+  set_on_alloc([] {
+    forking.emplace([] {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      wait_for(child);
+    });
+    forking->settle();
+    module_of("of the recorder");
+  });
+  const bool is_on = get_singleton_module() != nullptr;
+  forking->join();
+  return is_on && qv_module_find("of the recorder") != nullptr ? 0 : 1;
+}
+
+TEST_F(CircMetrics, ARecorderMayUseTheLibraryWhileItIsMadeAndAThreadForks) {
+  EXPECT_TRUE(run_with("fake", "register_a_module_while_a_recorder_is_made").exited_with(0));
 }
 
 // One thread reports: more of them pass the file lock on among themselves, and the

@@ -12,6 +12,7 @@
 namespace {
 
 FakeOutput g_output = nullptr;
+FakeHook g_on_alloc = nullptr;
 
 template <typename... Parts>
 void print(const Parts&... parts) {
@@ -41,6 +42,7 @@ const std::string& path_of(void* handle) { return *static_cast<std::string*>(han
 extern "C" {
 
 void fake_set_output(FakeOutput output) { g_output = output; }
+void fake_set_on_alloc(FakeHook hook) { g_on_alloc = hook; }
 
 const char* fake_name() { return "the recorder"; }
 
@@ -50,6 +52,9 @@ void* stats_recorder_alloc() {
     print(fake_name());
   }
   print("alloc");
+  if (g_on_alloc != nullptr) {
+    g_on_alloc();
+  }
   return refuses("alloc") ? nullptr : handle("recorder");
 }
 #endif

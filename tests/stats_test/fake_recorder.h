@@ -15,4 +15,8 @@ using FakeOutput = void (*)(FakeWrite write_piece, void* closure);
 // writes the reports.
 using FakeSetOutput = void (*)(FakeOutput output);
 
+// And `void fake_set_on_alloc(FakeHook)`: called when a recorder is made.
+using FakeHook = void (*)();
+using FakeSetOnAlloc = void (*)(FakeHook hook);
+
 #endif  // TESTS_STATS_TEST_FAKE_RECORDER_H_

@@ -22,12 +22,17 @@ Guarded& guarded() {
 
 std::atomic<bool> g_is_given_up{false};
 thread_local bool t_is_forking = false;
+constinit std::mutex g_outermost;
+thread_local bool t_holds_outermost = false;
 
 void before_fork() {
   if (g_is_given_up) {
     return;
   }
   t_is_forking = true;
+  if (!t_holds_outermost) {
+    g_outermost.lock();
+  }
   guarded().mutex.lock();
   for (std::mutex* member : guarded().members) {
     member->lock();
@@ -43,6 +48,9 @@ void after_fork() {
     member->unlock();
   }
   guarded().mutex.unlock();
+  if (!t_holds_outermost) {
+    g_outermost.unlock();
+  }
 }
 
 // At load: a process that forks later finds the handlers in place.
@@ -58,6 +66,16 @@ void add(std::mutex& mutex) {
 void remove(std::mutex& mutex) {
   const std::lock_guard<std::mutex> lock(guarded().mutex);
   guarded().members.erase(&mutex);
+}
+
+OutermostLock::OutermostLock() {
+  g_outermost.lock();
+  t_holds_outermost = true;
+}
+
+OutermostLock::~OutermostLock() {
+  t_holds_outermost = false;
+  g_outermost.unlock();
 }
 
 void give_up() { g_is_given_up = true; }

@@ -15,6 +15,17 @@ namespace fork_guard {
 void add(std::mutex& mutex);
 void remove(std::mutex& mutex);
 
+// Locks the outermost one: a fork takes it ahead of all others, and a fork by the
+// thread that holds it doesn't wait. For what runs foreign code, which may fork, or
+// lock others of the guarded ones.
+class OutermostLock {
+ public:
+  OutermostLock();
+  ~OutermostLock();
+  OutermostLock(const OutermostLock&) = delete;
+  OutermostLock& operator=(const OutermostLock&) = delete;
+};
+
 // For a thread about to abort, which may hold a guarded mutex: forks wait no
 // more, so that a handler of SIGABRT may fork. Any thread.
 void give_up();

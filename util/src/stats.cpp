@@ -89,6 +89,7 @@ CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> p
            std::strerror(errno));
     return;
   }
+  lock_fd_ = report_fd_;
   recorder_ = recorder_alloc_();
   if (recorder_ == nullptr) {
     QV_LOG(Module::get_internal(), WARN, "Could not create statistics recorder object.");
@@ -150,7 +151,7 @@ void CircMetricsModule::report_now() {
 // With the mutex held. The file lock keeps the lines of several processes whole.
 void CircMetricsModule::append_report() {
   leave_parents_file();
-  lock_file(report_fd_, LOCK_EX);
+  lock_file(lock_fd_, LOCK_EX);
   // Not dprintf: a child forked in the middle of it would flush its buffer once
   // more at exit, into someone else's line.
   char head[64];
@@ -159,7 +160,7 @@ void CircMetricsModule::append_report() {
   write_report(this, head, static_cast<std::size_t>(length));
   output_json_(recorder_, 1, 0, &write_report, this);
   write_report(this, "}\n", 2);
-  lock_file(report_fd_, LOCK_UN);
+  lock_file(lock_fd_, LOCK_UN);
 }
 
 // A child shares its parent's open file, and so its lock, which therefore would
@@ -172,14 +173,24 @@ void CircMetricsModule::leave_parents_file() {
   }
   char path[32];
   std::snprintf(path, sizeof path, "/proc/self/fd/%d", report_fd_);
-  const int own = open(path, O_WRONLY | O_APPEND | O_CLOEXEC);
-  if (own == -1) {
-    return;
-  }
-  if (dup3(own, report_fd_, O_CLOEXEC) != -1) {
+  if (const int own = open(path, O_WRONLY | O_APPEND | O_CLOEXEC); own != -1) {
+    if (dup3(own, report_fd_, O_CLOEXEC) != -1) {
+      generation_ = generation;
+      lock_through(report_fd_);
+    }
+    close(own);
+  } else if (const int readable = open(path, O_RDONLY | O_CLOEXEC); readable != -1) {
+    // Who has become another user, and may write to it no more, can still lock it.
     generation_ = generation;
+    lock_through(readable);
   }
-  close(own);
+}
+
+void CircMetricsModule::lock_through(int fd) {
+  if (lock_fd_ != report_fd_) {
+    close(lock_fd_);
+  }
+  lock_fd_ = fd;
 }
 
 ssize_t CircMetricsModule::write_report(void* closure, const void* bytes, std::size_t length) {
@@ -265,14 +276,12 @@ void initialise() {
   QV_LOG(Module::get_internal(), INFO, "Capturing statistics measurements to %s.", path);
 }
 
-constinit std::mutex g_initialise_mutex;
-
 // A fork waits until another thread's initialisation is over. One that comes
 // between its end and that of get_singleton_module()'s run makes the child run it
 // again.
 void initialise_once() {
   static bool initialised = false;
-  const std::lock_guard<std::mutex> lock(g_initialise_mutex);
+  const fork_guard::OutermostLock lock;
   if (!initialised) {
     initialise();
     initialised = true;
@@ -288,7 +297,6 @@ CircMetricsModule* get_singleton_module() {
   static constinit Once once;
   once.run([] {
     try {
-      fork_guard::add(g_initialise_mutex);
       initialise_once();
     } catch (const std::bad_alloc&) {
       QV_LOG(Module::get_internal(), WARN, "No memory for statistics.");

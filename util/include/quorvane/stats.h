@@ -143,6 +143,7 @@ class QV_EXPORT CircMetricsModule {
   void append_report();
   void report_last();
   void leave_parents_file();
+  void lock_through(int fd);
 
   void* (*recorder_alloc_)() = nullptr;
   void* (*recorder_global_ns_)(void* recorder) = nullptr;
@@ -161,6 +162,7 @@ class QV_EXPORT CircMetricsModule {
   std::thread report_thread_;
   void* library_;
   std::uint64_t generation_;  // of the process that opened report_fd_
+  int lock_fd_ = -1;          // report_fd_, or one that may only be locked
   bool ended_ = false;        // the last report is written
 };
 
