@@ -583,6 +583,14 @@ TEST(LogRecord, AllocatesNothingNotEvenAThreadsFirst) {
   EXPECT_EQ(file.take().size(), 2U);
 }
 
+// What a thread keeps for its records would otherwise be allocated by its first one.
+TEST(LogRecord, AllocatesNothingInALibraryThatWasLoadedLater) {
+  const Ran ran = test::run_program(QV_LOG_LOADER, {QV_LIBRARY});
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  EXPECT_EQ(ran.out, "0 0");
+  EXPECT_EQ(ran.messages(), (std::vector<std::string>{"INFO a record", "INFO a record"}));
+}
+
 // ------------------------------------------------------- records and signals
 
 std::atomic<int> g_interruptions{0};

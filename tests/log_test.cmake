@@ -1,0 +1,7 @@
+# A program that loads the library at run time, and so after its first thread began.
+add_executable(log_test_loader log_test/loader.cpp)
+target_link_libraries(log_test_loader PRIVATE qv_warnings Threads::Threads ${CMAKE_DL_LIBS})
+add_dependencies(log_test log_test_loader)
+target_compile_definitions(log_test PRIVATE
+  QV_LOG_LOADER="$<TARGET_FILE:log_test_loader>"
+  QV_LIBRARY="$<TARGET_FILE:QVUtil>")
