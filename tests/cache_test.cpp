@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <thread>
@@ -35,6 +38,7 @@ struct Script {
   bool valid = true;
   bool load_succeeds = true;
   bool load_throws = false;
+  std::string throws_no_exception;  // the function that throws a number
   bool store_succeeds = true;
   bool store_throws = false;
   std::vector<test::Entry> content;
@@ -49,11 +53,18 @@ class FakeStore : public Store {
  public:
   explicit FakeStore(Script& script) : script_(script) {}
   ~FakeStore() override { script_.destroyed = true; }
-  std::string type() const override { return "FakeStore"; }
-  bool is_valid() const override { return script_.valid; }
+  std::string type() const override {
+    throw_number("type");
+    return "FakeStore";
+  }
+  bool is_valid() const override {
+    throw_number("is_valid");
+    return script_.valid;
+  }
 
   bool try_load(EntryMap& out) override {
     ++script_.loads;
+    throw_number("try_load");
     out = test::entry_map(script_.content);
     if (script_.load_throws) {
       throw std::length_error("too long");
@@ -71,6 +82,12 @@ class FakeStore : public Store {
   }
 
  private:
+  void throw_number(const char* function) const {
+    if (script_.throws_no_exception == function) {
+      throw 7;
+    }
+  }
+
   Script& script_;
 };
 
@@ -285,6 +302,36 @@ TEST(CacheConstruction, ALoadThatThrowsIsAFailedLoad) {
             (Messages{"ERROR Loading maps cache failed: too long",
                       expectation("store_->try_load(loaded_map_)"),
                       "ERROR Couldn't create maps cache with FakeStore store type"}));
+}
+
+// What a store throws that is no std::exception is its user's: the cache isn't made,
+// and no fork may wait for the mutex of one that isn't there.
+SCENARIO(store_that_throws_a_number) {
+  alarm(60);
+  alignas(Cache) static unsigned char place[sizeof(Cache)];
+  Script script;
+  script.throws_no_exception = arguments.at(0);
+  bool threw = false;
+  try {
+    new (place) Cache("maps", fake(script), false);
+  } catch (int) {
+    threw = true;
+  }
+  std::memset(place, 1, sizeof(place));
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return threw && status == 0 ? 0 : 1;
+}
+
+TEST(CacheConstruction, AStoreThatThrowsLeavesNothingThatAForkWaitsFor) {
+  for (const char* function : {"is_valid", "try_load", "type"}) {
+    EXPECT_TRUE(run_scenario("store_that_throws_a_number", {}, {function}).exited_with(0))
+        << function;
+  }
 }
 
 TEST(CacheConstruction, AFailedLoadIsSilentAtOff) {

@@ -1,8 +1,13 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
+#include <quorvane/module.h>
 #include <quorvane/store.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -11,6 +16,7 @@
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
+#include "support/thread_state.h"
 
 using quorvane::cache::CleanableResource;
 using quorvane::cache::CleanupController;
@@ -228,6 +234,43 @@ SCENARIO(environment_changes_late) {
 
 TEST(DefaultCleanupController, ReadsTheEnvironmentOnce) {
   EXPECT_EQ(run_scenario("environment_changes_late").out, "0");
+}
+
+// The log is a pipe that takes nothing more until the fork is over.
+SCENARIO(fork_beside_a_record_that_waits) {
+  alarm(60);
+  int ends[2];
+  if (pipe(ends) != 0) {
+    return 2;
+  }
+  std::vector<char> full(static_cast<std::size_t>(fcntl(ends[1], F_GETPIPE_SZ)));
+  if (write(ends[1], full.data(), full.size()) != static_cast<ssize_t>(full.size())) {
+    return 2;
+  }
+  static quorvane::logging::LoggingModuleData outlet{ends[1], -1, QV_LOG_LEVEL_ALL};
+  quorvane::Module module("util/src/cache");
+  module->outlet = &outlet;
+  module->level = QV_LOG_LEVEL_ALL;
+
+  CleanupController controller(1);
+  FakeResource resource(5);
+  const std::uint64_t ticket = controller.get_ticket();
+  test::Watched measuring([&] { controller.update_and_check_usage(ticket, resource); });
+  measuring.settle();
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  const bool waited = !measuring.is_done();
+  signal(SIGPIPE, SIG_IGN);
+  close(ends[0]);  // who writes now is refused
+  measuring.join();
+  return waited ? 0 : 1;
+}
+
+TEST(CleanupControllerProcesses, AForkDoesNotWaitForARecord) {
+  EXPECT_TRUE(run_scenario("fork_beside_a_record_that_waits").exited_with(0));
 }
 
 SCENARIO(first_use_by_many_threads) {

@@ -5,10 +5,12 @@
 
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <random>
 #include <vector>
 
 #include "support/hostile.h"
+#include "support/no_memory.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -165,6 +167,30 @@ Ran run(const std::string& scenario, const test::Arguments& arguments = {}) {
 void expect_checked(const Ran& ran, std::size_t cases) {
   EXPECT_TRUE(ran.exited_with(0)) << ran.status;
   EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
+}
+
+// The list of a file's entries takes no allocation that is larger than the file, at
+// whatever number of them it is damaged.
+SCENARIO(many_small_entries) {
+  alarm(100);
+  std::string bytes = basic_file({});
+  for (int number = 0; number < 70000; ++number) {
+    char key[8];
+    std::snprintf(key, sizeof(key), "%05d", number);
+    bytes += entry_bytes({key, {"v"}});
+  }
+  test::write_file(maps_file(), bytes + "rest");
+  CleanupController controller(0);
+  BasicStore store("maps", std::make_shared<quorvane::cache::StoreFLock>("maps"), &controller);
+  EntryMap map;
+  test::no_memory_from = bytes.size();
+  const bool loaded = store.try_load(map);
+  test::no_memory_from = test::kEnoughMemory;
+  return !loaded && map.size() == 70000 ? 0 : 1;
+}
+
+TEST(HostileStore, NoListOfEntriesIsLargerThanTheFile) {
+  EXPECT_TRUE(run("many_small_entries").exited_with(0));
 }
 
 }  // namespace

@@ -603,7 +603,9 @@ TEST(StoreFLockRefusals, AnInterruptedLockGoesOnWaiting) {
 constexpr std::uint32_t kOpenAnew = O_RDWR | O_CLOEXEC;
 constexpr std::uint32_t kOpenByPath = O_RDWR | O_CREAT | O_CLOEXEC;
 
-void refuse_open(std::uint32_t flags) { test::refuse(SYS_openat, ENOENT, test::When{2, flags}); }
+void refuse_open(std::uint32_t flags, int error = ENOENT) {
+  test::refuse(SYS_openat, error, test::When{2, flags});
+}
 
 void use_up_descriptors() {
   while (open("/dev/null", O_RDONLY) >= 0) {
@@ -611,12 +613,20 @@ void use_up_descriptors() {
 }
 
 SCENARIO(lock_in_a_child_that_cannot_open_it_anew) {
+  alarm(kHangSeconds);
   StoreFLock lock("maps");
   test::Signpost child_has_it;
   test::Signpost child_may_go;
   const pid_t child = fork();
   if (child == 0) {
-    arguments.at(0) == "no descriptors" ? use_up_descriptors() : refuse_open(kOpenAnew);
+    if (arguments.at(0) == "no descriptors") {
+      use_up_descriptors();
+    } else if (arguments.at(0) == "no /proc") {
+      refuse_open(kOpenAnew);
+    } else {
+      refuse_open(kOpenAnew, EACCES);
+      refuse_open(kOpenByPath, EACCES);
+    }
     lock.lock();
     child_has_it.pass();
     child_may_go.await();
@@ -640,6 +650,12 @@ TEST(StoreFLockRefusals, AChildWithoutADescriptorToSpareGetsItsLockAllTheSame) {
 TEST(StoreFLockRefusals, AChildWithoutProcGetsItsLockAllTheSame) {
   const TempDir root;
   EXPECT_EQ(run("lock_in_a_child_that_cannot_open_it_anew", root, {"no /proc"}).out, "1 0 0");
+}
+
+// One that has become another user, say.
+TEST(StoreFLockRefusals, AChildThatMayNotWriteToTheLockFileGetsItsLockAllTheSame) {
+  const TempDir root;
+  EXPECT_EQ(run("lock_in_a_child_that_cannot_open_it_anew", root, {"no permission"}).out, "1 0 0");
 }
 
 // What the two threads of the next scenario's child tell each other.

@@ -114,6 +114,7 @@ class QV_EXPORT Cache {
   // End of the public interface.
 
  private:
+  void set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile);
   void load();
   bool try_load_store();
   const std::vector<util::RoBuffer>* find_loaded(const util::RoBuffer& key);

@@ -40,16 +40,18 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 /// condition holds; otherwise reports it as a failed expectation and is false.
 /// The record quotes the condition as it is written. `module` is a
 /// quorvane::module::Module* or a quorvane::Module.
-#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                         \
-  (static_cast<bool>(condition) ||                                                            \
-   ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
-                                         source, line))
+#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                          \
+  (static_cast<bool>(condition) ||                                                             \
+   (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
+                                          source, line),                                       \
+    false))
 
 /// The same at the site's own line.
-#define QV_FAULT_EXPECT(module, severity, condition, source)                                  \
-  (static_cast<bool>(condition) ||                                                            \
-   ::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
-                                         source, __LINE__))
+#define QV_FAULT_EXPECT(module, severity, condition, source)                                   \
+  (static_cast<bool>(condition) ||                                                             \
+   (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
+                                          source, __LINE__),                                   \
+    false))
 
 /// QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
 /// the condition holds.

@@ -60,7 +60,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   void leave_parents_lock();
   void reopen();
 
-  int fd_ = -1;
+  std::atomic<int> fd_{-1};
   std::string path_;
   std::atomic<std::uint64_t> generation_;    // of the process that opened fd_
   std::atomic<const void*> owner_{nullptr};  // the thread that holds the lock

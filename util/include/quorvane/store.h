@@ -106,6 +106,8 @@ class QV_EXPORT CleanupController {
   void process(std::uint64_t ticket, CleanableResource& res);
 
  private:
+  std::uint64_t update_usage(std::uint64_t ticket, std::uint64_t usage);
+
   std::uint64_t threshold_;
   std::mutex usages_mutex_;
   std::vector<std::uint64_t> usages_;  // by ticket

@@ -54,7 +54,12 @@ const char* flaw_of(const util::RoBuffer& key, const std::vector<util::RoBuffer>
 
 Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile)
     : name_(name) {
+  set_up(std::move(store), fallback_to_volatile);
+  // Last: a store that throws leaves no guard of a mutex that is no more.
   fork_guard::add(diff_mutex_);
+}
+
+void Cache::set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
   // clang-format off
   if (!CACHE_EXPECT(3, fallback_to_volatile || (store != nullptr && store->is_valid()))) {
     return;

@@ -20,12 +20,18 @@ std::uint64_t CleanupController::get_ticket() {
 
 bool CleanupController::update_and_check_usage(std::uint64_t ticket, CleanableResource& res) {
   const std::uint64_t usage = res.get_usage();
+  const std::uint64_t total = update_usage(ticket, usage);
+  // Without the mutex: the log may block, and a fork would wait for both.
+  QV_LOG(g_module, TRACE, "Cache store usage is %lu / %lu bytes.", total, threshold_);
+  return total > threshold_;
+}
+
+std::uint64_t CleanupController::update_usage(std::uint64_t ticket, std::uint64_t usage) {
   const std::lock_guard<std::mutex> lock(usages_mutex_);
   CACHE_ASSERT(ticket < usages_.size());
   total_usage_ = total_usage_ + usage - usages_[ticket];
   usages_[ticket] = usage;
-  QV_LOG(g_module, TRACE, "Cache store usage is %lu / %lu bytes.", total_usage_, threshold_);
-  return total_usage_ > threshold_;
+  return total_usage_;
 }
 
 void CleanupController::process(std::uint64_t ticket, CleanableResource& res) {

@@ -13,6 +13,11 @@ namespace {
 // Past this many bytes the pieces of an entry are allocated one by one.
 constexpr std::size_t kSharedAllocationLimit = 4096;
 
+// Magic number, key size, a byte of key, a count, a size, a byte of value: no entry
+// is smaller.
+constexpr std::size_t kSmallestEntry = 30;
+static_assert(sizeof(ScannedEntry) <= kSmallestEntry);
+
 std::uint64_t read_number(const unsigned char* bytes) {
   std::uint64_t number;
   std::memcpy(&number, bytes, sizeof(number));
@@ -129,6 +134,19 @@ bool pass_basic_value(util::BufferReader& freader) {
   return true;
 }
 
+namespace {
+
+// Twice the room, but no more than the file's rest can fill: a list of its entries
+// never takes more memory than the file.
+void make_room(std::vector<ScannedEntry>& entries, std::size_t remaining) {
+  if (entries.size() == entries.capacity()) {
+    const std::size_t size = entries.size();
+    entries.reserve(size + std::min(size + 1, remaining / kSmallestEntry + 1));
+  }
+}
+
+}  // namespace
+
 std::vector<ScannedEntry> scan_entries(util::BufferReader& freader, const PassValue& pass_value) {
   std::vector<ScannedEntry> entries;
   bool sorted = true;
@@ -139,8 +157,9 @@ std::vector<ScannedEntry> scan_entries(util::BufferReader& freader, const PassVa
       break;
     }
     sorted = sorted && (entries.empty() || !(entry < entries.back()));
-    entries.push_back(entry);
     freader = ahead;
+    make_room(entries, freader.remaining());
+    entries.push_back(entry);
   }
   if (!sorted) {
     std::stable_sort(entries.begin(), entries.end());

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <utility>
 
 #include <quorvane/file_store.h>
@@ -15,11 +16,17 @@ namespace quorvane {
 namespace cache {
 namespace {
 
-constexpr int kOpenFlags = O_RDWR | O_CREAT | O_CLOEXEC;
 constexpr mode_t kMode = 0666;
 
 // Marks a generation whose first caller is just opening the lock file anew.
 constexpr std::uint64_t kReopening = std::uint64_t{1} << 63;
+
+// To lock a file takes no permission to write to it, which a child may have lost with
+// its user.
+int open_to_lock(const std::string& path, int flags) {
+  const int fd = open(path.c_str(), O_RDWR | flags, kMode);
+  return fd < 0 && errno == EACCES ? open(path.c_str(), O_RDONLY | flags, kMode) : fd;
+}
 
 // Its address names a thread.
 thread_local char t_identity;
@@ -29,7 +36,7 @@ thread_local char t_identity;
 StoreFLock::StoreFLock(const std::string& name)
     : path_(get_store_file_path(name.empty() ? "lock" : "lock_" + name)),
       generation_(process_generation()) {
-  fd_ = open(path_.c_str(), kOpenFlags, kMode);
+  fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
   if (fd_ < 0) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
@@ -37,7 +44,7 @@ StoreFLock::StoreFLock(const std::string& name)
 }
 
 StoreFLock::StoreFLock(StoreFLock&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)),
+    : fd_(other.fd_.exchange(-1)),
       path_(std::move(other.path_)),
       generation_(other.generation_.load()),
       owner_(other.owner_.exchange(nullptr)) {}
@@ -105,7 +112,7 @@ void StoreFLock::leave_parents_lock() {
 
 void StoreFLock::reopen() {
   const std::string self = "/proc/self/fd/" + std::to_string(fd_);
-  const int fresh = open(self.c_str(), O_RDWR | O_CLOEXEC);
+  const int fresh = open_to_lock(self, O_CLOEXEC);
   if (fresh >= 0) {
     int dup_ret;
     do {
@@ -117,7 +124,7 @@ void StoreFLock::reopen() {
   }
   // No /proc, or no descriptor to spare: give this one up first.
   close(fd_);
-  fd_ = open(path_.c_str(), kOpenFlags, kMode);
+  fd_ = open_to_lock(path_, O_CREAT | O_CLOEXEC);
   CACHE_ASSERT(fd_ >= 0);
 }
 
