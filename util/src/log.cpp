@@ -64,8 +64,9 @@ struct Kept {
   std::array<char, 48> ids{};   // "Z, 1234, 1240, \""
 };
 
-// In the memory that a thread starts with: a library that was loaded later would
-// otherwise allocate at a thread's first record.
+// In the memory that a thread starts with, of which the loader sets some hundred bytes
+// aside for libraries that come later: one of those would otherwise allocate at a
+// thread's first record.
 __attribute__((tls_model("initial-exec"))) thread_local Kept t_kept;
 
 // UTC by arithmetic: gmtime_r takes a lock, which a fork may catch held.
