@@ -59,10 +59,9 @@ Lookup::~Lookup() {
 }
 
 std::unique_ptr<Module> Lookup::create_module() {
-  auto routes = std::make_unique<std::vector<std::string>>();
   std::unique_ptr<Module> made(
-      new Module{outlet_->level, kFaultAbortLevel, kFaultLogLevel, 0, outlet_, routes.get()});
-  routes.release();
+      new Module{outlet_->level, kFaultAbortLevel, kFaultLogLevel, 0, outlet_, nullptr});
+  made->routes = new std::vector<std::string>;
   return made;
 }
 
@@ -197,7 +196,7 @@ void qv_module_commit(void* module) {
     registry().commit(std::move(owned));
   } catch (const std::bad_alloc&) {
     QV_LOG(quorvane::module::Module::get_internal(), WARN, "No memory to register a module");
-    owned.release();  // whoever made it goes on using it
+    static_cast<void>(owned.release());  // whoever made it goes on using it
   }
 }
 
