@@ -124,12 +124,13 @@ std::vector<Page> pages() {
   return all;
 }
 
-// Whether the compiler takes `source` without a warning.
-bool compiles(const std::string& compiler, const std::string& source) {
+// Whether the compiler, with its options, takes `source` without a warning.
+bool compiles(const std::string& compiler, const std::string& options, const std::string& source) {
   test::TempDir dir;
   test::write_file(dir.file("page"), source);
-  const std::string command = compiler + " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I'" +
-                              QV_SOURCE_DIR + "/util/include' '" + dir.file("page") + "'";
+  const std::string command = compiler + " -Wall -Wextra -Wpedantic -Werror -fsyntax-only " +
+                              options + " -I'" QV_SOURCE_DIR "/util/include' '" + dir.file("page") +
+                              "'";
   return std::system(command.c_str()) == 0;
 }
 
@@ -140,7 +141,7 @@ TEST_P(ManPage, GivesTheTypesOfTheHeader) {
   const Page& page = GetParam();
   ASSERT_NE(page.includes, "");
   ASSERT_NE(page.prototypes, "");
-  EXPECT_TRUE(compiles(QV_CXX_COMPILER " -std=c++17 -Wno-ignored-attributes -x c++",
+  EXPECT_TRUE(compiles(QV_CXX_COMPILER, "-std=c++17 -Wno-ignored-attributes -x c++",
                        "#include <type_traits>\n" + page.includes + page.prototypes))
       << page.prototypes;
 }
@@ -153,7 +154,7 @@ TEST_P(ManPage, HasExamplesThatCompile) {
   const std::string source = "#include <stddef.h>\n#include <unistd.h>\n" + page.includes +
                              "static inline int example(" + given + ") {\n" + page.examples +
                              "return 0;\n}\n";
-  EXPECT_TRUE(compiles(QV_C_COMPILER " -std=c11 -Wno-unused-parameter -x c", source)) << source;
+  EXPECT_TRUE(compiles(QV_C_COMPILER, "-std=c11 -Wno-unused-parameter -x c", source)) << source;
 }
 
 INSTANTIATE_TEST_SUITE_P(Section3, ManPage, testing::ValuesIn(pages()),
