@@ -152,8 +152,7 @@ TEST_P(ManPage, HasExamplesThatCompile) {
   const bool makes_module = page.examples.find("*module =") != std::string::npos;
   const std::string given = makes_module ? "void* unused, int size" : "void* module, int size";
   const std::string source = "#include <stddef.h>\n#include <unistd.h>\n" + page.includes +
-                             "static inline int example(" + given + ") {\n" + page.examples +
-                             "return 0;\n}\n";
+                             "int example(" + given + ") {\n" + page.examples + "return 0;\n}\n";
   EXPECT_TRUE(compiles(QV_C_COMPILER, "-std=c11 -Wno-unused-parameter -x c", source)) << source;
 }
 

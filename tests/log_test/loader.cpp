@@ -2,6 +2,7 @@
 // grew by the first record of its first thread and of another one.
 #include <dlfcn.h>
 #include <malloc.h>
+#include <quorvane/module.h>
 
 #include <cstdio>
 #include <thread>
@@ -12,13 +13,12 @@ int main(int, char** argv) {
     std::fprintf(stderr, "%s\n", dlerror());
     return 1;
   }
-  using Find = void* (*)(const char*);
-  using Log = void (*)(void*, int, unsigned long, const char*, ...);
-  void* module = reinterpret_cast<Find>(dlsym(library, "qv_module_find"))("util/src/cache");
-  const auto log = reinterpret_cast<Log>(dlsym(library, "qv_log_do"));
+  const auto find = reinterpret_cast<decltype(&qv_module_find)>(dlsym(library, "qv_module_find"));
+  const auto log = reinterpret_cast<decltype(&qv_log_do)>(dlsym(library, "qv_log_do"));
+  void* module = find("util/src/cache");
   const auto growth = [&] {
     const std::size_t before = mallinfo2().uordblks;
-    log(module, 3, 0, "%s", "a record");
+    log(module, QV_LOG_LEVEL_INFO, 0, "%s", "a record");
     return mallinfo2().uordblks - before;
   };
   std::size_t of_another = 0;
