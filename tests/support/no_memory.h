@@ -18,8 +18,12 @@ inline thread_local std::size_t no_memory_from = kEnoughMemory;
 }  // namespace test
 
 // Not inlined: the compiler would see a new freed by free.
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return size >= test::no_memory_from ? nullptr : std::malloc(size);
+}
+
 __attribute__((noinline)) void* operator new(std::size_t size) {
-  void* const memory = size >= test::no_memory_from ? nullptr : std::malloc(size);
+  void* const memory = operator new(size, std::nothrow);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
