@@ -127,6 +127,7 @@ std::optional<int> floor_of(const fs::path& file) {
   static const std::map<std::string, int> floors{{"export", 0},
                                                  {"process_generation", 0},
                                                  {"fork_guard", 0},
+                                                 {"descriptor", 0},
                                                  {"once", 0},
                                                  {"log", 1},
                                                  {"module", 2},

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <new>
 #include <set>
 
 namespace quorvane {
@@ -21,18 +22,19 @@ Guarded& guarded() {
 }
 
 std::atomic<bool> g_is_given_up{false};
-thread_local bool t_is_forking = false;
-constinit std::mutex g_outermost;
-thread_local bool t_holds_outermost = false;
+
+// How many forks of this thread are under way: a fork handler may fork itself.
+// Initial-exec, so that no first use in a thread allocates.
+__attribute__((tls_model("initial-exec"))) thread_local unsigned t_forks = 0;
+
+// Whether this fork took the mutexes: not after give_up, nor inside another fork.
+__attribute__((tls_model("initial-exec"))) thread_local bool t_holds_all = false;
 
 void before_fork() {
-  if (g_is_given_up) {
+  if (t_forks++ > 0 || g_is_given_up) {
     return;
   }
-  t_is_forking = true;
-  if (!t_holds_outermost) {
-    g_outermost.lock();
-  }
+  t_holds_all = true;
   guarded().mutex.lock();
   for (std::mutex* member : guarded().members) {
     member->lock();
@@ -40,17 +42,14 @@ void before_fork() {
 }
 
 void after_fork() {
-  if (!t_is_forking) {
+  if (--t_forks > 0 || !t_holds_all) {
     return;
   }
-  t_is_forking = false;
+  t_holds_all = false;
   for (std::mutex* member : guarded().members) {
     member->unlock();
   }
   guarded().mutex.unlock();
-  if (!t_holds_outermost) {
-    g_outermost.unlock();
-  }
 }
 
 // At load: a process that forks later finds the handlers in place.
@@ -58,24 +57,33 @@ const int g_registered = pthread_atfork(&before_fork, &after_fork, &after_fork);
 
 }  // namespace
 
-void add(std::mutex& mutex) {
-  const std::lock_guard<std::mutex> lock(guarded().mutex);
-  guarded().members.insert(&mutex);
+void add(std::mutex& mutex) noexcept try {
+  const Lock lock(guarded().mutex);
+  const bool is_new = guarded().members.insert(&mutex).second;
+  if (is_new && t_holds_all) {
+    mutex.lock();  // the fork's end unlocks it with the others
+  }
+} catch (const std::bad_alloc&) {
+  // A fork may then catch it; everything else works.
 }
 
-void remove(std::mutex& mutex) {
-  const std::lock_guard<std::mutex> lock(guarded().mutex);
-  guarded().members.erase(&mutex);
+void remove(std::mutex& mutex) noexcept {
+  const Lock lock(guarded().mutex);
+  if (guarded().members.erase(&mutex) != 0 && t_holds_all) {
+    mutex.unlock();
+  }
 }
 
-OutermostLock::OutermostLock() {
-  g_outermost.lock();
-  t_holds_outermost = true;
+Lock::Lock(std::mutex& mutex) : mutex_(t_holds_all ? nullptr : &mutex) {
+  if (mutex_ != nullptr) {
+    mutex_->lock();
+  }
 }
 
-OutermostLock::~OutermostLock() {
-  t_holds_outermost = false;
-  g_outermost.unlock();
+Lock::~Lock() {
+  if (mutex_ != nullptr) {
+    mutex_->unlock();
+  }
 }
 
 void give_up() { g_is_given_up = true; }

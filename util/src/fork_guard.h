@@ -2,7 +2,7 @@
 //
 // A fork waits until every guarded mutex is free, so a child finds all of them
 // unlocked and what they guard whole. Guard only mutexes that are held briefly,
-// never across a wait, and of which no thread holds two at a time.
+// never across a wait or foreign code, and of which no thread holds two at a time.
 #ifndef QUORVANE_SRC_FORK_GUARD_H_
 #define QUORVANE_SRC_FORK_GUARD_H_
 
@@ -11,19 +11,23 @@
 namespace quorvane {
 namespace fork_guard {
 
-// Any thread, not while holding a guarded mutex.
-void add(std::mutex& mutex);
-void remove(std::mutex& mutex);
+// Any thread, not while holding a guarded mutex. Without memory for it the mutex
+// works but stays unguarded.
+void add(std::mutex& mutex) noexcept;
+void remove(std::mutex& mutex) noexcept;
 
-// Locks the outermost one: a fork takes it ahead of all others, and a fork by the
-// thread that holds it doesn't wait. For what runs foreign code, which may fork, or
-// lock others of the guarded ones.
-class OutermostLock {
+// Locks a guarded mutex, unless this thread is forking: it then holds all of them
+// already. Fork handlers that a program registered before it loaded this library run
+// while they are held, and may use the library.
+class Lock {
  public:
-  OutermostLock();
-  ~OutermostLock();
-  OutermostLock(const OutermostLock&) = delete;
-  OutermostLock& operator=(const OutermostLock&) = delete;
+  explicit Lock(std::mutex& mutex);
+  ~Lock();
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+ private:
+  std::mutex* mutex_;  // null: not locked here
 };
 
 // For a thread about to abort, which may hold a guarded mutex: forks wait no

@@ -77,7 +77,7 @@ void Lookup::add_route(Module& module, const std::string& path) {
 // or stays the caller's.
 void Lookup::commit(std::unique_ptr<Module>&& module) {
   using Owner = std::unique_ptr<Module, void (*)(Module*)>;
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const fork_guard::Lock lock(mutex_);
   Map entries;
   std::vector<std::unique_ptr<Node>> nodes;
   for (const std::string& route : *module->routes) {
@@ -128,7 +128,7 @@ class Unregistered {
   Unregistered() { fork_guard::add(mutex_); }
 
   void keep(Module* module) try {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const fork_guard::Lock lock(mutex_);
     modules_.push_back(module);
   } catch (const std::bad_alloc&) {
     // The list only tells leak checkers that the module isn't lost.

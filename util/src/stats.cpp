@@ -20,7 +20,6 @@
 #include <string>
 #include <string_view>
 
-#include "src/fork_guard.h"
 #include "src/once.h"
 #include "src/process_generation.h"
 #include "src/stats_instance.h"
@@ -281,7 +280,6 @@ void initialise() {
 // again.
 void initialise_once() {
   static bool initialised = false;
-  const fork_guard::OutermostLock lock;
   if (!initialised) {
     initialise();
     initialised = true;

@@ -152,7 +152,7 @@ const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) 
   if (diff_size_.load(std::memory_order_acquire) == 0) {
     return nullptr;
   }
-  const std::lock_guard<std::mutex> lock(diff_mutex_);
+  const fork_guard::Lock lock(diff_mutex_);
   const auto found = diff_map_.find(key);
   return found == diff_map_.end() ? nullptr : &found->second;
 }
@@ -169,7 +169,7 @@ bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> val
     return false;
   }
   try {
-    const std::lock_guard<std::mutex> lock(diff_mutex_);
+    const fork_guard::Lock lock(diff_mutex_);
     const bool added = diff_map_.emplace(key, std::move(value)).second;
     diff_size_.store(diff_map_.size(), std::memory_order_release);
     return added;
@@ -180,7 +180,7 @@ bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> val
 }
 
 std::size_t Cache::size() {
-  const std::lock_guard<std::mutex> lock(diff_mutex_);
+  const fork_guard::Lock lock(diff_mutex_);
   return diff_map_.size() + loaded_map_.size();
 }
 

@@ -13,7 +13,7 @@ CleanupController::CleanupController(std::uint64_t threshold) : threshold_(thres
 CleanupController::~CleanupController() { fork_guard::remove(usages_mutex_); }
 
 std::uint64_t CleanupController::get_ticket() {
-  const std::lock_guard<std::mutex> lock(usages_mutex_);
+  const fork_guard::Lock lock(usages_mutex_);
   usages_.push_back(0);
   return usages_.size() - 1;
 }
@@ -27,7 +27,7 @@ bool CleanupController::update_and_check_usage(std::uint64_t ticket, CleanableRe
 }
 
 std::uint64_t CleanupController::update_usage(std::uint64_t ticket, std::uint64_t usage) {
-  const std::lock_guard<std::mutex> lock(usages_mutex_);
+  const fork_guard::Lock lock(usages_mutex_);
   CACHE_ASSERT(ticket < usages_.size());
   total_usage_ = total_usage_ + usage - usages_[ticket];
   usages_[ticket] = usage;

@@ -1,0 +1,30 @@
+#include "src/descriptor.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace quorvane {
+namespace descriptor {
+
+bool is_open_on(int fd, const FileId& file) {
+  struct stat status;
+  return fd >= 0 && fstat(fd, &status) == 0 && id_of(status) == file;
+}
+
+int open_off_standard(const char* path, int flags, mode_t mode) {
+  const int fd = open(path, flags, mode);
+  if (fd < 0 || fd > STDERR_FILENO) {
+    return fd;
+  }
+  const int command = (flags & O_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD;
+  const int moved = fcntl(fd, command, STDERR_FILENO + 1);
+  const int error = errno;
+  close(fd);
+  errno = error;
+  return moved;
+}
+
+}  // namespace descriptor
+}  // namespace quorvane

@@ -1,0 +1,35 @@
+// Descriptors that the library keeps for long, and the files behind them.
+#ifndef QUORVANE_SRC_DESCRIPTOR_H_
+#define QUORVANE_SRC_DESCRIPTOR_H_
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace quorvane {
+namespace descriptor {
+
+// Which file it is, whatever its name. A number of a descriptor is none: the program
+// may have closed it and opened a file of its own.
+struct FileId {
+  dev_t device = 0;
+  ino_t inode = 0;
+
+  bool operator==(const FileId& other) const {
+    return device == other.device && inode == other.inode;
+  }
+};
+
+inline FileId id_of(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+// Whether `fd` is open on this file.
+bool is_open_on(int fd, const FileId& file);
+
+// open(2), but never with the number 0, 1 or 2: a program that was started without its
+// standard descriptors would print into the file. -1 with errno when it can't be
+// opened. Safe in a fork handler.
+int open_off_standard(const char* path, int flags, mode_t mode = 0);
+
+}  // namespace descriptor
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_DESCRIPTOR_H_
