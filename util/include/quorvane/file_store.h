@@ -17,6 +17,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <quorvane/export.h>
@@ -35,6 +36,12 @@ QV_EXPORT std::string get_store_file_path(const std::string& name);
 
 /// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
 /// exclude each other, also in one process, and so do threads on one object.
+///
+/// The file is empty but while an append runs. A process that is killed in an append
+/// leaves a note there, by which the next one that takes the lock undoes the append,
+/// with one WARN record.
+/// Fork-safety: a child lets go of its parent's lock in a fork handler and opens the
+/// file for itself, so that parent and child exclude each other.
 class QV_EXPORT StoreFLock : public Store::Lock {
  public:
   /// Opens the lock file, creating it with mode 0666 less the umask. A failure is
@@ -47,23 +54,50 @@ class QV_EXPORT StoreFLock : public Store::Lock {
 
   bool is_valid() const override;
 
-  /// Waits without a time limit. Errors other than EINTR abort: nobody may touch
-  /// the files without the lock. In a child of fork the first call opens the lock
-  /// file anew, so that parent and child exclude each other.
+  /// Waits without a time limit; after 5 s, and then once a minute, a WARN record says
+  /// for which lock, and which process holds it where the kernel tells. Takes the file
+  /// that has the name at the end of the wait: one that was deleted or replaced excludes
+  /// nobody. Errors other than EINTR abort: nobody may touch the files without the lock.
   void lock() override;
   void unlock() override;
 
   // End of the public interface.
 
  private:
+  friend class FileStoreSkeleton;
+  friend class NotedChange;
+  struct InProcess;
+
+  bool was_open() const { return inode_ != 0; }
+  bool is_open_on_own_file() const;
+  bool is_held_by_this_thread() const;
+  bool is_lost();
+  bool ensure_open();
+  bool adopt(int fd);
+  bool is_replaced() const;
+  bool take_file_at_path();
+
+  void take_turn();
+  void give_turn();
+  void lock_file();
   void call_flock(int operation);
   void leave_parents_lock();
-  void reopen();
+  void reopen_in_child();
+
+  void undo_unfinished_append();
+  bool put_note(std::string_view bytes);
+  bool clear_note();
 
   std::atomic<int> fd_{-1};
   std::string path_;
   std::atomic<std::uint64_t> generation_;    // of the process that opened fd_
   std::atomic<const void*> owner_{nullptr};  // the thread that holds the lock
+  std::uint64_t device_ = 0;                 // of the file that fd_ was opened on
+  std::uint64_t inode_ = 0;
+  bool is_inherited_ = false;       // a parent made the lock
+  bool note_stays_ = false;         // a note that was heeded can't be cleared
+  StoreFLock* previous_ = nullptr;  // all locks of the process
+  StoreFLock* next_ = nullptr;
 };
 
 /// What all file stores share: the header, the entry encoding, and the locked
@@ -128,7 +162,12 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
     std::uint32_t version;       ///< of the format: 1 basic, 2 lazy look-up
   };
 
+  /// The lock, when it is a lock on a file; else null.
+  StoreFLock* file_lock() const;
+
  private:
+  bool is_lock_lost() const;
+
   CleanupController* cleanup_controller_;
   std::uint64_t ticket_;
   std::uint64_t loaded_map_last_size_ = 0;

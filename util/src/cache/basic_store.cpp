@@ -8,6 +8,7 @@
 
 #include "src/cache/checks.h"
 #include "src/cache/entry_scan.h"
+#include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
 #include "src/cache/trace.h"
 
@@ -168,7 +169,15 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   if (!check_consistent_state()) {
     return false;
   }
+  NotedChange noted(file_lock(), {&fpath_});
+  if (!noted.may_begin()) {
+    return report_standing_note(fpath_);
+  }
+  noted.create_missing();
   std::ofstream file = cache_file_prepare_to_append(fpath_);
+  if (!file.is_open()) {
+    noted.undo();  // nothing is left to be removed
+  }
   bool fbuffer_corrupted = false;
   if (file.good()) {
     const std::streamoff start = file.tellp();
@@ -182,8 +191,10 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   file.close();  // some file systems tell only now
   if (!CACHE_EXPECT(1, !fbuffer_corrupted && file.good())) {
     remove_unstored_file();
+    noted.end();
     return false;
   }
+  noted.end();
   QV_LOG(g_module, DEBUG, "Cache file %s stored", fpath_.c_str());
   return true;
 }
@@ -196,7 +207,7 @@ bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
     if (new_keys.count(key) != 0) {
       continue;  // another process stored it meanwhile
     }
-    util::RwBuffer fbuffer = entry_buffer(get_entry_representation_size(key, val));
+    util::RwBuffer fbuffer(get_entry_representation_size(key, val));
     util::BufferWriter fwriter = fbuffer.writer();
     if (!write_entry(fwriter, key, val)) {
       return false;

@@ -1,5 +1,7 @@
 #include <quorvane/file_store.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -27,7 +29,7 @@ class Locked {
 };
 
 std::size_t threshold_from_environment() {
-  const char* threshold_env = std::getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
+  const char* threshold_env = secure_getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
   std::size_t threshold = 0;
   if (CACHE_EXPECT(2, threshold_env) &&
       CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) == 1)) {
@@ -47,14 +49,27 @@ util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size)
   return util::RwBuffer(size <= freader.remaining() ? size : 0);
 }
 
+bool is_empty_file(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && status.st_size == 0;
+}
+
 // A lazy store whose files are there, if they can be made: it loads nothing
 // without them. Half a pair is left alone; the load will tell of it.
 std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
-                                              std::shared_ptr<Store::Lock> lock,
+                                              const std::shared_ptr<StoreFLock>& lock,
                                               CleanupController* controller) {
-  auto store = std::make_unique<LazyLookupStore>(name, std::move(lock), controller);
-  if (store->is_valid() &&
-      !file_exists(get_store_file_path(LazyLookupStore::get_key_fname(name))) &&
+  auto store = std::make_unique<LazyLookupStore>(name, lock, controller);
+  if (!store->is_valid()) {
+    return store;
+  }
+  if (!is_empty_file(get_store_file_path(lock_file_name(name)))) {
+    // Another process is creating the pair, or was killed at it. To take the lock is to
+    // wait for the one and to undo the other.
+    lock->lock();
+    lock->unlock();
+  }
+  if (!file_exists(get_store_file_path(LazyLookupStore::get_key_fname(name))) &&
       !file_exists(get_store_file_path(LazyLookupStore::get_val_fname(name)))) {
     store->try_store_diff({});
   }
@@ -64,7 +79,7 @@ std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
 }  // namespace
 
 std::string get_store_file_path(const std::string& name) {
-  const char* root = std::getenv("QV_CACHE_STORE_ROOT");
+  const char* root = secure_getenv("QV_CACHE_STORE_ROOT");
   qv_fault_expect(g_module.get(), 2, root != nullptr,
                   "Caching enabled, but QV_CACHE_STORE_ROOT not set.");
   return root == nullptr || *root == '\0' ? "" : std::string(root) + "/" + name;
@@ -91,7 +106,17 @@ bool FileStoreSkeleton::is_valid() const { return lock_ && lock_->is_valid(); }
 std::uint64_t FileStoreSkeleton::get_usage() { return nonlock_get_disk_usage(); }
 void FileStoreSkeleton::clean() { nonlock_clean(); }
 
+StoreFLock* FileStoreSkeleton::file_lock() const { return dynamic_cast<StoreFLock*>(lock_.get()); }
+
+bool FileStoreSkeleton::is_lock_lost() const {
+  StoreFLock* const lock = file_lock();
+  return lock != nullptr && lock->is_lost();
+}
+
 bool FileStoreSkeleton::try_load(EntryMap& out) {
+  if (is_lock_lost()) {
+    return false;
+  }
   const Locked locked(*lock_);
   cleanup_controller_->process(ticket_, *this);
   out.clear();
@@ -103,6 +128,9 @@ bool FileStoreSkeleton::try_load(EntryMap& out) {
 }
 
 bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
+  if (is_lock_lost()) {
+    return false;
+  }
   const Locked locked(*lock_);
   KeySet new_keys;
   const bool new_keys_loaded = try_nonlock_load_new_keys(new_keys);

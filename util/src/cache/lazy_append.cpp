@@ -6,7 +6,6 @@
 #include <quorvane/file_store.h>
 
 #include "src/cache/checks.h"
-#include "src/cache/store_files.h"
 
 // The text of a write's check is what its record quotes: no cast inside it.
 #pragma GCC diagnostic ignored "-Wsign-conversion"
@@ -52,8 +51,7 @@ bool LazyAppend::write_values(const EntryMap& diff, const KeySet& keys_to_skip) 
     if (keys_to_skip.count(key) != 0) {
       continue;  // another process stored it meanwhile
     }
-    util::RwBuffer val_fbuffer =
-        entry_buffer(LazyLookupStore::get_val_file_entry_representation_size(val));
+    util::RwBuffer val_fbuffer(LazyLookupStore::get_val_file_entry_representation_size(val));
     util::BufferWriter fwriter = val_fbuffer.writer();
     if (!LazyLookupStore::write_val_file_entry(fwriter, val)) {
       return false;
@@ -74,8 +72,7 @@ bool LazyAppend::write_keys(const EntryMap& diff, const KeySet& keys_to_skip) {
     if (keys_to_skip.count(key) != 0) {
       continue;
     }
-    util::RwBuffer key_fbuffer =
-        entry_buffer(LazyLookupStore::get_key_file_entry_representation_size(key, val));
+    util::RwBuffer key_fbuffer(LazyLookupStore::get_key_file_entry_representation_size(key, val));
     util::BufferWriter fwriter = key_fbuffer.writer();
     if (!LazyLookupStore::write_key_file_entry(fwriter, key, val_offset, val)) {
       return false;

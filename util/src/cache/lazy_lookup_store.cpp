@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <limits>
 #include <utility>
 
@@ -11,6 +10,7 @@
 #include "src/cache/checks.h"
 #include "src/cache/key_file_scan.h"
 #include "src/cache/lazy_append.h"
+#include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
 #include "src/cache/trace.h"
 
@@ -183,8 +183,10 @@ std::uint64_t LazyLookupStore::nonlock_get_disk_usage() const {
 }
 
 void LazyLookupStore::nonlock_clean() {
+  NotedChange noted(file_lock(), {&key_fpath_, &val_fpath_});  // half a pair is damage
   unlink(val_fpath_.c_str());
   unlink(key_fpath_.c_str());
+  noted.end();
   QV_LOG(g_module, DEBUG, "Cachemap files %s and %s cleaned", key_fpath_.c_str(),
          val_fpath_.c_str());
 }
@@ -313,14 +315,18 @@ bool LazyLookupStore::read_new_key(util::BufferReader& key_freader, KeySet& keys
 
 bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) {
   const bool are_new = !file_exists(key_fpath_) && !file_exists(val_fpath_);
+  NotedChange noted(file_lock(), {&key_fpath_, &val_fpath_});
+  if (!noted.may_begin()) {
+    return report_standing_note(key_fpath_);
+  }
+  noted.create_missing();
   std::ofstream key_file = cache_file_prepare_to_append(key_fpath_);
   std::ofstream val_file = cache_file_prepare_to_append(val_fpath_);
   if (!key_file.good() || !val_file.good()) {
-    if (are_new) {  // half a pair would fail every load from now on
-      std::remove(key_fpath_.c_str());
-      std::remove(val_fpath_.c_str());
+    if (!are_new) {
+      noted.end();
     }
-    return false;
+    return false;  // half a new pair would fail every load from now on
   }
   Trace trace(this, TraceCategory::append);
   LazyAppend append(key_file, val_file);
@@ -332,8 +338,10 @@ bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& key
   if (!CACHE_EXPECT_AT(1, !fbuffer_corrupted && key_file.good() && val_file.good(), 1126)) {
     // clang-format on
     remove_unstored_files();
+    noted.end();
     return false;
   }
+  noted.end();
   QV_LOG(g_module, DEBUG, "Cache files (%s, %s) stored", key_fpath_.c_str(), val_fpath_.c_str());
   return true;
 }

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "src/cache/checks.h"
 
@@ -22,18 +21,16 @@ void map_whole(util::MMappedFile& file, const std::string& path) {
   file.open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
 }
 
-util::RwBuffer entry_buffer(std::uint64_t size) {
-  try {
-    return util::RwBuffer(size);
-  } catch (const std::bad_alloc&) {
-    return util::RwBuffer(0);
-  }
-}
-
 void remove_unstored(const std::string& path) {
   if (std::remove(path.c_str()) == 0) {
     QV_LOG(g_module, WARN, "Error removing file %s: %s\n", path.c_str(), std::strerror(errno));
   }
+}
+
+bool report_standing_note(const std::string& path) {
+  QV_LOG(g_module, WARN, "Nothing is appended to %s: its lock file can't be written to",
+         path.c_str());
+  return false;
 }
 
 }  // namespace cache

@@ -13,17 +13,22 @@ namespace cache {
 
 bool file_exists(const std::string& path);
 
+// The lock file of a lock of this name.
+inline std::string lock_file_name(const std::string& name) {
+  return name.empty() ? "lock" : "lock_" + name;
+}
+
 // Maps all of a file for reading; `file` stays closed when that fails. A pipe in
 // the file's place fails too, and is not waited for.
 void map_whole(util::MMappedFile& file, const std::string& path);
 
-// A buffer for an entry of `size` bytes, or, when there is no memory for that,
-// one in which the entry has no room.
-util::RwBuffer entry_buffer(std::uint64_t size);
-
 // Deletes a file that an append left half-written. Its record tells of the
 // deletion, not, as its words have it, of a failure: readers of logs know it so.
 void remove_unstored(const std::string& path);
+
+// Logs why nothing is appended: the lock file holds the note of an append that was cut
+// short, and this process may not clear it. Always false.
+bool report_standing_note(const std::string& path);
 
 }  // namespace cache
 }  // namespace quorvane

@@ -1,15 +1,28 @@
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <new>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include <quorvane/file_store.h>
 
+#include "src/cache/append_note.h"
 #include "src/cache/checks.h"
+#include "src/cache/lock_watch.h"
+#include "src/cache/store_files.h"
+#include "src/descriptor.h"
+#include "src/fork_guard.h"
 #include "src/process_generation.h"
 
 namespace quorvane {
@@ -18,14 +31,20 @@ namespace {
 
 constexpr mode_t kMode = 0666;
 
-// Marks a generation whose first caller is just opening the lock file anew.
+// Marks a generation whose first caller is just opening the lock file for it.
 constexpr std::uint64_t kReopening = std::uint64_t{1} << 63;
+
+// Larger than any note: a lock file that holds more makes no sense.
+constexpr std::size_t kLargestNote = 4096;
+constexpr std::size_t kNoteHeaderSize = 16;
 
 // To lock a file takes no permission to write to it, which a child may have lost with
 // its user.
-int open_to_lock(const std::string& path, int flags) {
-  const int fd = open(path.c_str(), O_RDWR | flags, kMode);
-  return fd < 0 && errno == EACCES ? open(path.c_str(), O_RDONLY | flags, kMode) : fd;
+int open_to_lock(const char* path, int flags) {
+  const int fd = descriptor::open_off_standard(path, O_RDWR | O_CLOEXEC | flags, kMode);
+  return fd < 0 && errno == EACCES
+             ? descriptor::open_off_standard(path, O_RDONLY | O_CLOEXEC | flags, kMode)
+             : fd;
 }
 
 // Its address names a thread.
@@ -33,51 +52,128 @@ thread_local char t_identity;
 
 }  // namespace
 
+// All locks of the process, for a child to leave.
+struct StoreFLock::InProcess {
+  static constinit inline std::mutex mutex;
+  static constinit inline StoreFLock* first = nullptr;
+
+  static void add(StoreFLock& lock) {
+    const fork_guard::Lock guard(mutex);
+    lock.next_ = first;
+    if (first != nullptr) {
+      first->previous_ = &lock;
+    }
+    first = &lock;
+  }
+
+  static void remove(StoreFLock& lock) {
+    const fork_guard::Lock guard(mutex);
+    (lock.previous_ != nullptr ? lock.previous_->next_ : first) = lock.next_;
+    if (lock.next_ != nullptr) {
+      lock.next_->previous_ = lock.previous_;
+    }
+  }
+
+  // Not at a lock's first use: until then the child would keep the lock of a parent
+  // that is killed, and everybody else would wait for the child.
+  static void leave_parents_locks() {
+    const fork_guard::Lock guard(mutex);
+    for (StoreFLock* lock = first; lock != nullptr; lock = lock->next_) {
+      lock->leave_parents_lock();
+    }
+  }
+
+  static bool prepare() {
+    fork_guard::add(mutex);
+    return pthread_atfork(nullptr, nullptr, &leave_parents_locks) == 0;
+  }
+  static inline const bool is_prepared = prepare();
+};
+
 StoreFLock::StoreFLock(const std::string& name)
-    : path_(get_store_file_path(name.empty() ? "lock" : "lock_" + name)),
-      generation_(process_generation()) {
-  fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
-  if (fd_ < 0) {
+    : path_(get_store_file_path(lock_file_name(name))), generation_(process_generation()) {
+  const int fd = descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
+  if (!adopt(fd)) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
   }
+  InProcess::add(*this);
 }
 
 StoreFLock::StoreFLock(StoreFLock&& other) noexcept
     : fd_(other.fd_.exchange(-1)),
       path_(std::move(other.path_)),
       generation_(other.generation_.load()),
-      owner_(other.owner_.exchange(nullptr)) {}
+      owner_(other.owner_.exchange(nullptr)),
+      device_(std::exchange(other.device_, 0)),
+      inode_(std::exchange(other.inode_, 0)),
+      is_inherited_(other.is_inherited_),
+      note_stays_(other.note_stays_) {
+  InProcess::add(*this);
+}
 
 StoreFLock::~StoreFLock() {
-  if (fd_ >= 0) {
+  InProcess::remove(*this);
+  if (is_open_on_own_file()) {
     close(fd_);
   }
 }
 
 bool StoreFLock::is_valid() const { return fd_ >= 0; }
 
+// --- the lock ---
+
 // Nobody looks at the descriptor before it is the process's own: it may just be
 // getting another number.
 void StoreFLock::lock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  // flock sees one lock per descriptor; its threads exclude each other here.
-  const void* owner = nullptr;
-  while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
-    owner_.wait(owner);
-    owner = nullptr;
-  }
-  call_flock(LOCK_EX);
+  take_turn();
+  lock_file();
+  undo_unfinished_append();
 }
 
 void StoreFLock::unlock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  call_flock(LOCK_UN);
-  // Whoever took it: the file is free now, and nobody may wait for it any more.
+  if (is_open_on_own_file()) {  // else the lock went when the program closed it
+    call_flock(LOCK_UN);
+  }
+  give_turn();
+}
+
+// flock sees one lock per descriptor; its threads exclude each other here.
+void StoreFLock::take_turn() {
+  std::optional<LockWatch> watch;
+  const void* owner = nullptr;
+  while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
+    if (!watch) {
+      watch.emplace(path_, [] { return getpid(); });
+    }
+    owner_.wait(owner);
+    owner = nullptr;
+  }
+}
+
+// Whoever took it: the file is free now, and nobody may wait for it any more.
+void StoreFLock::give_turn() {
   owner_.store(nullptr);
   owner_.notify_one();
+}
+
+bool StoreFLock::is_held_by_this_thread() const { return owner_ == &t_identity; }
+
+void StoreFLock::lock_file() {
+  do {
+    ensure_open();
+    CACHE_ASSERT(fd_ >= 0);
+    std::optional<LockWatch> watch;
+    if (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      const descriptor::FileId file{device_, inode_};
+      watch.emplace(path_, [file] { return flock_holder(file); });
+    }
+    call_flock(LOCK_EX);  // at once where the first attempt got it
+  } while (is_replaced() && take_file_at_path());
 }
 
 void StoreFLock::call_flock(int operation) {
@@ -88,9 +184,74 @@ void StoreFLock::call_flock(int operation) {
   CACHE_ASSERT(flock_ret == 0);
 }
 
-// An inherited descriptor shares its parent's lock: it would exclude nothing,
-// and unlocking it would drop the parent's. The first caller in a child opens
-// the file anew; others wait for it.
+// --- the file ---
+
+// Whether the number is still that of the lock file: the program may have closed all
+// descriptors and opened files of its own.
+bool StoreFLock::is_open_on_own_file() const {
+  return descriptor::is_open_on(fd_, {device_, inode_});
+}
+
+// Takes over a descriptor that was just opened, or none (-1, and false).
+bool StoreFLock::adopt(int fd) {
+  struct stat status;
+  if (fd >= 0 && fstat(fd, &status) == 0) {
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+  }
+  fd_ = fd;
+  return fd >= 0;
+}
+
+bool StoreFLock::ensure_open() {
+  return is_open_on_own_file() || adopt(open_to_lock(path_.c_str(), O_CREAT));
+}
+
+// Whether the name leads to another file than the one that is locked, or to none.
+bool StoreFLock::is_replaced() const {
+  struct stat status;
+  if (stat(path_.c_str(), &status) != 0) {
+    return errno == ENOENT;
+  }
+  return status.st_dev != device_ || status.st_ino != inode_;
+}
+
+// False, with the old file still open, when there can be no file of this name: then
+// there is none for anybody else either.
+bool StoreFLock::take_file_at_path() {
+  const int fd = open_to_lock(path_.c_str(), O_CREAT);
+  if (fd < 0) {
+    return false;
+  }
+  close(fd_);
+  return adopt(fd);
+}
+
+// Before a sequence: whether a lock that was open once can't be had any more. A child
+// may have lost it with its root directory or its permissions.
+bool StoreFLock::is_lost() {
+  leave_parents_lock();
+  if (!was_open()) {
+    return false;  // lock() tells
+  }
+  const bool is_nested = is_held_by_this_thread();
+  take_turn();
+  const bool is_found = ensure_open() && !(is_inherited_ && is_replaced() && !take_file_at_path());
+  if (!is_found) {
+    QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
+           std::strerror(errno));
+  }
+  if (!is_nested) {
+    give_turn();
+  }
+  return !is_found;
+}
+
+// --- in a child ---
+
+// An inherited descriptor shares its parent's lock: it would exclude nothing, and
+// unlocking it would drop the parent's. Usually the fork handler calls this; in a child
+// that was made by a raw clone, the first caller, and others wait for it.
 void StoreFLock::leave_parents_lock() {
   const std::uint64_t own = process_generation();
   std::uint64_t seen = generation_.load();
@@ -100,8 +261,9 @@ void StoreFLock::leave_parents_lock() {
       seen = generation_.load();
     } else if (generation_.compare_exchange_strong(seen, own | kReopening)) {
       owner_.store(nullptr);
+      is_inherited_ = true;
       if (fd_ >= 0) {
-        reopen();
+        reopen_in_child();
       }
       generation_.store(own);
       generation_.notify_all();
@@ -110,22 +272,61 @@ void StoreFLock::leave_parents_lock() {
   }
 }
 
-void StoreFLock::reopen() {
-  const std::string self = "/proc/self/fd/" + std::to_string(fd_);
-  const int fresh = open_to_lock(self, O_CLOEXEC);
-  if (fresh >= 0) {
-    int dup_ret;
-    do {
-      dup_ret = dup3(fresh, fd_, O_CLOEXEC);
-    } while (dup_ret < 0 && errno == EINTR);
-    CACHE_ASSERT(dup_ret == fd_);
-    close(fresh);
+// Allocates nothing. A file that can't be opened now is tried again at the first use.
+void StoreFLock::reopen_in_child() {
+  if (!is_open_on_own_file()) {
     return;
   }
-  // No /proc, or no descriptor to spare: give this one up first.
-  close(fd_);
-  fd_ = open_to_lock(path_, O_CREAT | O_CLOEXEC);
-  CACHE_ASSERT(fd_ >= 0);
+  const int inherited = fd_;
+  std::array<char, 32> self;
+  std::snprintf(self.data(), self.size(), "/proc/self/fd/%d", inherited);
+  const int own = open_to_lock(self.data(), 0);
+  close(inherited);
+  // No /proc, or no descriptor to spare until now.
+  adopt(own >= 0 ? own : open_to_lock(path_.c_str(), O_CREAT));
+}
+
+// --- the note of an append ---
+
+// With the lock in hand: nobody else is in the middle of an append.
+void StoreFLock::undo_unfinished_append() try {
+  note_stays_ = false;
+  struct stat status;
+  if (fstat(fd_, &status) != 0 || status.st_size == 0) {
+    return;
+  }
+  std::array<char, kLargestNote> bytes;
+  const ssize_t size = std::max<ssize_t>(pread(fd_, bytes.data(), bytes.size(), 0), 0);
+  const auto note = AppendNote::decode(path_.substr(0, path_.rfind('/')),
+                                       {bytes.data(), static_cast<std::size_t>(size)});
+  if (note && note->undo()) {
+    QV_LOG(g_module, WARN, "Undid an append to %s that was cut short", note->paths().c_str());
+  }
+  note_stays_ = !clear_note() && note;
+} catch (const std::bad_alloc&) {
+  note_stays_ = true;
+}
+
+// False when the lock file holds a note that stays: by it the next process would undo
+// what is now appended. A note that can't be written (the disk is full, say) is no
+// reason not to append.
+bool StoreFLock::put_note(std::string_view bytes) {
+  if (note_stays_) {
+    return false;
+  }
+  if (is_open_on_own_file() &&
+      pwrite(fd_, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+    clear_note();
+  }
+  return true;
+}
+
+// Where the file can't be cut, the note is overwritten: no note is to undo an append
+// that has ended.
+bool StoreFLock::clear_note() {
+  constexpr std::array<char, kNoteHeaderSize> kNoNote{};
+  return is_open_on_own_file() &&
+         (ftruncate(fd_, 0) == 0 || pwrite(fd_, kNoNote.data(), kNoNote.size(), 0) > 0);
 }
 
 }  // namespace cache

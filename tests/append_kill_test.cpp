@@ -1,0 +1,274 @@
+// Appends that are killed: no kill makes a store unreadable or loses an entry that was
+// stored before.
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::Cache;
+using quorvane::cache::make_file_store;
+using quorvane::cache::StoreKind;
+using test::buffer;
+using test::buffers;
+using test::Ran;
+using test::TempDir;
+
+namespace {
+
+StoreKind kind_of(const std::string& name) {
+  return name == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
+}
+
+std::unique_ptr<Cache> open_cache(const std::string& kind) {
+  return std::make_unique<Cache>("maps", make_file_store(kind_of(kind), "maps"), false);
+}
+
+// The entries of one append: larger together than a stream's buffer, so that they reach
+// the file in several writes.
+constexpr int kEntriesOfAnAppend = 40;
+
+std::string key_of(int append, int entry) {
+  return "append" + std::to_string(append) + "." + std::to_string(entry);
+}
+
+std::string value_of(const std::string& key, std::size_t size) {
+  std::string value = key;
+  value.resize(size, '.');
+  return value;
+}
+
+void add_entries(Cache& cache, int append, std::size_t value_size) {
+  for (int entry = 0; entry < kEntriesOfAnAppend; ++entry) {
+    const std::string key = key_of(append, entry);
+    cache.add_value(buffer(key), buffers({value_of(key, value_size), "second"}));
+  }
+}
+
+// How many entries of an append the cache has; -1 when one has a wrong value.
+int count_entries(Cache& cache, int append, std::size_t value_size) {
+  int count = 0;
+  for (int entry = 0; entry < kEntriesOfAnAppend; ++entry) {
+    const std::string key = key_of(append, entry);
+    if (const auto* value = cache.get_value(buffer(key))) {
+      if (value->size() != 2 || test::bytes_of(value->front()) != value_of(key, value_size)) {
+        return -1;
+      }
+      ++count;
+    }
+  }
+  return count;
+}
+
+// What the kills of one run came to.
+struct Tally {
+  int kills = 0;
+  int unreadable = 0;
+  int lost = 0;    // appends that had returned and aren't there in full
+  int halved = 0;  // killed appends of which a part is there
+  int undone = 0;
+
+  void look_at(const std::string& kind, const std::vector<int>& stored, int killed,
+               std::size_t value_size) {
+    const auto cache = open_cache(kind);
+    unreadable += !cache->is_valid();
+    for (const int append : stored) {
+      lost += count_entries(*cache, append, value_size) != kEntriesOfAnAppend;
+    }
+    const int of_killed = count_entries(*cache, killed, value_size);
+    halved += of_killed != 0 && of_killed != kEntriesOfAnAppend;
+    undone += of_killed == 0;
+  }
+
+  void print() const {
+    std::printf("kills %d unreadable %d lost %d halved %d", kills, unreadable, lost, halved);
+    std::fprintf(stderr, "%d kills, %d appends undone\n", kills, undone);
+  }
+};
+
+// --- a kill at every system call ---
+
+// Runs `append` in a child that is killed at its system call stop number `stop`. False
+// when it ended before.
+template <typename Append>
+bool is_killed_at(int stop, const Append& append) {
+  const pid_t child = fork();
+  if (child == 0) {
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    raise(SIGSTOP);
+    append();
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  for (int stops = 0; stops < stop; ++stops) {
+    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    waitpid(child, &status, 0);
+    if (!WIFSTOPPED(status)) {
+      return false;
+    }
+  }
+  kill(child, SIGKILL);
+  waitpid(child, &status, 0);
+  return true;
+}
+
+}  // namespace
+
+// Arguments: kind, what is there before ("nothing" or "entries"), the size of values.
+SCENARIO(kill_at_each_call) {
+  const std::string& kind = arguments.at(0);
+  const bool from_nothing = arguments.at(1) == "nothing";
+  const auto value_size = static_cast<std::size_t>(std::stoul(arguments.at(2)));
+  const std::string root = getenv("QV_CACHE_STORE_ROOT");
+  Tally tally;
+  bool killed = true;
+  for (int stop = 1; killed; ++stop) {
+    std::vector<int> stored;
+    if (from_nothing) {
+      for (const char* name : {"/maps", "/key_maps", "/val_maps"}) {
+        unlink((root + name).c_str());
+      }
+    } else {
+      add_entries(*open_cache(kind), 0, value_size);
+      stored.push_back(0);
+    }
+    killed = is_killed_at(stop, [&] { add_entries(*open_cache(kind), stop, value_size); });
+    tally.kills += killed;
+    if (!killed) {
+      stored.push_back(stop);
+    }
+    tally.look_at(kind, stored, stop, value_size);
+  }
+  tally.print();
+  return 0;
+}
+
+// Arguments: kind, kills. Each child appends again and again, and says after each append
+// which it was; it is killed after a while that depends on nothing.
+SCENARIO(kill_anywhere) {
+  const std::string& kind = arguments.at(0);
+  constexpr std::size_t kValueSize = 4000;
+  std::mt19937 random(getpid());
+  std::uniform_int_distribution<int> microseconds(0, 8000);
+  Tally tally;
+  std::vector<int> stored;
+  int next = 0;
+  while (tally.kills < std::stoi(arguments.at(1))) {
+    int acknowledged[2];
+    if (pipe(acknowledged) != 0) {
+      return 2;
+    }
+    const int first = next;
+    const pid_t child = fork();
+    if (child == 0) {
+      for (int append = first;; ++append) {
+        add_entries(*open_cache(kind), append, kValueSize);
+        static_cast<void>(!write(acknowledged[1], &append, sizeof(append)));
+      }
+    }
+    close(acknowledged[1]);
+    usleep(static_cast<useconds_t>(microseconds(random)));
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ++tally.kills;
+    for (int append; read(acknowledged[0], &append, sizeof(append)) == sizeof(append);) {
+      stored.push_back(append);
+      next = append + 1;
+    }
+    close(acknowledged[0]);
+    tally.look_at(kind, stored, next, kValueSize);
+    ++next;  // what was killed may be there in full
+    if (stored.size() > 50) {
+      stored.clear();
+      const std::string root = getenv("QV_CACHE_STORE_ROOT");
+      for (const char* name : {"/maps", "/key_maps", "/val_maps"}) {
+        unlink((root + name).c_str());
+      }
+    }
+  }
+  tally.print();
+  return 0;
+}
+
+namespace {
+
+class AppendKills : public testing::TestWithParam<const char*> {
+ protected:
+  Ran run(const std::string& scenario, test::Arguments arguments) const {
+    arguments.insert(arguments.begin(), GetParam());
+    return test::run_scenario(scenario,
+                              {{"QV_CACHE_STORE_ROOT", root_.path()},
+                               {"QV_CACHE_STORE_CLEANUP_THRESHOLD", "0"},
+                               {"QV_LOG_LEVEL", "WARN"}},
+                              arguments);
+  }
+
+  // "kills N unreadable 0 lost 0 halved 0" with any N above `least`.
+  static void expect_no_harm(const Ran& ran, int least) {
+    int kills = 0;
+    char rest[64] = "";
+    ASSERT_EQ(std::sscanf(ran.out.c_str(), "kills %d %63[^\n]", &kills, rest), 2) << ran.out;
+    EXPECT_STREQ(rest, "unreadable 0 lost 0 halved 0") << ran.err;
+    EXPECT_GE(kills, least);
+  }
+
+  // The only records are those of appends that were undone, one for each at most.
+  void expect_only_undone(const Ran& ran) const {
+    const std::string paths = std::string(GetParam()) == "basic"
+                                  ? root_.file("maps")
+                                  : root_.file("key_maps") + ", " + root_.file("val_maps");
+    int kills = 0;
+    std::sscanf(ran.out.c_str(), "kills %d", &kills);
+    auto messages = ran.messages();
+    std::erase(messages, "INFO Statistics capture disabled.");
+    EXPECT_FALSE(messages.empty());
+    EXPECT_LE(messages.size(), static_cast<std::size_t>(kills));
+    for (const std::string& message : messages) {
+      EXPECT_EQ(message, "WARN Undid an append to " + paths + " that was cut short");
+    }
+    EXPECT_EQ(test::read_file(root_.file("lock_maps")), "");
+  }
+
+  const TempDir root_;
+};
+
+TEST_P(AppendKills, AtAnyCallOfTheFirstAppendLeaveAStoreThatLoads) {
+  const Ran ran = run("kill_at_each_call", {"nothing", "100"});
+  expect_no_harm(ran, 20);
+  expect_only_undone(ran);
+}
+
+TEST_P(AppendKills, AtAnyCallOfAnAppendLeaveWhatWasStored) {
+  const Ran ran = run("kill_at_each_call", {"entries", "4000"});
+  expect_no_harm(ran, 50);
+  expect_only_undone(ran);
+}
+
+// QV_TEST_KILLS has more of them.
+TEST_P(AppendKills, AtAnyMomentLeaveWhatWasStored) {
+  const char* const kills = getenv("QV_TEST_KILLS");
+  const Ran ran = run("kill_anywhere", {kills == nullptr ? "40" : kills});
+  expect_no_harm(ran, 40);
+  expect_only_undone(ran);
+  std::fprintf(stderr, "%s: %s%s", GetParam(), ran.out.c_str(), ran.err.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, AppendKills, testing::Values("basic", "lazy"),
+                         [](const auto& test) { return std::string(test.param); });
+
+}  // namespace
