@@ -94,7 +94,7 @@ struct Tally {
   }
 
   void print() const {
-    std::printf("kills %d unreadable %d lost %d halved %d", kills, unreadable, lost, halved);
+    std::printf("kills %d unreadable %d lost %d halved %d\n", kills, unreadable, lost, halved);
     std::fprintf(stderr, "%d kills, %d appends undone\n", kills, undone);
   }
 };
@@ -248,9 +248,11 @@ class AppendKills : public testing::TestWithParam<const char*> {
 };
 
 TEST_P(AppendKills, AtAnyCallOfTheFirstAppendLeaveAStoreThatLoads) {
-  const Ran ran = run("kill_at_each_call", {"nothing", "100"});
-  expect_no_harm(ran, 20);
-  expect_only_undone(ran);
+  for (const char* value_size : {"100", "4000"}) {
+    const Ran ran = run("kill_at_each_call", {"nothing", value_size});
+    expect_no_harm(ran, 20);
+    expect_only_undone(ran);
+  }
 }
 
 TEST_P(AppendKills, AtAnyCallOfAnAppendLeaveWhatWasStored) {

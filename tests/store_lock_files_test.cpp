@@ -4,6 +4,7 @@
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -489,4 +490,226 @@ SCENARIO(fork_beside_a_holder) {
 TEST(StoreFLockFiles, AChildForkedBesideAHolderWaitsForItAndThenGetsTheLock) {
   const TempDir root;
   EXPECT_EQ(run("fork_beside_a_holder", root).out, "1 0");
+}
+
+// --- what the file holds ---
+
+namespace {
+
+std::unique_ptr<Cache> basic_cache() {
+  return std::make_unique<Cache>("maps", make_file_store(StoreKind::basic, "maps"), false);
+}
+
+void add_one(const std::string& key, std::size_t size) {
+  basic_cache()->add_value(buffer(key), buffers({std::string(size, 'v')}));
+}
+
+// A process that the kernel kills in the middle of its append, where its file would grow
+// beyond the limit.
+int killed_in_an_append() {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit limit{10000, 10000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    add_one("killed", 20000);
+    _exit(0);
+  }
+  return ended(child);
+}
+
+std::string undone(const TempDir& root) {
+  return "WARN Undid an append to " + root.file("maps") + " that was cut short";
+}
+
+Messages relevant(const Ran& ran) {
+  Messages messages = test::without_lines(ran.messages());
+  std::erase(messages, "INFO Statistics capture disabled.");
+  return messages;
+}
+
+}  // namespace
+
+SCENARIO(append_after_a_killed_one) {
+  add_one("first", 1);
+  std::printf("%d ", killed_in_an_append());
+  add_one("second", 1);
+  add_one("third", 1);
+  return 0;
+}
+
+TEST(StoreFLockNote, OfAKilledAppendIsHeededOnceAndWithOneRecord) {
+  const TempDir root;
+  const Ran ran = run("append_after_a_killed_one", root);
+  EXPECT_EQ(ran.out, std::to_string(1000 + SIGXFSZ) + " ");
+  EXPECT_EQ(relevant(ran), Messages{undone(root)});
+  EXPECT_EQ(test::read_file(root.file("maps")),
+            test::basic_file({{"first", {"v"}}, {"second", {"v"}}, {"third", {"v"}}}));
+  EXPECT_EQ(test::read_file(root.file("lock_maps")), "");
+}
+
+SCENARIO(take_and_leave_the_lock) {
+  StoreFLock lock("maps");
+  lock.lock();
+  lock.unlock();
+  return 0;
+}
+
+TEST(StoreFLockNote, ThatMakesNoSenseIsClearedInSilence) {
+  for (const std::string& text :
+       {std::string("text"), std::string(5000, 'x'), std::string(100, '\0')}) {
+    const TempDir root;
+    test::write_file(root.file("lock_maps"), text);
+    test::write_file(root.file("maps"), "what is there");
+    const Ran ran = run("take_and_leave_the_lock", root);
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_EQ(ran.messages(), Messages{});
+    EXPECT_EQ(test::read_file(root.file("lock_maps")), "");
+    EXPECT_EQ(test::read_file(root.file("maps")), "what is there");
+  }
+}
+
+// The note's reader may not write to the lock file: what it appended would be undone by
+// the next one.
+SCENARIO(append_beside_a_note_that_stays) {
+  add_one("first", 1);
+  killed_in_an_append();
+  const pid_t child = fork();
+  if (child == 0) {
+    test::refuse(SYS_pwrite64, EBADF);
+    test::refuse(SYS_ftruncate, EINVAL);
+    StoreFLock lock("maps");
+    quorvane::cache::BasicStore store("maps", std::make_shared<StoreFLock>(std::move(lock)),
+                                      nullptr);
+    std::printf("%d ", store.try_store_diff(test::entry_map({{"second", {"v"}}})));
+    std::fflush(stdout);
+    _exit(0);
+  }
+  std::printf("%d", ended(child));
+  std::fflush(stdout);
+  add_one("third", 1);
+  return 0;
+}
+
+TEST(StoreFLockNote, ThatCannotBeClearedKeepsItsReaderFromAppending) {
+  const TempDir root;
+  const Ran ran = run("append_beside_a_note_that_stays", root);
+  EXPECT_EQ(ran.out, "0 0");
+  EXPECT_EQ(test::read_file(root.file("maps")),
+            test::basic_file({{"first", {"v"}}, {"third", {"v"}}}));
+}
+
+// The disk is full, say: that is no reason not to try.
+SCENARIO(append_without_a_note) {
+  test::refuse(SYS_pwrite64, ENOSPC);
+  add_one("first", 1);
+  return 0;
+}
+
+TEST(StoreFLockNote, ThatCannotBeWrittenKeepsNobodyFromAppending) {
+  const TempDir root;
+  const Ran ran = run("append_without_a_note", root);
+  EXPECT_EQ(relevant(ran), Messages{});
+  EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"first", {"v"}}}));
+}
+
+// An append that has ended must not be undone though its note can't be cut away.
+SCENARIO(append_whose_note_cannot_be_cut) {
+  const pid_t child = fork();
+  if (child == 0) {
+    test::refuse(SYS_ftruncate, EIO);
+    add_one("first", 1);
+    _exit(0);
+  }
+  return ended(child);
+}
+
+TEST(StoreFLockNote, OfAnAppendThatHasEndedIsOverwrittenWhereItCannotBeCut) {
+  const TempDir root;
+  EXPECT_TRUE(run("append_whose_note_cannot_be_cut", root).exited_with(0));
+  const Ran ran = run("take_and_leave_the_lock", root);
+  EXPECT_EQ(ran.messages(), Messages{});
+  EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"first", {"v"}}}));
+}
+
+// A store may be given a lock that nobody has taken, or one of another kind.
+SCENARIO(append_without_the_lock) {
+  auto lock = std::make_shared<StoreFLock>("maps");
+  quorvane::cache::BasicStore own("maps", lock, nullptr);
+  quorvane::cache::BasicStore other("other", std::make_shared<test::CountingLock>(), nullptr);
+  StoreFLock holder("maps");
+  holder.lock();
+  test::write_file(root_file("lock_maps"), "the holder's");
+  std::printf("%d %d", own.try_nonlock_append(test::entry_map({{"a", {"1"}}}), {}),
+              other.try_nonlock_append(test::entry_map({{"b", {"2"}}}), {}));
+  return 0;
+}
+
+TEST(StoreFLockNote, IsWrittenByNobodyWhoDoesNotHoldTheLock) {
+  const TempDir root;
+  EXPECT_EQ(run("append_without_the_lock", root).out, "1 1");
+  EXPECT_EQ(test::read_file(root.file("lock_maps")), "the holder's");
+  EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"a", {"1"}}}));
+  EXPECT_EQ(test::read_file(root.file("other")), test::basic_file({{"b", {"2"}}}));
+}
+
+// Cleaning a lazy store deletes two files.
+SCENARIO(clean_that_is_killed) {
+  {
+    Cache cache("maps", make_file_store(StoreKind::lazy_lookup, "maps"), false);
+    cache.add_value(buffer("a"), buffers({"1"}));
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    test::refuse_after(SYS_unlink, 0, test::When{0, static_cast<std::uint32_t>(0), true}, [] {
+      unlinkat(AT_FDCWD, root_file("val_maps").c_str(), 0);
+      kill(getpid(), SIGKILL);
+    });
+    quorvane::cache::CleanupController controller(1);
+    Cache cache("maps", make_file_store(StoreKind::lazy_lookup, "maps", &controller), false);
+    _exit(0);
+  }
+  std::printf("%d ", ended(child));
+  Cache cache("maps", make_file_store(StoreKind::lazy_lookup, "maps"), false);
+  std::printf("%d %zu", cache.is_valid(), cache.size());
+  return 0;
+}
+
+TEST(StoreFLockNote, OfAKilledCleaningHasTheOtherFileDeleted) {
+  const TempDir root;
+  EXPECT_EQ(run("clean_that_is_killed", root).out, std::to_string(1000 + SIGKILL) + " 1 0");
+}
+
+// --- a long wait ---
+
+// Arguments: who holds it. Ends when the record is there.
+SCENARIO(long_wait) {
+  alarm(kHangSeconds);
+  auto lock = std::make_unique<StoreFLock>("maps");
+  StoreFLock other("maps");
+  StoreFLock& held = arguments.at(0) == "turn" ? *lock : other;
+  held.lock();
+  std::thread waiter([&] {
+    lock->lock();
+    lock->unlock();
+  });
+  std::size_t size = 0;
+  while (size == 0) {
+    size = test::read_file(getenv("QV_LOG_FILE")).size();
+    usleep(10000);
+  }
+  held.unlock();
+  waiter.join();
+  return 0;
+}
+
+TEST(StoreFLockWait, OfFiveSecondsIsLoggedWithTheFileAndTheHolder) {
+  for (const char* holder : {"turn", "file"}) {
+    const TempDir root;
+    const Ran ran = run("long_wait", root, {holder});
+    EXPECT_TRUE(ran.exited_with(0)) << holder;
+    EXPECT_EQ(ran.messages(),
+              Messages{"WARN Waiting for cache store lock " + root.file("lock_maps") +
+                       " for 5 s, held by process " + std::to_string(ran.pid)})
+        << holder;
+  }
 }

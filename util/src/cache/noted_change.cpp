@@ -27,7 +27,7 @@ NotedChange::NotedChange(StoreFLock* lock, std::initializer_list<const std::stri
       may_begin_(put_note()) {}
 
 NotedChange::~NotedChange() {
-  if (may_begin_ && !ended_ && !is_in_child()) {
+  if (may_begin_ && !ended_) {
     undo();
     end();
   }
@@ -42,7 +42,7 @@ void NotedChange::create_missing() {
 
 void NotedChange::end() {
   ended_ = true;
-  if (lock_ != nullptr && !is_in_child()) {
+  if (lock_ != nullptr) {
     lock_->clear_note();
   }
 }
@@ -50,10 +50,6 @@ void NotedChange::end() {
 bool NotedChange::put_note() {
   note_.encode(bytes_);
   return lock_ == nullptr || lock_->put_note(bytes_);
-}
-
-bool NotedChange::is_in_child() const {
-  return lock_ != nullptr && !lock_->is_held_by_this_thread();
 }
 
 }  // namespace cache

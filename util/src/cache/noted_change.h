@@ -40,9 +40,6 @@ class NotedChange {
   void end();
 
  private:
-  // A child that the changing thread forked doesn't hold the lock: the files and the
-  // note are its parent's.
-  bool is_in_child() const;
   bool put_note();
 
   StoreFLock* lock_;

@@ -1,0 +1,4 @@
+# Notes that the test makes up carry the checksum of the library that makes it.
+include(${PROJECT_SOURCE_DIR}/cmake/FarmHash.cmake)
+target_include_directories(append_note_internal_test PRIVATE ${FARMHASH_INCLUDE_DIR})
+target_link_libraries(append_note_internal_test PRIVATE ${FARMHASH_LIBRARY})
