@@ -1,5 +1,5 @@
 # Run by cpack between laying out the files and packing them: what a Debian package
-# holds beside the files of `cmake --install`, and its manual pages compressed.
+# holds beside the files of `cmake --install`, and its pages compressed.
 set(source ${CMAKE_CURRENT_LIST_DIR}/..)
 set(plain OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
@@ -11,7 +11,7 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   file(COPY ${source}/CHANGELOG.md DESTINATION ${doc} FILE_PERMISSIONS ${plain})
   file(RENAME ${doc}/CHANGELOG.md ${doc}/changelog)
 
-  file(GLOB pages ${share}/man/man*/*)
+  file(GLOB pages ${share}/man/man*/* ${doc}/*.md)
   execute_process(COMMAND gzip -9n ${doc}/changelog ${pages} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
 # Directories are made as the umask allows.

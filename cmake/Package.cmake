@@ -40,6 +40,9 @@ foreach(page ${qv_man3})
 endforeach()
 install(FILES ${qv_man3} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT devel)
 install(FILES ${qv_man7} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT devel)
+# The manual pages refer to them.
+install(FILES docs/guide.md docs/formats.md
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libqvutil-dev COMPONENT devel)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
