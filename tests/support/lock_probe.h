@@ -7,12 +7,15 @@
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 namespace test {
 
@@ -76,11 +79,26 @@ inline bool kernel_lists_waiter(pid_t pid) {
   return false;
 }
 
-// Waits until the process waits for a flock (true), or `got_it` shows that it
-// needn't (false).
+// Whether a thread of the process sleeps for a while, as between two attempts to get a
+// store lock.
+inline bool has_sleeper(pid_t pid) {
+  std::error_code gone;
+  const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", gone);
+  for (const auto& task : tasks) {
+    long call = -1;
+    std::ifstream(task.path() / "syscall") >> call;
+    if (call == SYS_clock_nanosleep || call == SYS_nanosleep) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Waits until the process waits for a lock (true), or `got_it` shows that it needn't
+// (false).
 inline bool waits_for_lock(pid_t pid, const Signpost& got_it) {
   while (!got_it.is_passed()) {
-    if (kernel_lists_waiter(pid)) {
+    if (kernel_lists_waiter(pid) || has_sleeper(pid)) {
       return true;
     }
     sched_yield();

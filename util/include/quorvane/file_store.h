@@ -34,6 +34,8 @@ constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
 /// severity 2 check, when no root is set.
 QV_EXPORT std::string get_store_file_path(const std::string& name);
 
+class LockWait;
+
 /// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
 /// exclude each other, also in one process, and so do threads on one object.
 ///
@@ -77,9 +79,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool is_replaced() const;
   bool take_file_at_path();
 
-  void take_turn();
-  void give_turn();
-  void lock_file();
+  void take_turn(LockWait& wait);
+  void lock_file(LockWait& wait);
   void call_flock(int operation);
   void leave_parents_lock();
   void reopen_in_child();

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -19,7 +18,7 @@
 
 #include "src/cache/append_note.h"
 #include "src/cache/checks.h"
-#include "src/cache/lock_watch.h"
+#include "src/cache/lock_wait.h"
 #include "src/cache/store_files.h"
 #include "src/descriptor.h"
 #include "src/fork_guard.h"
@@ -128,8 +127,9 @@ bool StoreFLock::is_valid() const { return fd_ >= 0; }
 void StoreFLock::lock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  take_turn();
-  lock_file();
+  LockWait wait(path_);
+  take_turn(wait);
+  lock_file(wait);
   undo_unfinished_append();
 }
 
@@ -139,40 +139,28 @@ void StoreFLock::unlock() {
   if (is_open_on_own_file()) {  // else the lock went when the program closed it
     call_flock(LOCK_UN);
   }
-  give_turn();
+  owner_.store(nullptr);  // whoever took it: the file is free now
 }
 
 // flock sees one lock per descriptor; its threads exclude each other here.
-void StoreFLock::take_turn() {
-  std::optional<LockWatch> watch;
+void StoreFLock::take_turn(LockWait& wait) {
   const void* owner = nullptr;
   while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
-    if (!watch) {
-      watch.emplace(path_, [] { return getpid(); });
-    }
-    owner_.wait(owner);
+    wait.pause(&getpid);
     owner = nullptr;
   }
 }
 
-// Whoever took it: the file is free now, and nobody may wait for it any more.
-void StoreFLock::give_turn() {
-  owner_.store(nullptr);
-  owner_.notify_one();
-}
-
 bool StoreFLock::is_held_by_this_thread() const { return owner_ == &t_identity; }
 
-void StoreFLock::lock_file() {
+void StoreFLock::lock_file(LockWait& wait) {
   do {
     ensure_open();
     CACHE_ASSERT(fd_ >= 0);
-    std::optional<LockWatch> watch;
-    if (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-      const descriptor::FileId file{device_, inode_};
-      watch.emplace(path_, [file] { return flock_holder(file); });
+    while (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      wait.pause([this] { return flock_holder({device_, inode_}); });
     }
-    call_flock(LOCK_EX);  // at once where the first attempt got it
+    call_flock(LOCK_EX);  // held already, unless the attempt failed otherwise
   } while (is_replaced() && take_file_at_path());
 }
 
@@ -235,14 +223,15 @@ bool StoreFLock::is_lost() {
     return false;  // lock() tells
   }
   const bool is_nested = is_held_by_this_thread();
-  take_turn();
+  LockWait wait(path_);
+  take_turn(wait);
   const bool is_found = ensure_open() && !(is_inherited_ && is_replaced() && !take_file_at_path());
   if (!is_found) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
   }
   if (!is_nested) {
-    give_turn();
+    owner_.store(nullptr);
   }
   return !is_found;
 }
