@@ -300,7 +300,8 @@ enum class StoreKind { basic, lazy_lookup };
 /// Makes a store of this kind for the cache `name`, with a lock of the same name
 /// on the root. Null `controller`: the process's default one. An unusable root
 /// gives a store that is not valid. A lazy store gets its two files, without
-/// entries, when neither is there yet.
+/// entries, when neither is there yet. Null, with one WARN record, when there is no
+/// memory for the store; null for an unknown kind as well.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
                                                  CleanupController* controller = nullptr);
 

@@ -1,7 +1,5 @@
 #include <quorvane/file_store.h>
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -9,7 +7,6 @@
 #include <utility>
 
 #include "src/cache/checks.h"
-#include "src/cache/store_files.h"
 #include "src/once.h"
 
 namespace quorvane {
@@ -47,33 +44,6 @@ constexpr std::size_t kSmallestAtom = sizeof(std::uint64_t) + 1;
 // fewer: what a damaged size asks for is never allocated.
 util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size) {
   return util::RwBuffer(size <= freader.remaining() ? size : 0);
-}
-
-bool is_empty_file(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && status.st_size == 0;
-}
-
-// A lazy store whose files are there, if they can be made: it loads nothing
-// without them. Half a pair is left alone; the load will tell of it.
-std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
-                                              const std::shared_ptr<StoreFLock>& lock,
-                                              CleanupController* controller) {
-  auto store = std::make_unique<LazyLookupStore>(name, lock, controller);
-  if (!store->is_valid()) {
-    return store;
-  }
-  if (!is_empty_file(get_store_file_path(lock_file_name(name)))) {
-    // Another process is creating the pair, or was killed at it. To take the lock is to
-    // wait for the one and to undo the other.
-    lock->lock();
-    lock->unlock();
-  }
-  if (!file_exists(get_store_file_path(LazyLookupStore::get_key_fname(name))) &&
-      !file_exists(get_store_file_path(LazyLookupStore::get_val_fname(name)))) {
-    store->try_store_diff({});
-  }
-  return store;
 }
 
 }  // namespace
@@ -234,18 +204,6 @@ std::ofstream FileStoreSkeleton::cache_file_prepare_to_append(std::string path) 
                     path.c_str());
   }
   return file;
-}
-
-std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
-                                       CleanupController* controller) {
-  auto lock = std::make_shared<StoreFLock>(name);
-  switch (kind) {
-    case StoreKind::basic:
-      return std::make_unique<BasicStore>(name, std::move(lock), controller);
-    case StoreKind::lazy_lookup:
-      return make_lazy_lookup_store(name, std::move(lock), controller);
-  }
-  return nullptr;
 }
 
 }  // namespace cache
