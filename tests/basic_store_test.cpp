@@ -6,9 +6,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <vector>
 
+#include "support/no_memory.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -37,26 +37,6 @@ namespace {
 
 // No memory for so many bytes, sanitizers' included, which would end the process.
 constexpr std::size_t kNoMemoryFrom = std::size_t{1} << 40;
-
-}  // namespace
-
-// Not inlined: the compiler would see a new freed by free.
-__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return size >= kNoMemoryFrom ? nullptr : std::malloc(size);
-}
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  if (void* memory = operator new(size, std::nothrow)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-
-__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-
-namespace {
 
 // What the scenarios work on: the store "maps" of the root that is set.
 struct Maps {
@@ -578,6 +558,7 @@ TEST(BasicStoreAppend, AnEntryThatCannotBeWrittenCostsTheWholeFile) {
 
 // An entry whose value claims more bytes than there is memory.
 SCENARIO(append_unallocatable) {
+  test::no_memory_from = kNoMemoryFrom;
   CleanupController controller(0);
   Cache cache("maps", make_file_store(StoreKind::basic, "maps", &controller), false);
   cache.add_value(buffer("a"), buffers({"1"}));

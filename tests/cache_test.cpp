@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <quorvane/cache.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,7 +39,8 @@ struct Script {
   bool valid = true;
   bool load_succeeds = true;
   bool load_throws = false;
-  std::string throws_no_exception;  // the function that throws a number
+  std::string throws_a_number;  // the function that does
+  std::string cancels;          // the function that cancels its thread
   bool store_succeeds = true;
   bool store_throws = false;
   std::vector<test::Entry> content;
@@ -54,18 +56,18 @@ class FakeStore : public Store {
   explicit FakeStore(Script& script) : script_(script) {}
   ~FakeStore() override { script_.destroyed = true; }
   std::string type() const override {
-    throw_number("type");
+    misbehave("type");
     return "FakeStore";
   }
   bool is_valid() const override {
-    throw_number("is_valid");
+    misbehave("is_valid");
     return script_.valid;
   }
 
   bool try_load(EntryMap& out) override {
     ++script_.loads;
-    throw_number("try_load");
     out = test::entry_map(script_.content);
+    misbehave("try_load");
     if (script_.load_throws) {
       throw std::length_error("too long");
     }
@@ -75,16 +77,21 @@ class FakeStore : public Store {
   bool try_store_diff(const EntryMap& diff) override {
     ++script_.stores;
     script_.stored = test::listing(diff);
+    misbehave("try_store_diff");
     if (script_.store_throws) {
-      throw std::runtime_error("store");
+      throw std::runtime_error("no room");
     }
     return script_.store_succeeds;
   }
 
  private:
-  void throw_number(const char* function) const {
-    if (script_.throws_no_exception == function) {
+  void misbehave(const char* function) const {
+    if (script_.throws_a_number == function) {
       throw 7;
+    }
+    if (script_.cancels == function) {
+      pthread_cancel(pthread_self());
+      pthread_testcancel();
     }
   }
 
@@ -304,19 +311,58 @@ TEST(CacheConstruction, ALoadThatThrowsIsAFailedLoad) {
                       "ERROR Couldn't create maps cache with FakeStore store type"}));
 }
 
-// What a store throws that is no std::exception is its user's: the cache isn't made,
-// and no fork may wait for the mutex of one that isn't there.
 SCENARIO(store_that_throws_a_number) {
+  Script script;
+  script.content = kTwoEntries;
+  script.throws_a_number = arguments.at(0);
+  std::unique_ptr<Store> store = fake(script);
+  {
+    Cache cache("maps", std::move(store), true);
+    std::printf("%d %zu %s %d ", cache.is_valid(), cache.size(), value_of(cache, "b").c_str(),
+                cache.add_value(buffer("c"), buffers({"4"})));
+  }
+  std::printf("%d %d", store != nullptr, script.stores);
+  return 0;
+}
+
+TEST(CacheConstruction, AStoreThatThrowsWhateverItIsGivesAnInvalidCache) {
+  const std::string failed = "ERROR Couldn't create maps cache: unknown exception";
+  const Ran not_asked = run_scenario("store_that_throws_a_number", {}, {"is_valid"});
+  EXPECT_EQ(not_asked.out, "0 0 null 0 1 0");  // the caller keeps what was not taken over
+  EXPECT_EQ(not_asked.messages(), Messages{failed});
+  const Ran not_loaded = run_scenario("store_that_throws_a_number", {}, {"try_load"});
+  EXPECT_EQ(not_loaded.out, "0 0 null 0 0 0");
+  EXPECT_EQ(not_loaded.messages(),
+            (Messages{"ERROR Loading maps cache failed: unknown exception",
+                      "ERROR Couldn't create maps cache with FakeStore store type"}));
+  const Ran not_named = run_scenario("store_that_throws_a_number", {}, {"type"});
+  EXPECT_EQ(not_named.out, "0 0 null 0 0 0");
+  EXPECT_EQ(not_named.messages(), Messages{failed});
+}
+
+SCENARIO(nameless_store_that_does_not_load) {
+  Script script;
+  script.load_succeeds = false;
+  script.throws_a_number = "type";
+  std::printf("%d", Cache("maps", fake(script), true).is_valid());
+  return 0;
+}
+
+TEST(CacheConstruction, AFailedLoadIsReportedAlsoOfAStoreThatCannotNameItself) {
+  const Ran ran = run_scenario("nameless_store_that_does_not_load");
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(ran.messages(), Messages{"ERROR Couldn't create maps cache with unknown store type"});
+}
+
+// A cancelled thread leaves the constructor, and no fork may wait for the mutex of a
+// cache that isn't there.
+SCENARIO(cancelled_construction) {
   alarm(60);
   alignas(Cache) static unsigned char place[sizeof(Cache)];
   Script script;
-  script.throws_no_exception = arguments.at(0);
-  bool threw = false;
-  try {
-    new (place) Cache("maps", fake(script), false);
-  } catch (int) {
-    threw = true;
-  }
+  script.cancels = arguments.at(0);
+  std::thread constructing([&] { new (place) Cache("maps", fake(script), false); });
+  constructing.join();
   std::memset(place, 1, sizeof(place));
   const pid_t child = fork();
   if (child == 0) {
@@ -324,13 +370,14 @@ SCENARIO(store_that_throws_a_number) {
   }
   int status = -1;
   waitpid(child, &status, 0);
-  return threw && status == 0 ? 0 : 1;
+  return status == 0 && script.destroyed ? 0 : 1;
 }
 
-TEST(CacheConstruction, AStoreThatThrowsLeavesNothingThatAForkWaitsFor) {
+TEST(CacheConstruction, ACancelledThreadLeavesNothingThatAForkWaitsFor) {
   for (const char* function : {"is_valid", "try_load", "type"}) {
-    EXPECT_TRUE(run_scenario("store_that_throws_a_number", {}, {function}).exited_with(0))
-        << function;
+    const Ran ran = run_scenario("cancelled_construction", {}, {function});
+    EXPECT_TRUE(ran.exited_with(0)) << function;
+    EXPECT_EQ(ran.messages(), Messages{}) << function;
   }
 }
 
@@ -348,13 +395,16 @@ SCENARIO(destruction) {
   const std::string& what = arguments.at(0);
   Script script;
   script.content = kTwoEntries;
-  script.store_succeeds = what == "stores";
+  script.store_succeeds = what == "stores" || what == "nameless";
   script.store_throws = what == "throws";
   if (what == "aborts") {
     test::module_of("util/src/cache")->fault_abort_level = 1;
   }
   {
     Cache cache("maps", fake(script), false);
+    script.throws_a_number = what == "nameless"          ? "type"
+                             : what == "throws a number" ? "try_store_diff"
+                                                         : "";
     if (what != "empty") {
       cache.add_value(buffer("ccc"), buffers({"4"}));
       cache.add_value(buffer("d"), buffers({"5", "6"}));
@@ -397,8 +447,24 @@ TEST(CacheDestruction, TheFailedStoreIsACheckOfSeverity1) {
   EXPECT_EQ(destruction_messages(ran), Messages{expectation("store_->try_store_diff(diff_map_)")});
 }
 
-TEST(CacheDestruction, AStoreThatThrowsEndsTheProcess) {
-  EXPECT_TRUE(run_scenario("destruction", {}, {"throws"}).aborted());
+TEST(CacheDestruction, AStoreThatThrowsIsAStoreThatFails) {
+  const std::string lost = expectation("store_->try_store_diff(diff_map_)");
+  const Ran ran = run_scenario("destruction", {}, {"throws"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(destruction_messages(ran),
+            (Messages{"ERROR Storing maps cache failed: no room", lost}));
+  const Ran number = run_scenario("destruction", {}, {"throws a number"});
+  EXPECT_EQ(number.out, "1 1\nd=5,6\nccc=4\n");
+  EXPECT_EQ(destruction_messages(number),
+            (Messages{"ERROR Storing maps cache failed: unknown exception", lost}));
+}
+
+TEST(CacheDestruction, AStoreThatCannotNameItselfHasStoredAllTheSame) {
+  const Ran ran = run_scenario("destruction", {}, {"nameless"});
+  EXPECT_EQ(ran.out, "1 1\nd=5,6\nccc=4\n");
+  EXPECT_EQ(destruction_messages(ran),
+            Messages{"DEBUG Stored maps cache diff data with unknown store type, "
+                     "num diff entries = 2"});
 }
 
 // --- look-up, addition and iteration ---

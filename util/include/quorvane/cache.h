@@ -77,11 +77,13 @@ class QV_EXPORT Cache {
   /// Loads everything that `store` holds. A valid store is taken over and leaves
   /// `store` empty. Without one the cache is volatile (it forgets everything at
   /// its destruction) if `fallback_to_volatile`, else invalid; `store` then stays
-  /// with the caller. A load that fails leaves the cache invalid in any case.
+  /// with the caller. A load that fails leaves the cache invalid in any case, and
+  /// so does a lack of memory or a store that throws; nothing gets out of here.
   /// Problems are logged through the module "util/src/cache"; ask is_valid().
   Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile);
 
-  /// Stores what was added. A failure is logged, and the additions are lost.
+  /// Stores what was added. A failure, also an exception of the store, is logged,
+  /// and the additions are lost.
   ~Cache();
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
@@ -90,7 +92,7 @@ class QV_EXPORT Cache {
   /// volatile. Doesn't change during its life.
   bool is_valid() const { return valid_; }
 
-  /// The name that it was made with.
+  /// The name that it was made with; empty when there was no memory for it.
   const std::string& get_name() const { return name_; }
 
   /// The value of `key`, or null. It stays where it is as long as the cache

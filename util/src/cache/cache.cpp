@@ -1,5 +1,6 @@
 #include <quorvane/cache.h>
 
+#include <cxxabi.h>
 #include <quorvane/stats.h>
 
 #include <algorithm>
@@ -50,12 +51,59 @@ const char* flaw_of(const util::RoBuffer& key, const std::vector<util::RoBuffer>
   return has_empty_atom ? "a value atom is empty" : nullptr;
 }
 
+// Of the exception that is being handled.
+const char* text_of_exception() {
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    return error.what();
+  } catch (...) {
+    return "unknown exception";
+  }
+}
+
+// For a record that is written whatever happens.
+std::string type_of(const Store& store) {
+  try {
+    return store.type();
+  } catch (...) {
+    return "unknown";
+  }
+}
+
+// A store that throws has not stored.
+bool try_store_diff(const std::string& name, Store& store, const EntryMap& diff) {
+  try {
+    return store.try_store_diff(diff);
+  } catch (...) {
+    QV_LOG(g_module, ERROR, "Storing %s cache failed: %s", name.c_str(), text_of_exception());
+  }
+  return false;
+}
+
+void store_diff(const std::string& name, Store& store, const EntryMap& diff) {
+  if (!try_store_diff(name, store, diff)) {
+    fault::expectation_failed(g_module.get(), 1, "store_->try_store_diff(diff_map_)",
+                              "util/src/cache", __LINE__);
+    return;
+  }
+  QV_LOG(g_module, DEBUG, "Stored %s cache diff data with %s store type, num diff entries = %lu",
+         name.c_str(), type_of(store).c_str(), diff.size());
+}
+
 }  // namespace
 
-Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile)
-    : name_(name) {
-  set_up(std::move(store), fallback_to_volatile);
-  // Last: a store that throws leaves no guard of a mutex that is no more.
+Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
+  try {
+    name_ = name;
+    set_up(std::move(store), fallback_to_volatile);
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the thread is cancelled, which nobody may stop
+  } catch (...) {
+    loaded_map_.clear();
+    QV_LOG(g_module, ERROR, "Couldn't create %s cache: %s", name.c_str(), text_of_exception());
+  }
+  // Last: a cancelled thread leaves no guard of a mutex that is no more.
   fork_guard::add(diff_mutex_);
 }
 
@@ -78,23 +126,24 @@ void Cache::set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
 bool Cache::try_load_store() {
   try {
     return store_->try_load(loaded_map_);
-  } catch (const std::exception& error) {
-    QV_LOG(g_module, ERROR, "Loading %s cache failed: %s", name_.c_str(), error.what());
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    QV_LOG(g_module, ERROR, "Loading %s cache failed: %s", name_.c_str(), text_of_exception());
   }
   return false;
 }
 
 void Cache::load() {
-  const bool loaded = try_load_store();
-  const std::string type = store_->type();
-  if (!loaded) {
+  if (!try_load_store()) {
     fault::expectation_failed(g_module.get(), 3, "store_->try_load(loaded_map_)", "util/src/cache",
                               __LINE__);
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache with %s store type", name_.c_str(),
-           type.c_str());
+           type_of(*store_).c_str());
     return;
   }
+  const std::string type = store_->type();
   if (!loaded_map_.empty()) {
     QV_LOG(g_module, INFO, "Loaded %s cache data with %s store type, num entries = %lu",
            name_.c_str(), type.c_str(), loaded_map_.size());
@@ -104,10 +153,8 @@ void Cache::load() {
 }
 
 Cache::~Cache() {
-  if (valid_ && store_ && !diff_map_.empty() &&
-      CACHE_EXPECT(1, store_->try_store_diff(diff_map_))) {
-    QV_LOG(g_module, DEBUG, "Stored %s cache diff data with %s store type, num diff entries = %lu",
-           name_.c_str(), store_->type().c_str(), diff_map_.size());
+  if (valid_ && store_ && !diff_map_.empty()) {
+    store_diff(name_, *store_, diff_map_);
   }
   delete index_.load(std::memory_order_relaxed);
   fork_guard::remove(diff_mutex_);
