@@ -1,0 +1,322 @@
+// Caches without memory: each allocation of an operation fails in turn, alone or with
+// all that follow it.
+#include <gtest/gtest.h>
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/hostile.h"
+#include "support/lazy_files.h"
+#include "support/no_memory.h"
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/temp_dir.h"
+
+using quorvane::cache::Cache;
+using quorvane::cache::CleanupController;
+using quorvane::cache::make_file_store;
+using quorvane::cache::Store;
+using quorvane::cache::StoreKind;
+using quorvane::util::RoBuffer;
+using test::Afterwards;
+using test::buffer;
+using test::buffers;
+using test::Entry;
+using test::FailingAllocation;
+using test::Ran;
+using test::TempDir;
+using Messages = std::vector<std::string>;
+
+namespace {
+
+// Longer than what a string holds without an allocation.
+const std::string kName = "maps-with-a-name-that-takes-memory-of-its-own";
+
+const std::vector<Entry> kOld{
+    {"b", {"2", "3"}}, {"aa", {"1"}}, {"large", {std::string(5000, 'o')}}};
+const std::vector<Entry> kNew{
+    {"n", {"4"}}, {"nn", {"5", "66"}}, {"large-too", {std::string(20000, 'n')}}};
+
+std::string listing_of(std::vector<Entry> entries) {
+  return test::listing(test::entry_map(entries));
+}
+
+std::string all_entries() {
+  std::vector<Entry> all = kOld;
+  all.insert(all.end(), kNew.begin(), kNew.end());
+  return listing_of(all);
+}
+
+CleanupController& no_limit() {
+  static CleanupController& controller = *new CleanupController(0);
+  return controller;
+}
+
+Afterwards afterwards_of(const std::string& name) {
+  return name == "fail" ? Afterwards::fail : Afterwards::succeed;
+}
+
+// What a scenario is to do, by its arguments.
+struct Case {
+  explicit Case(const test::Arguments& arguments)
+      : kind(arguments.at(0) == "lazy" ? StoreKind::lazy_lookup : StoreKind::basic),
+        afterwards(afterwards_of(arguments.at(1))),
+        has_files(arguments.at(2) == "files") {}
+
+  static std::string file(const std::string& prefix) {
+    return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/" + prefix + kName;
+  }
+
+  // Has the root as it is before an operation.
+  void lay_files() const {
+    for (const char* prefix : {"", "key_", "val_"}) {
+      std::remove(file(prefix).c_str());
+    }
+    if (has_files && kind == StoreKind::basic) {
+      test::write_file(file(""), test::basic_file(kOld));
+    } else if (has_files) {
+      const test::LazyFiles files = test::lazy_files(kOld);
+      test::write_file(file("key_"), files.key);
+      test::write_file(file("val_"), files.val);
+    }
+  }
+
+  std::unique_ptr<Store> make_store() const { return make_file_store(kind, kName, &no_limit()); }
+
+  // What the next cache finds, or "invalid".
+  std::string stored() const {
+    const Cache cache(kName, make_store(), false);
+    return cache.is_valid() ? test::listing(cache) : "invalid";
+  }
+
+  std::string expected() const { return has_files ? listing_of(kOld) : ""; }
+
+  const StoreKind kind;
+  const Afterwards afterwards;
+  const bool has_files;
+};
+
+// Says what went wrong, and after how many allocations. A test expects no output.
+void check(bool holds, const char* what, std::size_t successes) {
+  if (!holds) {
+    std::printf("%s after %zu allocations\n", what, successes);
+  }
+}
+
+const std::string kNoStore = "WARN Couldn't make a store for " + kName + " cache: std::bad_alloc";
+const std::string kCreationFailed = "ERROR Couldn't create " + kName + " cache";
+
+bool tells_of_a_failure(const Messages& messages) {
+  return std::any_of(messages.begin(), messages.end(), [](const std::string& message) {
+    return message.rfind(kCreationFailed, 0) == 0;
+  });
+}
+
+// By the kind of store, what becomes of later allocations, and what is stored.
+class CacheWithoutMemory : public testing::TestWithParam<std::vector<std::string>> {
+ protected:
+  void expect_none_wrong(const std::string& scenario) const {
+    const TempDir root;
+    const Ran ran =
+        test::run_scenario(scenario, {{"QV_CACHE_STORE_ROOT", root.path()}}, GetParam());
+    EXPECT_TRUE(ran.exited_with(0)) << ran.status;
+    EXPECT_EQ(ran.out, "");
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(, CacheWithoutMemory,
+                         testing::ValuesIn(std::vector<std::vector<std::string>>{
+                             {"basic", "succeed", "files"},
+                             {"basic", "fail", "files"},
+                             {"basic", "succeed", "none"},
+                             {"basic", "fail", "none"},
+                             {"lazy", "succeed", "files"},
+                             {"lazy", "fail", "files"},
+                             {"lazy", "succeed", "none"},
+                             {"lazy", "fail", "none"}}),
+                         [](const testing::TestParamInfo<std::vector<std::string>>& tested) {
+                           return tested.param[0] + "_others_" + tested.param[1] + "_" +
+                                  tested.param[2];
+                         });
+
+}  // namespace
+
+// --- construction ---
+
+SCENARIO(construct_without_memory) {
+  const Case tested(arguments);
+  test::LogTail log;
+  bool failed = true;
+  std::size_t successes = 0;
+  for (; failed; ++successes) {
+    tested.lay_files();
+    std::unique_ptr<Store> store = tested.make_store();
+    log.next();
+    FailingAllocation failing(successes, tested.afterwards);
+    Cache cache(kName, std::move(store), true);
+    failed = FailingAllocation::end();
+    check(failed || cache.is_valid(), "invalid", successes);
+    check(cache.is_valid() || tells_of_a_failure(log.next()), "silent", successes);
+    check(test::listing(cache) == (cache.is_valid() ? tested.expected() : ""), "half", successes);
+    check(cache.is_valid() || cache.get_value(buffer("b")) == nullptr, "found", successes);
+    check(tested.stored() == tested.expected(), "lost", successes);
+  }
+  check(successes > 1, "over", successes);
+  return 0;
+}
+
+TEST_P(CacheWithoutMemory, IsInvalidAndLeavesTheStoreAsItIs) {
+  expect_none_wrong("construct_without_memory");
+}
+
+// --- the making of a store ---
+
+SCENARIO(make_a_store_without_memory) {
+  const Case tested(arguments);
+  no_limit();
+  test::LogTail log;
+  bool failed = true;
+  std::size_t successes = 0;
+  for (; failed; ++successes) {
+    tested.lay_files();
+    log.next();
+    FailingAllocation failing(successes, tested.afterwards);
+    const std::unique_ptr<Store> store = tested.make_store();
+    failed = FailingAllocation::end();
+    const Messages messages = log.next();
+    check(failed || (store && store->is_valid()), "none", successes);
+    check(store || messages == Messages{kNoStore}, "other records", successes);
+    check(tested.stored() == tested.expected(), "lost", successes);
+  }
+  check(successes > 1, "over", successes);
+  return 0;
+}
+
+TEST_P(CacheWithoutMemory, GetsNoStoreWithOneWarningAndTheNextOneGetsIt) {
+  expect_none_wrong("make_a_store_without_memory");
+}
+
+std::unique_ptr<Store> make_without_memory(const Case& tested) {
+  const FailingAllocation failing(0, Afterwards::fail);
+  return tested.make_store();
+}
+
+SCENARIO(no_store_for_lack_of_memory) {
+  const Case tested({"basic", "fail", "none"});
+  no_limit();
+  const Cache invalid(kName, make_without_memory(tested), false);
+  Cache fallback(kName, make_without_memory(tested), true);
+  std::printf("%d %d %d", invalid.is_valid(), fallback.is_valid(),
+              fallback.add_value(buffer("k"), buffers({"v"})));
+  return 0;
+}
+
+TEST(CacheWithoutAStore, ForLackOfMemoryIsAsIfNoneHadBeenAskedFor) {
+  const TempDir root;
+  const Ran ran =
+      test::run_scenario("no_store_for_lack_of_memory", {{"QV_CACHE_STORE_ROOT", root.path()}});
+  EXPECT_EQ(ran.out, "0 1 1");
+  EXPECT_EQ(ran.messages(),
+            (Messages{kNoStore, kNoStore, "INFO Created " + kName + " cache with no store"}));
+}
+
+// --- destruction ---
+
+SCENARIO(destroy_without_memory) {
+  const Case tested(arguments);
+  const std::string with_new = tested.has_files ? all_entries() : listing_of(kNew);
+  bool failed = true;
+  std::size_t successes = 0;
+  for (; failed; ++successes) {
+    tested.lay_files();
+    auto cache = std::make_unique<Cache>(kName, tested.make_store(), false);
+    for (const Entry& entry : kNew) {
+      cache->add_value(buffer(entry.key), buffers(entry.atoms));
+    }
+    FailingAllocation failing(successes, tested.afterwards);
+    cache.reset();
+    failed = FailingAllocation::end();
+    const std::string found = tested.stored();
+    check(failed || found == with_new, "not stored", successes);
+    check(found == tested.expected() || found == with_new, "harmed", successes);
+  }
+  check(successes > 1, "over", successes);
+  return 0;
+}
+
+TEST_P(CacheWithoutMemory, StoresAllOrNothingOfWhatWasAdded) {
+  expect_none_wrong("destroy_without_memory");
+}
+
+// --- look-ups and additions ---
+
+SCENARIO(add_without_memory) {
+  const Case tested(arguments);
+  test::LogTail log;
+  tested.lay_files();
+  Cache cache(kName, tested.make_store(), false);
+  const std::size_t before = cache.size();
+  const RoBuffer key = buffer("key");
+  bool failed = true;
+  std::size_t successes = 0;
+  for (; failed; ++successes) {
+    std::vector<RoBuffer> value = buffers({"value"});
+    log.next();
+    FailingAllocation failing(successes, tested.afterwards);
+    const bool added = cache.add_value(key, std::move(value));
+    const std::size_t size = cache.size();
+    failed = FailingAllocation::end();
+    check(added == !failed, "neither", successes);
+    check(size == before + (added ? 1 : 0), "miscounted", successes);
+    check(added || log.next() ==
+                       Messages{"WARN Refused to add an entry to " + kName + " cache: no memory"},
+          "other records", successes);
+    check(added == (cache.get_value(key) != nullptr), "half", successes);
+  }
+  return 0;
+}
+
+TEST_P(CacheWithoutMemory, TakesAnEntryOrRefusesItWithOneWarning) {
+  expect_none_wrong("add_without_memory");
+}
+
+// The first look-up of the process, which makes the counters.
+SCENARIO(first_look_up_without_memory) {
+  Cache cache("maps", nullptr, true);
+  cache.add_value(buffer("k"), buffers({"v"}));
+  const RoBuffer key = buffer("k");
+  const RoBuffer missing = buffer("none");
+  FailingAllocation failing(std::stoul(arguments.at(0)), afterwards_of(arguments.at(1)));
+  const bool found = cache.get_value(key) != nullptr && cache.get_value(missing) == nullptr;
+  const bool failed = FailingAllocation::end();
+  const bool goes_on = cache.get_value(key) != nullptr && cache.get_value(missing) == nullptr;
+  std::printf("%d %d", found && goes_on, failed);
+  return 0;
+}
+
+// How many first look-ups lacked memory; each found what is there.
+std::size_t failing_look_ups(const test::Environment& environment, const std::string& afterwards) {
+  for (std::size_t successes = 0;; ++successes) {
+    const Ran ran = test::run_scenario("first_look_up_without_memory", environment,
+                                       {std::to_string(successes), afterwards});
+    EXPECT_TRUE(ran.exited_with(0)) << successes;
+    EXPECT_EQ(ran.out.substr(0, 1), "1") << successes;
+    if (ran.out != "1 1") {
+      return successes;
+    }
+  }
+}
+
+TEST(CacheLookUpWithoutMemory, TheFirstFindsWhatIsThereWhetherItIsCountedOrNot) {
+  for (const char* afterwards : {"succeed", "fail"}) {
+    failing_look_ups({}, afterwards);
+    const TempDir dir;
+    EXPECT_GT(failing_look_ups({{"QV_STATS_REPORT_FILE", dir.file("report")}}, afterwards), 0u);
+  }
+}
