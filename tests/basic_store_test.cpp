@@ -255,6 +255,54 @@ TEST(BasicStoreLoad, ReadsSmallAndLargeEntriesAlike) {
   }
 }
 
+TEST(BasicStoreLoad, ReadsAnAtomBehindPiecesThatFillOneAllocation) {
+  const std::string key(10, 'k');
+  for (const std::size_t total : {4095u, 4096u, 4097u}) {
+    const std::string filling(total - key.size(), 'x');
+    for (const std::size_t last : {1u, 1000000u}) {
+      const Root root(basic_file({{key, {filling, std::string(last, 'y')}}}));
+      EXPECT_EQ(root.run("load").out,
+                "load 1\n" + key + "=" + filling + "," + std::string(last, 'y') + "\nBasicStore")
+          << total << " " << last;
+    }
+  }
+}
+
+// Says of each entry whether its pieces lie one after the other.
+SCENARIO(pieces_in_one_allocation) {
+  Maps maps;
+  EntryMap out;
+  maps.store.try_nonlock_load(out);
+  for (const auto& [key, value] : out) {
+    const unsigned char* end = key.get_buffer() + key.get_size();
+    bool together = true;
+    for (const auto& atom : value) {
+      together = together && atom.get_buffer() == end;
+      end = atom.get_buffer() + atom.get_size();
+    }
+    std::printf("%d", together);
+  }
+  return 0;
+}
+
+TEST(BasicStoreLoad, APieceOfALargeEntryKeepsNoOtherInMemory) {
+  const Root root(basic_file({{"k", {"1", std::string(4094, 'x')}},
+                              {"kk", {"1", std::string(4094, 'x')}},
+                              {"kkk", {"1", "2"}}}));
+  EXPECT_EQ(root.run("pieces_in_one_allocation").out, "101");
+}
+
+TEST(BasicStoreLoad, AnEmptyKeyInAWholeFileFails) {
+  const Root root(basic_file({kEntries[0], {"", {"v"}}, kEntries[1]}));
+  const Messages messages{root.opened(), expectation("key_size > 0"), root.corrupted()};
+  const Ran load = root.run("load");
+  EXPECT_EQ(load.out, "load 0\nb=2,3\nBasicStore");
+  EXPECT_EQ(without_lines(load.messages()), messages);
+  const Ran scan = root.run("scan");
+  EXPECT_EQ(scan.out, "scan 0\nb\n");
+  EXPECT_EQ(without_lines(scan.messages()), messages);
+}
+
 SCENARIO(load_into_a_filled_map) {
   Maps maps;
   EntryMap out = entry_map({{"aa", {"mine"}}, {"c", {"mine"}}});

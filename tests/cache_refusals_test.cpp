@@ -126,21 +126,12 @@ TEST(CacheRefusals, AFileSizeLimitCostsTheWholeFileAndTheNextCacheIsEmpty) {
   expect_no_room("size limit");
 }
 
-// Refuses every write to the file that is opened next, while the log goes on.
-void refuse_writes_to_the_next_file() {
-  const int next = open("/dev/null", O_RDONLY);
-  close(next);
-  const test::When to_it{0, static_cast<std::uint32_t>(next)};
-  test::refuse(SYS_write, ENOSPC, to_it);
-  test::refuse(SYS_writev, ENOSPC, to_it);
-}
-
 // So little that the stream keeps it: the kernel refuses only the flush.
 SCENARIO(refused_flush) {
   {
     Cache cache("maps", maps_store(), false);
     cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
-    refuse_writes_to_the_next_file();
+    test::refuse_writes_to_the_next_file();
   }
   return 0;
 }
@@ -170,6 +161,27 @@ TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheCloseCostsTheWholeFile) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_FALSE(test::exists(root.file("maps")));
   expect_lost(without_lines(ran.messages()), root.file("maps"), false);
+}
+
+// The file stays open: nobody gets its number.
+SCENARIO(refused_close_of_a_mapping) {
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("ccc"), buffers({"4"}));
+    test::refuse(SYS_close, EIO, test::When{0, test::next_descriptor()});
+  }
+  return 0;
+}
+
+TEST(CacheRefusals, AMappingThatCannotBeClosedIsReportedAndTheAppendGoesOn) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  const Ran ran = run("refused_close_of_a_mapping", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(without_lines(ran.messages()),
+            Messages{expectation("::close(fd_) == 0", "util/src/mmapped_file")});
+  EXPECT_EQ(test::read_file(root.file("maps")),
+            basic_file(kEntries) + test::entry_bytes({"ccc", {"4"}}));
 }
 
 TEST(CacheRefusals, AHeaderThatCannotBeWrittenIsReported) {
@@ -349,7 +361,7 @@ SCENARIO(unremovable) {
   {
     Cache cache("maps", maps_store(), false);
     cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
-    refuse_writes_to_the_next_file();
+    test::refuse_writes_to_the_next_file();
   }
   return 0;
 }

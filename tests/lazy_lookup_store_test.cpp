@@ -318,6 +318,29 @@ TEST(LazyStoreLoad, TheEntriesBeforeADamageStayInTheMap) {
                                        root.corrupted()}));
 }
 
+TEST(LazyStoreLoad, AnEmptyKeyInAWholeFileFails) {
+  const LazyRoot root(lazy_files({kEntries[0], {"", {"v"}}, kEntries[1]}));
+  const Ran load = root.run("load");
+  EXPECT_EQ(load.out, "load 0\nb\nLazyLookupStore");
+  EXPECT_EQ(lazy_lines(load), (Messages{root.opened_key(), root.opened_val(),
+                                        expectation("key_size > 0"), root.corrupted()}));
+  const Ran scan = root.run("scan");
+  EXPECT_EQ(scan.out, "scan 0\nb\n");
+  EXPECT_EQ(lazy_lines(scan),
+            (Messages{root.opened_key(), expectation("key_size > 0"), root.corrupted()}));
+}
+
+// Keys share allocations of up to 2048 bytes.
+TEST(LazyStoreLoad, ReadsSmallAndLargeKeysAlike) {
+  std::vector<Entry> entries;
+  std::string expected = "load 1\n";
+  for (const std::size_t size : {1u, 2046u, 2047u, 2048u, 2049u, 5000u, 1000000u, 1000001u}) {
+    entries.push_back({std::string(size, 'k'), {std::to_string(size)}});
+    expected += entries.back().key + "=" + std::to_string(size) + "\n";
+  }
+  EXPECT_EQ(LazyRoot(lazy_files(entries)).run("load").out, expected + "LazyLookupStore");
+}
+
 TEST(LazyStoreLoad, AnOffsetWithinTheHeaderFails) {
   for (const std::uint64_t offset : {0u, 7u}) {
     LazyFiles files = lazy_files(kEntries);

@@ -69,30 +69,10 @@ void limit_file_size(rlim_t bytes) {
   setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-// The descriptor that will be given out after `skipped` others.
-std::uint32_t next_descriptor(int skipped) {
-  std::vector<int> opened;
-  for (int i = 0; i <= skipped; ++i) {
-    opened.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  }
-  const auto last = static_cast<std::uint32_t>(opened.back());
-  for (const int fd : opened) {
-    close(fd);
-  }
-  return last;
-}
-
 // An append opens the key file, then the value file.
 enum File { KEY_FILE, VAL_FILE };
 
 File file_named(const std::string& name) { return name == "key" ? KEY_FILE : VAL_FILE; }
-
-// Refuses every write to one of the two, while the log goes on.
-void refuse_writes_to(File file) {
-  const test::When to_it{0, next_descriptor(file)};
-  test::refuse(SYS_write, ENOSPC, to_it);
-  test::refuse(SYS_writev, ENOSPC, to_it);
-}
 
 Messages lost_messages(const LazyRoot& root, const Messages& before) {
   Messages messages = before;
@@ -175,7 +155,7 @@ TEST(LazyStoreRefusals, AFullDiskCostsBothFilesAndTheNextCacheIsEmpty) {
 SCENARIO(refused_flush) {
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
-  refuse_writes_to(file_named(arguments.at(0)));
+  test::refuse_writes_to_the_next_file(file_named(arguments.at(0)));
   return 0;
 }
 
@@ -206,12 +186,52 @@ TEST(LazyStoreRefusals, ARefusalThatShowsOnlyAtTheCloseCostsBothFiles) {
             test::without_lines(expected, test::kFirstLazyLine));
 }
 
+SCENARIO(refused_close_of_one) {
+  CleanupController controller(0);
+  quorvane::cache::LazyLookupStore store("maps", std::make_shared<test::CountingLock>(),
+                                         &controller);
+  const auto diff = test::entry_map({{"a", {"1"}}});
+  test::refuse(SYS_close, EDQUOT,
+               test::When{0, test::next_descriptor(file_named(arguments.at(0)))});
+  std::printf("%d", store.try_nonlock_append(diff, {}));
+  return 0;
+}
+
+TEST(LazyStoreRefusals, ACloseThatIsRefusedForOneOfTheFilesCostsBoth) {
+  for (const char* file : {"key", "val"}) {
+    const LazyRoot root(lazy_files(kEntries));
+    const Ran ran = root.run("refused_close_of_one", {file}, "WARN");
+    EXPECT_EQ(ran.out, "0") << file;
+    EXPECT_TRUE(root.has_neither()) << file;
+    Messages expected = lost_messages(root, {});
+    expected.pop_back();  // the cache's
+    EXPECT_EQ(test::without_errno(ran.messages()), expected) << file;
+  }
+}
+
+SCENARIO(refused_close_of_a_mapping) {
+  {
+    Cache cache("maps", maps_store(), false);
+    cache.add_value(buffer("ccc"), buffers({"4"}));
+    test::refuse(SYS_close, EIO, test::When{0, test::next_descriptor()});
+  }
+  return 0;
+}
+
+TEST(LazyStoreRefusals, AMappingThatCannotBeClosedIsReportedAndTheAppendGoesOn) {
+  const LazyRoot root(lazy_files(kEntries));
+  const Ran ran = root.run("refused_close_of_a_mapping", {}, "WARN");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(lazy_lines(ran), Messages{expectation("::close(fd_) == 0", "util/src/mmapped_file")});
+  EXPECT_EQ(root.files(), test::add_to(lazy_files(kEntries), {{"ccc", {"4"}}}));
+}
+
 SCENARIO(refused_header) {
   auto lock = maps_store();  // so that the lock file is there
   std::remove((std::string(getenv("QV_CACHE_STORE_ROOT")) + "/key_maps").c_str());
   std::remove((std::string(getenv("QV_CACHE_STORE_ROOT")) + "/val_maps").c_str());
   // The new store's lock is the first that is opened.
-  const test::When to_it{0, next_descriptor(1 + file_named(arguments.at(0)))};
+  const test::When to_it{0, test::next_descriptor(1 + file_named(arguments.at(0)))};
   test::refuse(SYS_write, ENOSPC, to_it);
   test::refuse(SYS_writev, ENOSPC, to_it);
   std::unique_ptr<Store> store = maps_store();
@@ -277,10 +297,10 @@ SCENARIO(refused_load) {
   if (what == "open") {
     leave_no_descriptor();
   } else if (what == "mmap") {
-    test::refuse(SYS_mmap, ENOMEM, test::When{4, next_descriptor(file)});
+    test::refuse(SYS_mmap, ENOMEM, test::When{4, test::next_descriptor(file)});
   } else {
-    test::refuse(SYS_newfstatat, EIO, test::When{0, next_descriptor(file)});
-    test::refuse(SYS_fstat, EIO, test::When{0, next_descriptor(file)});
+    test::refuse(SYS_newfstatat, EIO, test::When{0, test::next_descriptor(file)});
+    test::refuse(SYS_fstat, EIO, test::When{0, test::next_descriptor(file)});
   }
   std::printf("%d", Cache("maps", std::move(store), true).is_valid());
   return 0;
@@ -331,7 +351,7 @@ SCENARIO(unremovable) {
   test::refuse(SYS_unlinkat, EBUSY);
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
-  refuse_writes_to(VAL_FILE);
+  test::refuse_writes_to_the_next_file(VAL_FILE);
   return 0;
 }
 

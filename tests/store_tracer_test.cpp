@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/lazy_files.h"
+#include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -95,6 +96,8 @@ int take(const test::Arguments& arguments) {
       store.try_nonlock_append(test::entry_map(kEntries), test::key_set({"b"}));
     } else if (step == "others append") {
       others_append(store);
+    } else if (step == "refuse writes" || step == "refuse writes to the second file") {
+      test::refuse_writes_to_the_next_file(step == "refuse writes" ? 0 : 1);
     } else {
       test::write_file(maps_file(), step);
     }
@@ -141,6 +144,13 @@ TEST(StoreTracer, HearsOfAnAppendWithTheBytesThatItAdded) {
   EXPECT_EQ(steps(root, {"append", "append"}), added + added);
   EXPECT_EQ(test::read_file(root.file("maps")),
             basic_file({{"aa", {"1"}}}) + entry_bytes({"aa", {"1"}}));
+}
+
+// The stream keeps so little until its flush; the count is made after that.
+TEST(StoreTracer, HearsOfNoBytesOfAnAppendThatIsRefusedAtItsFlush) {
+  const TempDir root;
+  test::write_file(root.file("maps"), basic_file(kEntries));
+  EXPECT_EQ(steps(root, {"refuse writes", "append"}), "[][" + reports(12, 0) + "]");
 }
 
 TEST(StoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
@@ -190,6 +200,17 @@ TEST(LazyStoreTracer, HearsOfAnAppendWithTheBytesThatItAddedToBothFiles) {
   const std::string expected = "[" + reports(12, size) + "]";
   EXPECT_EQ(lazy_steps(root, {"append", "append"}), expected + expected);
   EXPECT_EQ(test::read_lazy_files(root.path()), test::lazy_files({added, added}));
+}
+
+TEST(LazyStoreTracer, HearsOfNoBytesOfTheFileThatIsRefusedAtItsFlush) {
+  const TempDir root;
+  test::write_lazy_files(root.path(), test::lazy_files(kEntries));
+  // Without the values no key is written.
+  EXPECT_EQ(lazy_steps(root, {"refuse writes to the second file", "append"}),
+            "[][" + reports(12, 0) + "]");
+  test::write_lazy_files(root.path(), test::lazy_files(kEntries));
+  EXPECT_EQ(lazy_steps(root, {"refuse writes", "append"}),
+            "[][" + reports(12, test::val_file_entry({"aa", {"1"}}).size()) + "]");
 }
 
 TEST(LazyStoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {

@@ -1,5 +1,6 @@
 #include "support/refuse.h"
 
+#include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -9,6 +10,7 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -81,6 +83,24 @@ void refuse_after(long number, int error, When when, void (*meanwhile)()) {
   action.sa_flags = SA_SIGINFO;
   sigaction(SIGSYS, &action, nullptr);
   install(number, SECCOMP_RET_TRAP | static_cast<std::uint32_t>(error), {when});
+}
+
+std::uint32_t next_descriptor(int skipped) {
+  std::vector<int> opened;
+  for (int i = 0; i <= skipped; ++i) {
+    opened.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  }
+  const auto last = static_cast<std::uint32_t>(opened.back());
+  for (const int fd : opened) {
+    close(fd);
+  }
+  return last;
+}
+
+void refuse_writes_to_the_next_file(int skipped) {
+  const When to_it{0, next_descriptor(skipped)};
+  refuse(SYS_write, ENOSPC, to_it);
+  refuse(SYS_writev, ENOSPC, to_it);
 }
 
 }  // namespace test

@@ -25,6 +25,13 @@ void refuse(long number, int error, std::optional<When> when = std::nullopt,
 // handler. For one kind of call in a process.
 void refuse_after(long number, int error, When when, void (*meanwhile)());
 
+// The descriptor that will be given out after `skipped` others.
+std::uint32_t next_descriptor(int skipped = 0);
+
+// Refuses every write to the file that is opened after `skipped` others, while the log
+// goes on.
+void refuse_writes_to_the_next_file(int skipped = 0);
+
 }  // namespace test
 
 #endif  // TESTS_SUPPORT_REFUSE_H_
