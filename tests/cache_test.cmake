@@ -4,6 +4,8 @@ set_target_properties(cache_test_recorder PROPERTIES
   OUTPUT_NAME circmetrics
   LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/cache_test_recorder")
 target_link_libraries(cache_test_recorder PRIVATE qv_warnings)
-add_dependencies(cache_test cache_test_recorder)
-target_compile_definitions(cache_test PRIVATE
-  QV_COUNTING_RECORDER_DIR="$<TARGET_FILE_DIR:cache_test_recorder>")
+foreach(test cache_test cache_memory_test)
+  add_dependencies(${test} cache_test_recorder)
+  target_compile_definitions(${test} PRIVATE
+    QV_COUNTING_RECORDER_DIR="$<TARGET_FILE_DIR:cache_test_recorder>")
+endforeach()
