@@ -749,3 +749,32 @@ TEST(CacheThreads, LookUpsAgreeHoweverOftenTheyAreMade) {
   }
   EXPECT_EQ(wrong, 0);
 }
+
+// Nothing orders the threads but what publishes the index: each counts for itself.
+TEST(CacheThreads, LookUpsAgreeWhileOneOfThemBuildsTheIndex) {
+  constexpr int kThreads = 4;
+  constexpr std::size_t kLoaded = 2000;
+  Script script;
+  std::vector<RoBuffer> keys;
+  for (std::size_t i = 0; i < kLoaded; ++i) {
+    script.content.push_back({"key" + std::to_string(i), {std::to_string(i)}});
+    keys.push_back(buffer(script.content.back().key));
+  }
+  Cache cache("maps", fake(script), false);
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      int own = 0;
+      for (std::size_t i = 0; i < kLoaded; ++i) {
+        const auto* value = cache.get_value(keys[i]);
+        own += value == nullptr || test::bytes_of(value->at(0)) != std::to_string(i);
+      }
+      wrong += own;
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0);
+}

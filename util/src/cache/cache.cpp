@@ -196,7 +196,8 @@ void Cache::build_index() {
 }
 
 const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) {
-  if (diff_size_.load(std::memory_order_acquire) == 0) {
+  // Tells only whether to look: the mutex orders what is there to be found.
+  if (diff_size_.load(std::memory_order_relaxed) == 0) {
     return nullptr;
   }
   const fork_guard::Lock lock(diff_mutex_);
@@ -218,7 +219,7 @@ bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> val
   try {
     const fork_guard::Lock lock(diff_mutex_);
     const bool added = diff_map_.emplace(key, std::move(value)).second;
-    diff_size_.store(diff_map_.size(), std::memory_order_release);
+    diff_size_.store(diff_map_.size(), std::memory_order_relaxed);
     return added;
   } catch (const std::bad_alloc&) {
     QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: no memory", name_.c_str());
