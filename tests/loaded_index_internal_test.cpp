@@ -3,7 +3,9 @@
 #include <farmhash.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "support/store_bytes.h"
 
@@ -51,6 +53,30 @@ TEST(LoadedIndex, TellsKeysOfOneHashAndOneSizeApart) {
 
 TEST(LoadedIndex, TellsKeysOfOneHashAndTwoSizesApart) {
   expect_told_apart("k26ead66949f22622", "a4f928b2c1fefc35");
+}
+
+// Keys whose hashes are so large that they belong into the last slot.
+std::vector<std::string> keys_of_the_last_slot(std::size_t count) {
+  std::vector<std::string> keys;
+  for (int i = 0; keys.size() < count; ++i) {
+    const std::string key = "key" + std::to_string(i);
+    if (util::Hash64(key) >= std::uint64_t{63} << 58) {
+      keys.push_back(key);
+    }
+  }
+  return keys;
+}
+
+TEST(LoadedIndex, GoesOnFromTheLastSlotWithTheFirst) {
+  const std::vector<std::string> keys = keys_of_the_last_slot(30);
+  EntryMap map;
+  for (std::size_t i = 0; i < 20; ++i) {
+    map.emplace(test::buffer(keys[i]), test::buffers({keys[i]}));
+  }
+  const LoadedIndex index(map);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    EXPECT_EQ(value_of(index, keys[i]), i < 20 ? keys[i] : "null");
+  }
 }
 
 }  // namespace
