@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "src/descriptor.h"
+
 struct qv_pidset {
   int fd;
   std::uint64_t capacity;
@@ -94,7 +96,7 @@ std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int3
 }  // namespace
 
 qv_pidset_t* qv_pidset_open(const char* path) {
-  const int fd = open(path, O_RDWR);
+  const int fd = quorvane::descriptor::open_off_standard(path, O_RDWR);
   // A descriptor that holds no set stays open, unlike that of a clone.
   return fd < 0 ? nullptr : qv_pidset_open_fd(fd);
 }
