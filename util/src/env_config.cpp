@@ -11,7 +11,7 @@ namespace {
 
 // The variable's value, or null when there is nothing to convert.
 const char* value_of(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = secure_getenv(name);
   return value == nullptr || *value == '\0' ? nullptr : value;
 }
 

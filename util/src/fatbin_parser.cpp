@@ -14,7 +14,7 @@ const Module g_module("util/src/fatbin_parser");
 bool logs_at(qv_log_level_t level) { return g_module->level >= level; }
 
 const char* default_directory() {
-  const char* const set = std::getenv("TMPDIR");
+  const char* const set = secure_getenv("TMPDIR");
   return set == nullptr ? "/tmp/" : set;
 }
 

@@ -135,7 +135,7 @@ void set_up_outlet() {
     outlet.level = outlet.error_fd >= 0 ? QV_LOG_LEVEL_ERROR : QV_LOG_LEVEL_OFF;
     return;
   }
-  const int sync = std::getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
+  const int sync = secure_getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
   outlet.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
   outlet.error_fd = STDERR_FILENO;
   if (outlet.fd < 0) {
@@ -143,14 +143,14 @@ void set_up_outlet() {
     outlet.level = QV_LOG_LEVEL_ERROR;
     return;
   }
-  const char* level = std::getenv(QV_LOG_LEVEL_ENV);
+  const char* level = secure_getenv(QV_LOG_LEVEL_ENV);
   if (level == nullptr || !parse_level_string(level, outlet.level)) {
     outlet.level = QV_LOG_LEVEL_INFO;
   }
 }
 
 std::string environment(const char* name) {
-  const char* value = std::getenv(name);
+  const char* value = secure_getenv(name);
   return value == nullptr ? "" : value;
 }
 

@@ -35,7 +35,7 @@ int open_file(const char* root, pid_t pid) {
 // At load, and in a child, which leaves its parent's file alone.
 void write_file() {
   g_owner = 0;
-  const char* const root = std::getenv("QV_PIDFILE_ROOT");
+  const char* const root = secure_getenv("QV_PIDFILE_ROOT");
   if (root == nullptr || *root == '\0') {
     return;
   }

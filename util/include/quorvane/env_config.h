@@ -3,7 +3,8 @@
 ///
 /// Each call reads the variable afresh. An unset or empty variable gives the
 /// default silently; a malformed value gives the default and one WARN record
-/// through the library's internal module. Nothing throws.
+/// through the library's internal module. Nothing throws. A set-user-id program, whose
+/// environment is its caller's choice (secure_getenv(3)), gets the defaults.
 /// Thread-safety: as getenv(3). Fork-safety: safe in a child.
 #ifndef QUORVANE_ENV_CONFIG_H_
 #define QUORVANE_ENV_CONFIG_H_
