@@ -16,6 +16,7 @@
 #include <limits>
 #include <string_view>
 
+#include "src/descriptor.h"
 #include "src/once.h"
 #include "src/process_generation.h"
 
@@ -136,7 +137,8 @@ void set_up_outlet() {
     return;
   }
   const int sync = secure_getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
-  outlet.fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
+  outlet.fd =
+      descriptor::open_off_standard(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
   outlet.error_fd = STDERR_FILENO;
   if (outlet.fd < 0) {
     std::fprintf(stderr, "QVUtil: Failed to open requested log file %s.\n", path.c_str());

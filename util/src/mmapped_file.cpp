@@ -11,6 +11,8 @@
 #include <quorvane/log.h>
 #include <quorvane/module.h>
 
+#include "src/descriptor.h"
+
 namespace quorvane {
 namespace util {
 namespace {
@@ -35,7 +37,7 @@ MMappedFile::~MMappedFile() {
 // The numbers are the lines that the records of these checks carry: readers of
 // logs search for them, so they stay when the code moves.
 void MMappedFile::open(const std::string& path, int oflag, unsigned int mode, int prot, int flags) {
-  fd_ = ::open(path.c_str(), oflag, mode);
+  fd_ = descriptor::open_off_standard(path.c_str(), oflag, mode);
   if (!QV_FAULT_EXPECT_AT(g_module, 3, fd_ >= 0, kSource, 20)) {
     fd_ = -1;
     return;
