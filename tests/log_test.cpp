@@ -556,14 +556,29 @@ TEST(LogRecord, MayQuoteTheCallersErrno) {
   std::thread(check).join();
 }
 
-TEST(LogRecord, AMessageThatCannotBeFormattedIsEmpty) {
+// The message of a record whose text ends where `format` can't be followed any further.
+template <typename... Arguments>
+std::string cut_message(const std::string& format, Arguments... arguments) {
   Writes file;
   LoggingModuleData outlet{file.fd(), 0, QV_LOG_LEVEL_ALL};
-  // No character of the C locale.
-  log_to(outlet, QV_LOG_LEVEL_INFO, "%ls", L"\x20ac");
+  log_to(outlet, QV_LOG_LEVEL_INFO, format.c_str(), arguments...);
   const auto record = parse_record(file.take_one());
-  ASSERT_TRUE(record);
-  EXPECT_EQ(record->message, "");
+  EXPECT_TRUE(record);
+  return record ? record->message : "no record";
+}
+
+TEST(LogRecord, AMessageThatCannotBeConvertedIsCutThere) {
+  // No character of the C locale.
+  EXPECT_EQ(cut_message("%ls", L"\x20ac"), "");
+  EXPECT_EQ(cut_message("%d of %s: %ls, %d", 7, "all", L"\x20ac", 8), "7 of all: ");
+}
+
+// vsnprintf refuses a width above INT_MAX where it comes to it. A text that grows beyond
+// INT_MAX ends in the same way, but takes half a minute.
+TEST(LogRecord, AMessageOfMoreThanIntMaxBytesIsCutBeforeWhatIsTooMuch) {
+  EXPECT_EQ(cut_message("%s: %2147483648d.", "wide", 1), "wide: ");
+  const std::string fills(2 * kRecordSize, 'f');
+  EXPECT_EQ(cut_message("%s%2147483648d.", fills.c_str(), 1), cut_message("%s", fills.c_str()));
 }
 
 TEST(LogRecord, AllocatesNothingNotEvenAThreadsFirst) {

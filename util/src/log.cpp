@@ -111,9 +111,12 @@ class Record {
 
   void append_message(const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
     const std::size_t room = bytes_.size() - kTail.size() - size_;
+    char* const message = bytes_.data() + size_;
+    *message = '\0';
     // The terminating NUL takes the place of the tail's first byte.
-    const int wanted = std::vsnprintf(bytes_.data() + size_, room + 1, format, args);
-    size_ += std::min(static_cast<std::size_t>(std::max(wanted, 0)), room);
+    const int wanted = std::vsnprintf(message, room + 1, format, args);
+    // A text that can't be converted, or of more than INT_MAX bytes, is cut there.
+    size_ += wanted < 0 ? strnlen(message, room) : std::min(static_cast<std::size_t>(wanted), room);
     append(kTail);
   }
 

@@ -34,7 +34,8 @@ typedef enum qv_log_level_t {
 /** Writes one record of `level` with the printf-style message to the outlet of
  * `module` (a module as qv_module_create or qv_module_find gives it), without
  * asking the module's level: that is the caller's part, and QV_LOG plays it.
- * A record is at most 4096 bytes; a longer message is cut. `reserved` is 0.
+ * A record is at most 4096 bytes; a longer message is cut, and so is one that can't be
+ * formatted any further (a %ls without a conversion, say). `reserved` is 0.
  * Failed writes are dropped. Keeps errno. Any thread; safe after fork; not in
  * a signal handler (the message goes through vsnprintf). */
 QV_EXPORT void qv_log_do(void* module, qv_log_level_t level, unsigned long reserved,
@@ -119,12 +120,14 @@ QV_EXPORT void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const ch
                        va_list args) __attribute__((format(printf, 3, 0)));
 
 /// The log file that the environment asks for: QV_LOG_FILE, else
-/// QV_LOG_FILE_Global, else $HOME/.quorvane/qv_Global.HOST.log, else "".
-/// Directories are not created.
+/// QV_LOG_FILE_Global, else $HOME/.quorvane/qv_Global.HOST.log, else "". Always ""
+/// in a set-user-id program, whose environment is its caller's choice
+/// (secure_getenv(3)). Directories are not created.
 QV_EXPORT std::string get_default_log_path();
 
 /// Sets the outlet up from the environment on the first call (any thread) and
-/// returns it. A log file that can't be opened gives one line on standard error.
+/// returns it. A log file that can't be opened gives one line on standard error. Its
+/// descriptor is none of 0, 1 and 2, also where these are closed.
 QV_EXPORT LoggingModuleData* get_singleton_outlet();
 
 }  // namespace logging
