@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
@@ -11,7 +12,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -22,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -302,6 +307,32 @@ TEST_F(PidFile, OutlivesTheProgramsOwnExitHandlers) {
   expect_clean(ran);
 }
 
+class LoadedLater : public PidFile {
+ protected:
+  Ran run_loader(const std::string& way) const {
+    return test::run_program(QV_PID_FILE_LOADER, {QV_LIBRARY, way},
+                             {{kRootEnv, dir_.path() + "/"}});
+  }
+};
+
+TEST_F(LoadedLater, RemovesTheFileBetweenTheHandlersRegisteredAfterAndBefore) {
+  const Ran ran = run_loader("returns");
+  EXPECT_EQ(ran.out, "later: there\nearlier: gone\n");
+  expect_clean(ran);
+}
+
+TEST_F(LoadedLater, RemovesTheFileThoughAHandlerExitsAgain) {
+  const Ran ran = run_loader("exits again");
+  EXPECT_EQ(ran.out, "later: there\nearlier: gone\n");
+  expect_clean(ran);
+}
+
+TEST_F(LoadedLater, RemovesTheFileOfAChildForkedAfterItsOwnHandler) {
+  const Ran ran = run_loader("forks");
+  EXPECT_EQ(ran.out, "later: there\nearlier: there\nearlier: gone\n");
+  expect_clean(ran);
+}
+
 // ------------------------------------------------------------------------- children
 
 SCENARIO(child_exits_first) {
@@ -498,6 +529,29 @@ TEST_F(PidFile, StaysAfterExecveOfAProgramWithoutTheLibrary) {
   EXPECT_THAT(left(), ElementsAre("qv." + std::to_string(ran.pid)));
 }
 
+int next_descriptor() {
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  close(fd);
+  return fd;
+}
+
+void become_a_list_of_descriptors() { execl("/bin/ls", "ls", "-l", "/proc/self/fd", nullptr); }
+
+SCENARIO(child_execs_while_its_file_is_written) {
+  test::refuse_after(SYS_write, EIO, test::When{0, static_cast<std::uint32_t>(next_descriptor())},
+                     &become_a_list_of_descriptors);
+  return status_of(start_child([] { return false; }));
+}
+
+// The file stays, since nobody is left who knows of it.
+TEST_F(PidFile, IsNotOpenInAProgramThatIsExecutedWhileItIsWritten) {
+  const Ran ran = run("child_execs_while_its_file_is_written");
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.out, testing::HasSubstr(" 2 -> "));
+  EXPECT_THAT(ran.out, testing::Not(testing::HasSubstr("/qv.")));
+  EXPECT_THAT(left(), testing::SizeIs(1));
+}
+
 // -------------------------------------------------------------- what can't be written
 
 SCENARIO(goes_on_without_a_file) {
@@ -547,6 +601,43 @@ TEST_F(PidFile, WithANameThatIsTooLongIsReportedAndTheProcessGoesOn) {
   EXPECT_EQ(longer.out, "goes on");
   EXPECT_EQ(longer.records.size(), 1U);
   EXPECT_EQ(longer.log.size(), 4096U);
+}
+
+// Goes on with a pid file whose path, in the directory of the first argument, has as
+// many bytes as the second one says.
+SCENARIO(has_a_path_of) {
+  const std::string name = "qv." + std::to_string(getpid());
+  const std::size_t length = std::stoul(arguments.at(1)) - name.size();
+  std::string root = arguments.at(0) + "/";
+  while (root.size() + 2 <= length) {
+    root += "./";
+  }
+  root.resize(length, '/');
+  setenv(kRootEnv, root.c_str(), 1);
+  execl("/proc/self/exe", "pid_file_test", "--scenario", "tells_of_its_file", nullptr);
+  return 1;
+}
+
+SCENARIO(tells_of_its_file) {
+  const std::string path = path_of(getpid());
+  std::cout << path.size() << " " << (access(path.c_str(), F_OK) == 0 ? "there" : "gone");
+  return 0;
+}
+
+TEST_F(PidFile, HasAPathThatWithItsNulFillsThePathBufferAndNoLongerOne) {
+  const Ran longest =
+      test::run_scenario("has_a_path_of", {}, {dir_.path(), std::to_string(PATH_MAX - 1)});
+  EXPECT_EQ(longest.out, "4095 there");
+  expect_clean(longest);
+  const Ran longer =
+      test::run_scenario("has_a_path_of", {}, {dir_.path(), std::to_string(PATH_MAX)});
+  EXPECT_TRUE(longer.exited_with(0));
+  EXPECT_EQ(longer.out, "4096 gone");
+  ASSERT_THAT(longer.records, testing::SizeIs(1));
+  EXPECT_EQ(longer.records[0].level, "ERROR");
+  EXPECT_THAT(
+      longer.records[0].message,
+      testing::StartsWith("Failed to open QV_PIDFILE_ROOT pid file " + dir_.path() + "/./"));
 }
 
 SCENARIO(child_cannot_write_a_file) {

@@ -49,15 +49,17 @@ void write_file() {
   }
 }
 
-bool write_at_load_and_in_children() {
+bool set_up() {
   write_file();
-  return pthread_atfork(nullptr, nullptr, &write_file) == 0;
+  const bool goes_at_exit = std::atexit(&qv_remove_sigquit_pidfile) == 0;
+  return pthread_atfork(nullptr, nullptr, &write_file) == 0 && goes_at_exit;
 }
 
-[[maybe_unused]] const bool g_is_set_up = write_at_load_and_in_children();
+[[maybe_unused]] const bool g_is_set_up = set_up();
 
-// Runs after everything that the program does at its exit.
-__attribute__((destructor)) void remove_at_exit() { qv_remove_sigquit_pidfile(); }
+// Exit handlers that were registered before this library was loaded run after its own,
+// and may fork.
+__attribute__((destructor)) void remove_late_childs_file() { qv_remove_sigquit_pidfile(); }
 
 }  // namespace
 

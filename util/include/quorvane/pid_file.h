@@ -4,8 +4,11 @@
 ///
 /// With QV_PIDFILE_ROOT set, loading the library writes the file
 /// "$QV_PIDFILE_ROOT" "qv.PID", without a separator in between: the process id
-/// in decimal and a newline. A child of fork writes one of its own. The file goes
-/// when its process exits. A process that ends without running exit handlers
+/// in decimal and a newline. A child of fork writes one of its own. A set-user-id
+/// program, whose environment is its caller's choice (secure_getenv(3)), has none.
+/// The file goes when its process exits, in an exit handler that loading the library
+/// registers: handlers that were registered later still find the file, earlier ones
+/// don't. A process that ends without running exit handlers
 /// (_exit, a signal), or calls execve on a program without this library, leaves
 /// its file behind. A child that no fork handler saw (vfork, posix_spawn, raw
 /// clone) has none, and its end doesn't concern its parent's.
