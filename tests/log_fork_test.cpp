@@ -5,6 +5,7 @@
 #include <quorvane/fault.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
+#include <quorvane/store.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -14,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -356,6 +358,22 @@ SCENARIO(reports_a_failed_check_from_a_fork) {
   return 1;
 }
 
+class Resource : public quorvane::cache::CleanableResource {
+ public:
+  std::uint64_t get_usage() override { return 0; }
+  void clean() override {}
+};
+
+// The check fails under the mutex of the controller.
+SCENARIO(reports_a_check_under_a_mutex_from_a_fork) {
+  signal(SIGABRT, &fork_and_tell);
+  alarm(kHangs);
+  Resource resource;
+  quorvane::cache::CleanupController controller(0);
+  controller.update_and_check_usage(controller.get_ticket() + 1, resource);
+  return 1;
+}
+
 TEST(ForkedLog, AHandlerOfAbortMayFork) {
   // ThreadSanitizer allocates in a child, and would blame the handler for it.
   const test::Environment environment{
@@ -366,6 +384,9 @@ TEST(ForkedLog, AHandlerOfAbortMayFork) {
   EXPECT_EQ(collision.records.size(), 1U);
   EXPECT_EQ(run_scenario("reports_a_failed_check_from_a_fork", environment, {"failed"}).out,
             "reported");
+  const Ran locked = run_scenario("reports_a_check_under_a_mutex_from_a_fork", environment);
+  EXPECT_TRUE(locked.exited_with(0));
+  EXPECT_EQ(locked.out, "reported");
 }
 
 SCENARIO(a_child_commits_what_its_parent_has_too) {

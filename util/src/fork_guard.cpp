@@ -21,31 +21,34 @@ Guarded& guarded() {
   return all;
 }
 
+[[maybe_unused]] Guarded& g_made_at_load = guarded();
+
 std::atomic<bool> g_is_given_up{false};
 
-// How many forks of this thread are under way: a fork handler may fork itself.
-// Initial-exec, so that no first use in a thread allocates.
+// How many forks of this thread are under way since it locked all mutexes: a fork
+// handler may fork itself. 0 when it holds none. Initial-exec, so that no first use in
+// a thread allocates.
 __attribute__((tls_model("initial-exec"))) thread_local unsigned t_forks = 0;
 
-// Whether this fork took the mutexes: not after give_up, nor inside another fork.
-__attribute__((tls_model("initial-exec"))) thread_local bool t_holds_all = false;
+bool holds_all() { return t_forks > 0; }
 
 void before_fork() {
-  if (t_forks++ > 0 || g_is_given_up) {
-    return;
+  if (!holds_all()) {
+    if (g_is_given_up) {
+      return;
+    }
+    guarded().mutex.lock();
+    for (std::mutex* member : guarded().members) {
+      member->lock();
+    }
   }
-  t_holds_all = true;
-  guarded().mutex.lock();
-  for (std::mutex* member : guarded().members) {
-    member->lock();
-  }
+  ++t_forks;
 }
 
 void after_fork() {
-  if (--t_forks > 0 || !t_holds_all) {
+  if (!holds_all() || --t_forks > 0) {
     return;
   }
-  t_holds_all = false;
   for (std::mutex* member : guarded().members) {
     member->unlock();
   }
@@ -60,7 +63,7 @@ const int g_registered = pthread_atfork(&before_fork, &after_fork, &after_fork);
 void add(std::mutex& mutex) noexcept try {
   const Lock lock(guarded().mutex);
   const bool is_new = guarded().members.insert(&mutex).second;
-  if (is_new && t_holds_all) {
+  if (is_new && holds_all()) {
     mutex.lock();  // the fork's end unlocks it with the others
   }
 } catch (const std::bad_alloc&) {
@@ -69,12 +72,12 @@ void add(std::mutex& mutex) noexcept try {
 
 void remove(std::mutex& mutex) noexcept {
   const Lock lock(guarded().mutex);
-  if (guarded().members.erase(&mutex) != 0 && t_holds_all) {
+  if (guarded().members.erase(&mutex) != 0 && holds_all()) {
     mutex.unlock();
   }
 }
 
-Lock::Lock(std::mutex& mutex) : mutex_(t_holds_all ? nullptr : &mutex) {
+Lock::Lock(std::mutex& mutex) : mutex_(holds_all() ? nullptr : &mutex) {
   if (mutex_ != nullptr) {
     mutex_->lock();
   }
