@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <latch>
 #include <map>
 #include <optional>
@@ -327,6 +328,31 @@ TEST_F(Dumper, ShowsTheLowHalfOfASize) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_THAT(ran.messages(), ElementsAre(record("thing #0000 of size 7", "0000")));
   EXPECT_EQ(read_file(dir_.file("0000")), std::string(kRoom, '\0'));
+}
+
+// -------------------------------------------------------------------------- descriptors
+
+std::size_t open_descriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+// A dump that is written, one that can't be opened and one that finds the disk full.
+SCENARIO(dumps_and_counts_descriptors) {
+  fill_the_disk();
+  BinaryDumper dumper("thing", "", "", arguments.at(0).c_str(), QV_LOG_LEVEL_INFO);
+  BinaryDumper refused("thing", "", "", "/dev/null", QV_LOG_LEVEL_INFO);
+  const std::size_t before = open_descriptors();
+  dump(dumper, "kept");
+  const std::size_t after_success = open_descriptors();
+  dump(refused, "lost");
+  dump(dumper, std::string(kRoom + 1000, 'x'));
+  return after_success == before && open_descriptors() == before ? 0 : 1;
+}
+
+TEST_F(Dumper, ClosesItsFileAlsoAfterAFailure) {
+  EXPECT_TRUE(run_scenario("dumps_and_counts_descriptors", {}, {dir_.path()}).exited_with(0));
+  EXPECT_THAT(files_in(dir_.path()), SizeIs(2));
 }
 
 // ------------------------------------------------------------------------------- levels
