@@ -39,6 +39,71 @@ TEST(Once, RunsAgainAfterAThrow) {
   EXPECT_TRUE(once.has_run());
 }
 
+// The three tests below read what another thread wrote, with nothing but the Once to
+// order the two, as ThreadSanitizer sees it.
+
+TEST(Once, PublishesWhatTheFunctionWroteToThoseWhoSeeThatItHasRun) {
+  Once once;
+  int written = 0;
+  std::thread first([&] { once.run([&] { written = 1; }); });
+  std::thread second([&] {
+    while (!once.has_run()) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(written, 1);
+  });
+  first.join();
+  second.join();
+}
+
+TEST(Once, PublishesWhatTheFunctionWroteToThoseWhoWaitForIt) {
+  Once once;
+  int written = 0;
+  std::atomic<bool> is_running{false};
+  std::atomic<pid_t> second_id{0};
+  std::thread first([&] {
+    once.run([&] {
+      is_running.store(true, std::memory_order_relaxed);
+      while (second_id.load(std::memory_order_relaxed) == 0 || !test::is_asleep(second_id)) {
+        std::this_thread::yield();
+      }
+      written = 1;
+    });
+  });
+  std::thread second([&] {
+    while (!is_running.load(std::memory_order_relaxed)) {
+      std::this_thread::yield();
+    }
+    second_id.store(gettid(), std::memory_order_relaxed);
+    once.run([] {});
+    EXPECT_EQ(written, 1);
+  });
+  first.join();
+  second.join();
+}
+
+TEST(Once, PublishesWhatAFunctionWroteBeforeItThrewToTheNextOne) {
+  Once once;
+  int written = 0;
+  std::atomic<bool> has_thrown{false};
+  std::thread first([&] {
+    EXPECT_THROW(once.run([&] {
+      written = 1;
+      throw std::runtime_error("first");
+    }),
+                 std::runtime_error);
+    has_thrown.store(true, std::memory_order_relaxed);
+  });
+  std::thread second([&] {
+    while (!has_thrown.load(std::memory_order_relaxed)) {
+      std::this_thread::yield();
+    }
+    once.run([&] { EXPECT_EQ(written, 1); });
+  });
+  first.join();
+  second.join();
+}
+
 // Would wait for ever if nobody told it of the throw.
 TEST(Once, AThreadThatWaitsRunsTheFunctionThatThrew) {
   Once once;

@@ -47,12 +47,13 @@ Generation* word() {
 
 }  // namespace
 
+// Nothing is published with the number: relaxed accesses do.
 std::uint64_t process_generation() {
   Generation* const generation = word();
-  std::uint64_t current = generation->load(std::memory_order_acquire);
+  std::uint64_t current = generation->load(std::memory_order_relaxed);
   if (current == 0) {
     const std::uint64_t next = g_last.fetch_add(1, std::memory_order_relaxed) + 1;
-    if (generation->compare_exchange_strong(current, next, std::memory_order_acq_rel)) {
+    if (generation->compare_exchange_strong(current, next, std::memory_order_relaxed)) {
       current = next;
     }
   }
