@@ -35,12 +35,12 @@ class Once {
   template <typename Function>
   void run_or_wait(const Function& function) {
     const State running = process_generation();
-    State state = state_.load(std::memory_order_acquire);
-    while (state != kDone) {
+    while (!has_run()) {
+      State state = state_.load(std::memory_order_relaxed);
       if (state == running) {
-        state_.wait(running, std::memory_order_acquire);
-        state = state_.load(std::memory_order_acquire);
-      } else if (state_.compare_exchange_strong(state, running, std::memory_order_acquire)) {
+        state_.wait(running, std::memory_order_relaxed);
+      } else if (state != kDone &&
+                 state_.compare_exchange_strong(state, running, std::memory_order_acquire)) {
         try {
           function();
         } catch (...) {
