@@ -227,6 +227,20 @@ TEST(BasicStoreLoad, TheFirstOfTwoEntriesWithOneKeyStaysAndTheOtherIsReported) {
                       root.loaded()}));
 }
 
+TEST(BasicStoreLoad, TheFirstOfManyEntriesWithOneKeyStays) {
+  std::vector<Entry> entries;
+  std::string expected = "load 1\n";
+  for (char key = 'a'; key <= 'z'; ++key) {
+    expected += std::string(1, key) + "=0\n";
+  }
+  for (int round = 0; round < 10; ++round) {
+    for (char key = 'z'; key >= 'a'; --key) {
+      entries.push_back({std::string(1, key), {std::to_string(round)}});
+    }
+  }
+  EXPECT_EQ(Root(basic_file(entries)).run("load", {}, "OFF").out, expected + "BasicStore");
+}
+
 TEST(BasicStoreLoad, AnUnreadableFileFailsAsNotOpened) {
   const Root root;
   ASSERT_EQ(mkdir(root.maps().c_str(), 0755), 0);  // exists, but can't be mapped
