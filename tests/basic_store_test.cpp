@@ -477,6 +477,21 @@ TEST(BasicStoreScan, ACacheDoesNotAppendToAFileThatWasRestarted) {
   EXPECT_EQ(root.bytes(), basic_file({}));
 }
 
+SCENARIO(diff_after_a_failed_load) {
+  Maps maps;
+  EntryMap out;
+  const bool loaded = maps.store.try_load(out);
+  std::printf("%d %d", loaded, maps.store.try_store_diff(entry_map({{"k", {"v"}}})));
+  return 0;
+}
+
+TEST(BasicStoreScan, AFailedLoadCountsAsOneThatFoundNothing) {
+  const std::string damaged = basic_file(kEntries) + "damage";
+  const Root root(damaged);
+  EXPECT_EQ(root.run("diff_after_a_failed_load", {}, "OFF").out, "0 1");
+  EXPECT_EQ(root.bytes(), damaged + entry_bytes({"k", {"v"}}));
+}
+
 SCENARIO(scan_of_damage) {
   Maps maps;
   maps.load();

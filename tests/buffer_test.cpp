@@ -187,6 +187,16 @@ TEST(RwBuffer, GivesItsOwnLentBytesBackBeforeItTakesOthers) {
   EXPECT_EQ(pool.allocate(64, nullptr).get_buffer(), base);
 }
 
+TEST(RwBuffer, KeepsItsLentBytesWhenItIsMovedIntoItself) {
+  CircularBufferPool pool(page());
+  RwBuffer lent = pool.allocate(64, nullptr);
+  const unsigned char* const base = lent.get_buffer();
+  RwBuffer& same = lent;
+  lent = std::move(same);
+  EXPECT_EQ(lent.get_buffer(), base);
+  EXPECT_EQ(pool.allocate(64, nullptr).get_buffer(), base + 64);
+}
+
 SCENARIO(lent_bytes_become_read_only) {
   CircularBufferPool pool(page());
   RwBuffer lent = pool.allocate(64, nullptr);

@@ -397,6 +397,23 @@ TEST_P(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
   }
 }
 
+// --- exec ---
+
+SCENARIO(exec_with_a_cache) {
+  auto cache = maps_cache();
+  add(*cache, "key", "1");
+  execl("/bin/ls", "ls", "-l", "/proc/self/fd", nullptr);
+  return 1;
+}
+
+TEST_P(CacheProcesses, ThatBecomeAnotherProgramLeaveItNoFileOfTheStore) {
+  const TempDir root;
+  const Ran ran = run("exec_with_a_cache", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_NE(ran.out.find("/dev/null"), std::string::npos);
+  EXPECT_EQ(ran.out.find(root.path()), std::string::npos) << ran.out;
+}
+
 // --- before and after main ---
 
 bool is_asked_for(const char* what) {

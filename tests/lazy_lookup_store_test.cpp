@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -880,6 +882,39 @@ TEST(LazyStoreClean, RemovesBothFilesSaysSoWhateverTheResultAndKeepsTheValuesMap
       "DEBUG Cachemap files " + root.key() + " and " + root.val() + " cleaned";
   EXPECT_EQ(ran.messages(),
             (Messages{root.opened_key(), root.opened_val(), root.loaded(), cleaned, cleaned}));
+}
+
+// The names of the files of a directory that are deleted, in this order.
+class Deletions {
+ public:
+  explicit Deletions(const std::string& directory) : fd_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    inotify_add_watch(fd_, directory.c_str(), IN_DELETE);
+  }
+  ~Deletions() { close(fd_); }
+  Deletions(const Deletions&) = delete;
+  Deletions& operator=(const Deletions&) = delete;
+
+  std::vector<std::string> names() const {
+    alignas(inotify_event) char events[4096];
+    const ssize_t size = read(fd_, events, sizeof(events));
+    std::vector<std::string> names;
+    for (const char* at = events; at < events + size;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(at);
+      names.emplace_back(event->name);
+      at += sizeof(inotify_event) + event->len;
+    }
+    return names;
+  }
+
+ private:
+  int fd_;
+};
+
+TEST(LazyStoreClean, RemovesTheValuesFirst) {
+  const LazyRoot root(lazy_files(kEntries));
+  const Deletions deletions(root.path());
+  root.run("clean");
+  EXPECT_EQ(deletions.names(), (std::vector<std::string>{"val_maps", "key_maps"}));
 }
 
 SCENARIO(locked_load_with_threshold) {
