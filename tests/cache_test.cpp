@@ -669,6 +669,25 @@ TEST(CacheThreads, OneOfManyThreadsAddsAKeyAndAllFindIt) {
   EXPECT_EQ(cache.size(), static_cast<std::size_t>(kKeys));
 }
 
+// Nothing orders the threads but the cache's mutex.
+TEST(CacheThreads, TheSizeOnlyGrowsWhileAnotherThreadAdds) {
+  constexpr std::size_t kKeys = 500;
+  Cache cache("maps", nullptr, true);
+  std::thread adding([&] {
+    for (std::size_t i = 0; i < kKeys; ++i) {
+      cache.add_value(buffer("k" + std::to_string(i)), buffers({"v"}));
+    }
+  });
+  bool has_shrunk = false;
+  for (std::size_t last = 0; last < kKeys && !has_shrunk;) {
+    const std::size_t size = cache.size();
+    has_shrunk = size < last;
+    last = size;
+  }
+  adding.join();
+  EXPECT_FALSE(has_shrunk);
+}
+
 // No file holds one, but a user's own store may.
 TEST(CacheLookUp, FindsAnEmptyKeyHoweverManyEntriesThereAre) {
   Script script;
