@@ -1,14 +1,20 @@
 // What the recorder shows of itself: its header, and nine functions to load.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/scenario.h"
 
 namespace {
 
@@ -55,6 +61,48 @@ TEST(CircmetricsLibrary, ExportsItsNineFunctionsAndNothingElse) {
                        "stats_add64", "stats_observe", "stats_recorder_alloc",
                        "stats_recorder_global_ns", "stats_recorder_output_json", "stats_register",
                        "stats_register_ns", "stats_set_hist", "stats_set_hist_intscale"}));
+}
+
+namespace {
+
+void* g_root = nullptr;
+void* (*g_register)(void* ns, const char* name, int type) = nullptr;
+
+template <int kNumber>
+void register_metric() {
+  if (g_register != nullptr && g_register(g_root, std::to_string(kNumber).c_str(), 5) == nullptr) {
+    std::abort();
+  }
+}
+
+}  // namespace
+
+// Such handlers run within the recorder's own, which hold its lock.
+SCENARIO(fork_with_handlers_from_before) {
+  alarm(60);
+  pthread_atfork(&register_metric<1>, &register_metric<2>, &register_metric<3>);
+  void* library = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
+  const auto alloc = reinterpret_cast<void* (*)()>(dlsym(library, "stats_recorder_alloc"));
+  const auto root = reinterpret_cast<void* (*)(void*)>(dlsym(library, "stats_recorder_global_ns"));
+  g_register =
+      reinterpret_cast<void* (*)(void*, const char*, int)>(dlsym(library, "stats_register"));
+  g_root = root(alloc());
+  void* const before = g_register(g_root, "before", 5);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+  }
+  const bool is_right = g_register(g_root, "before", 5) == before;
+  if (child == 0) {
+    _exit(is_right ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return is_right && status == 0 ? 0 : 1;
+}
+
+TEST(CircmetricsLibrary, ForkHandlersFromBeforeItWasLoadedMayRegisterMetrics) {
+  EXPECT_TRUE(test::run_scenario("fork_with_handlers_from_before").exited_with(0));
 }
 
 // Threads that count still end later, and forks run its handlers.

@@ -1,12 +1,20 @@
 // The recorder without memory: every allocation of its own fails once.
 #include <circmetrics.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <limits>
 #include <new>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <utility>
+
+#include "support/thread_state.h"
 
 using nlohmann::json;
 
@@ -16,9 +24,15 @@ namespace {
 constexpr int kUnlimited = std::numeric_limits<int>::max();
 int g_left = kUnlimited;
 
+// Runs once, within the next allocation of this thread.
+thread_local void (*t_meanwhile)() = nullptr;
+
 bool may_allocate() { return g_left == kUnlimited || g_left-- != 0; }
 
 void* allocate(std::size_t size, std::size_t alignment) {
+  if (auto* const meanwhile = std::exchange(t_meanwhile, nullptr)) {
+    meanwhile();
+  }
   const std::size_t whole = (size + alignment - 1) / alignment * alignment;
   return may_allocate() ? std::aligned_alloc(alignment, whole) : nullptr;
 }
@@ -79,14 +93,11 @@ class User {
     return failed_;
   }
 
-  void expect_a_whole_report() const {
+  bool has_a_whole_report() const {
     const json state = json::parse(text_);
-    EXPECT_EQ(state.size(), 4);
-    EXPECT_EQ(state[kNamespace], json::object());
-    EXPECT_EQ(state["gauge"], 0.5);
-    EXPECT_EQ(state["counter"], 0);
-    EXPECT_EQ(state["histogram"]["count"], samples_);
-    EXPECT_EQ(state["histogram"]["sum"], 2 * samples_);
+    return state.size() == 4 && state[kNamespace] == json::object() && state["gauge"] == 0.5 &&
+           state["counter"] == 0 && state["histogram"]["count"] == samples_ &&
+           state["histogram"]["sum"] == 2 * samples_;
   }
 
  private:
@@ -117,7 +128,7 @@ TEST(CircmetricsWithoutMemory, RefusesWhatItHasNoMemoryForAndStaysWhole) {
     EXPECT_EQ(failed, ran_out ? 1 : 0) << "after " << successes << " allocations";
     failures += ran_out ? 1 : 0;
     EXPECT_EQ(user.use_everything(), 0) << "after " << successes << " allocations";
-    user.expect_a_whole_report();
+    EXPECT_TRUE(user.has_a_whole_report());
   }
   EXPECT_GT(failures, 10);
 }
@@ -127,4 +138,70 @@ TEST(CircmetricsWithoutMemory, MakesNoRecorder) {
   void* const recorder = stats_recorder_alloc();
   g_left = kUnlimited;
   EXPECT_EQ(recorder, nullptr);
+}
+
+namespace {
+
+User* g_user = nullptr;
+pid_t g_clone = -1;
+
+// A clone of the process by the bare system call runs no fork handlers.
+void clone_and_use_everything() {
+  g_clone = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+  if (g_clone == 0) {
+    alarm(60);
+    const int failed = g_user->use_everything();
+    _exit(failed == 0 && g_user->has_a_whole_report() ? 0 : 1);
+  }
+}
+
+}  // namespace
+
+// The allocation is that of a name: within the registration, with its lock held.
+TEST(CircmetricsClone, OfAProcessThatRegistersGoesOnWithEmptyNamespaces) {
+  User user;
+  g_user = &user;
+  stats_register(user.root, "left behind", CIRCMETRICS_COUNTER);
+  t_meanwhile = &clone_and_use_everything;
+  EXPECT_NE(stats_register_ns(user.recorder, user.root, "new"), nullptr);
+  int status = -1;
+  ASSERT_EQ(waitpid(g_clone, &status, 0), g_clone);
+  EXPECT_EQ(status, 0);
+}
+
+namespace {
+
+// A second thread, started within an allocation of the first.
+std::optional<test::Watched> g_second;
+bool g_second_waited = false;
+std::string g_text;
+
+void report() { stats_recorder_output_json(g_user->recorder, 1, 0, &append, &g_text); }
+void register_counter() { stats_register(g_user->root, kNamespace, CIRCMETRICS_COUNTER); }
+
+template <void (*kFunction)()>
+void begin_beside() {
+  g_second.emplace(kFunction);
+  g_second->settle();
+  g_second_waited = !g_second->is_done();
+}
+
+}  // namespace
+
+TEST(CircmetricsLock, AReportWaitsForARegistration) {
+  User user;
+  g_user = &user;
+  t_meanwhile = &begin_beside<&report>;
+  register_counter();
+  g_second->join();
+  EXPECT_TRUE(g_second_waited);
+}
+
+TEST(CircmetricsLock, ARegistrationWaitsWhileAReportCollectsTheNames) {
+  User user;
+  g_user = &user;
+  t_meanwhile = &begin_beside<&register_counter>;
+  report();
+  g_second->join();
+  EXPECT_TRUE(g_second_waited);
 }

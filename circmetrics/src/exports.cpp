@@ -1,6 +1,5 @@
 // The nine functions: arguments are checked here, and exceptions end here.
 #include <algorithm>
-#include <mutex>
 #include <new>
 #include <string_view>
 
@@ -51,7 +50,7 @@ void* stats_register_ns(void* recorder, void* parent, const char* name) try {
   if (recorder == nullptr || parent == nullptr || name == nullptr) {
     return nullptr;
   }
-  const std::lock_guard<std::mutex> lock(circmetrics::registration_mutex());
+  const circmetrics::RegistrationLock lock;
   return static_cast<Namespace*>(parent)->find_or_make_namespace(name);
 } catch (const std::bad_alloc&) {
   return nullptr;
@@ -61,7 +60,7 @@ void* stats_register(void* ns, const char* name, int type) try {
   if (ns == nullptr || name == nullptr) {
     return nullptr;
   }
-  const std::lock_guard<std::mutex> lock(circmetrics::registration_mutex());
+  const circmetrics::RegistrationLock lock;
   return static_cast<Namespace*>(ns)->find_or_make_metric(name, type);
 } catch (const std::bad_alloc&) {
   return nullptr;

@@ -32,6 +32,8 @@ class Histogram final : public Metric {
 
   // False, changing nothing, for NaN and when there is no memory for a node.
   bool insert(double value, std::uint32_t count);
+
+  // The same, and for what is beyond doubles.
   bool insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count);
 
   void write(JsonWriter& json) const override;

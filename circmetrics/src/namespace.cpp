@@ -24,47 +24,65 @@ std::unique_ptr<Metric> make_metric(int type) {
 
 }  // namespace
 
+// What it is for is made first: without memory for it, there is no entry either.
 Namespace* Namespace::find_or_make_namespace(const char* name) {
   const auto found = entries_.find(name);
-  if (found != entries_.end()) {
+  if (found != entries_.end() && found->second.inner != nullptr) {
     return found->second.inner.get();
   }
-  auto inner = std::make_unique<Namespace>();
-  return entries_.emplace(name, Entry{std::move(inner), nullptr}).first->second.inner.get();
+  auto made = std::make_unique<Namespace>();
+  auto& inner = entries_[name].inner;
+  inner = std::move(made);
+  return inner.get();
 }
 
 Metric* Namespace::find_or_make_metric(const char* name, int type) {
   const auto found = entries_.find(name);
-  if (found != entries_.end()) {
+  if (found != entries_.end() && found->second.metric != nullptr) {
     Metric* metric = found->second.metric.get();
-    return metric != nullptr && metric->type() == type ? metric : nullptr;
+    return metric->type() == type ? metric : nullptr;
   }
-  Entry entry{nullptr, make_metric(type)};
-  if (entry.metric == nullptr) {
+  auto made = make_metric(type);
+  if (made == nullptr) {
     return nullptr;
   }
-  return entries_.emplace(name, std::move(entry)).first->second.metric.get();
+  auto& metric = entries_[name].metric;
+  metric = std::move(made);
+  return metric.get();
+}
+
+std::size_t Namespace::slashes_behind(const std::string& name) const {
+  std::size_t slashes = 0;
+  if (entries_.at(name).metric != nullptr) {
+    for (std::string key = name; entries_.count(key) != 0; key += '/') {
+      ++slashes;
+    }
+  }
+  return slashes;
 }
 
 // Not recursive: namespaces may lie deeper in each other than a thread has stack for.
 std::vector<Namespace::Step> Namespace::steps() const {
   struct Level {
+    const Namespace* space;
     Entries::const_iterator next;
-    Entries::const_iterator end;
   };
   std::vector<Step> steps;
-  std::vector<Level> open{{entries_.begin(), entries_.end()}};
+  std::vector<Level> open{{this, entries_.begin()}};
   while (!open.empty()) {
     Level& level = open.back();
-    if (level.next == level.end) {
-      steps.push_back({nullptr, nullptr});
+    if (level.next == level.space->entries_.end()) {
+      steps.push_back({nullptr, 0, nullptr});
       open.pop_back();
       continue;
     }
     const auto& [name, entry] = *level.next++;
-    steps.push_back({&name, entry.metric.get()});
+    if (entry.metric != nullptr) {
+      steps.push_back({&name, 0, entry.metric.get()});
+    }
     if (entry.inner != nullptr) {
-      open.push_back({entry.inner->entries_.begin(), entry.inner->entries_.end()});
+      steps.push_back({&name, level.space->slashes_behind(name), nullptr});
+      open.push_back({entry.inner.get(), entry.inner->entries_.begin()});
     }
   }
   return steps;

@@ -1,8 +1,9 @@
 #include "recorder.h"
 
 #include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <new>
 
 #include "json_writer.h"
@@ -10,29 +11,86 @@
 namespace circmetrics {
 namespace {
 
-constinit std::mutex g_registration_mutex;
+// The process whose thread holds the lock, or 0. Never destroyed: a last report is
+// written after the static destructors.
+constinit std::atomic<pid_t> g_holder{0};
 
-void lock() { g_registration_mutex.lock(); }
-void unlock() { g_registration_mutex.unlock(); }
+// How many forks of this thread are under way: a fork handler may fork itself.
+// Initial-exec, so that no first use in a thread allocates.
+constinit thread_local unsigned t_forks __attribute__((tls_model("initial-exec"))) = 0;
 
-[[maybe_unused]] const int g_guarded_at_load = pthread_atfork(&lock, &unlock, &unlock);
+void lock() {
+  const pid_t self = getpid();
+  pid_t holder = 0;
+  while (!g_holder.compare_exchange_weak(holder, self, std::memory_order_acquire,
+                                         std::memory_order_relaxed)) {
+    if (holder == self) {
+      g_holder.wait(self, std::memory_order_relaxed);
+      holder = 0;
+    }
+  }
+  if (holder != 0) {
+    Recorder::abandon_all();
+  }
+}
+
+void unlock() {
+  g_holder.store(0, std::memory_order_release);
+  g_holder.notify_one();
+}
+
+void before_fork() {
+  if (t_forks++ == 0) {
+    lock();
+  }
+}
+
+void after_fork() {
+  if (--t_forks == 0) {
+    unlock();
+  }
+}
+
+[[maybe_unused]] const int g_guarded_at_load =
+    pthread_atfork(&before_fork, &after_fork, &after_fork);
 
 }  // namespace
 
-std::mutex& registration_mutex() { return g_registration_mutex; }
+RegistrationLock::RegistrationLock() : is_forking_(t_forks > 0) {
+  if (!is_forking_) {
+    lock();
+  }
+}
+
+RegistrationLock::~RegistrationLock() {
+  if (!is_forking_) {
+    unlock();
+  }
+}
+
+constinit std::atomic<Recorder*> Recorder::newest_{nullptr};
 
 // A lock here could be held by a thread that a fork is waiting for elsewhere.
 Recorder* Recorder::make() {
-  static constinit std::atomic<Recorder*> newest{nullptr};
   auto* const made = new (std::nothrow) Recorder;
   if (made != nullptr) {
-    made->previous_ = newest.exchange(made);
+    made->previous_ = newest_.load(std::memory_order_relaxed);
+    while (!newest_.compare_exchange_weak(made->previous_, made, std::memory_order_acq_rel,
+                                          std::memory_order_relaxed)) {
+    }
   }
   return made;
 }
 
+void Recorder::abandon_all() {
+  Recorder* recorder = newest_.load(std::memory_order_acquire);
+  for (; recorder != nullptr; recorder = recorder->previous_) {
+    new (&recorder->root_) Namespace;
+  }
+}
+
 std::vector<Namespace::Step> Recorder::steps() const {
-  const std::lock_guard<std::mutex> guard(registration_mutex());
+  const RegistrationLock lock;
   return root_.steps();
 }
 
@@ -41,12 +99,12 @@ std::vector<Namespace::Step> Recorder::steps() const {
 std::string Recorder::to_json() const {
   JsonWriter json;
   json.begin_object();
-  for (const auto& [name, metric] : steps()) {
+  for (const auto& [name, slashes, metric] : steps()) {
     if (name == nullptr) {
       json.end_object();
       continue;
     }
-    json.key(*name);
+    json.key(*name + std::string(slashes, '/'));
     metric != nullptr ? metric->write(json) : json.begin_object();
   }
   return json.take_text();

@@ -2,7 +2,7 @@
 #ifndef CIRCMETRICS_SRC_RECORDER_H_
 #define CIRCMETRICS_SRC_RECORDER_H_
 
-#include <mutex>
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -10,10 +10,24 @@
 
 namespace circmetrics {
 
-// Guards every namespace of every recorder; updates of metrics don't take it. A
-// fork waits until it is free, so a child never finds it taken. It is never
-// destroyed: a last report is written after the static destructors.
-std::mutex& registration_mutex();
+// Guards every namespace of every recorder; updates of metrics don't take it. A fork
+// waits until it is free, and the thread that forks passes it: fork handlers that a
+// program registered before it loaded this library may use it.
+//
+// A child that came about without the fork handlers (by a raw clone, or by a fork that
+// had begun when this library was loaded) may find it in the hands of a thread that it
+// doesn't have, and the namespaces half changed. They all become empty then; what
+// was registered can still be updated.
+class RegistrationLock {
+ public:
+  RegistrationLock();
+  ~RegistrationLock();
+  RegistrationLock(const RegistrationLock&) = delete;
+  RegistrationLock& operator=(const RegistrationLock&) = delete;
+
+ private:
+  const bool is_forking_;
+};
 
 // Lives until the process ends: no function gives one back.
 class Recorder {
@@ -22,6 +36,9 @@ class Recorder {
   static Recorder* make();
 
   Namespace& root() { return root_; }
+
+  // Leaves every namespace of every recorder behind as it is, and begins with none.
+  static void abandon_all();
 
   // The present state. Takes the lock, for the names.
   std::string to_json() const;
@@ -32,7 +49,9 @@ class Recorder {
   std::vector<Namespace::Step> steps() const;
 
   Namespace root_;
-  Recorder* previous_ = nullptr;  // keeps every recorder known to a leak checker
+  Recorder* previous_ = nullptr;
+
+  static std::atomic<Recorder*> newest_;
 };
 
 }  // namespace circmetrics

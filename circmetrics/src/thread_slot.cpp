@@ -52,6 +52,9 @@ struct SlotOwners {
     const unsigned number = ThreadSlot::t_number;
     const bool owns = number != 0 && number <= ThreadSlot::kCount;
     taken.store(owns ? bit_of(number) : 0, std::memory_order_relaxed);
+#ifdef __SANITIZE_THREAD__
+    ThreadSlot::is_in_child = true;
+#endif
   }
 
   static bool prepare() {
