@@ -8,7 +8,8 @@ function(add_fake_recorder name)
     OUTPUT_NAME circmetrics
     LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/stats_test/${name}")
   target_compile_definitions(stats_test_${name} PRIVATE ${ARGN})
-  add_dependencies(stats_test stats_test_${name})
+  list(APPEND stats_test_needs stats_test_${name})
+  set(stats_test_needs ${stats_test_needs} PARENT_SCOPE)
 endfunction()
 
 add_fake_recorder(fake)
@@ -25,17 +26,28 @@ target_link_libraries(stats_test_holder PRIVATE qv_warnings stats_test_fake)
 target_link_options(stats_test_holder PRIVATE -Wl,--no-as-needed)
 set_target_properties(stats_test_holder PROPERTIES
   LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/stats_test")
-add_dependencies(stats_test stats_test_holder)
 
-# A program whose own run path can't be what finds the recorder.
-add_executable(stats_test_loader stats_test/loader.cpp)
-target_link_libraries(stats_test_loader PRIVATE qv_warnings ${CMAKE_DL_LIBS})
-set_target_properties(stats_test_loader PROPERTIES SKIP_BUILD_RPATH ON)
-add_dependencies(stats_test stats_test_loader)
+# A plugin of the program's.
+add_library(stats_test_plugin SHARED stats_test/plugin.cpp)
+target_link_libraries(stats_test_plugin PRIVATE qv_warnings)
+set_target_properties(stats_test_plugin PROPERTIES
+  LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/stats_test")
 
-# A recorder with functions of the same names must not call the program's.
-set_target_properties(stats_test PROPERTIES ENABLE_EXPORTS ON)
-target_compile_definitions(stats_test PRIVATE
-  QV_FAKE_RECORDERS="${CMAKE_BINARY_DIR}/stats_test"
-  QV_STATS_LOADER="$<TARGET_FILE:stats_test_loader>"
-  QV_LIBRARY="$<TARGET_FILE:QVUtil>")
+# Programs whose own run path can't be what finds the recorder.
+foreach(program loader forker)
+  add_executable(stats_test_${program} stats_test/${program}.cpp)
+  target_link_libraries(stats_test_${program} PRIVATE qv_warnings Threads::Threads ${CMAKE_DL_LIBS})
+  set_target_properties(stats_test_${program} PROPERTIES SKIP_BUILD_RPATH ON)
+endforeach()
+
+foreach(test stats_test stats_fork_test)
+  add_dependencies(${test} ${stats_test_needs}
+    stats_test_holder stats_test_plugin stats_test_loader stats_test_forker)
+  # A recorder with functions of the same names must not call the program's.
+  set_target_properties(${test} PROPERTIES ENABLE_EXPORTS ON)
+  target_compile_definitions(${test} PRIVATE
+    QV_FAKE_RECORDERS="${CMAKE_BINARY_DIR}/stats_test"
+    QV_STATS_LOADER="$<TARGET_FILE:stats_test_loader>"
+    QV_STATS_FORKER="$<TARGET_FILE:stats_test_forker>"
+    QV_LIBRARY="$<TARGET_FILE:QVUtil>")
+endforeach()

@@ -27,173 +27,14 @@
 #include <thread>
 #include <vector>
 
-#include "stats_test/fake_recorder.h"
+#include "stats_test/fixture.h"
 #include "support/interrupt.h"
 #include "support/no_memory.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
-#include "support/temp_dir.h"
 #include "support/thread_state.h"
 
-#ifdef QV_SANITIZED
-#include <sanitizer/lsan_interface.h>
-#endif
-
-using nlohmann::json;
-using quorvane::module::Module;
-using quorvane::stats::CircMetricsModule;
-using quorvane::stats::get_singleton_module;
-using test::Environment;
-using test::Ran;
-using test::read_file;
-using test::run_scenario;
-using test::TempDir;
-using Lines = std::vector<std::string>;
-
-namespace {
-
-const std::string kOff = "INFO Statistics capture disabled.";
-
-std::string capturing(const std::string& path) {
-  return "INFO Capturing statistics measurements to " + path + ".";
-}
-
-Lines lines_of(const std::string& text) {
-  Lines lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// What the line reports; the line must be exactly one report.
-json log_of(const std::string& line) {
-  const json whole = json::parse(line);
-  const std::string head = "{\"ts\": " + whole["ts"].dump() + ", \"log\":";
-  EXPECT_EQ(line.substr(0, head.size()), head);
-  EXPECT_NE(line.at(head.size()), ' ');
-  EXPECT_TRUE(whole["ts"].is_number_unsigned());
-  EXPECT_EQ(whole.size(), 2U);
-  return whole["log"];
-}
-
-// What each line of the report file says.
-std::vector<json> reports(const std::string& path) {
-  const std::string text = read_file(path);
-  EXPECT_TRUE(text.empty() || text.back() == '\n');
-  std::vector<json> logs;
-  for (const std::string& line : lines_of(text)) {
-    logs.push_back(log_of(line));
-  }
-  return logs;
-}
-
-// A report file of its own for each test, and statistics that write to it.
-class Stats : public testing::Test {
- protected:
-  std::string file() const { return dir_.file("report"); }
-
-  Ran run(const std::string& scenario, Environment environment = {},
-          const test::Arguments& arguments = {}) const {
-    environment.emplace("QV_STATS_REPORT_FILE", file());
-#ifdef QV_SANITIZED
-    // A sanitizer calls dlopen in the library's place, and so without its run path.
-    environment.emplace("LD_LIBRARY_PATH", QV_BINARY_DIR "/lib");
-#endif
-    return run_scenario(scenario, environment, arguments);
-  }
-
-  Ran run_with(const std::string& recorder, const std::string& scenario,
-               Environment environment = {}) const {
-    environment["LD_LIBRARY_PATH"] = std::string(QV_FAKE_RECORDERS) + "/" + recorder;
-    return run(scenario, environment);
-  }
-
-  TempDir dir_;
-};
-
-using CircMetrics = Stats;
-
-// A child of a process with several threads has lost all but one: what the others
-// held looks leaked, and the allocator's locks may be held for ever. Such a child
-// leaves the leak check to its parent.
-bool g_leaves_leak_check = false;
-
-void* module_of(const char* path) { return quorvane::Module(path).get(); }
-
-std::size_t thread_count() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
-// Waits until `condition` holds; a process that waits for ever fails its test.
-template <typename Condition>
-void wait_until(Condition condition) {
-  alarm(100);
-  while (!condition()) {
-    usleep(1000);
-  }
-  alarm(0);
-}
-
-// Whether the thread is inside this system call.
-bool is_in_call(const std::string& task, long number) {
-  std::ifstream file("/proc/" + task + "/syscall");
-  long call = -1;
-  return (file >> call) && call == number;
-}
-
-std::string task_of_this_thread() { return "self/task/" + std::to_string(syscall(SYS_gettid)); }
-
-// Any clock's sleep, also one that the kernel interrupted and went on with.
-bool is_sleeping(const std::string& task) {
-  return is_in_call(task, SYS_nanosleep) || is_in_call(task, SYS_clock_nanosleep) ||
-         is_in_call(task, SYS_restart_syscall);
-}
-
-std::set<std::string> tasks() {
-  std::set<std::string> ids;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    ids.insert(task.path().filename());
-  }
-  return ids;
-}
-
-// A sanitizer starts a thread of its own beside a program's first one: let that be
-// this one, which is gone at the return.
-void start_sanitizers_thread() {
-  std::string id;
-  std::thread([&] { id = std::to_string(syscall(SYS_gettid)); }).join();
-  wait_until([&] { return tasks().count(id) == 0; });
-}
-
-// Starts the report thread and returns once it sleeps.
-pid_t start_reporter() {
-  start_sanitizers_thread();
-  const std::set<std::string> before = tasks();
-  get_singleton_module();
-  std::set<std::string> started = tasks();
-  std::erase_if(started, [&](const std::string& id) { return before.count(id) != 0; });
-  const std::string reporter = started.empty() ? "none" : *started.begin();
-  wait_until([&] { return is_sleeping("self/task/" + reporter); });
-  return std::stoi(reporter);
-}
-
-// The fake recorder's report is what `output` writes. The recorder is the one
-// that this process's statistics load.
-void set_output(FakeOutput output) {
-  void* library = dlopen("libcircmetrics.so", RTLD_LAZY | RTLD_NOLOAD);
-  reinterpret_cast<FakeSetOutput>(dlsym(library, "fake_set_output"))(output);
-}
-
-void* load_recorder() { return dlopen(QV_BINARY_DIR "/lib/libcircmetrics.so", RTLD_LAZY); }
-
-}  // namespace
-
-#ifdef QV_SANITIZED
-int __lsan_is_turned_off() { return g_leaves_leak_check ? 1 : 0; }
-#endif
+using namespace stats_test;
 
 // -- Off, or not set up
 
@@ -380,6 +221,26 @@ TEST_F(Stats, FirstUsesAtOnceSetUpOneModule) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Lines{capturing(file())});
   EXPECT_EQ(reports(file()), std::vector<json>{json::object()});
+}
+
+// Nothing orders the threads but the module itself.
+SCENARIO(use_what_another_thread_set_up) {
+  std::atomic<bool> is_set_up{false};
+  std::thread second([&] {
+    while (!is_set_up.load(std::memory_order_relaxed)) {
+    }
+    get_singleton_module()->report_now();
+    qv_stats_counter_inc(qv_stats_create_counter(module_of("m"), "n"), 1);
+  });
+  get_singleton_module();
+  is_set_up.store(true, std::memory_order_relaxed);
+  second.join();
+  return 0;
+}
+
+TEST_F(Stats, AThreadSeesAllOfWhatAnotherSetUp) {
+  EXPECT_TRUE(run("use_what_another_thread_set_up").exited_with(0));
+  EXPECT_EQ(reports(file()).size(), 2U);
 }
 
 // The fake recorder has a function of this name as well, and calls it.
@@ -950,12 +811,6 @@ TEST_F(Stats, LinesOfThreadsAndProcessesStayWhole) {
   }
 }
 
-int wait_for(pid_t child) {
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status;
-}
-
 // Not while the report thread starts: a sanitizer's allocator would not survive that.
 SCENARIO(fork_a_child_that_counts) {
   start_reporter();
@@ -980,66 +835,24 @@ TEST_F(Stats, AChildReportsItsOwnView) {
                                                 {{"m", {{"n", 101}}}}}));
 }
 
-int descriptor_of(const std::string& path) {
-  for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(open, gone) == path) {
-      return std::stoi(open.path().filename());
-    }
-  }
-  return -1;
-}
-
-void refuse_file_of_its_own(const std::string& call, int report) {
-  if (call == "fstat") {
-    const test::When of_report{0, static_cast<std::uint32_t>(report)};
-    test::refuse(SYS_fstat, EIO, of_report);
-    test::refuse(SYS_newfstatat, EIO, of_report);
-  } else if (call == "open") {
-    test::refuse(SYS_openat, EMFILE, test::When{2, O_WRONLY | O_APPEND | O_CLOEXEC});
-  } else if (call == "dup3") {
-    test::refuse(SYS_dup3, EBUSY);
-  }
-}
-
-// A child reports twice. Prints whether it did so through its parent's open file,
-// whose flags are then the parent's as well.
+// The child reports twice.
 SCENARIO(report_in_a_child) {
   alarm(100);
   get_singleton_module();
-  const int report = descriptor_of(std::getenv("QV_STATS_REPORT_FILE"));
   const pid_t child = fork();
   if (child == 0) {
-    refuse_file_of_its_own(arguments.at(0), report);
     get_singleton_module()->report_now();
     get_singleton_module()->report_now();
-    fcntl(report, F_SETFL, fcntl(report, F_GETFL) | O_NONBLOCK);
     _exit(0);
   }
-  const int status = wait_for(child);
-  std::printf("%d", (fcntl(report, F_GETFL) & O_NONBLOCK) != 0);
-  return status;
-}
-
-TEST_F(Stats, AChildReportsThroughItsParentsFileOnlyWhenItCantOpenItAnew) {
-  EXPECT_EQ(run("report_in_a_child", {}, {"nothing refused"}).out, "0");
-  EXPECT_EQ(reports(file()).size(), 3U);
-  for (const char* call : {"fstat", "open", "dup3"}) {
-    std::filesystem::remove(file());
-    const Ran ran = run("report_in_a_child", {}, {call});
-    EXPECT_TRUE(ran.exited_with(0)) << call;
-    EXPECT_EQ(ran.out, "1") << call;
-    EXPECT_EQ(reports(file()).size(), 3U) << call;
-  }
+  return wait_for(child);
 }
 
 // To open a pipe once more could block.
 TEST_F(Stats, AChildReportsThroughItsParentsPipe) {
   ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
   const int pipe = open(file().c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
-  const Ran ran = run("report_in_a_child", {}, {"nothing refused"});
-  EXPECT_TRUE(ran.exited_with(0));
-  EXPECT_EQ(ran.out, "1");
+  EXPECT_TRUE(run("report_in_a_child").exited_with(0));
   char text[4096];
   const ssize_t size = read(pipe, text, sizeof(text));
   close(pipe);
@@ -1090,53 +903,6 @@ TEST_F(CircMetrics, TheReportOfAChildThatMayOpenTheFileOnlyForReadingWaitsAsWell
   EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));
 }
 
-// Before statistics are on.
-void set_on_alloc(FakeHook hook) {
-  void* recorder = dlopen("libcircmetrics.so", RTLD_LAZY);
-  reinterpret_cast<FakeSetOnAlloc>(dlsym(recorder, "fake_set_on_alloc"))(hook);
-}
-
-SCENARIO(fork_while_a_recorder_is_made) {
-  alarm(100);
-  set_on_alloc([] {
-    const pid_t child = fork();
-    if (child == 0) {
-      _exit(0);
-    }
-    wait_for(child);
-  });
-  return get_singleton_module() != nullptr ? 0 : 1;
-}
-
-TEST_F(CircMetrics, ARecorderMayForkWhileItIsMade) {
-  EXPECT_TRUE(run_with("fake", "fork_while_a_recorder_is_made").exited_with(0));
-}
-
-// A fork that begins while statistics are set up waits for that, and for nothing else
-// before it.
-SCENARIO(register_a_module_while_a_recorder_is_made) {
-  static std::optional<test::Watched> forking;
-  alarm(100);
-  set_on_alloc([] {
-    forking.emplace([] {
-      const pid_t child = fork();
-      if (child == 0) {
-        _exit(0);
-      }
-      wait_for(child);
-    });
-    forking->settle();
-    module_of("of the recorder");
-  });
-  const bool is_on = get_singleton_module() != nullptr;
-  forking->join();
-  return is_on && qv_module_find("of the recorder") != nullptr ? 0 : 1;
-}
-
-TEST_F(CircMetrics, ARecorderMayUseTheLibraryWhileItIsMadeAndAThreadForks) {
-  EXPECT_TRUE(run_with("fake", "register_a_module_while_a_recorder_is_made").exited_with(0));
-}
-
 // One thread reports: more of them pass the file lock on among themselves, and the
 // children wait.
 SCENARIO(fork_beside_reports) {
@@ -1180,41 +946,6 @@ TEST_F(Stats, ChildrenOfABusyProcessReportAndEnd) {
   EXPECT_EQ(std::count_if(all.begin(), all.end(),
                           [](const json& log) { return log.contains("children"); }),
             20);
-}
-
-// In each child one thread sets statistics up while another forks.
-SCENARIO(fork_during_the_first_use) {
-  int failed = 0;
-  for (int round = 0; round < 30; ++round) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(60);
-      g_leaves_leak_check = true;
-      std::atomic<bool> started{false};
-      std::thread first([&] {
-        started = true;
-        get_singleton_module();
-      });
-      while (!started) {
-      }
-      const pid_t grandchild = fork();
-      if (grandchild == 0) {
-        g_leaves_leak_check = true;
-        alarm(60);
-        std::exit(qv_stats_create_counter(module_of("m"), "n") == QV_STATS_INVALID_HANDLE ? 1 : 0);
-      }
-      first.join();
-      std::exit(wait_for(grandchild) == 0 ? 0 : 1);
-    }
-    failed += wait_for(child) == 0 ? 0 : 1;
-  }
-  return failed;
-}
-
-TEST_F(Stats, AForkDuringTheFirstUseHangsNoOne) {
-  const Ran ran = run("fork_during_the_first_use");
-  EXPECT_TRUE(ran.exited_with(0));
-  EXPECT_EQ(reports(file()).size(), 60U);
 }
 
 // -- The end of the process
@@ -1279,6 +1010,57 @@ SCENARIO(end_at_once) {
 TEST_F(Stats, AProcessThatSkipsItsExitHooksWritesNoLastReport) {
   EXPECT_TRUE(run("end_at_once").exited_with(3));
   EXPECT_EQ(read_file(file()), "");
+}
+
+// The plugin is loaded after the library: its destructors run after the last report.
+void (*g_at_the_end)() = nullptr;
+
+extern "C" __attribute__((visibility("default"))) void stats_test_plugin_is_loaded() {}
+extern "C" __attribute__((visibility("default"))) void stats_test_plugin_is_unloaded() {
+  if (g_at_the_end != nullptr) {
+    g_at_the_end();
+  }
+}
+
+void end_with(void (*last)()) {
+  dlopen(QV_FAKE_RECORDERS "/libstats_test_plugin.so", RTLD_NOW);
+  g_at_the_end = last;
+}
+
+void expect_one_report() {
+  const std::size_t lines = lines_of(read_file(std::getenv("QV_STATS_REPORT_FILE"))).size();
+  _exit(lines == 1 ? 0 : 100 + static_cast<int>(lines));
+}
+
+SCENARIO(report_after_the_last_report) {
+  get_singleton_module();
+  end_with([] {
+    get_singleton_module()->report_now();
+    expect_one_report();
+  });
+  return 1;
+}
+
+TEST_F(Stats, NothingIsReportedAfterTheLastReport) {
+  EXPECT_TRUE(run("report_after_the_last_report").exited_with(0));
+  EXPECT_EQ(reports(file()).size(), 1U);
+}
+
+// Until the report thread has slept for another period at least.
+SCENARIO(outlast_a_period) {
+  static pid_t reporter = start_reporter();
+  alarm(100);
+  end_with([] {
+    const long before = test::sleeps(reporter);
+    wait_until([before] { return test::sleeps(reporter) > before + 1; });
+    expect_one_report();
+  });
+  return 1;
+}
+
+TEST_F(Stats, ADestructorThatOutlastsAPeriodSeesNoFurtherReport) {
+  EXPECT_TRUE(run("outlast_a_period", {{"QV_STATS_REPORT_PERIOD", "1"}}).exited_with(0));
+  EXPECT_EQ(reports(file()).size(), 1U);
 }
 
 // -- The class by itself

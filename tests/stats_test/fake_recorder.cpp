@@ -39,6 +39,11 @@ const std::string& path_of(void* handle) { return *static_cast<std::string*>(han
 
 }  // namespace
 
+// The program's, if it has one.
+extern "C" void fake_on_load() __attribute__((weak));
+
+[[maybe_unused]] const bool g_loaded = (&fake_on_load != nullptr ? fake_on_load() : void(), true);
+
 extern "C" {
 
 void fake_set_output(FakeOutput output) { g_output = output; }

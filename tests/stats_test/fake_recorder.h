@@ -19,4 +19,6 @@ using FakeSetOutput = void (*)(FakeOutput output);
 using FakeHook = void (*)();
 using FakeSetOnAlloc = void (*)(FakeHook hook);
 
+// A program that exports `void fake_on_load()` has it called while the recorder is loaded.
+
 #endif  // TESTS_STATS_TEST_FAKE_RECORDER_H_

@@ -3,10 +3,7 @@
 #include <quorvane/stats.h>
 
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <pthread.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,9 +16,12 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "src/fork_gate.h"
 #include "src/once.h"
 #include "src/process_generation.h"
+#include "src/report_file.h"
 #include "src/stats_instance.h"
 
 namespace quorvane {
@@ -39,21 +39,17 @@ constexpr int kLoadFlags = RTLD_LAZY;
 constexpr int kLoadFlags = RTLD_LAZY | RTLD_DEEPBIND;
 #endif
 
-void lock_file(int fd, int operation) {
-  while (flock(fd, operation) == -1 && errno == EINTR) {
-  }
-}
-
 void sleep_for(std::chrono::duration<long> period) {
   timespec left{period.count(), 0};
   while (nanosleep(&left, &left) == -1 && errno == EINTR) {
   }
 }
 
-bool is_regular_file(int fd) {
-  struct stat status;
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-}
+// Marks a generation whose first thread is just renewing the report mutex.
+constexpr std::uint64_t kRenewing = std::uint64_t{1} << 63;
+
+// Whether this thread sets the process's module up.
+__attribute__((tls_model("initial-exec"))) thread_local bool t_is_setting_up = false;
 
 }  // namespace
 
@@ -80,20 +76,22 @@ void CircMetricsModule::look_up_all() {
 
 CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> period,
                                      const char* path)
-    : period_(period), library_(handle), generation_(process_generation()) {
+    : period_(period),
+      library_(handle),
+      file_(new (std::nothrow) ReportFile(report_fd_, !t_is_setting_up)),
+      mutex_generation_(process_generation()) {
   look_up_all();
-  report_fd_ = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (report_fd_ == -1) {
+  errno = ENOMEM;
+  if (file_ == nullptr || !file_->open(path)) {
     QV_LOG(Module::get_internal(), WARN, "Could not open statistics output file %s: %s", path,
            std::strerror(errno));
     return;
   }
-  lock_fd_ = report_fd_;
   recorder_ = recorder_alloc_();
   if (recorder_ == nullptr) {
     QV_LOG(Module::get_internal(), WARN, "Could not create statistics recorder object.");
     // The number stays: the destructor's complaint about it belongs to this failure.
-    close(report_fd_);
+    file_->close();
     return;
   }
   if (period_.count() != 0) {
@@ -102,9 +100,11 @@ CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> p
 }
 
 CircMetricsModule::~CircMetricsModule() {
-  if (close(report_fd_) != 0) {
-    QV_LOG(Module::get_internal(), WARN, "Could not close report_file: %s", std::strerror(errno));
+  if (file_ == nullptr || file_->close() != 0) {
+    const int error = file_ == nullptr ? EBADF : errno;
+    QV_LOG(Module::get_internal(), WARN, "Could not close report_file: %s", std::strerror(error));
   }
+  delete file_;
   if (dlclose(library_) != 0) {
     QV_LOG(Module::get_internal(), WARN, "Could not dlclose CircMetrics library: %s",
            std::strerror(errno));
@@ -143,53 +143,46 @@ void* CircMetricsModule::resolve_namespace(const Module& module) {
 }
 
 void CircMetricsModule::report_now() {
+  renew_mutex_in_child();
   const std::lock_guard<std::mutex> lock(report_mutex_);
   append_report();
 }
 
-// With the mutex held. The file lock keeps the lines of several processes whole.
+// The thread that held the mutex at a fork is not in the child. Not left to a fork
+// handler: one that the program registered before may report.
+void CircMetricsModule::renew_mutex_in_child() {
+  const std::uint64_t own = process_generation();
+  std::uint64_t seen = mutex_generation_.load(std::memory_order_acquire);
+  while (seen != own) {
+    if (seen == (own | kRenewing)) {
+      mutex_generation_.wait(seen, std::memory_order_acquire);
+      seen = mutex_generation_.load(std::memory_order_acquire);
+    } else if (mutex_generation_.compare_exchange_strong(seen, own | kRenewing,
+                                                         std::memory_order_acquire)) {
+      new (&report_mutex_) std::mutex;
+      mutex_generation_.store(own, std::memory_order_release);
+      mutex_generation_.notify_all();
+      return;
+    }
+  }
+}
+
+// With the mutex held. The file lock keeps the lines of several processes whole, and
+// behind half a line, whose writer was killed, a line of its own begins.
 void CircMetricsModule::append_report() {
-  leave_parents_file();
-  lock_file(lock_fd_, LOCK_EX);
+  if (!is_usable() || !file_->lock()) {
+    return;
+  }
   // Not dprintf: a child forked in the middle of it would flush its buffer once
   // more at exit, into someone else's line.
   char head[64];
   const int length = std::snprintf(
-      head, sizeof head, "{\"ts\": %lu, \"log\":", static_cast<unsigned long>(time(nullptr)));
+      head, sizeof head, "%s{\"ts\": %lu, \"log\":", file_->ends_within_a_line() ? "\n" : "",
+      static_cast<unsigned long>(time(nullptr)));
   write_report(this, head, static_cast<std::size_t>(length));
   output_json_(recorder_, 1, 0, &write_report, this);
   write_report(this, "}\n", 2);
-  lock_file(lock_fd_, LOCK_UN);
-}
-
-// A child shares its parent's open file, and so its lock, which therefore would
-// keep neither out. Opened anew under the same number, it is the child's own. What
-// is no file on disk (a FIFO, say) stays shared: to open it could block.
-void CircMetricsModule::leave_parents_file() {
-  const std::uint64_t generation = process_generation();
-  if (generation_ == generation || !is_regular_file(report_fd_)) {
-    return;
-  }
-  char path[32];
-  std::snprintf(path, sizeof path, "/proc/self/fd/%d", report_fd_);
-  if (const int own = open(path, O_WRONLY | O_APPEND | O_CLOEXEC); own != -1) {
-    if (dup3(own, report_fd_, O_CLOEXEC) != -1) {
-      generation_ = generation;
-      lock_through(report_fd_);
-    }
-    close(own);
-  } else if (const int readable = open(path, O_RDONLY | O_CLOEXEC); readable != -1) {
-    // Who has become another user, and may write to it no more, can still lock it.
-    generation_ = generation;
-    lock_through(readable);
-  }
-}
-
-void CircMetricsModule::lock_through(int fd) {
-  if (lock_fd_ != report_fd_) {
-    close(lock_fd_);
-  }
-  lock_fd_ = fd;
+  file_->unlock();
 }
 
 ssize_t CircMetricsModule::write_report(void* closure, const void* bytes, std::size_t length) {
@@ -206,25 +199,33 @@ void CircMetricsModule::report_thr() {
     if (period_.count() > 0) {
       sleep_for(period_);
     }
-    const std::lock_guard<std::mutex> lock(report_mutex_);
-    if (!ended_) {
-      append_report();
-    }
+    report_now();
   }
 }
 
-// The process is about to end: a report that its thread began now would be cut
-// off in the middle of the line.
+// The process is about to end: a report that another thread began now would be cut off
+// in the middle of the line.
 void CircMetricsModule::report_last() {
+  renew_mutex_in_child();
   const std::lock_guard<std::mutex> lock(report_mutex_);
-  ended_ = true;
   append_report();
+  file_->give_up();
 }
 
-// What the process does with its module when it forks and when it ends.
+constinit std::atomic<CircMetricsModule*> g_instance{nullptr};
+
+// What the process does with its module when it is set up, forks and ends.
 struct ProcessHooks {
-  // The thread that held the mutex at the fork is not in the child.
-  static void renew_mutex_in_child() { new (&running_module().report_mutex_) std::mutex; }
+  static void set_up(std::unique_ptr<CircMetricsModule> module) {
+    ReportFile* const file = module->file_;
+    g_instance.store(module.release(), std::memory_order_release);
+    file->keep();
+  }
+
+  static void after_fork_in_child() {
+    fork_gate::after_fork_in_child();
+    ReportFile::all_in_child();
+  }
 
   static void report_last() {
     if (CircMetricsModule* module = g_instance.load(std::memory_order_acquire)) {
@@ -233,13 +234,17 @@ struct ProcessHooks {
   }
 };
 
-constinit std::atomic<CircMetricsModule*> g_instance{nullptr};
-
 namespace {
+
+// At load, for every fork to run them. After fork_guard's, by the order in which the
+// library is linked: a fork that waits for a recorder to be loaded must not yet hold the
+// mutexes that the recorder may want.
+[[maybe_unused]] const int g_registered = pthread_atfork(
+    &fork_gate::before_fork, &fork_gate::after_fork_in_parent, &ProcessHooks::after_fork_in_child);
 
 // The period that the environment asks for; 0 when it makes no sense.
 std::chrono::duration<long> report_period() {
-  const char* text = std::getenv(kReportPeriodEnv);
+  const char* text = secure_getenv(kReportPeriodEnv);
   if (text == nullptr) {
     return std::chrono::duration<long>(0);
   }
@@ -254,36 +259,52 @@ std::chrono::duration<long> report_period() {
   return std::chrono::duration<long>(seconds);
 }
 
+// A child finds the loader's state whole. And it finds a recorder unused that was loaded
+// while its fork was under way, which therefore didn't run the recorder's fork handlers.
+void* load_recorder() {
+  void* library = nullptr;
+  {
+    const fork_gate::Closed closed;
+    library = dlopen("libcircmetrics.so", kLoadFlags);
+  }
+  fork_gate::wait_for_earlier_forks();
+  return library;
+}
+
+// The module for the process, which a child that is forked meanwhile has no use for.
+std::unique_ptr<CircMetricsModule> make_module(void* library, std::chrono::duration<long> period,
+                                               const char* path) {
+  struct SettingUp {
+    SettingUp() { t_is_setting_up = true; }
+    ~SettingUp() { t_is_setting_up = false; }
+  };
+  const SettingUp setting_up;
+  return std::make_unique<CircMetricsModule>(library, period, path);
+}
+
+// A child that was forked in the middle runs it again: only the last step sets the
+// process up.
 void initialise() {
-  const char* path = std::getenv(kReportFileEnv);
+  const char* path = secure_getenv(kReportFileEnv);
   if (path == nullptr) {
     QV_LOG(Module::get_internal(), INFO, "Statistics capture disabled.");
     return;
   }
   const std::chrono::duration<long> period = report_period();
-  void* library = dlopen("libcircmetrics.so", kLoadFlags);
+  void* library = load_recorder();
   if (library == nullptr) {
     QV_LOG(Module::get_internal(), WARN, "Could not load libcircmetrics.so for stats.");
     return;
   }
-  auto module = std::make_unique<CircMetricsModule>(library, period, path);
+  if (g_instance.load(std::memory_order_acquire) != nullptr) {
+    return;  // a child of the recorder's constructor, which has used statistics already
+  }
+  auto module = make_module(library, period, path);
   if (!module->is_usable()) {
     return;
   }
-  g_instance.store(module.release(), std::memory_order_release);
-  pthread_atfork(nullptr, nullptr, &ProcessHooks::renew_mutex_in_child);
+  ProcessHooks::set_up(std::move(module));
   QV_LOG(Module::get_internal(), INFO, "Capturing statistics measurements to %s.", path);
-}
-
-// A fork waits until another thread's initialisation is over. One that comes
-// between its end and that of get_singleton_module()'s run makes the child run it
-// again.
-void initialise_once() {
-  static bool initialised = false;
-  if (!initialised) {
-    initialise();
-    initialised = true;
-  }
 }
 
 }  // namespace
@@ -295,7 +316,7 @@ CircMetricsModule* get_singleton_module() {
   static constinit Once once;
   once.run([] {
     try {
-      initialise_once();
+      initialise();
     } catch (const std::bad_alloc&) {
       QV_LOG(Module::get_internal(), WARN, "No memory for statistics.");
     }

@@ -13,9 +13,6 @@ namespace stats {
 // Null until statistics are on. Never goes back to null.
 extern std::atomic<CircMetricsModule*> g_instance;
 
-// For whoever holds a metric: there is one only when statistics are on.
-inline CircMetricsModule& running_module() { return *g_instance.load(std::memory_order_acquire); }
-
 }  // namespace stats
 }  // namespace quorvane
 

@@ -76,6 +76,7 @@ static inline void qv_stats_hist_insert_fast(qv_stats_handle_t handle, int64_t v
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <mutex>
@@ -86,6 +87,8 @@ namespace module {
 struct Module;
 }
 namespace stats {
+
+class ReportFile;
 
 /// The binding to the recorder. One exists per process, from the first use of
 /// statistics until the process ends.
@@ -105,11 +108,11 @@ class QV_EXPORT CircMetricsModule {
   /// Whether there are a recorder and a report file.
   bool is_usable() const { return recorder_ != nullptr; }
 
-  /// Appends one line to the report file. Best effort.
+  /// Appends one line to the report file. Best effort; nothing after the process's last
+  /// report.
   void report_now();
 
-  /// The report thread: a report every period, for ever. Once the process's last
-  /// report is written, it writes no more.
+  /// The report thread: report_now() every period, for ever.
   [[noreturn]] void report_thr();
 
   /// The namespace that the module's path spells, or null.
@@ -142,8 +145,7 @@ class QV_EXPORT CircMetricsModule {
   void start_report_thread();
   void append_report();
   void report_last();
-  void leave_parents_file();
-  void lock_through(int fd);
+  void renew_mutex_in_child();
 
   void* (*recorder_alloc_)() = nullptr;
   void* (*recorder_global_ns_)(void* recorder) = nullptr;
@@ -161,9 +163,8 @@ class QV_EXPORT CircMetricsModule {
   std::mutex report_mutex_;
   std::thread report_thread_;
   void* library_;
-  std::uint64_t generation_;  // of the process that opened report_fd_
-  int lock_fd_ = -1;          // report_fd_, or one that may only be locked
-  bool ended_ = false;        // the last report is written
+  ReportFile* file_;  // behind report_fd_
+  std::atomic<std::uint64_t> mutex_generation_;
 };
 
 /// The process's module, set up from the environment on the first call; null

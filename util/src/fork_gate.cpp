@@ -1,0 +1,81 @@
+#include "src/fork_gate.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+
+namespace quorvane {
+namespace fork_gate {
+namespace {
+
+constexpr std::chrono::seconds kLongestWait{1};
+constexpr timespec kPause{0, 50'000};
+
+std::atomic<int> g_closed{0};
+
+// The forks under way that began before wait_for_earlier_forks, which ends the count.
+std::atomic<int> g_earlier_forks{0};
+std::atomic<bool> g_is_over{false};
+
+// What of these is this thread's own. Initial-exec, so that no first use in a thread
+// allocates.
+#define QV_OF_THREAD __attribute__((tls_model("initial-exec"))) thread_local
+QV_OF_THREAD int t_closed = 0;
+QV_OF_THREAD int t_forks = 0;  // a fork handler may fork itself
+QV_OF_THREAD int t_earlier_forks = 0;
+#undef QV_OF_THREAD
+
+// Looks again and again: a futex that a child inherits would need as much care.
+void wait_until_equal(const std::atomic<int>& all, int own) {
+  const auto end = std::chrono::steady_clock::now() + kLongestWait;
+  while (all != own && std::chrono::steady_clock::now() < end) {
+    nanosleep(&kPause, nullptr);
+  }
+}
+
+// Of nested forks the outer ones are the earlier ones.
+void end_fork() {
+  if (t_forks-- == t_earlier_forks) {
+    --t_earlier_forks;
+    --g_earlier_forks;
+  }
+}
+
+}  // namespace
+
+Closed::Closed() {
+  ++t_closed;
+  ++g_closed;
+}
+
+Closed::~Closed() {
+  --g_closed;
+  --t_closed;
+}
+
+void wait_for_earlier_forks() {
+  g_is_over = true;
+  wait_until_equal(g_earlier_forks, t_earlier_forks);
+}
+
+void before_fork() {
+  ++t_forks;
+  ++g_earlier_forks;
+  if (g_is_over) {
+    --g_earlier_forks;
+  } else {
+    ++t_earlier_forks;
+  }
+  wait_until_equal(g_closed, t_closed);
+}
+
+void after_fork_in_parent() { end_fork(); }
+
+void after_fork_in_child() {
+  end_fork();
+  g_earlier_forks = t_earlier_forks;
+  g_closed = t_closed;
+}
+
+}  // namespace fork_gate
+}  // namespace quorvane

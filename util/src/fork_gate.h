@@ -1,0 +1,34 @@
+// Keeps a fork and a step that a child must not find half done out of each other's
+// way, without letting either wait for long.
+//
+// fork_guard is for mutexes that are held briefly. A recorder that is loaded is foreign
+// code, which may take its time, fork, or wait for a thread that forks: so every wait
+// here ends after a second, and no thread waits for itself.
+#ifndef QUORVANE_SRC_FORK_GATE_H_
+#define QUORVANE_SRC_FORK_GATE_H_
+
+namespace quorvane {
+namespace fork_gate {
+
+// While one exists, the forks of other threads wait. Any thread.
+class Closed {
+ public:
+  Closed();
+  ~Closed();
+  Closed(const Closed&) = delete;
+  Closed& operator=(const Closed&) = delete;
+};
+
+// Returns when the forks of other threads that began before are over. They don't run
+// the fork handlers that were registered since. Any thread.
+void wait_for_earlier_forks();
+
+// To be called by the process's fork handlers.
+void before_fork();
+void after_fork_in_parent();
+void after_fork_in_child();
+
+}  // namespace fork_gate
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_FORK_GATE_H_
