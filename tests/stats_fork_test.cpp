@@ -112,9 +112,9 @@ SCENARIO(fork_over_the_first_use) {
   return 0;
 }
 
-// QV_FORKS asks for a longer campaign.
+// QV_TEST_FORKS asks for a longer campaign.
 TEST_F(StatsFork, OverTheFirstUseHangsNoOne) {
-  const char* const forks = std::getenv("QV_FORKS");
+  const char* const forks = std::getenv("QV_TEST_FORKS");
   const std::string rounds = forks != nullptr ? forks : "60";
   const Ran ran = run("fork_over_the_first_use", {}, {rounds});
   EXPECT_EQ(ran.out, "0 of " + rounds + "\n");
