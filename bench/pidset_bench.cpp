@@ -1,7 +1,9 @@
 // `contains` among 1000 ids, against a vectorised scan of the same array that
-// looks for an equal id.
+// looks for an equal id. Adding an id to them and removing it again, against the
+// same locks around memmove at a place that is known.
 #include <benchmark/benchmark.h>
 #include <quorvane/pidset.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,12 +17,15 @@ namespace {
 
 constexpr std::int32_t kIds = 1000;
 
-// In a file without a name.
-qv_pidset_t* make_set() {
+int file_without_a_name() {
   char path[] = "/tmp/qvbench.XXXXXX";
   const int fd = mkstemp(path);
   unlink(path);
-  qv_pidset_t* const set = qv_pidset_open_fd(fd);
+  return fd;
+}
+
+qv_pidset_t* make_set() {
+  qv_pidset_t* const set = qv_pidset_open_fd(file_without_a_name());
   for (std::int32_t id = 1; id <= kIds; ++id) {
     qv_pidset_add(set, 3 * id);
   }
@@ -90,8 +95,44 @@ void places(benchmark::internal::Benchmark* benchmark) {
   benchmark->Arg(3)->Arg(3 * kIds / 2)->Arg(3 * kIds)->Arg(3 * kIds - 1);
 }
 
+void add_and_remove(benchmark::State& state) {
+  qv_pidset_t* const set = ids();
+  const std::int32_t id = asked_for(state);
+  for (auto _ : state) {
+    qv_pidset_add(set, id);
+    qv_pidset_remove(set, id);
+  }
+}
+
+void memmove_up_and_down(benchmark::State& state) {
+  const int fd = file_without_a_name();
+  static std::int32_t list[kIds + 1];
+  std::memcpy(list, qv_pidset_pidlist(ids()), kIds * sizeof(*list));
+  const std::int32_t id = asked_for(state);
+  const auto place = static_cast<std::size_t>(id / 3);
+  for (auto _ : state) {
+    flock(fd, LOCK_EX);
+    std::memmove(list + place + 1, list + place, (kIds - place) * sizeof(*list));
+    list[place] = id;
+    benchmark::ClobberMemory();
+    flock(fd, LOCK_UN);
+    flock(fd, LOCK_EX);
+    std::memmove(list + place, list + place + 1, (kIds - place) * sizeof(*list));
+    benchmark::ClobberMemory();
+    flock(fd, LOCK_UN);
+  }
+  close(fd);
+}
+
+void new_places(benchmark::internal::Benchmark* benchmark) {
+  benchmark->Repetitions(9)->MinTime(0.05);
+  benchmark->Arg(1)->Arg(3 * kIds / 2 + 1)->Arg(3 * kIds + 1);
+}
+
 BENCHMARK(contains)->Apply(places);
 BENCHMARK(vectorised_scan)->Apply(places);
+BENCHMARK(add_and_remove)->Apply(new_places);
+BENCHMARK(memmove_up_and_down)->Apply(new_places);
 
 }  // namespace
 
@@ -101,5 +142,10 @@ int main(int argc, char** argv) {
       {{"contains / vectorised scan, first id", "contains/3", "vectorised_scan/3", 0},
        {"contains / vectorised scan, middle id", "contains/1500", "vectorised_scan/1500", 1.5},
        {"contains / vectorised scan, last id", "contains/3000", "vectorised_scan/3000", 1.5},
-       {"contains / vectorised scan, missing id", "contains/2999", "vectorised_scan/2999", 1.5}});
+       {"contains / vectorised scan, missing id", "contains/2999", "vectorised_scan/2999", 1.5},
+       {"add and remove / with memmove, first id", "add_and_remove/1", "memmove_up_and_down/1", 0},
+       {"add and remove / with memmove, middle id", "add_and_remove/1501",
+        "memmove_up_and_down/1501", 0},
+       {"add and remove / with memmove, last id", "add_and_remove/3001", "memmove_up_and_down/3001",
+        0}});
 }

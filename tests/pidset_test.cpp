@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -555,6 +556,168 @@ TEST_F(PidSet, SharesItsLockWithAChildsInheritedHandle) {
   EXPECT_EQ(child.exit_status(), 0);
   EXPECT_FALSE(test::is_locked(path_));
 }
+
+// --- killed writers ---
+
+struct Change {
+  const char* name;
+  Ids before;
+  bool is_addition;
+  std::int32_t id;
+
+  int run(qv_pidset_t* set) const {
+    return is_addition ? qv_pidset_add(set, id) : qv_pidset_remove(set, id);
+  }
+};
+
+void PrintTo(const Change& row, std::ostream* out) { *out << row.name; }
+
+Ids with(Ids ids, std::int32_t id) {
+  const auto place = std::lower_bound(ids.begin(), ids.end(), id);
+  if (place == ids.end() || *place != id) {
+    ids.insert(place, id);
+  }
+  return ids;
+}
+
+Ids without(Ids ids, std::int32_t id) {
+  ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
+  return ids;
+}
+
+// A child that changes the set of a file, one instruction at a time.
+class SteppedWriter {
+ public:
+  SteppedWriter(const std::string& path, const Change& change) : pid_(fork()) {
+    if (pid_ == 0) {
+      const Set set = open_set(path);
+      ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+      raise(SIGSTOP);
+      change.run(set.get());
+      raise(SIGSTOP);
+    }
+    await();
+  }
+  ~SteppedWriter() { kill(); }
+  SteppedWriter(const SteppedWriter&) = delete;
+  SteppedWriter& operator=(const SteppedWriter&) = delete;
+
+  // False when the change is through.
+  bool step() {
+    ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr);
+    return await() == SIGTRAP;
+  }
+
+  void kill() {
+    if (!is_dead_) {
+      ::kill(pid_, SIGKILL);
+      await();
+    }
+  }
+
+ private:
+  // The signal that has stopped the child, or 0 when it is dead.
+  int await() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    is_dead_ = !WIFSTOPPED(status);
+    return is_dead_ ? 0 : WSTOPSIG(status);
+  }
+
+  pid_t pid_;
+  bool is_dead_ = false;
+};
+
+class KilledPidSet : public PidSet, public testing::WithParamInterface<Change> {
+ protected:
+  // The ids after one more change of a page that a killed writer left.
+  Ids ids_after(const std::string& page, const Change& more) const {
+    const std::string path = dir_.file("copy");
+    test::write_file(path, page);
+    const Set set = open_set(path);
+    if (!set || more.run(set.get()) == 2) {
+      return {};
+    }
+    const std::int32_t* const list = qv_pidset_pidlist(set.get());
+    return Ids(list, list + *qv_pidset_count_ptr(set.get()));
+  }
+
+  static std::string bytes_of(const Set& set) {
+    return std::string(reinterpret_cast<const char*>(qv_pidset_count_ptr(set.get())), page_size());
+  }
+
+  bool has_all(const Ids& ids) const {
+    const Set set = open_set(path_);
+    return set && std::all_of(ids.begin(), ids.end(), [&set](std::int32_t id) {
+             return qv_pidset_contains(set.get(), id);
+           });
+  }
+
+  bool can_be_changed() const {
+    const auto& [name, before, is_addition, id] = GetParam();
+    const std::string page = bytes();
+    const bool is_there = qv_pidset_contains(open_set(path_).get(), id);
+    const Ids now = is_there ? with(before, id) : without(before, id);
+    bool is_right = ids_after(page, {"", {}, true, id}) == with(before, id) &&
+                    ids_after(page, {"", {}, false, id}) == without(before, id);
+    for (const std::int32_t other : without(before, id)) {
+      is_right = is_right && ids_after(page, {"", {}, false, other}) == without(now, other);
+    }
+    return is_right && ids_after(page, {"", {}, false, kLeast}) == now;
+  }
+};
+
+#ifdef QV_SANITIZED
+// What is checked at each access makes thousands of instructions of a hundred.
+constexpr bool kStopsAtEachInstruction = false;
+#else
+constexpr bool kStopsAtEachInstruction = true;
+#endif
+
+// Where no instruction is counted, a stop is a change of the page: those between
+// two of them leave the same page.
+TEST_P(KilledPidSet, KeepsEveryIdWhereverItsWriterStops) {
+  const Change& change = GetParam();
+  const Ids others = without(change.before, change.id);
+  int stops = 0;
+  int lost = 0;
+  int spoilt = 0;
+  for (bool is_through = false; !is_through; ++stops) {
+    test::write_file(path_, page_bytes(change.before));
+    const Set set = open_set(path_);
+    SteppedWriter writer(path_, change);
+    for (int stop = 0; stop < stops && !is_through;) {
+      const std::string page = bytes_of(set);
+      is_through = !writer.step();
+      stop += kStopsAtEachInstruction || bytes_of(set) != page ? 1 : 0;
+    }
+    writer.kill();
+    EXPECT_FALSE(test::is_locked(path_));
+    lost += has_all(others) ? 0 : 1;
+    spoilt += can_be_changed() ? 0 : 1;
+  }
+  std::printf("%d stops: %d lost an id, %d spoilt the set\n", stops, lost, spoilt);
+  EXPECT_EQ(lost, 0);
+  EXPECT_EQ(spoilt, 0);
+  EXPECT_EQ(qv_pidset_contains(open_set(path_).get(), change.id), change.is_addition);
+}
+
+const Ids kNine{10, 20, 30, 40, 50, 60, 70, 80, 90};
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, KilledPidSet,
+    testing::Values(
+        Change{"first_of_all", {}, true, 5}, Change{"add_before_one", {10}, true, 5},
+        Change{"add_behind_one", {10}, true, 15}, Change{"add_in_front", kNine, true, 5},
+        Change{"add_second", kNine, true, 15}, Change{"add_in_the_middle", kNine, true, 45},
+        Change{"add_before_the_last", kNine, true, 85}, Change{"add_at_the_end", kNine, true, 95},
+        Change{"add_in_front_of_eight", {10, 20, 30, 40, 50, 60, 70, 80}, true, 5},
+        Change{"remove_the_only", {10}, false, 10}, Change{"remove_the_first", kNine, false, 10},
+        Change{"remove_the_second", kNine, false, 20},
+        Change{"remove_the_middle", kNine, false, 50},
+        Change{"remove_the_last_but_one", kNine, false, 80},
+        Change{"remove_the_last", kNine, false, 90}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 // --- descriptors ---
 

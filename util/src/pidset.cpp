@@ -61,18 +61,23 @@ std::int32_t* ids_of(const qv_pidset_t* set) {
 // A count that somebody has spoilt since the set was opened leads nobody past
 // the page.
 std::size_t used_of(const qv_pidset_t* set) {
-  return std::min(count_of(set).load(std::memory_order_relaxed), set->capacity);
+  return std::min(count_of(set).load(std::memory_order_acquire), set->capacity);
 }
 
 using FourIds = std::int32_t __attribute__((vector_size(16)));
 using TwoWords = std::uint64_t __attribute__((vector_size(16)));
 
-// All ones in each place of an id that is less than that of `bound`.
-inline FourIds less(const std::int32_t* ids, FourIds bound) {
+inline FourIds load(const std::int32_t* ids) {
   FourIds four;
   std::memcpy(&four, ids, sizeof(four));
-  return bound > four;
+  return four;
 }
+
+// All ones in each place of an id that is less than that of `bound`.
+inline FourIds less(const std::int32_t* ids, FourIds bound) { return bound > load(ids); }
+
+// All ones in each place of an id that is equal to the next.
+inline FourIds repeated(const std::int32_t* ids) { return load(ids) == load(ids + 1); }
 
 // The index of the first id not less than `pid`, or `count`. A page is scanned
 // to its end more often than not: 16 ids at a time.
@@ -91,6 +96,80 @@ std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int3
     ++index;
   }
   return index;
+}
+
+// A process may be killed between any two of these stores. None is merged with
+// another or moved before an earlier one, as those of memmove are.
+void store(std::int32_t& place, std::int32_t id) {
+  std::atomic_ref<std::int32_t>(place).store(id, std::memory_order_release);
+}
+
+// Two ids in one store, to an even place: those are aligned to 8 bytes.
+void store_two(std::int32_t* place, const std::int32_t* from) {
+  using TwoIds = std::uint64_t __attribute__((may_alias));
+  std::uint64_t ids;
+  std::memcpy(&ids, from, sizeof(ids));
+  __atomic_store_n(reinterpret_cast<TwoIds*>(place), ids, __ATOMIC_RELEASE);
+}
+
+// The last id is repeated before it counts; then each id is repeated one place
+// further before it is overwritten, so none is ever missing.
+void insert(qv_pidset_t* set, std::size_t count, std::size_t index, std::int32_t pid) {
+  std::int32_t* const ids = ids_of(set);
+  store(ids[count], index < count ? ids[count - 1] : pid);
+  count_of(set).store(count + 1, std::memory_order_release);
+  for (std::size_t place = count; place > index + 1;) {
+    if (place % 2 == 0 && place > index + 2) {
+      place -= 2;
+      store_two(ids + place, ids + place - 1);
+    } else {
+      --place;
+      store(ids[place], ids[place - 1]);
+    }
+  }
+  store(ids[index], pid);
+}
+
+// Each later id is repeated one place before it is overwritten; the last one is
+// there twice when it ceases to count.
+void erase(qv_pidset_t* set, std::size_t count, std::size_t index) {
+  std::int32_t* const ids = ids_of(set);
+  for (std::size_t place = index; place + 1 < count;) {
+    if (place % 2 == 0 && place + 2 < count) {
+      store_two(ids + place, ids + place + 1);
+      place += 2;
+    } else {
+      store(ids[place], ids[place + 1]);
+      ++place;
+    }
+  }
+  count_of(set).store(count - 1, std::memory_order_release);
+}
+
+// The index of the first id that stands there once more, or `count`.
+std::size_t first_repeated(const std::int32_t* ids, std::size_t count) {
+  std::size_t index = 0;
+  for (; count - index > 16; index += 16) {
+    const std::int32_t* const block = ids + index;
+    const auto any = reinterpret_cast<TwoWords>(repeated(block) | repeated(block + 4) |
+                                                repeated(block + 8) | repeated(block + 12));
+    if ((any[0] | any[1]) != 0) {
+      break;
+    }
+  }
+  return static_cast<std::size_t>(std::adjacent_find(ids + index, ids + count) - ids);
+}
+
+// Takes the lock, and removes the id that a killed process has left there twice.
+int lock_for_change(qv_pidset_t* set) {
+  const int locked = flock(set->fd, LOCK_EX);
+  if (locked == 0) {
+    std::size_t count = used_of(set);
+    for (std::size_t index; (index = first_repeated(ids_of(set), count)) < count; --count) {
+      erase(set, count, index);
+    }
+  }
+  return locked;
 }
 
 }  // namespace
@@ -158,10 +237,10 @@ void qv_pidset_close(qv_pidset_t* set) {
 }
 
 int qv_pidset_add(qv_pidset_t* set, std::int32_t pid) {
-  if (flock(set->fd, LOCK_EX) != 0) {
+  if (lock_for_change(set) != 0) {
     return kLockFailed;
   }
-  std::int32_t* const ids = ids_of(set);
+  const std::int32_t* const ids = ids_of(set);
   const std::size_t count = used_of(set);
   const std::size_t index = first_not_less(ids, count, pid);
   int result = 0;
@@ -170,25 +249,22 @@ int qv_pidset_add(qv_pidset_t* set, std::int32_t pid) {
   } else if (count >= qv_pidset_max_pid_count()) {
     result = kFull;
   } else {
-    std::memmove(ids + index + 1, ids + index, (count - index) * sizeof(*ids));
-    ids[index] = pid;
-    count_of(set).store(count + 1, std::memory_order_release);
+    insert(set, count, index, pid);
   }
   flock(set->fd, LOCK_UN);
   return result;
 }
 
 int qv_pidset_remove(qv_pidset_t* set, std::int32_t pid) {
-  const int locked = flock(set->fd, LOCK_EX);
+  const int locked = lock_for_change(set);
   if (locked != 0) {
     return locked;
   }
-  std::int32_t* const ids = ids_of(set);
+  const std::int32_t* const ids = ids_of(set);
   const std::size_t count = used_of(set);
   const std::size_t index = first_not_less(ids, count, pid);
   if (index < count && ids[index] == pid) {
-    count_of(set).store(count - 1, std::memory_order_release);
-    std::memmove(ids + index, ids + index + 1, (count - index - 1) * sizeof(*ids));
+    erase(set, count, index);
   }
   return flock(set->fd, LOCK_UN);
 }
