@@ -1,11 +1,13 @@
 #include <quorvane/circular_buffer_pool.h>
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <quorvane/module.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -85,6 +87,21 @@ std::string g_memory_file_name;
 unsigned g_memory_file_flags = 0;
 
 }  // namespace
+
+namespace {
+
+// What this thread's next notification does first.
+thread_local const std::function<void()>* g_before_notify = nullptr;
+
+}  // namespace
+
+// The library finds this one first.
+void std::condition_variable::notify_all() noexcept {
+  if (const auto* const function = std::exchange(g_before_notify, nullptr)) {
+    (*function)();
+  }
+  pthread_cond_broadcast(native_handle());
+}
 
 extern "C" int memfd_create(const char* name, unsigned flags) noexcept {
   g_memory_file_name = name;
@@ -334,6 +351,77 @@ TEST(CircularBufferPool, WakesEveryWaiterWithOneRelease) {
   EXPECT_EQ(first.get_buffer(), base);
   EXPECT_EQ(second.get_buffer(), base + 64);
   second = RwBuffer(0);  // newest first
+}
+
+TEST(CircularBufferPool, GivesTheLockUpBeforeItWakesTheWaiters) {
+  for (const bool is_free : {false, true}) {
+    CircularBufferPool pool(page());
+    unsigned char* const base = lend(pool, page());
+    Allocator waiter(pool, page());
+    waiter.settle();
+    bool is_told = false;
+    const std::function<void()> allocate = [&] {
+      pool.allocate(0, nullptr);  // would wait for ever for a lock that its own thread holds
+      is_told = true;
+    };
+    g_before_notify = &allocate;
+    is_free ? pool.free(base, page(), nullptr) : pool.deallocate(base, page(), nullptr);
+    EXPECT_TRUE(is_told);
+    EXPECT_EQ(waiter.result().get_buffer(), base);
+  }
+}
+
+// The second is not woken by what the first does: an allocation notifies nobody.
+TEST(CircularBufferPool, WakesEveryWaiterWithOneFree) {
+  CircularBufferPool pool(page());
+  unsigned char* const base = lend(pool, page());
+  Allocator one(pool, 64);
+  Allocator two(pool, 64);
+  one.settle();
+  two.settle();
+  EXPECT_FALSE(one.is_done() || two.is_done());
+  pool.free(base, page(), nullptr);
+  std::vector<const unsigned char*> lent{one.result().get_buffer(), two.result().get_buffer()};
+  std::sort(lent.begin(), lent.end());
+  EXPECT_EQ(lent, (std::vector<const unsigned char*>{base, base + 64}));
+  one.result().set_pool_release_is_free(true);
+  two.result().set_pool_release_is_free(true);
+  (one.result().get_buffer() == base ? one : two).result() = RwBuffer(0);
+}
+
+TEST(CircularBufferPool, TakesANewestRangeBackThatCrossesTheEndInALaterRound) {
+  CircularBufferPool pool(page());
+  unsigned char* const base = position(pool);
+  for (unsigned round = 0; round < 3; ++round) {
+    skip(pool, round == 0 ? page() - 64 : page());
+    unsigned char* const across = lend(pool, 128);
+    EXPECT_EQ(across, base + page() - 64);
+    pool.deallocate(across, 128, nullptr);
+    EXPECT_EQ(position(pool), across);
+  }
+}
+
+TEST(CircularBufferPool, TakesTheNewestRangesBackToTheStartOfTheRegion) {
+  CircularBufferPool pool(page());
+  skip(pool, page());
+  unsigned char* const first = lend(pool, 64);
+  unsigned char* const second = lend(pool, page() - 64);
+  pool.deallocate(second, page() - 64, nullptr);
+  pool.deallocate(first, 64, nullptr);
+  EXPECT_EQ(position(pool), first);
+}
+
+// Allocations of nothing move nothing, but they write the counters.
+TEST(CircularBufferPool, TellsOneThreadsPositionWhileAnotherAllocates) {
+  CircularBufferPool pool(page());
+  const auto allocate_often = [&pool] {
+    for (int i = 0; i < 1000; ++i) {
+      pool.allocate(0, nullptr);
+    }
+  };
+  std::thread other(allocate_often);
+  allocate_often();
+  other.join();
 }
 
 TEST(CircularBufferPool, CarriesBytesFromProducersToAConsumer) {
@@ -588,6 +676,35 @@ TEST_F(TracedPool, ReportsARelease) {
   expect_reports(reports, pool_, 16, &rpc_);
   expect_arguments(reports.at(0), ptr, 128, base_ + page() - 64);
   expect_arguments(reports.at(1), ptr, 128, base_ + 64);
+}
+
+// A pool whose oldest range and whose newest end are apart.
+class TracedBusyPool : public TracedPool {
+ protected:
+  unsigned char* oldest_ = lend(pool_, 256);  // to 192 past the end
+  unsigned char* newest_ = lend(pool_, 100);
+};
+
+TEST_F(TracedBusyPool, ReportsAnAllocation) {
+  std::optional<RwBuffer> buffer;
+  const auto reports = reports_of([&] { buffer = pool_.allocate(10, &rpc_); });
+  expect_reports(reports, pool_, 14, &rpc_);
+  expect_arguments(reports.at(0), nullptr, 10, base_ + 320);
+  expect_arguments(reports.at(1), base_ + 320, 64, base_ + 384);
+}
+
+TEST_F(TracedBusyPool, ReportsADeallocation) {
+  const auto reports = reports_of([&] { pool_.deallocate(newest_, 100, &rpc_); });
+  expect_reports(reports, pool_, 15, &rpc_);
+  expect_arguments(reports.at(0), newest_, 128, base_ + 320);
+  expect_arguments(reports.at(1), newest_, 128, newest_);
+}
+
+TEST_F(TracedBusyPool, ReportsARelease) {
+  const auto reports = reports_of([&] { pool_.free(oldest_, 256, &rpc_); });
+  expect_reports(reports, pool_, 16, &rpc_);
+  expect_arguments(reports.at(0), oldest_, 256, base_ + page() - 64);
+  expect_arguments(reports.at(1), oldest_, 256, newest_);
 }
 
 TEST_F(TracedPool, ReportsTheReleasesOfABufferWithoutACall) {

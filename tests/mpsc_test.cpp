@@ -2,9 +2,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <quorvane/module.h>
 
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <ostream>
@@ -27,15 +30,53 @@ class RingProbe {
     ring.commit_index_ = first;
     ring.reserve_index_ = first;
   }
+  static void reserve_from(Ring& ring, std::uint32_t first) { ring.reserve_index_ = first; }
+  static void wake_producers(Ring& ring) {
+    const std::lock_guard<std::mutex> lock(ring.space_mutex_);
+    ring.space_.notify_all();
+  }
   static void wake_consumer(Ring& ring) {
     const std::lock_guard<std::mutex> lock(ring.data_mutex_);
     ring.data_.notify_one();
   }
   static std::uint32_t size(const Ring& ring) { return ring.size_; }
+  // Asks from a thread of its own: the caller may hold the lock.
+  static bool is_held(Ring& ring, const std::condition_variable* condition) {
+    std::mutex& mutex = condition == &ring.data_ ? ring.data_mutex_ : ring.space_mutex_;
+    bool is_held = true;
+    std::thread([&] {
+      const std::unique_lock<std::mutex> lock(mutex, std::try_to_lock);
+      is_held = !lock.owns_lock();
+    }).join();
+    return is_held;
+  }
 };
 
 }  // namespace mpsc
 }  // namespace quorvane
+
+namespace {
+
+// What this thread's notifications are told to first.
+thread_local std::function<void(const std::condition_variable*)> g_before_notify;
+
+void tell(const std::condition_variable* condition) {
+  if (g_before_notify) {
+    g_before_notify(condition);
+  }
+}
+
+}  // namespace
+
+// The library finds these two first.
+void std::condition_variable::notify_one() noexcept {
+  tell(this);
+  pthread_cond_signal(native_handle());
+}
+void std::condition_variable::notify_all() noexcept {
+  tell(this);
+  pthread_cond_broadcast(native_handle());
+}
 
 namespace {
 
@@ -228,6 +269,21 @@ TEST_P(RingFrom, PublishesInTheOrderOfTheReservations) {
 
 INSTANTIATE_TEST_SUITE_P(Start, RingFrom,
                          testing::Values(0u, 5u, 0x7ffffffcu, 0xfffffffbu, 0xffffffffu));
+
+// What a producer sees that has read the reserve index and is held up while
+// others' entries come and go. Asleep it would wait for entries that nobody owes.
+TEST_P(RingFrom, IsNotFullForAProducerThatWasOvertaken) {
+  RingProbe::reserve_from(ring_, GetParam() - 1);
+  Watched producer([this] { ring_.wr_reserve(); });
+  const long ticks = test::computed_ticks(producer.tid());
+  while (!test::is_asleep(producer.tid()) && test::computed_ticks(producer.tid()) < ticks + 3) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(test::is_asleep(producer.tid()));
+  EXPECT_FALSE(producer.is_done());
+  RingProbe::start_at(ring_, GetParam() + 8);
+  RingProbe::wake_producers(ring_);
+}
 
 TEST(Ring, OfTwoSlotsHoldsOneEntryAtATime) {
   Ring ring(2);
@@ -446,6 +502,35 @@ TEST(RingTokens, WakeAConsumerThatIsFastAsleep) {
     ring.wr_commit(ring.wr_reserve());
   }
   EXPECT_TRUE(is_empty(ring));
+}
+
+// Whether the lock of each condition that `operation` notifies is held meanwhile.
+std::vector<bool> locks_at_notifications(Ring& ring, const std::function<void()>& operation) {
+  std::vector<bool> held;
+  g_before_notify = [&](const std::condition_variable* condition) {
+    held.push_back(RingProbe::is_held(ring, condition));
+  };
+  operation();
+  g_before_notify = nullptr;
+  return held;
+}
+
+TEST(RingWakeUp, GivesTheLockUpAfterTheNotification) {
+  Ring ring(4);
+  EXPECT_THAT(locks_at_notifications(ring, [&ring] { ring.wr_commit(ring.wr_reserve()); }),
+              ElementsAre(true));
+  EXPECT_THAT(locks_at_notifications(ring, [&ring] { ring.rd_advance(); }), ElementsAre(true));
+}
+
+TEST(RingWakeUp, IsLeftOutWhereNobodyCanWait) {
+  Ring ring(4);
+  ring.wr_commit(ring.wr_reserve());
+  EXPECT_THAT(locks_at_notifications(ring,
+                                     [&ring] {
+                                       ring.wr_commit(ring.wr_reserve());
+                                       ring.rd_advance();
+                                     }),
+              ElementsAre());
 }
 
 // All producers but the fastest sleep on the full ring, and are woken together.

@@ -60,8 +60,9 @@ Ring::Reservation Ring::wr_reserve() {
 // apart, being sequentially consistent: either the producer sees that the
 // consumer has nothing left, or the consumer sees the entry before it sleeps.
 //
-// The empty critical section waits for a consumer that has seen nothing and is
-// about to sleep. Who is woken needs that lock itself, so it is free by then.
+// The lock waits for a consumer that has seen nothing and is about to sleep. It is
+// given up last: a consumer that was woken knows that the producer no longer
+// touches the condition.
 void Ring::wr_commit(const Reservation& reservation) {
   const std::uint32_t before = reservation.value - 1;
   while (commit_index_.load() != before) {
@@ -69,7 +70,7 @@ void Ring::wr_commit(const Reservation& reservation) {
   }
   commit_index_.store(reservation.value);
   if (read_index_.load() == before) {
-    { const std::lock_guard<std::mutex> lock(data_mutex_); }
+    const std::lock_guard<std::mutex> lock(data_mutex_);
     data_.notify_one();
   }
 }
@@ -114,7 +115,7 @@ void Ring::rd_advance() {
   const std::uint32_t reserve = reserve_index_.load();
   read_index_.store(next);
   if (next == reserve) {
-    { const std::lock_guard<std::mutex> lock(space_mutex_); }
+    const std::lock_guard<std::mutex> lock(space_mutex_);
     space_.notify_all();
   }
 }

@@ -118,30 +118,36 @@ void insert(qv_pidset_t* set, std::size_t count, std::size_t index, std::int32_t
   std::int32_t* const ids = ids_of(set);
   store(ids[count], index < count ? ids[count - 1] : pid);
   count_of(set).store(count + 1, std::memory_order_release);
-  for (std::size_t place = count; place > index + 1;) {
-    if (place % 2 == 0 && place > index + 2) {
-      place -= 2;
-      store_two(ids + place, ids + place - 1);
-    } else {
-      --place;
-      store(ids[place], ids[place - 1]);
-    }
+  std::size_t place = count;  // from here on all ids have moved
+  if (place % 2 != 0 && place > index + 1) {
+    --place;
+    store(ids[place], ids[place - 1]);
   }
-  store(ids[index], pid);
+  for (; place > index + 2; place -= 2) {
+    store_two(ids + place - 2, ids + place - 3);
+  }
+  if (place > index + 1) {
+    store(ids[place - 1], ids[place - 2]);
+  }
+  if (index < count) {
+    store(ids[index], pid);
+  }
 }
 
-// Each later id is repeated one place before it is overwritten; the last one is
-// there twice when it ceases to count.
+// Each later id is repeated one place before it is overwritten; the last one
+// stands there twice when it ceases to count.
 void erase(qv_pidset_t* set, std::size_t count, std::size_t index) {
   std::int32_t* const ids = ids_of(set);
-  for (std::size_t place = index; place + 1 < count;) {
-    if (place % 2 == 0 && place + 2 < count) {
-      store_two(ids + place, ids + place + 1);
-      place += 2;
-    } else {
-      store(ids[place], ids[place + 1]);
-      ++place;
-    }
+  std::size_t place = index;  // up to here all ids have moved
+  if (place % 2 != 0 && place + 1 < count) {
+    store(ids[place], ids[place + 1]);
+    ++place;
+  }
+  for (; place + 2 < count; place += 2) {
+    store_two(ids + place, ids + place + 1);
+  }
+  if (place + 1 < count) {
+    store(ids[place], ids[place + 1]);
   }
   count_of(set).store(count - 1, std::memory_order_release);
 }

@@ -6,6 +6,10 @@
  * it until somebody removes them, also when their processes have ended. The page
  * holds a 64-bit count and then 32-bit ids, ascending.
  *
+ * A process may be killed at any time: the page keeps every id but the one that
+ * it was adding or removing, which may be there or not. One id may then be there
+ * twice, and count twice, until the next change by anybody, which mends that.
+ *
  * No function logs. Those that change the set hold an exclusive flock(2) on the
  * file meanwhile; none calls flock again when a signal has cut it short (EINTR).
  *
