@@ -2,17 +2,21 @@
 // the forking thread holds every guarded mutex.
 #include "src/fork_guard.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <quorvane/cache.h>
 #include <quorvane/module.h>
 #include <quorvane/store.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -25,6 +29,7 @@
 
 #include "support/no_memory.h"
 #include "support/scenario.h"
+#include "support/temp_dir.h"
 
 namespace {
 
@@ -339,6 +344,54 @@ SCENARIO(adds_without_memory) {
 
 TEST(ForkGuard, LeavesAMutexUnguardedThatThereIsNoMemoryFor) {
   EXPECT_TRUE(run_scenario("adds_without_memory").exited_with(0));
+}
+
+// A child is forked between the opening of a file and the moment when its fork handler
+// could know of the descriptor. It lives on, and must not keep the lock that is taken.
+SCENARIO(opens_beside_a_fork) {
+  alarm(kHangs);
+  std::mutex mutex;
+  fork_guard::add(mutex);
+  const char* const path = arguments.at(0).c_str();
+  pid_t child = -1;
+  int opened = 0;
+  int kept = -1;
+  fork_guard::open_unshared(
+      mutex,
+      [&] {
+        const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (++opened == 1 && (child = fork()) == 0) {
+          for (;;) {
+            pause();
+          }
+        }
+        return fd;
+      },
+      [&](int fd) { kept = fd; });
+  const bool is_locked = flock(kept, LOCK_EX | LOCK_NB) == 0;
+  close(kept);
+  const int other = open(path, O_RDWR | O_CLOEXEC);
+  const bool is_free = flock(other, LOCK_EX | LOCK_NB) == 0;
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  return opened == 2 && is_locked && is_free ? 0 : 1;
+}
+
+TEST(ForkGuard, OpensAgainWhatAChildHasInheritedMeanwhile) {
+  const test::TempDir dir;
+  EXPECT_TRUE(run_scenario("opens_beside_a_fork", {}, {dir.file("lock")}).exited_with(0));
+}
+
+SCENARIO(opens_nothing) {
+  std::mutex mutex;
+  int kept = 0;
+  const bool opened = fork_guard::open_unshared(
+      mutex, [] { return open("/nowhere/lock", O_RDWR); }, [&](int fd) { kept = fd; });
+  return !opened && kept == -1 && errno == ENOENT ? 0 : 1;
+}
+
+TEST(ForkGuard, SaysWhyWhatItOpensCantBeOpened) {
+  EXPECT_TRUE(run_scenario("opens_nothing").exited_with(0));
 }
 
 // A mutex is free or held by the thread that forks, whatever the others do.

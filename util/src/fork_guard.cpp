@@ -32,6 +32,8 @@ __attribute__((tls_model("initial-exec"))) thread_local unsigned t_forks = 0;
 
 bool holds_all() { return t_forks > 0; }
 
+std::atomic<std::uint64_t> g_forks_begun{0};
+
 void before_fork() {
   if (!holds_all()) {
     if (g_is_given_up) {
@@ -42,6 +44,7 @@ void before_fork() {
       member->lock();
     }
   }
+  ++g_forks_begun;
   ++t_forks;
 }
 
@@ -88,6 +91,8 @@ Lock::~Lock() {
     mutex_->unlock();
   }
 }
+
+std::uint64_t forks_begun() { return g_forks_begun; }
 
 void give_up() { g_is_given_up = true; }
 

@@ -6,6 +6,9 @@
 #ifndef QUORVANE_SRC_FORK_GUARD_H_
 #define QUORVANE_SRC_FORK_GUARD_H_
 
+#include <unistd.h>
+
+#include <cstdint>
 #include <mutex>
 
 namespace quorvane {
@@ -29,6 +32,28 @@ class Lock {
  private:
   std::mutex* mutex_;  // null: not locked here
 };
+
+// How many forks of this process have begun. Nobody forks while a guarded mutex is held:
+// when the number is still the same then, no child has what was opened since.
+std::uint64_t forks_begun();
+
+// Opens what children mustn't share (a lock, say), since the last of those who share it
+// ends it: `open` gives a descriptor or -1, `keep` stores it where the child's fork
+// handler finds it. A fork that comes in between doesn't wait; the file is then opened
+// again. True when a descriptor was kept, false with errno.
+template <typename Open, typename Keep>
+bool open_unshared(std::mutex& guarded, const Open& open, const Keep& keep) {
+  for (;;) {
+    const std::uint64_t before = forks_begun();
+    const int fd = open();
+    const Lock lock(guarded);
+    if (fd < 0 || forks_begun() == before) {
+      keep(fd);
+      return fd >= 0;
+    }
+    close(fd);
+  }
+}
 
 // For a thread about to abort, which may hold a guarded mutex: forks wait no
 // more, so that a handler of SIGABRT may fork. Any thread.

@@ -175,7 +175,10 @@ bool ReportFile::make_ours() {
 
 // None for a file that may only be written to: the other descriptor is locked then.
 void ReportFile::open_lock_fd() {
-  lock_fd_ = is_on_disk_ ? open_again(number(), O_RDONLY | O_CLOEXEC) : -1;
+  fork_guard::open_unshared(
+      g_files_mutex,
+      [this] { return is_on_disk_ ? open_again(number(), O_RDONLY | O_CLOEXEC) : -1; },
+      [this](int fd) { lock_fd_ = fd; });
 }
 
 void ReportFile::drop_lock_fd() {

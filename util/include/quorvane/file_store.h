@@ -75,7 +75,9 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool is_held_by_this_thread() const;
   bool is_lost();
   bool ensure_open();
-  bool adopt(int fd);
+  template <typename Open>
+  bool open_own(const Open& open);
+  bool open_at_path();
   bool is_replaced() const;
   bool take_file_at_path();
 

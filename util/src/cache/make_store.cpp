@@ -45,7 +45,7 @@ std::unique_ptr<Store> make_of_kind(StoreKind kind, const std::string& name,
     case StoreKind::basic:
       return std::make_unique<BasicStore>(name, std::move(lock), controller);
     case StoreKind::lazy_lookup:
-      return make_lazy_lookup_store(name, std::move(lock), controller);
+      return make_lazy_lookup_store(name, lock, controller);
   }
   return nullptr;
 }

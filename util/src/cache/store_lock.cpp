@@ -56,8 +56,8 @@ struct StoreFLock::InProcess {
   static constinit inline std::mutex mutex;
   static constinit inline StoreFLock* first = nullptr;
 
+  // This and the next with the mutex held.
   static void add(StoreFLock& lock) {
-    const fork_guard::Lock guard(mutex);
     lock.next_ = first;
     if (first != nullptr) {
       first->previous_ = &lock;
@@ -66,7 +66,6 @@ struct StoreFLock::InProcess {
   }
 
   static void remove(StoreFLock& lock) {
-    const fork_guard::Lock guard(mutex);
     (lock.previous_ != nullptr ? lock.previous_->next_ : first) = lock.next_;
     if (lock.next_ != nullptr) {
       lock.next_->previous_ = lock.previous_;
@@ -75,8 +74,7 @@ struct StoreFLock::InProcess {
 
   // Not at a lock's first use: until then the child would keep the lock of a parent
   // that is killed, and everybody else would wait for the child.
-  static void leave_parents_locks() {
-    const fork_guard::Lock guard(mutex);
+  static void leave_parents_locks() {  // the list is whole: the fork held its mutex
     for (StoreFLock* lock = first; lock != nullptr; lock = lock->next_) {
       lock->leave_parents_lock();
     }
@@ -91,27 +89,34 @@ struct StoreFLock::InProcess {
 
 StoreFLock::StoreFLock(const std::string& name)
     : path_(get_store_file_path(lock_file_name(name))), generation_(process_generation()) {
-  const int fd = descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
-  if (!adopt(fd)) {
+  {
+    const fork_guard::Lock guard(InProcess::mutex);
+    InProcess::add(*this);
+  }
+  if (!open_own([this] {
+        return descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
+      })) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
   }
-  InProcess::add(*this);
 }
 
 StoreFLock::StoreFLock(StoreFLock&& other) noexcept
-    : fd_(other.fd_.exchange(-1)),
-      path_(std::move(other.path_)),
+    : path_(std::move(other.path_)),
       generation_(other.generation_.load()),
       owner_(other.owner_.exchange(nullptr)),
-      device_(std::exchange(other.device_, 0)),
-      inode_(std::exchange(other.inode_, 0)),
+      device_(other.device_),
+      inode_(other.inode_),
       is_inherited_(other.is_inherited_),
       note_stays_(other.note_stays_) {
+  const fork_guard::Lock guard(InProcess::mutex);
   InProcess::add(*this);
+  fd_ = other.fd_.exchange(-1);
+  other.inode_ = 0;
 }
 
 StoreFLock::~StoreFLock() {
+  const fork_guard::Lock guard(InProcess::mutex);
   InProcess::remove(*this);
   if (is_open_on_own_file()) {
     close(fd_);
@@ -180,20 +185,24 @@ bool StoreFLock::is_open_on_own_file() const {
   return descriptor::is_open_on(fd_, {device_, inode_});
 }
 
-// Takes over a descriptor that was just opened, or none (-1, and false).
-bool StoreFLock::adopt(int fd) {
-  struct stat status;
-  if (fd >= 0 && fstat(fd, &status) == 0) {
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
-  }
-  fd_ = fd;
-  return fd >= 0;
+// A child that shared the descriptor would keep the lock of a parent that is killed.
+template <typename Open>
+bool StoreFLock::open_own(const Open& open) {
+  return fork_guard::open_unshared(InProcess::mutex, open, [this](int fd) {
+    struct stat status;
+    if (fd >= 0 && fstat(fd, &status) == 0) {
+      device_ = status.st_dev;
+      inode_ = status.st_ino;
+    }
+    fd_ = fd;
+  });
 }
 
-bool StoreFLock::ensure_open() {
-  return is_open_on_own_file() || adopt(open_to_lock(path_.c_str(), O_CREAT));
+bool StoreFLock::open_at_path() {
+  return open_own([this] { return open_to_lock(path_.c_str(), O_CREAT); });
 }
+
+bool StoreFLock::ensure_open() { return is_open_on_own_file() || open_at_path(); }
 
 // Whether the name leads to another file than the one that is locked, or to none.
 bool StoreFLock::is_replaced() const {
@@ -207,12 +216,19 @@ bool StoreFLock::is_replaced() const {
 // False, with the old file still open, when there can be no file of this name: then
 // there is none for anybody else either.
 bool StoreFLock::take_file_at_path() {
-  const int fd = open_to_lock(path_.c_str(), O_CREAT);
-  if (fd < 0) {
-    return false;
+  const int old = fd_;
+  const std::uint64_t device = device_;
+  const std::uint64_t inode = inode_;
+  if (open_at_path()) {
+    close(old);
+    return true;
   }
-  close(fd_);
-  return adopt(fd);
+  const int error = errno;
+  fd_ = old;
+  device_ = device;
+  inode_ = inode;
+  errno = error;
+  return false;
 }
 
 // Before a sequence: whether a lock that was open once can't be had any more. A child
@@ -269,10 +285,11 @@ void StoreFLock::reopen_in_child() {
   const int inherited = fd_;
   std::array<char, 32> self;
   std::snprintf(self.data(), self.size(), "/proc/self/fd/%d", inherited);
-  const int own = open_to_lock(self.data(), 0);
+  const bool is_open = open_own([&self] { return open_to_lock(self.data(), 0); });
   close(inherited);
-  // No /proc, or no descriptor to spare until now.
-  adopt(own >= 0 ? own : open_to_lock(path_.c_str(), O_CREAT));
+  if (!is_open) {  // no /proc, or no descriptor to spare until now
+    open_at_path();
+  }
 }
 
 // --- the note of an append ---
