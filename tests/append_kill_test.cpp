@@ -99,7 +99,7 @@ void await_append(Random& random) {
   }
 }
 
-// What the kills of one run came to.
+// The results of one run.
 struct Tally {
   int kills = 0;
   int unreadable = 0;

@@ -156,8 +156,8 @@ bool Histogram::insert(double value, std::uint32_t count) {
   return true;
 }
 
-// Beyond doubles there is no nearest one. As an infinity, the sample would empty the sum
-// and the mean for good, of which its caller has none.
+// Beyond the range of double there is no nearest one. An infinity would make the sum and
+// the mean null for good, though the caller passed none.
 bool Histogram::insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count) {
   const double sample = scaled(value, scale);
   return std::isfinite(sample) && insert(sample, count);

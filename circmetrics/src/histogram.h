@@ -33,7 +33,7 @@ class Histogram final : public Metric {
   // False, changing nothing, for NaN and when there is no memory for a node.
   bool insert(double value, std::uint32_t count);
 
-  // The same, and for what is beyond doubles.
+  // False also when the result exceeds the range of double.
   bool insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count);
 
   void write(JsonWriter& json) const override;

@@ -24,7 +24,7 @@ std::unique_ptr<Metric> make_metric(int type) {
 
 }  // namespace
 
-// What it is for is made first: without memory for it, there is no entry either.
+// Creates the namespace or metric before its entry: without memory there is neither.
 Namespace* Namespace::find_or_make_namespace(const char* name) {
   const auto found = entries_.find(name);
   if (found != entries_.end() && found->second.inner != nullptr) {

@@ -23,8 +23,8 @@ class Namespace {
   Metric* find_or_make_metric(const char* name, int type);
 
   // What lies in it, in the order of a report. A namespace begins with its name and no
-  // metric, and ends with neither. As many slashes behind the name tell it from the
-  // other names around it. Good for ever, without the lock too.
+  // metric, and ends with neither. `slashes` is how many to append to the name to make
+  // it unique. Valid until the process ends, also without the lock.
   struct Step {
     const std::string* name;
     std::size_t slashes;

@@ -11,12 +11,12 @@
 namespace circmetrics {
 
 // Guards every namespace of every recorder; updates of metrics don't take it. A fork
-// waits until it is free, and the thread that forks passes it: fork handlers that a
+// waits until it is free, and the forking thread bypasses it: fork handlers that a
 // program registered before it loaded this library may use it.
 //
-// A child that came about without the fork handlers (by a raw clone, or by a fork that
-// had begun when this library was loaded) may find it in the hands of a thread that it
-// doesn't have, and the namespaces half changed. They all become empty then; what
+// A child created without running the fork handlers (by a raw clone, or by a fork that
+// had begun when this library was loaded) may find it held by a thread that doesn't exist
+// in the child, and the namespaces half changed. They all become empty then; what
 // was registered can still be updated.
 class RegistrationLock {
  public:

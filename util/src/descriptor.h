@@ -8,8 +8,8 @@
 namespace quorvane {
 namespace descriptor {
 
-// Which file it is, whatever its name. A number of a descriptor is none: the program
-// may have closed it and opened a file of its own.
+// Identifies a file, whatever its name. A descriptor number doesn't: the program may
+// have closed it and opened a file of its own.
 struct FileId {
   dev_t device = 0;
   ino_t inode = 0;
@@ -24,7 +24,7 @@ inline FileId id_of(const struct stat& status) { return {status.st_dev, status.s
 // Whether `fd` is open on this file.
 bool is_open_on(int fd, const FileId& file);
 
-// open(2), but never with the number 0, 1 or 2: a program that was started without its
+// open(2), but the descriptor is never 0, 1 or 2: a program that was started without its
 // standard descriptors would print into the file. -1 with errno when it can't be
 // opened. Safe in a fork handler.
 int open_off_standard(const char* path, int flags, mode_t mode = 0);

@@ -17,7 +17,7 @@ std::atomic<int> g_closed{0};
 std::atomic<int> g_earlier_forks{0};
 std::atomic<bool> g_is_over{false};
 
-// What of these is this thread's own. Initial-exec, so that no first use in a thread
+// This thread's share of the counts above. Initial-exec, so that no first use in a thread
 // allocates.
 #define QV_OF_THREAD __attribute__((tls_model("initial-exec"))) thread_local
 QV_OF_THREAD int t_closed = 0;
@@ -25,7 +25,7 @@ QV_OF_THREAD int t_forks = 0;  // a fork handler may fork itself
 QV_OF_THREAD int t_earlier_forks = 0;
 #undef QV_OF_THREAD
 
-// Looks again and again: a futex that a child inherits would need as much care.
+// Polls: a futex that a child inherits would need as much care.
 void wait_until_equal(const std::atomic<int>& all, int own) {
   const auto end = std::chrono::steady_clock::now() + kLongestWait;
   while (all != own && std::chrono::steady_clock::now() < end) {

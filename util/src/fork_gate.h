@@ -1,5 +1,5 @@
-// Keeps a fork and a step that a child must not find half done out of each other's
-// way, without letting either wait for long.
+// Serialises forks with steps that a child must not find half done. No wait lasts longer
+// than a second.
 //
 // fork_guard is for mutexes that are held briefly. A recorder that is loaded is foreign
 // code, which may take its time, fork, or wait for a thread that forks: so every wait

@@ -47,7 +47,7 @@ Generation* word() {
 
 }  // namespace
 
-// Nothing is published with the number: relaxed accesses do.
+// Nothing is published with the number: relaxed accesses suffice.
 std::uint64_t process_generation() {
   Generation* const generation = word();
   std::uint64_t current = generation->load(std::memory_order_relaxed);

@@ -38,7 +38,7 @@ int open_again(int fd, int flags) {
   return descriptor::open_off_standard(path, flags);
 }
 
-// To open a FIFO waits for its reader.
+// Opening a FIFO blocks until it has a reader.
 bool opens_at_once(const char* path) {
   struct stat status;
   return stat(path, &status) != 0 || S_ISREG(status.st_mode);
@@ -152,7 +152,7 @@ bool ReportFile::take(int fd) {
   return true;
 }
 
-// Not to wait for the reader of a FIFO that is there now.
+// O_NONBLOCK: the path may now be that of a FIFO without a reader.
 bool ReportFile::reopen() {
   drop_lock_fd();
   set_number(-1);
@@ -203,7 +203,7 @@ void ReportFile::let_go_of_parents_lock() {
   }
 }
 
-// Only where that would be locked.
+// Only if the lock would be taken through that descriptor.
 void ReportFile::let_go_of_parents_number() {
   if (is_shared_ && lock_fd_ == -1 && is_open()) {
     const int own = open_again(number(), kWrite);

@@ -24,8 +24,9 @@ class QV_EXPORT BinaryDumper {
   /// Copies its arguments. A null one takes its default: the name "(Unset)",
   /// which only records show, the prefix "dump_", the suffix ".bin", and the
   /// directory $TMPDIR (also when that is empty, but not in a set-user-id program)
-  /// or else "/tmp/". An empty string is taken as it is. `level` is that of all records of this
-  /// dumper. Without memory for the copies no dump finds a file that it can open.
+  /// or else "/tmp/". An empty string is taken as it is. `level` is that of all
+  /// records of this dumper. Without memory for the copies no dump finds a file that
+  /// it can open.
   BinaryDumper(const char* name, const char* prefix, const char* suffix, const char* directory,
                qv_log_level_t level);
   /// All defaults, with records at INFO.

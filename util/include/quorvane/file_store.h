@@ -57,7 +57,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool is_valid() const override;
 
   /// Waits without a time limit; after 5 s, and then once a minute, a WARN record says
-  /// for which lock, and which process holds it where the kernel tells. Takes the file
+  /// for which lock, and which process holds it if /proc/locks shows it. Takes the file
   /// that has the name at the end of the wait: one that was deleted or replaced excludes
   /// nobody. Errors other than EINTR abort: nobody may touch the files without the lock.
   void lock() override;
@@ -97,8 +97,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::atomic<const void*> owner_{nullptr};  // the thread that holds the lock
   std::uint64_t device_ = 0;                 // of the file that fd_ was opened on
   std::uint64_t inode_ = 0;
-  bool is_inherited_ = false;       // a parent made the lock
-  bool note_stays_ = false;         // a note that was heeded can't be cleared
+  bool is_inherited_ = false;       // this object was inherited through a fork
+  bool note_stays_ = false;         // a note that was acted upon can't be cleared
   StoreFLock* previous_ = nullptr;  // all locks of the process
   StoreFLock* next_ = nullptr;
 };

@@ -127,7 +127,7 @@ QV_EXPORT std::string get_default_log_path();
 
 /// Sets the outlet up from the environment on the first call (any thread) and
 /// returns it. A log file that can't be opened gives one line on standard error. Its
-/// descriptor is none of 0, 1 and 2, also where these are closed.
+/// descriptor is never 0, 1 or 2, also where these are closed.
 QV_EXPORT LoggingModuleData* get_singleton_outlet();
 
 }  // namespace logging

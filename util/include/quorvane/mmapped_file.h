@@ -32,7 +32,7 @@ class QV_EXPORT MMappedFile {
   /// Opens `path` with open(2)'s `oflag` and `mode` and maps all of it with
   /// mmap(2)'s `prot` and `flags`. Ask is_open() for the result: a missing or an
   /// empty file leaves the object closed, after a severity 3 check. The descriptor is
-  /// none of 0, 1 and 2. Close an open object first.
+  /// never 0, 1 or 2. Close an open object first.
   void open(const std::string& path, int oflag, unsigned int mode, int prot, int flags);
 
   /// Whether there are a descriptor and a mapping.

@@ -40,7 +40,7 @@ typedef struct qv_pidset qv_pidset_t;
  * becomes an empty set of one page of zeros. Null, with errno from the call that
  * failed, when the file can't be opened or qv_pidset_open_fd fails; the latter
  * leaves a descriptor behind that nobody knows, except when the count is wrong.
- * The descriptor survives an exec and is none of 0, 1 and 2. */
+ * The descriptor survives an exec and is never 0, 1 or 2. */
 QV_EXPORT qv_pidset_t* qv_pidset_open(const char* path);
 
 /** The same for a descriptor that is open for reading and writing (with another

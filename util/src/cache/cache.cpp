@@ -98,12 +98,12 @@ Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallb
     name_ = name;
     set_up(std::move(store), fallback_to_volatile);
   } catch (const abi::__forced_unwind&) {
-    throw;  // the thread is cancelled, which nobody may stop
+    throw;  // thread cancellation, which must be rethrown
   } catch (...) {
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache: %s", name.c_str(), text_of_exception());
   }
-  // Last: a cancelled thread leaves no guard of a mutex that is no more.
+  // Registered last, so that a cancelled constructor leaves no guard for a destroyed mutex.
   fork_guard::add(diff_mutex_);
 }
 

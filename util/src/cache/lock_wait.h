@@ -27,7 +27,7 @@ class LockWait {
                     Duration interval = std::chrono::minutes(1))
       : path_(path), due_(first), interval_(interval) {}
 
-  // After an attempt that failed: sleeps for an eighth of the time that was waited so
+  // After an attempt that failed: sleeps for an eighth of the time waited so
   // far, 10 ms at most. When that time reaches `first`, and then once every `interval`,
   // logs one WARN record with the lock file and the process that `holder` names, unless
   // that is 0.

@@ -37,8 +37,8 @@ constexpr std::uint64_t kReopening = std::uint64_t{1} << 63;
 constexpr std::size_t kLargestNote = 4096;
 constexpr std::size_t kNoteHeaderSize = 16;
 
-// To lock a file takes no permission to write to it, which a child may have lost with
-// its user.
+// Locking a file requires no write permission, which a child may have lost with its
+// user.
 int open_to_lock(const char* path, int flags) {
   const int fd = descriptor::open_off_standard(path, O_RDWR | O_CLOEXEC | flags, kMode);
   return fd < 0 && errno == EACCES
@@ -141,13 +141,13 @@ void StoreFLock::lock() {
 void StoreFLock::unlock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  if (is_open_on_own_file()) {  // else the lock went when the program closed it
+  if (is_open_on_own_file()) {  // otherwise the lock was released when the program closed it
     call_flock(LOCK_UN);
   }
   owner_.store(nullptr);  // whoever took it: the file is free now
 }
 
-// flock sees one lock per descriptor; its threads exclude each other here.
+// flock sees one lock per open file; the threads that share it exclude each other here.
 void StoreFLock::take_turn(LockWait& wait) {
   const void* owner = nullptr;
   while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
@@ -231,12 +231,12 @@ bool StoreFLock::take_file_at_path() {
   return false;
 }
 
-// Before a sequence: whether a lock that was open once can't be had any more. A child
-// may have lost it with its root directory or its permissions.
+// Called before each sequence. True when a lock that was open once can no longer be
+// opened: a child may have lost its root directory or its permissions.
 bool StoreFLock::is_lost() {
   leave_parents_lock();
   if (!was_open()) {
-    return false;  // lock() tells
+    return false;  // lock() reports it
   }
   const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
@@ -313,9 +313,9 @@ void StoreFLock::undo_unfinished_append() try {
   note_stays_ = true;
 }
 
-// False when the lock file holds a note that stays: by it the next process would undo
-// what is now appended. A note that can't be written (the disk is full, say) is no
-// reason not to append.
+// False when the lock file holds an old note that can't be cleared: because of it the
+// next process would undo what is now appended. A note that can't be written (the disk is full,
+// say) is no reason not to append.
 bool StoreFLock::put_note(std::string_view bytes) {
   if (note_stays_) {
     return false;
