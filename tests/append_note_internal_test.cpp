@@ -2,16 +2,21 @@
 #include <farmhash.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <vector>
 
 #include "src/cache/append_note.h"
+#include "support/refuse.h"
+#include "support/scenario.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::AppendNote;
+using Undone = quorvane::cache::AppendNote::Undone;
 using test::read_file;
 using test::TempDir;
 using test::write_file;
@@ -44,14 +49,14 @@ TEST(AppendNoteUndo, CutsAFileThatHasGrown) {
   write_file(dir.file("a"), "before");
   const AppendNote note = note_of(dir, {"a"});
   write_file(dir.file("a"), "before and after");
-  EXPECT_TRUE(read_again(note, dir).undo());
+  EXPECT_EQ(read_again(note, dir).undo(), Undone::something);
   EXPECT_EQ(read_file(dir.file("a")), "before");
 }
 
 TEST(AppendNoteUndo, ChangesNothingWhereNothingWasAppended) {
   const TempDir dir;
   write_file(dir.file("a"), "before");
-  EXPECT_FALSE(read_again(note_of(dir, {"a", "missing"}), dir).undo());
+  EXPECT_EQ(read_again(note_of(dir, {"a", "missing"}), dir).undo(), Undone::nothing);
   EXPECT_EQ(read_file(dir.file("a")), "before");
   EXPECT_FALSE(test::exists(dir.file("missing")));
 }
@@ -61,7 +66,7 @@ TEST(AppendNoteUndo, NeverMakesAFileLonger) {
   write_file(dir.file("a"), "before");
   const AppendNote note = note_of(dir, {"a"});
   ASSERT_EQ(truncate(dir.file("a").c_str(), 2), 0);
-  EXPECT_FALSE(note.undo());
+  EXPECT_EQ(note.undo(), Undone::nothing);
   EXPECT_EQ(read_file(dir.file("a")), "be");
 }
 
@@ -71,7 +76,7 @@ TEST(AppendNoteUndo, LeavesAFileThatWasPutInThePlaceOfANotedOne) {
   const AppendNote note = note_of(dir, {"a"});
   write_file(dir.file("backup"), "something longer");
   ASSERT_EQ(rename(dir.file("backup").c_str(), dir.file("a").c_str()), 0);
-  EXPECT_FALSE(note.undo());
+  EXPECT_EQ(note.undo(), Undone::nothing);
   EXPECT_EQ(read_file(dir.file("a")), "something longer");
 }
 
@@ -82,7 +87,7 @@ TEST(AppendNoteUndo, DeletesAFileThatTheAppendCreated) {
   note.create_missing();
   EXPECT_EQ(read_file(dir.file("a")), "");
   write_file(dir.file("a"), "new");
-  EXPECT_TRUE(read_again(note, dir).undo());
+  EXPECT_EQ(read_again(note, dir).undo(), Undone::something);
   EXPECT_FALSE(test::exists(dir.file("a")));
 }
 
@@ -94,7 +99,7 @@ TEST(AppendNoteUndo, LeavesAFileThatSomebodyElseCreated) {
   write_file(dir.file("backup"), "restored");
   ASSERT_EQ(rename(dir.file("backup").c_str(), dir.file("a").c_str()), 0);
   for (const AppendNote& note : {missing, created}) {
-    EXPECT_FALSE(note.undo());
+    EXPECT_EQ(note.undo(), Undone::nothing);
     EXPECT_EQ(read_file(dir.file("a")), "restored");
   }
 }
@@ -104,7 +109,7 @@ TEST(AppendNoteUndo, DeletesAnEmptyFileThatItKnowsToHaveBeenMissing) {
   const TempDir dir;
   const AppendNote note = note_of(dir, {"a"});
   write_file(dir.file("a"), "");
-  EXPECT_TRUE(note.undo());
+  EXPECT_EQ(note.undo(), Undone::something);
   EXPECT_FALSE(test::exists(dir.file("a")));
 }
 
@@ -114,8 +119,28 @@ TEST(AppendNoteUndo, DeletesTheRestOfFilesThatWereBeingDeleted) {
   write_file(dir.file("b"), "2");
   const AppendNote note = note_of(dir, {"a", "b"});
   unlink(dir.file("a").c_str());
-  EXPECT_TRUE(read_again(note, dir).undo());
+  EXPECT_EQ(read_again(note, dir).undo(), Undone::something);
   EXPECT_FALSE(test::exists(dir.file("b")));
+}
+
+// An immutable file's case, say: its own owner may not write to it.
+SCENARIO(undo_that_is_refused) {
+  AppendNote note(arguments.at(0));
+  note.add(arguments.at(0) + "/a");
+  write_file(arguments.at(0) + "/a", "before and after");
+  test::refuse(SYS_ftruncate, EPERM);
+  const bool cut = note.undo() != Undone::failed;
+  AppendNote created(arguments.at(0));
+  created.add(arguments.at(0) + "/b");
+  created.create_missing();
+  test::refuse(SYS_unlink, EPERM);
+  return !cut && created.undo() == Undone::failed ? 0 : 1;
+}
+
+TEST(AppendNoteUndo, SaysThatTheKernelRefusedIt) {
+  const TempDir dir;
+  write_file(dir.file("a"), "before");
+  EXPECT_TRUE(test::run_scenario("undo_that_is_refused", {}, {dir.path()}).exited_with(0));
 }
 
 TEST(AppendNoteUndo, FollowsNoLink) {
@@ -125,7 +150,7 @@ TEST(AppendNoteUndo, FollowsNoLink) {
   write_file(dir.file("target"), "before and after");
   ASSERT_EQ(rename(dir.file("target").c_str(), dir.file("elsewhere").c_str()), 0);
   ASSERT_EQ(symlink("elsewhere", dir.file("target").c_str()), 0);
-  EXPECT_FALSE(note.undo());
+  EXPECT_EQ(note.undo(), Undone::nothing);
   EXPECT_EQ(read_file(dir.file("elsewhere")), "before and after");
 }
 

@@ -153,6 +153,54 @@ TEST(StoreFLockFiles, ALockWhoseRootIsGoneIsTakenAllTheSame) {
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
+// Somebody else holds the new file: the old one must not be taken instead.
+SCENARIO(replaced_lock_that_cannot_be_opened) {
+  alarm(kHangSeconds);
+  quorvane::cache::BasicStore store("maps", std::make_shared<StoreFLock>("maps"), nullptr);
+  unlink(root_file("lock_maps").c_str());
+  StoreFLock holder("maps");
+  holder.lock();
+  test::refuse(SYS_openat, EMFILE, test::When{2, O_RDWR | O_CREAT | O_CLOEXEC});
+  std::printf("%d", store.try_store_diff(test::entry_map({{"a", {"1"}}})));
+  return 0;
+}
+
+TEST(StoreFLockFiles, AStoreWhoseNewLockCannotBeOpenedIsNotWrittenTo) {
+  const TempDir root;
+  const Ran ran = run("replaced_lock_that_cannot_be_opened", root);
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_EQ(ran.messages(), Messages{"WARN Cache store " + root.file("lock_maps") +
+                                     " lock couldn't be obtained: Too many open files."});
+  EXPECT_FALSE(test::exists(root.file("maps")));
+}
+
+// A thread that waits for the lock is cancelled: its turn must not stay taken.
+SCENARIO(cancelled_wait) {
+  alarm(kHangSeconds);
+  StoreFLock lock("maps");
+  StoreFLock holder("maps");
+  holder.lock();
+  test::Signpost never;
+  std::thread waiter([&] {
+    lock.lock();
+    lock.unlock();
+    pthread_testcancel();
+  });
+  const bool waits = test::waits_for_lock(getpid(), never);
+  pthread_cancel(waiter.native_handle());
+  holder.unlock();
+  waiter.join();
+  lock.lock();
+  lock.unlock();
+  std::printf("%d", waits);
+  return 0;
+}
+
+TEST(StoreFLockFiles, AThreadThatIsCancelledInItsWaitLeavesTheLockFree) {
+  const TempDir root;
+  EXPECT_EQ(run("cancelled_wait", root).out, "1");
+}
+
 // --- a number that is somebody else's ---
 
 SCENARIO(number_of_another_file) {
@@ -596,6 +644,46 @@ TEST(StoreFLockNote, ThatCannotBeClearedKeepsItsReaderFromAppending) {
   EXPECT_EQ(ran.out, "0 0");
   EXPECT_EQ(test::read_file(root.file("maps")),
             test::basic_file({{"first", {"v"}}, {"third", {"v"}}}));
+}
+
+// A process that may write to the lock file, but has no descriptor for the store's.
+SCENARIO(load_without_descriptors) {
+  add_one("first", 1);
+  killed_in_an_append();
+  const pid_t child = fork();
+  if (child == 0) {
+    auto store = make_file_store(StoreKind::basic, "maps");
+    while (open("/dev/null", O_RDONLY) >= 0) {
+    }
+    quorvane::cache::EntryMap entries;
+    _exit(store->try_load(entries) ? 1 : 0);
+  }
+  std::printf("%d ", ended(child));
+  auto cache = basic_cache();
+  std::printf("%d %zu", cache->is_valid(), cache->size());
+  return 0;
+}
+
+TEST(StoreFLockNote, ThatCannotBeHeededStaysForAProcessThatCan) {
+  const TempDir root;
+  EXPECT_EQ(run("load_without_descriptors", root).out, "0 1 1");
+}
+
+// The name of a cache may make its file the lock file of another.
+SCENARIO(lock_that_is_a_store) {
+  {
+    Cache cache("lock_maps", make_file_store(StoreKind::basic, "lock_maps"), false);
+    cache.add_value(buffer("a"), buffers({"1"}));
+  }
+  add_one("first", 1);
+  return 0;
+}
+
+TEST(StoreFLockNote, IsNotWrittenIntoTheFileOfAStore) {
+  const TempDir root;
+  EXPECT_TRUE(run("lock_that_is_a_store", root).exited_with(0));
+  EXPECT_EQ(test::read_file(root.file("lock_maps")), test::basic_file({{"a", {"1"}}}));
+  EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"first", {"v"}}}));
 }
 
 // The disk is full, say: that is no reason not to try.

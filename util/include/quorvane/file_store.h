@@ -77,12 +77,14 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool ensure_open();
   template <typename Open>
   bool open_own(const Open& open);
+  void keep(int fd);
   bool open_at_path();
   bool is_replaced() const;
   bool take_file_at_path();
 
   void take_turn(LockWait& wait);
   void lock_file(LockWait& wait);
+  bool must_try_again(LockWait& wait);
   void call_flock(int operation);
   void leave_parents_lock();
   void reopen_in_child();
@@ -98,6 +100,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::uint64_t device_ = 0;                 // of the file that fd_ was opened on
   std::uint64_t inode_ = 0;
   bool is_inherited_ = false;       // this object was inherited through a fork
+  bool holds_store_ = false;        // the file is that of a store: it takes no notes
   bool note_stays_ = false;         // a note that was acted upon can't be cleared
   StoreFLock* previous_ = nullptr;  // all locks of the process
   StoreFLock* next_ = nullptr;

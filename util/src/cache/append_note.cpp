@@ -10,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+#include "src/uncancellable.h"
+
 namespace quorvane {
 namespace cache {
 namespace {
@@ -72,7 +74,7 @@ class Opened {
 
   bool is_known() const { return known_; }
   descriptor::FileId id() const { return descriptor::id_of(status_); }
-  std::uint64_t size() const { return static_cast<std::uint64_t>(status_.st_size); }
+  bool may_be_written_again() const { return (status_.st_mode & S_IWUSR) != 0; }
   bool cut(std::uint64_t size) const { return ftruncate(fd_, static_cast<off_t>(size)) == 0; }
 
  private:
@@ -108,14 +110,32 @@ std::string_view AppendNote::name_of(const File& file) const {
   return std::string_view(file.path).substr(directory_.size() + 1);
 }
 
+// Under some umasks not even its owner may open a new file for writing a second time:
+// that is then left to the append.
 void AppendNote::create_missing() {
   for (File& file : files_) {
     if (!file.existed) {
-      if (const Opened created(file.path.c_str(), O_CREAT | O_EXCL); created.is_known()) {
+      const Opened created(file.path.c_str(), O_CREAT | O_EXCL);
+      if (created.is_known() && !created.may_be_written_again()) {
+        unlink(file.path.c_str());
+      } else if (created.is_known()) {
         file.id = created.id();
       }
     }
   }
+}
+
+bool AppendNote::identify_created() {
+  bool found = false;
+  for (File& file : files_) {
+    struct stat status;
+    if (!file.existed && file.id == descriptor::FileId{} &&
+        lstat(file.path.c_str(), &status) == 0) {
+      file.id = descriptor::id_of(status);
+      found = true;
+    }
+  }
+  return found;
 }
 
 bool AppendNote::has_missing() const {
@@ -129,31 +149,35 @@ bool AppendNote::is_being_deleted() const noexcept {
   });
 }
 
-bool AppendNote::undo() const noexcept {
+AppendNote::Undone AppendNote::undo() const noexcept {
+  const Uncancellable uncancellable;
   const bool delete_all = is_being_deleted();
-  bool changed = false;
+  Undone all = Undone::nothing;
   for (const File& file : files_) {
-    changed = file.undo(delete_all || !file.existed) || changed;
+    all = std::max(all, file.undo(delete_all || !file.existed));
   }
-  return changed;
+  return all;
 }
 
-bool AppendNote::File::undo(bool delete_it) const noexcept {
-  const Opened now(path.c_str(), 0);
-  if (!now.is_known()) {
-    return false;
+AppendNote::Undone AppendNote::File::undo(bool delete_it) const noexcept {
+  struct stat now;
+  if (lstat(path.c_str(), &now) != 0) {
+    return errno == ENOENT ? Undone::nothing : Undone::failed;
   }
-  if (id == descriptor::FileId{}) {
-    // Killed between the creation and the second note: it holds nothing yet.
-    return now.size() == 0 && unlink(path.c_str()) == 0;
-  }
-  if (!(now.id() == id)) {
-    return false;
+  // Without an id: killed between the creation and the second note, when it held nothing.
+  const bool is_same = id == descriptor::FileId{} ? now.st_size == 0 : descriptor::id_of(now) == id;
+  if (!S_ISREG(now.st_mode) || !is_same) {
+    return Undone::nothing;
   }
   if (delete_it) {
-    return unlink(path.c_str()) == 0;
+    return unlink(path.c_str()) == 0 ? Undone::something : Undone::failed;
   }
-  return now.size() > size && now.cut(size);
+  return static_cast<std::uint64_t>(now.st_size) > size ? cut_back() : Undone::nothing;
+}
+
+AppendNote::Undone AppendNote::File::cut_back() const noexcept {
+  const Opened now(path.c_str(), 0);
+  return now.is_known() && now.id() == id && now.cut(size) ? Undone::something : Undone::failed;
 }
 
 std::string AppendNote::paths() const {

@@ -31,11 +31,17 @@ class AppendNote {
   void create_missing();
   bool has_missing() const;
 
+  // Notes which files are there now that could not be created before. Returns whether
+  // there are any.
+  bool identify_created();
+
+  enum class Undone { nothing, something, failed };
+
   // Puts the files back: cuts those that have grown and deletes those that are new.
   // When one that was there is gone, the append had failed and was deleting its files,
   // so the others are deleted too. A file that was replaced meanwhile stays as it is.
-  // Returns whether anything changed. Allocates nothing.
-  bool undo() const noexcept;
+  // Failed: the kernel refused it, and the note must stay. Allocates nothing.
+  Undone undo() const noexcept;
 
   // The files' paths, separated by commas.
   std::string paths() const;
@@ -47,7 +53,8 @@ class AppendNote {
 
  private:
   struct File {
-    bool undo(bool delete_it) const noexcept;
+    Undone undo(bool delete_it) const noexcept;
+    Undone cut_back() const noexcept;
 
     std::string path;
     bool existed;

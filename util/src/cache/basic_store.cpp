@@ -178,6 +178,7 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   if (!file.is_open()) {
     noted.undo();  // nothing is left to be removed
   }
+  noted.identify_created();
   bool fbuffer_corrupted = false;
   if (file.good()) {
     const std::streamoff start = file.tellp();

@@ -322,6 +322,7 @@ bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& key
   noted.create_missing();
   std::ofstream key_file = cache_file_prepare_to_append(key_fpath_);
   std::ofstream val_file = cache_file_prepare_to_append(val_fpath_);
+  noted.identify_created();
   if (!key_file.good() || !val_file.good()) {
     if (!are_new) {
       noted.end();

@@ -27,15 +27,20 @@ NotedChange::NotedChange(StoreFLock* lock, std::initializer_list<const std::stri
       may_begin_(put_note()) {}
 
 NotedChange::~NotedChange() {
-  if (may_begin_ && !ended_) {
-    undo();
-    end();
+  if (may_begin_ && !ended_ && note_.undo() != AppendNote::Undone::failed) {
+    end();  // else the note stays, for the next process
   }
 }
 
 void NotedChange::create_missing() {
   if (note_.has_missing()) {
     note_.create_missing();
+    put_note();
+  }
+}
+
+void NotedChange::identify_created() {
+  if (note_.has_missing() && note_.identify_created()) {
     put_note();
   }
 }

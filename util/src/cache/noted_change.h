@@ -33,6 +33,9 @@ class NotedChange {
   // its inode before it holds anything.
   void create_missing();
 
+  // After the files were opened: notes those that only then came into being.
+  void identify_created();
+
   // Puts the files back.
   void undo() const { note_.undo(); }
 

@@ -28,7 +28,7 @@ void remove_unstored(const std::string& path) {
 }
 
 bool report_standing_note(const std::string& path) {
-  QV_LOG(g_module, WARN, "Nothing is appended to %s: its lock file can't be written to",
+  QV_LOG(g_module, WARN, "Nothing is appended to %s: its lock file holds a note that stays",
          path.c_str());
   return false;
 }

@@ -23,6 +23,7 @@
 #include "src/descriptor.h"
 #include "src/fork_guard.h"
 #include "src/process_generation.h"
+#include "src/uncancellable.h"
 
 namespace quorvane {
 namespace cache {
@@ -45,6 +46,16 @@ int open_to_lock(const char* path, int flags) {
              ? descriptor::open_off_standard(path, O_RDONLY | O_CLOEXEC | flags, kMode)
              : fd;
 }
+
+// Whether a lock's file is that of a store as well: of a cache whose name is "lock_NAME".
+bool is_store_file(std::string_view content) {
+  std::uint32_t magic = 0;
+  content.copy(reinterpret_cast<char*>(&magic), sizeof(magic));
+  return magic == QV_CACHE_STORE_MAGIC_NUMBER;
+}
+
+// Of an attempt to open the lock file: whether there can be no file of this name.
+bool has_no_place() { return errno == ENOENT || errno == ENOTDIR; }
 
 // Its address names a thread.
 thread_local char t_identity;
@@ -89,6 +100,7 @@ struct StoreFLock::InProcess {
 
 StoreFLock::StoreFLock(const std::string& name)
     : path_(get_store_file_path(lock_file_name(name))), generation_(process_generation()) {
+  const Uncancellable uncancellable;
   {
     const fork_guard::Lock guard(InProcess::mutex);
     InProcess::add(*this);
@@ -132,10 +144,14 @@ bool StoreFLock::is_valid() const { return fd_ >= 0; }
 void StoreFLock::lock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
+  const Uncancellable uncancellable;  // a turn that is taken would never be given back
+  const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
   take_turn(wait);
   lock_file(wait);
-  undo_unfinished_append();
+  if (!is_nested) {  // else the note is that of an append under way
+    undo_unfinished_append();
+  }
 }
 
 void StoreFLock::unlock() {
@@ -166,7 +182,17 @@ void StoreFLock::lock_file(LockWait& wait) {
       wait.pause([this] { return flock_holder({device_, inode_}); });
     }
     call_flock(LOCK_EX);  // held already, unless the attempt failed otherwise
-  } while (is_replaced() && take_file_at_path());
+  } while (is_replaced() && (take_file_at_path() || must_try_again(wait)));
+}
+
+// After a new lock file could not be opened. Where there can be none, the old one is as
+// good; else others may hold the new one.
+bool StoreFLock::must_try_again(LockWait& wait) {
+  if (has_no_place()) {
+    return false;
+  }
+  wait.pause([] { return 0; });
+  return true;
 }
 
 void StoreFLock::call_flock(int operation) {
@@ -188,14 +214,16 @@ bool StoreFLock::is_open_on_own_file() const {
 // A child that shared the descriptor would keep the lock of a parent that is killed.
 template <typename Open>
 bool StoreFLock::open_own(const Open& open) {
-  return fork_guard::open_unshared(InProcess::mutex, open, [this](int fd) {
-    struct stat status;
-    if (fd >= 0 && fstat(fd, &status) == 0) {
-      device_ = status.st_dev;
-      inode_ = status.st_ino;
-    }
-    fd_ = fd;
-  });
+  return fork_guard::open_unshared(InProcess::mutex, open, [this](int fd) { keep(fd); });
+}
+
+void StoreFLock::keep(int fd) {
+  struct stat status;
+  if (fd >= 0 && fstat(fd, &status) == 0) {
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+  }
+  fd_ = fd;
 }
 
 bool StoreFLock::open_at_path() {
@@ -213,22 +241,17 @@ bool StoreFLock::is_replaced() const {
   return status.st_dev != device_ || status.st_ino != inode_;
 }
 
-// False, with the old file still open, when there can be no file of this name: then
-// there is none for anybody else either.
+// False, with the old file still open, when the one of this name can't be opened.
 bool StoreFLock::take_file_at_path() {
-  const int old = fd_;
-  const std::uint64_t device = device_;
-  const std::uint64_t inode = inode_;
-  if (open_at_path()) {
-    close(old);
-    return true;
-  }
-  const int error = errno;
-  fd_ = old;
-  device_ = device;
-  inode_ = inode;
-  errno = error;
-  return false;
+  return fork_guard::open_unshared(
+      InProcess::mutex, [this] { return open_to_lock(path_.c_str(), O_CREAT); },
+      [this](int fd) {
+        if (fd >= 0) {
+          const int old = fd_;
+          keep(fd);
+          close(old);
+        }
+      });
 }
 
 // Called before each sequence. True when a lock that was open once can no longer be
@@ -238,10 +261,12 @@ bool StoreFLock::is_lost() {
   if (!was_open()) {
     return false;  // lock() reports it
   }
+  const Uncancellable uncancellable;
   const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
   take_turn(wait);
-  const bool is_found = ensure_open() && !(is_inherited_ && is_replaced() && !take_file_at_path());
+  const bool is_found = ensure_open() && (!is_replaced() || take_file_at_path() ||
+                                          (!is_inherited_ && has_no_place()));
   if (!is_found) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
@@ -297,16 +322,24 @@ void StoreFLock::reopen_in_child() {
 // With the lock in hand: nobody else is in the middle of an append.
 void StoreFLock::undo_unfinished_append() try {
   note_stays_ = false;
+  holds_store_ = false;
   struct stat status;
   if (fstat(fd_, &status) != 0 || status.st_size == 0) {
     return;
   }
   std::array<char, kLargestNote> bytes;
   const ssize_t size = std::max<ssize_t>(pread(fd_, bytes.data(), bytes.size(), 0), 0);
-  const auto note = AppendNote::decode(path_.substr(0, path_.rfind('/')),
-                                       {bytes.data(), static_cast<std::size_t>(size)});
-  if (note && note->undo()) {
-    QV_LOG(g_module, WARN, "Undid an append to %s that was cut short", note->paths().c_str());
+  const std::string_view content(bytes.data(), static_cast<std::size_t>(size));
+  holds_store_ = is_store_file(content);
+  const auto note = AppendNote::decode(path_.substr(0, path_.rfind('/')), content);
+  const std::string paths = note ? note->paths() : "";
+  const auto undone = note ? note->undo() : AppendNote::Undone::nothing;
+  if (undone == AppendNote::Undone::something) {
+    QV_LOG(g_module, WARN, "Undid an append to %s that was cut short", paths.c_str());
+  } else if (undone == AppendNote::Undone::failed) {
+    QV_LOG(g_module, WARN, "Couldn't undo an append to %s that was cut short", paths.c_str());
+    note_stays_ = true;  // for a process that can
+    return;
   }
   note_stays_ = !clear_note() && note;
 } catch (const std::bad_alloc&) {
@@ -320,7 +353,7 @@ bool StoreFLock::put_note(std::string_view bytes) {
   if (note_stays_) {
     return false;
   }
-  if (is_open_on_own_file() &&
+  if (!holds_store_ && is_open_on_own_file() &&
       pwrite(fd_, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
     clear_note();
   }
@@ -331,8 +364,9 @@ bool StoreFLock::put_note(std::string_view bytes) {
 // that has ended.
 bool StoreFLock::clear_note() {
   constexpr std::array<char, kNoteHeaderSize> kNoNote{};
-  return is_open_on_own_file() &&
-         (ftruncate(fd_, 0) == 0 || pwrite(fd_, kNoNote.data(), kNoNote.size(), 0) > 0);
+  return holds_store_ ||
+         (is_open_on_own_file() &&
+          (ftruncate(fd_, 0) == 0 || pwrite(fd_, kNoNote.data(), kNoNote.size(), 0) > 0));
 }
 
 }  // namespace cache
