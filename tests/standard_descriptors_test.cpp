@@ -51,6 +51,7 @@ SCENARIO(prints_and_logs) {
       return 3;
     }
   }
+  qv_pidset_close(set);
   return 0;
 }
 
