@@ -36,36 +36,38 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 
 #include <quorvane/module.h>
 
-/// QV_FAULT_EXPECT_AT(module, severity, condition, source, line): true when the
+/// QV_FAULT_EXPECT_AS(module, severity, condition, text, source, line): true when the
 /// condition holds; otherwise reports it as a failed expectation and is false.
-/// The record quotes the condition as it is written. `module` is a
+/// The record quotes `text`, `source` and `line`. `module` is a
 /// quorvane::module::Module* or a quorvane::Module.
-#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line)                          \
-  (static_cast<bool>(condition) ||                                                             \
-   (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
-                                          source, line),                                       \
+#define QV_FAULT_EXPECT_AS(module, severity, condition, text, source, line)                      \
+  (static_cast<bool>(condition) ||                                                               \
+   (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, text, source, \
+                                          line),                                                 \
     false))
 
-/// The same at the site's own line.
-#define QV_FAULT_EXPECT(module, severity, condition, source)                                   \
-  (static_cast<bool>(condition) ||                                                             \
-   (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, #condition, \
-                                          source, __LINE__),                                   \
-    false))
+/// The same for a record that quotes the condition as it is written.
+#define QV_FAULT_EXPECT_AT(module, severity, condition, source, line) \
+  QV_FAULT_EXPECT_AS(module, severity, condition, #condition, source, line)
 
-/// QV_FAULT_ASSERT_AT(module, condition, source, line): logs and aborts unless
+/// The same at the line of the check itself.
+#define QV_FAULT_EXPECT(module, severity, condition, source) \
+  QV_FAULT_EXPECT_AS(module, severity, condition, #condition, source, __LINE__)
+
+/// QV_FAULT_ASSERT_AS(module, condition, text, source, line): logs and aborts unless
 /// the condition holds.
-#define QV_FAULT_ASSERT_AT(module, condition, source, line)            \
-  (static_cast<bool>(condition) ? static_cast<void>(0)                 \
-                                : ::quorvane::fault::assertion_failed( \
-                                      qv_log_module_pointer(module), #condition, source, line))
+#define QV_FAULT_ASSERT_AS(module, condition, text, source, line) \
+  (static_cast<bool>(condition)                                   \
+       ? static_cast<void>(0)                                     \
+       : ::quorvane::fault::assertion_failed(qv_log_module_pointer(module), text, source, line))
 
-/// The same at the site's own line.
-#define QV_FAULT_ASSERT(module, condition, source)                                              \
-  (static_cast<bool>(condition)                                                                 \
-       ? static_cast<void>(0)                                                                   \
-       : ::quorvane::fault::assertion_failed(qv_log_module_pointer(module), #condition, source, \
-                                             __LINE__))
+/// The same for a record that quotes the condition as it is written.
+#define QV_FAULT_ASSERT_AT(module, condition, source, line) \
+  QV_FAULT_ASSERT_AS(module, condition, #condition, source, line)
+
+/// The same at the line of the check itself.
+#define QV_FAULT_ASSERT(module, condition, source) \
+  QV_FAULT_ASSERT_AS(module, condition, #condition, source, __LINE__)
 
 // End of the public interface.
 

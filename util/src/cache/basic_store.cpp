@@ -7,6 +7,7 @@
 #include <quorvane/file_store.h>
 
 #include "src/cache/checks.h"
+#include "src/cache/entry_key.h"
 #include "src/cache/entry_scan.h"
 #include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
@@ -17,6 +18,10 @@ namespace cache {
 namespace {
 
 constexpr unsigned kVersion = 1;
+
+// The record of a failed write quotes this, and readers of logs search for it.
+constexpr const char* kWrite =
+    "file.write(reinterpret_cast<const char *>(fbuffer.get_buffer()), fbuffer.get_size()) .good()";
 
 }  // namespace
 
@@ -77,11 +82,11 @@ bool BasicStore::try_nonlock_load(EntryMap& out) {
   if (!CACHE_EXPECT(2, file.is_open())) {
     return false;
   }
-  Trace trace(this, TraceCategory::load);
+  Trace traced(this, trace::Operation::store_load);
   const auto image = util::RoBuffer::view(file.data(), file.size());
   util::BufferReader freader = image.reader();
   const bool whole = read_header(freader) && read_entries(freader, out);
-  trace.end(file.size());
+  traced.end(file.size());
   if (!whole) {
     QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", fpath_.c_str());
     return false;
@@ -97,8 +102,8 @@ bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const 
     auto copy = entry.copy();
     const std::size_t before = out.size();
     out.emplace_hint(out.end(), std::move(copy.first), std::move(copy.second));
-    const struct { bool second; } emplace_ret{out.size() != before};
-    if (!CACHE_EXPECT(1, emplace_ret.second)) {
+    const bool is_new = out.size() != before;
+    if (!CACHE_EXPECT_AS(1, is_new, "emplace_ret.second", __LINE__)) {
       report_collision();
     }
   }
@@ -107,7 +112,7 @@ bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const 
   }
   // Read the damaged entry once more, now to report what is wrong with it.
   std::vector<util::RoBuffer> val;
-  if (read_magic_number(freader) && read_key(freader).get_size() > 0) {
+  if (read_entry_key(freader).get_size() > 0) {
     read_val(freader, val);
   }
   return false;
@@ -125,7 +130,7 @@ bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
   if (!CACHE_EXPECT(2, file.is_open()) || !CACHE_EXPECT(1, file.size() >= file_last_size_)) {
     return false;
   }
-  Trace trace(this, TraceCategory::load);
+  Trace traced(this, trace::Operation::store_load);
   const auto image = util::RoBuffer::view(file.data(), file.size());
   util::BufferReader freader = image.reader();
   const bool whole = pass_known_part(freader) && read_keys(freader, new_keys);
@@ -134,7 +139,7 @@ bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
   } else {
     QV_LOG(g_module, ERROR, "Cachemap %s file corrupted", fpath_.c_str());
   }
-  trace.end(file.size() - file_last_size_);
+  traced.end(file.size() - file_last_size_);
   if (whole) {
     file_last_size_ = file.size();
   }
@@ -150,15 +155,12 @@ bool BasicStore::pass_known_part(util::BufferReader& freader) const {
 
 bool BasicStore::read_keys(util::BufferReader& freader, KeySet& new_keys) const {
   while (freader.remaining() > 0) {
-    if (!read_magic_number(freader)) {
-      return false;
-    }
-    util::RoBuffer key = read_key(freader);
+    util::RoBuffer key = read_entry_key(freader);
     if (key.get_size() == 0 || !skip_val(freader)) {
       return false;
     }
-    const auto emplace_ret = new_keys.emplace(std::move(key));
-    if (!CACHE_EXPECT(1, emplace_ret.second)) {
+    const bool is_new = new_keys.emplace(std::move(key)).second;
+    if (!CACHE_EXPECT_AS(1, is_new, "emplace_ret.second", __LINE__)) {
       report_collision();
     }
   }
@@ -182,12 +184,12 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   bool fbuffer_corrupted = false;
   if (file.good()) {
     const std::streamoff start = file.tellp();
-    Trace trace(this, TraceCategory::append);
+    Trace traced(this, trace::Operation::store_append);
     fbuffer_corrupted = !write_entries(file, diff, new_keys);
     // A full disk shows when the stream's own buffer goes out.
     file.flush();
     const std::streamoff end = file.tellp();  // -1 after a failure
-    trace.end(static_cast<std::uint64_t>(std::max(end, start) - start));
+    traced.end(static_cast<std::uint64_t>(std::max(end, start) - start));
   }
   file.close();  // some file systems tell only now
   if (!CACHE_EXPECT(1, !fbuffer_corrupted && file.good())) {
@@ -213,15 +215,10 @@ bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
     if (!write_entry(fwriter, key, val)) {
       return false;
     }
-    // The text of this check is what its record quotes: no cast inside it.
-    // clang-format off
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wsign-conversion"
-    if (!CACHE_EXPECT(1, file.write(reinterpret_cast<const char *>(fbuffer.get_buffer()), fbuffer.get_size()) .good())) {
+    write_buffer(file, fbuffer);
+    if (!CACHE_EXPECT_AS(1, file.good(), kWrite, __LINE__)) {
       return true;
     }
-#pragma GCC diagnostic pop
-    // clang-format on
   }
   return true;
 }

@@ -108,11 +108,9 @@ Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallb
 }
 
 void Cache::set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
-  // clang-format off
   if (!CACHE_EXPECT(3, fallback_to_volatile || (store != nullptr && store->is_valid()))) {
     return;
   }
-  // clang-format on
   if (store == nullptr || !store->is_valid()) {
     valid_ = true;
     QV_LOG(g_module, INFO, "Created %s cache with no store", name_.c_str());

@@ -25,4 +25,9 @@ extern const Module g_module;
 #define CACHE_ASSERT_AT(condition, line) \
   QV_FAULT_ASSERT_AT(::quorvane::cache::g_module, condition, "util/src/cache", line)
 
+// With a text of its own, where readers of logs know the check by other words than the
+// code now has.
+#define CACHE_EXPECT_AS(severity, condition, text, line) \
+  QV_FAULT_EXPECT_AS(::quorvane::cache::g_module, severity, condition, text, "util/src/cache", line)
+
 #endif  // QUORVANE_SRC_CACHE_CHECKS_H_

@@ -48,13 +48,6 @@ util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size)
 
 }  // namespace
 
-std::string get_store_file_path(const std::string& name) {
-  const char* root = secure_getenv("QV_CACHE_STORE_ROOT");
-  qv_fault_expect(g_module.get(), 2, root != nullptr,
-                  "Caching enabled, but QV_CACHE_STORE_ROOT not set.");
-  return root == nullptr || *root == '\0' ? "" : std::string(root) + "/" + name;
-}
-
 FileStoreSkeleton::FileStoreSkeleton(unsigned int version, std::string /*path*/,
                                      std::shared_ptr<Store::Lock> lock,
                                      CleanupController* controller)

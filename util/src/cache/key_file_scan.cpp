@@ -14,8 +14,6 @@ namespace quorvane {
 namespace cache {
 namespace {
 
-// The header before the first value.
-constexpr std::size_t kHeaderSize = 8;
 constexpr std::size_t kMagicSize = sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
 
 std::size_t number_at(const unsigned char* bytes) {
@@ -24,17 +22,16 @@ std::size_t number_at(const unsigned char* bytes) {
   return number;
 }
 
-// Whether the positions are there and name bytes within a value file of this size.
-bool pass_positions(util::BufferReader& key_freader, std::size_t val_file_size) {
+// Whether the positions are there and name bytes from `first` to the value file's end.
+bool pass_positions(util::BufferReader& key_freader, std::size_t first, std::size_t val_file_size) {
   const unsigned char* const fixed = key_freader.buffer(2 * sizeof(std::size_t));
   if (fixed == nullptr) {
     return false;
   }
   const std::size_t val_offset = number_at(fixed);
   const std::size_t atoms = number_at(fixed + sizeof(std::size_t));
-  if (atoms == 0 || atoms > key_freader.remaining() / sizeof(std::size_t) ||
-      val_offset < kHeaderSize || val_offset > val_file_size ||
-      val_file_size - val_offset < kMagicSize) {
+  if (atoms == 0 || atoms > key_freader.remaining() / sizeof(std::size_t) || val_offset < first ||
+      val_offset > val_file_size || val_file_size - val_offset < kMagicSize) {
     return false;
   }
   const unsigned char* sizes = key_freader.buffer(atoms * sizeof(std::size_t));
@@ -49,7 +46,7 @@ bool pass_positions(util::BufferReader& key_freader, std::size_t val_file_size) 
   return true;
 }
 
-// Of positions that were passed before.
+// Only for positions that pass_positions has checked.
 std::vector<util::RoBuffer> atoms_at(const unsigned char* positions,
                                      const util::RoBuffer& val_fbuffer) {
   const unsigned char* atom = val_fbuffer.get_buffer() + number_at(positions) + kMagicSize;
@@ -80,9 +77,9 @@ bool is_same_key(const ScannedEntry& before, const ScannedEntry& after) {
 }  // namespace
 
 bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer& val_fbuffer,
-                           EntryMap& map) {
-  const auto entries = scan_entries(key_freader, [&val_fbuffer](util::BufferReader& freader) {
-    return pass_positions(freader, val_fbuffer.get_size());
+                           std::size_t first_value, EntryMap& map) {
+  const auto entries = scan_entries(key_freader, [&](util::BufferReader& freader) {
+    return pass_positions(freader, first_value, val_fbuffer.get_size());
   });
   if (!map.empty() || key_freader.remaining() > 0 ||
       std::adjacent_find(entries.begin(), entries.end(), is_same_key) != entries.end()) {

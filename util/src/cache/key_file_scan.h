@@ -10,12 +10,12 @@
 namespace quorvane {
 namespace cache {
 
-// Puts all entries from `key_freader`'s position to its end into the empty `map`,
-// in key order, which is many times faster than one by one as they lie. The
-// atoms are views of `val_fbuffer`. False, with nothing done, when anything is
-// wrong: read the entries one by one, then, to find what.
+// Puts all entries from `key_freader`'s position to its end into the empty `map`. Inserts
+// them in key order, which is many times faster than in file order. The atoms are views
+// of `val_fbuffer`, whose first value is at the offset `first_value`. When anything is
+// wrong, does nothing and returns false: then read the entries one by one, to report what.
 bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer& val_fbuffer,
-                           EntryMap& map);
+                           std::size_t first_value, EntryMap& map);
 
 }  // namespace cache
 }  // namespace quorvane

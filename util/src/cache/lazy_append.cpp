@@ -3,16 +3,21 @@
 #include <algorithm>
 #include <vector>
 
-#include <quorvane/file_store.h>
-
 #include "src/cache/checks.h"
-
-// The text of a write's check is what its record quotes: no cast inside it.
-#pragma GCC diagnostic ignored "-Wsign-conversion"
+#include "src/cache/lazy_entry.h"
+#include "src/cache/store_files.h"
 
 namespace quorvane {
 namespace cache {
 namespace {
+
+// The records of failed writes quote these, and readers of logs search for them.
+constexpr const char* kValWrite =
+    "val_file .write(reinterpret_cast<const char *>( val_fbuffer.get_buffer()), "
+    "val_fbuffer.get_size()) .good()";
+constexpr const char* kKeyWrite =
+    "key_file .write(reinterpret_cast<const char *>( key_fbuffer.get_buffer()), "
+    "key_fbuffer.get_size()) .good()";
 
 // From `start` to where the stream stands, which after a failure is -1.
 std::size_t bytes_since(std::streamoff start, std::ofstream& file) {
@@ -46,43 +51,39 @@ std::size_t LazyAppend::bytes() {
 }
 
 bool LazyAppend::write_values(const EntryMap& diff, const KeySet& keys_to_skip) {
-  std::ofstream& val_file = val_file_;
   for (const auto& [key, val] : diff) {
     if (keys_to_skip.count(key) != 0) {
       continue;  // another process stored it meanwhile
     }
-    util::RwBuffer val_fbuffer(LazyLookupStore::get_val_file_entry_representation_size(val));
+    util::RwBuffer val_fbuffer(lazy_entry::size_in_val_file(val));
     util::BufferWriter fwriter = val_fbuffer.writer();
-    if (!LazyLookupStore::write_val_file_entry(fwriter, val)) {
+    if (!lazy_entry::write_to_val_file(fwriter, val)) {
       return false;
     }
-    // clang-format off
-    if (!CACHE_EXPECT_AT(1, val_file .write(reinterpret_cast<const char *>( val_fbuffer.get_buffer()), val_fbuffer.get_size()) .good(), 1115)) {
+    write_buffer(val_file_, val_fbuffer);
+    if (!CACHE_EXPECT_AS(1, val_file_.good(), kValWrite, 1115)) {
       return true;
     }
-    // clang-format on
   }
   return true;
 }
 
 bool LazyAppend::write_keys(const EntryMap& diff, const KeySet& keys_to_skip) {
-  std::ofstream& key_file = key_file_;
   auto val_offset = static_cast<std::size_t>(val_start_);
   for (const auto& [key, val] : diff) {
     if (keys_to_skip.count(key) != 0) {
       continue;
     }
-    util::RwBuffer key_fbuffer(LazyLookupStore::get_key_file_entry_representation_size(key, val));
+    util::RwBuffer key_fbuffer(lazy_entry::size_in_key_file(key, val));
     util::BufferWriter fwriter = key_fbuffer.writer();
-    if (!LazyLookupStore::write_key_file_entry(fwriter, key, val_offset, val)) {
+    if (!lazy_entry::write_to_key_file(fwriter, key, val_offset, val)) {
       return false;
     }
-    // clang-format off
-    if (!CACHE_EXPECT_AT(1, key_file .write(reinterpret_cast<const char *>( key_fbuffer.get_buffer()), key_fbuffer.get_size()) .good(), 1096)) {
+    write_buffer(key_file_, key_fbuffer);
+    if (!CACHE_EXPECT_AS(1, key_file_.good(), kKeyWrite, 1096)) {
       return true;
     }
-    // clang-format on
-    val_offset += LazyLookupStore::get_val_file_entry_representation_size(val);
+    val_offset += lazy_entry::size_in_val_file(val);
   }
   return true;
 }

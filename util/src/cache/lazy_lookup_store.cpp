@@ -8,8 +8,10 @@
 #include <quorvane/file_store.h>
 
 #include "src/cache/checks.h"
+#include "src/cache/entry_key.h"
 #include "src/cache/key_file_scan.h"
 #include "src/cache/lazy_append.h"
+#include "src/cache/lazy_entry.h"
 #include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
 #include "src/cache/trace.h"
@@ -55,30 +57,37 @@ std::string LazyLookupStore::type() const { return "LazyLookupStore"; }
 std::string LazyLookupStore::get_key_fname(const std::string& name) { return "key_" + name; }
 std::string LazyLookupStore::get_val_fname(const std::string& name) { return "val_" + name; }
 
-// --- the pieces of the key file ---
+// --- the pieces of the two files ---
 
 std::size_t LazyLookupStore::get_key_file_entry_representation_size(
     const util::RoBuffer& key, const std::vector<util::RoBuffer>& val) {
-  return sizeof(QV_CACHE_STORE_MAGIC_NUMBER) + sizeof(std::size_t) + key.get_size() +
-         sizeof(std::size_t) + sizeof(std::size_t) + val.size() * sizeof(std::size_t);
+  return lazy_entry::size_in_key_file(key, val);
+}
+
+std::size_t LazyLookupStore::get_val_file_entry_representation_size(
+    const std::vector<util::RoBuffer>& val) {
+  return lazy_entry::size_in_val_file(val);
 }
 
 bool LazyLookupStore::write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                                            std::size_t val_offset,
                                            const std::vector<util::RoBuffer>& val) {
-  return write_magic_number(fwriter) && write_key(fwriter, key) &&
-         write_val_atom_positions(fwriter, val_offset, val);
+  return lazy_entry::write_to_key_file(fwriter, key, val_offset, val);
 }
 
 bool LazyLookupStore::write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
                                                const std::vector<util::RoBuffer>& val) {
-  if (!CACHE_EXPECT_AT(1, fwriter.put(val_offset), 973) ||
-      !CACHE_EXPECT_AT(1, fwriter.put(val.size()), 977)) {
-    return false;
-  }
-  return std::all_of(val.begin(), val.end(), [&fwriter](const util::RoBuffer& val_atom) {
-    return CACHE_EXPECT_AT(1, fwriter.put(val_atom.get_size()), 983);
-  });
+  return lazy_entry::write_positions(fwriter, val_offset, val);
+}
+
+bool LazyLookupStore::write_val_file_entry(util::BufferWriter& fwriter,
+                                           const std::vector<util::RoBuffer>& val) {
+  return lazy_entry::write_to_val_file(fwriter, val);
+}
+
+bool LazyLookupStore::write_val_atom_data(util::BufferWriter& fwriter,
+                                          const std::vector<util::RoBuffer>& val) {
+  return lazy_entry::write_atoms(fwriter, val);
 }
 
 bool LazyLookupStore::read_val_atom_positions(util::BufferReader& key_freader,
@@ -114,31 +123,6 @@ bool LazyLookupStore::skip_val_atom_positions(util::BufferReader& key_freader) {
   num_val_atoms =
       std::min(num_val_atoms, std::numeric_limits<std::size_t>::max() / sizeof(std::size_t));
   return CACHE_EXPECT_AT(1, key_freader.buffer(num_val_atoms * sizeof(std::size_t)), 963);
-}
-
-// --- the pieces of the value file ---
-
-std::size_t LazyLookupStore::get_val_file_entry_representation_size(
-    const std::vector<util::RoBuffer>& val) {
-  std::size_t size = sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
-  for (const util::RoBuffer& atom : val) {
-    size += atom.get_size();
-  }
-  return size;
-}
-
-bool LazyLookupStore::write_val_file_entry(util::BufferWriter& fwriter,
-                                           const std::vector<util::RoBuffer>& val) {
-  return write_magic_number(fwriter) && write_val_atom_data(fwriter, val);
-}
-
-bool LazyLookupStore::write_val_atom_data(util::BufferWriter& fwriter,
-                                          const std::vector<util::RoBuffer>& val) {
-  return std::all_of(val.begin(), val.end(), [&fwriter](const util::RoBuffer& val_atom) {
-    // An empty atom has no bytes, and perhaps no address to put from.
-    return val_atom.get_size() == 0 ||
-           CACHE_EXPECT_AT(1, fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size()), 996);
-  });
 }
 
 bool LazyLookupStore::shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t val_offset,
@@ -206,9 +190,9 @@ bool LazyLookupStore::try_nonlock_load(EntryMap& map) {
     return false;
   }
   Provisional values(val_file_);
-  Trace trace(this, TraceCategory::load);
+  Trace traced(this, trace::Operation::store_load);
   const bool loaded = read_files(key_file, map);
-  trace.end(key_file.size());
+  traced.end(key_file.size());
   if (!loaded) {
     return false;
   }
@@ -226,7 +210,7 @@ bool LazyLookupStore::read_files(const util::MMappedFile& key_file, EntryMap& ma
   if (!read_header(key_freader) || !read_header(val_freader)) {
     return false;
   }
-  if (insert_whole_key_file(key_freader, val_fbuffer, map) ||
+  if (insert_whole_key_file(key_freader, val_fbuffer, sizeof(hdr_t), map) ||
       read_entries(key_freader, val_fbuffer, map)) {
     return true;
   }
@@ -240,19 +224,15 @@ bool LazyLookupStore::read_entries(util::BufferReader& key_freader, util::RoBuff
   std::size_t val_offset = 0;
   std::vector<std::size_t> sizes;
   while (key_freader.remaining() > 0) {
-    if (!read_magic_number(key_freader)) {
-      return false;
-    }
-    util::RoBuffer key = read_key(key_freader);
+    util::RoBuffer key = read_entry_key(key_freader);
     std::vector<util::RoBuffer> val;
     if (key.get_size() == 0 || !read_val_atom_positions(key_freader, val_offset, sizes) ||
         !shallow_read_val(val_fbuffer, val_offset, sizes, val)) {
       return false;
     }
-    const auto emplace_ret = map.emplace(std::move(key), std::move(val));
-    if (!emplace_ret.second) {
+    if (!map.emplace(std::move(key), std::move(val)).second) {
       QV_LOG(g_module, ERROR, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
-      return CACHE_EXPECT_AT(3, emplace_ret.second, 1230);
+      return CACHE_EXPECT_AS(3, false, "emplace_ret.second", 1230);
     }
   }
   return true;
@@ -268,11 +248,11 @@ bool LazyLookupStore::try_nonlock_load_new_keys(KeySet& keys) {
       !CACHE_EXPECT_AT(1, key_file.size() >= key_file_last_size_, 1295)) {
     return false;
   }
-  Trace trace(this, TraceCategory::load);
+  Trace traced(this, trace::Operation::store_load);
   const auto key_fbuffer = util::RoBuffer::view(key_file.data(), key_file.size());
   util::BufferReader key_freader = key_fbuffer.reader();
   const bool loaded = pass_known_part(key_freader) && read_new_keys(key_freader, keys);
-  trace.end(key_file.size() - key_file_last_size_);
+  traced.end(key_file.size() - key_file_last_size_);
   if (!loaded) {
     return false;
   }
@@ -299,18 +279,15 @@ bool LazyLookupStore::read_new_keys(util::BufferReader& key_freader, KeySet& key
 }
 
 bool LazyLookupStore::read_new_key(util::BufferReader& key_freader, KeySet& keys) const {
-  if (!read_magic_number(key_freader)) {
-    return false;
-  }
-  util::RoBuffer key = read_key(key_freader);
+  util::RoBuffer key = read_entry_key(key_freader);
   if (key.get_size() == 0 || !skip_val_atom_positions(key_freader)) {
     return false;
   }
-  const auto emplace_ret = keys.emplace(std::move(key));
-  if (!emplace_ret.second) {
+  const bool is_new = keys.emplace(std::move(key)).second;
+  if (!is_new) {
     QV_LOG(g_module, WARN, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
   }
-  return CACHE_EXPECT_AT(1, emplace_ret.second, 1332);
+  return CACHE_EXPECT_AS(1, is_new, "emplace_ret.second", 1332);
 }
 
 bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) {
@@ -329,15 +306,13 @@ bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& key
     }
     return false;  // half a new pair would fail every load from now on
   }
-  Trace trace(this, TraceCategory::append);
+  Trace traced(this, trace::Operation::store_append);
   LazyAppend append(key_file, val_file);
   const bool fbuffer_corrupted = !append.write(diff, keys_to_skip);
-  trace.end(append.bytes());
+  traced.end(append.bytes());
   key_file.close();  // some file systems tell only now
   val_file.close();
-  // clang-format off
   if (!CACHE_EXPECT_AT(1, !fbuffer_corrupted && key_file.good() && val_file.good(), 1126)) {
-    // clang-format on
     remove_unstored_files();
     noted.end();
     return false;

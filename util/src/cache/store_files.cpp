@@ -5,12 +5,22 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include <quorvane/file_store.h>
 
 #include "src/cache/checks.h"
 
 namespace quorvane {
 namespace cache {
+
+std::string get_store_file_path(const std::string& name) {
+  const char* root = secure_getenv("QV_CACHE_STORE_ROOT");
+  qv_fault_expect(g_module.get(), 2, root != nullptr,
+                  "Caching enabled, but QV_CACHE_STORE_ROOT not set.");
+  return root == nullptr || *root == '\0' ? "" : std::string(root) + "/" + name;
+}
 
 bool file_exists(const std::string& path) {
   struct stat st;
@@ -19,6 +29,11 @@ bool file_exists(const std::string& path) {
 
 void map_whole(util::MMappedFile& file, const std::string& path) {
   file.open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0, PROT_READ, MAP_PRIVATE | MAP_POPULATE);
+}
+
+void write_buffer(std::ostream& file, const util::RwBuffer& buffer) {
+  file.write(reinterpret_cast<const char*>(buffer.get_buffer()),
+             static_cast<std::streamsize>(buffer.get_size()));
 }
 
 void remove_unstored(const std::string& path) {

@@ -2,7 +2,7 @@
 #ifndef QUORVANE_SRC_CACHE_STORE_FILES_H_
 #define QUORVANE_SRC_CACHE_STORE_FILES_H_
 
-#include <cstdint>
+#include <ostream>
 #include <string>
 
 #include <quorvane/buffer.h>
@@ -21,6 +21,9 @@ inline std::string lock_file_name(const std::string& name) {
 // Maps all of a file for reading; `file` stays closed when that fails. A pipe in
 // the file's place fails too, and is not waited for.
 void map_whole(util::MMappedFile& file, const std::string& path);
+
+// Writes all of `buffer` with one call. Ask the stream for the result.
+void write_buffer(std::ostream& file, const util::RwBuffer& buffer);
 
 // Deletes a file that an append left half-written. Its record tells of the
 // deletion, not, as its words have it, of a failure: readers of logs know it so.
