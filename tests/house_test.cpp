@@ -10,10 +10,12 @@
 #include <optional>
 #include <ostream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/lines.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -149,9 +151,8 @@ std::optional<int> floor_of(const fs::path& file) {
 std::vector<std::string> includes_of(const fs::path& file) {
   static const std::regex include(R"re(^\s*#\s*include\s*[<"]([^>"]+)[>"])re");
   std::vector<std::string> names;
-  std::istringstream lines(test::read_file(file));
   std::smatch match;
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : test::lines_of(test::read_file(file))) {
     if (std::regex_search(line, match, include)) {
       names.push_back(match[1]);
     }
@@ -178,6 +179,80 @@ TEST(Floors, NoIncludeRunsUpwards) {
       if (is_ours(name)) {
         EXPECT_LE(floor_of(name), floor_of(file)) << file << " includes " << name;
         ++arrows;
+      }
+    }
+  }
+  EXPECT_GT(arrows, 20);
+}
+
+// The floors inside cache/, lowest first, each unit with the class that it defines.
+struct Unit {
+  std::string name;
+  std::string class_name;
+};
+
+const std::vector<std::vector<Unit>> kCacheFloors{
+    {{"checks", ""},
+     {"trace", "Trace"},
+     {"key_slabs", "KeySlabs"},
+     {"loaded_index", "LoadedIndex"}},
+    {{"append_note", "AppendNote"},
+     {"lock_wait", "LockWait"},
+     {"store_files", ""},
+     {"store", ""},
+     {"entry_scan", "ScannedEntry"}},
+    {{"store_lock", "StoreFLock"}, {"cleanup_controller", ""}},
+    {{"noted_change", "NotedChange"}},
+    {{"file_store", "FileStoreSkeleton"}},
+    {{"entry_key", "read_entry_key"},
+     {"lazy_entry", "lazy_entry"},
+     {"key_file_scan", "insert_whole_key_file"}},
+    {{"lazy_append", "LazyAppend"}},
+    {{"basic_store", "BasicStore"}, {"lazy_lookup_store", "LazyLookupStore"}},
+    {{"cache", "Cache"}, {"make_store", "make_file_store"}}};
+
+std::optional<std::size_t> cache_floor_of(const std::string& unit) {
+  for (std::size_t floor = 0; floor < kCacheFloors.size(); ++floor) {
+    for (const Unit& candidate : kCacheFloors[floor]) {
+      if (candidate.name == unit) {
+        return floor;
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+// The words of a file's code: no comments, no literals, no names of included files.
+std::set<std::string> words_of_code(const fs::path& file) {
+  static const std::regex not_code(R"re(//.*|"(\\.|[^"\\])*"|#include.*)re");
+  static const std::regex word(R"re(\w+)re");
+  const std::string code = std::regex_replace(test::read_file(file), not_code, "");
+  return {std::sregex_token_iterator(code.begin(), code.end(), word), std::sregex_token_iterator()};
+}
+
+TEST(Floors, EveryUnitOfTheCacheHasOneInsideIt) {
+  for (const fs::path& file : sources_below(kUtil / "src" / "cache")) {
+    EXPECT_TRUE(cache_floor_of(file.stem())) << file << " needs a floor";
+  }
+}
+
+// A unit uses those below it: it neither includes their equals and betters nor names their
+// classes.
+TEST(Floors, NoUnitOfTheCacheKnowsWhatIsNotBelowIt) {
+  int arrows = 0;
+  for (const fs::path& file : sources_below(kUtil / "src" / "cache")) {
+    const std::size_t own = cache_floor_of(file.stem()).value();
+    const std::set<std::string> words = words_of_code(file);
+    const std::vector<std::string> includes = includes_of(file);
+    for (std::size_t floor = 0; floor < kCacheFloors.size(); ++floor) {
+      for (const Unit& unit : kCacheFloors[floor]) {
+        const bool is_known =
+            words.count(unit.class_name) != 0 ||
+            std::count(includes.begin(), includes.end(), "src/cache/" + unit.name + ".h") != 0;
+        if (is_known && unit.name != file.stem()) {
+          EXPECT_LT(floor, own) << file << " knows " << unit.name;
+          ++arrows;
+        }
       }
     }
   }
@@ -227,15 +302,6 @@ TEST(Version, StandsInOnePlace) {
 #ifndef QV_SANITIZED
 // A sanitizer adds symbols of its own.
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 // One list for every compiler: what it inlines or not is its own affair, so the
 // weak copies of inline functions don't count. Each with its version: NAME@@VERSION.
 std::vector<std::string> versioned_symbols() {
@@ -243,7 +309,7 @@ std::vector<std::string> versioned_symbols() {
       run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/libQVUtil.so");
   EXPECT_EQ(result.status, 0) << result.output;
   std::vector<std::string> names;
-  for (const std::string& line : lines_of(result.output)) {
+  for (const std::string& line : test::lines_of(result.output)) {
     std::istringstream fields(line);
     std::string name;
     std::string type;

@@ -18,11 +18,8 @@ namespace {
 
 const quorvane::Module g_module("util/buffer_pool");
 
-// What the tracer knows the pool's operations by.
-enum class Operation : unsigned { kAllocate = 14, kDeallocate = 15, kFree = 16 };
-
-constexpr unsigned kStart = 1543;
-constexpr unsigned kEnd = 1544;
+using trace::Event;
+using trace::Operation;
 
 bool is_traced() { return &qvtracer::util::write_trace != nullptr; }
 
@@ -31,10 +28,11 @@ class Trace {
  public:
   // Kept out of the operations' straight path: few processes have a tracer.
   __attribute__((cold, noinline)) void report(const CircularBufferPool* pool,
-                                              const _qv_trace_rpc_t* rpc, unsigned event,
+                                              const _qv_trace_rpc_t* rpc, Event event,
                                               Operation operation, const void* ptr,
                                               std::uint64_t size, const void* position) {
-    qvtracer::util::write_trace(rpc, &record_, event, static_cast<unsigned>(operation), pool, ptr,
+    qvtracer::util::write_trace(rpc, &record_, static_cast<unsigned>(event),
+                                static_cast<unsigned>(operation), pool, ptr,
                                 reinterpret_cast<const void*>(size), position);
   }
 
@@ -92,7 +90,7 @@ void CircularBufferPool::map_file(int fd, std::uint64_t offset) {
 RwBuffer CircularBufferPool::allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept {
   Trace trace;
   if (is_traced()) {
-    trace.report(this, rpc, kStart, Operation::kAllocate, nullptr, size,
+    trace.report(this, rpc, Event::start, Operation::pool_allocate, nullptr, size,
                  at(head_.load(std::memory_order_relaxed)));
   }
   const std::uint64_t rounded = round_up(size);
@@ -112,7 +110,7 @@ RwBuffer CircularBufferPool::allocate(unsigned long size, const _qv_trace_rpc_t*
   head_.store(head, std::memory_order_relaxed);
   head_offset_ = advanced(head_offset_, rounded, head);
   if (is_traced()) {
-    trace.report(this, rpc, kEnd, Operation::kAllocate, buffer.get_buffer(), rounded,
+    trace.report(this, rpc, Event::end, Operation::pool_allocate, buffer.get_buffer(), rounded,
                  base_ + head_offset_);
   }
   return buffer;
@@ -124,7 +122,8 @@ void CircularBufferPool::deallocate(void* ptr, unsigned long size,
   const std::uint64_t rounded = round_up(size);
   std::unique_lock<std::mutex> lock(mutex_);
   if (is_traced()) {
-    trace.report(this, rpc, kStart, Operation::kDeallocate, ptr, rounded, base_ + head_offset_);
+    trace.report(this, rpc, Event::start, Operation::pool_deallocate, ptr, rounded,
+                 base_ + head_offset_);
   }
   const std::uint64_t head = head_.load(std::memory_order_relaxed) - rounded;
   const std::uint64_t offset = rounded <= head_offset_ ? head_offset_ - rounded : head % length_;
@@ -135,7 +134,7 @@ void CircularBufferPool::deallocate(void* ptr, unsigned long size,
   head_.store(head, std::memory_order_relaxed);
   head_offset_ = offset;
   if (is_traced()) {
-    trace.report(this, rpc, kEnd, Operation::kDeallocate, ptr, rounded, ptr);
+    trace.report(this, rpc, Event::end, Operation::pool_deallocate, ptr, rounded, ptr);
   }
   const bool is_awaited = waiters_ > 0;
   lock.unlock();
@@ -149,7 +148,7 @@ void CircularBufferPool::free(void* ptr, unsigned long size, const _qv_trace_rpc
   const std::uint64_t rounded = round_up(size);
   std::unique_lock<std::mutex> lock(mutex_);
   if (is_traced()) {
-    trace.report(this, rpc, kStart, Operation::kFree, ptr, rounded, base_ + tail_offset_);
+    trace.report(this, rpc, Event::start, Operation::pool_free, ptr, rounded, base_ + tail_offset_);
   }
   if (ptr != base_ + tail_offset_) {
     log_and_abort("CircularBufferPool::free called in wrong order. Expected %p, actual %p.",
@@ -158,7 +157,7 @@ void CircularBufferPool::free(void* ptr, unsigned long size, const _qv_trace_rpc
   tail_ += rounded;
   tail_offset_ = advanced(tail_offset_, rounded, tail_);
   if (is_traced()) {
-    trace.report(this, rpc, kEnd, Operation::kFree, ptr, rounded, base_ + tail_offset_);
+    trace.report(this, rpc, Event::end, Operation::pool_free, ptr, rounded, base_ + tail_offset_);
   }
   const bool is_awaited = waiters_ > 0;
   lock.unlock();

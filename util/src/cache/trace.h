@@ -9,27 +9,26 @@
 namespace quorvane {
 namespace cache {
 
-enum class TraceCategory : unsigned { load = 11, append = 12 };
-
 // One operation of a store: its start on construction, its end, with the bytes
 // that it went through, on end().
 class Trace {
  public:
-  Trace(const void* store, TraceCategory category) : store_(store), category_(category) {
-    report(1543, 0);
+  Trace(const void* store, trace::Operation operation) : store_(store), operation_(operation) {
+    report(trace::Event::start, 0);
   }
-  void end(std::uint64_t bytes) { report(1544, bytes); }
+  void end(std::uint64_t bytes) { report(trace::Event::end, bytes); }
 
  private:
-  void report(unsigned event, std::uint64_t bytes) {
+  void report(trace::Event event, std::uint64_t bytes) {
     if (&qvtracer::util::write_trace != nullptr) {
-      qvtracer::util::write_trace(nullptr, &record_, event, static_cast<unsigned>(category_),
-                                  store_, reinterpret_cast<const void*>(bytes), nullptr, nullptr);
+      qvtracer::util::write_trace(nullptr, &record_, static_cast<unsigned>(event),
+                                  static_cast<unsigned>(operation_), store_,
+                                  reinterpret_cast<const void*>(bytes), nullptr, nullptr);
     }
   }
 
   const void* store_;
-  TraceCategory category_;
+  trace::Operation operation_;
   _qv_trace_rpc_t record_;
 };
 
