@@ -136,11 +136,12 @@ std::optional<int> floor_of(const fs::path& file) {
                                                  {"hasher", 5},        {"mmapped_file", 5},
                                                  {"report_file", 5},   {"stats", 5},
                                                  {"stats_c", 5},       {"stats_instance", 5},
-                                                 {"uuid", 5},          {"mpsc", 5},
-                                                 {"pidset", 5},        {"pid_file", 5},
-                                                 {"binary_dumper", 5}, {"fatbin_parser", 5},
-                                                 {"small_utils", 5},   {"cache", 6},
-                                                 {"store", 6},         {"file_store", 6}};
+                                                 {"metric_type", 5},   {"uuid", 5},
+                                                 {"mpsc", 5},          {"pidset", 5},
+                                                 {"pid_file", 5},      {"binary_dumper", 5},
+                                                 {"fatbin_parser", 5}, {"small_utils", 5},
+                                                 {"cache", 6},         {"store", 6},
+                                                 {"file_store", 6}};
   if (file.parent_path().filename() == "cache") {
     return 6;
   }

@@ -1,14 +1,12 @@
 #include <quorvane/log.h>
 #include <quorvane/module.h>
 
+#include "src/metric_type.h"
 #include "src/stats_instance.h"
 
 namespace quorvane {
 namespace stats {
 namespace {
-
-// The numbers that the recorder knows the kinds of metrics by.
-enum MetricType { kGaugeInt64 = 3, kCounter = 5, kGaugeDouble = 6, kHistogram = 7 };
 
 qv_stats_handle_t to_handle(void* metric) { return reinterpret_cast<qv_stats_handle_t>(metric); }
 
