@@ -279,6 +279,32 @@ TEST(Floors, ExportedHeadersIncludeOnlyExportedHeaders) {
   }
 }
 
+// ---------------------------------------------------------------------- pages
+
+std::set<std::string> names_of_tests() {
+  static const std::regex test(R"re(TEST(_F|_P)?\((\w+),\s*(\w+)\))re");
+  std::set<std::string> names;
+  for (const fs::path& file : sources_below(fs::path(QV_SOURCE_DIR) / "tests")) {
+    const std::string text = test::read_file(file);
+    for (std::sregex_iterator it(text.begin(), text.end(), test), end; it != end; ++it) {
+      names.insert((*it)[2].str() + "." + (*it)[3].str());
+    }
+  }
+  return names;
+}
+
+TEST(CompatibilityPage, NamesTestsThatExist) {
+  static const std::regex quoted(R"re(`([A-Z]\w+\.[A-Z]\w+)`)re");
+  const std::string page = test::read_file(QV_SOURCE_DIR "/docs/compatibility.md");
+  const std::set<std::string> names = names_of_tests();
+  int quotations = 0;
+  for (std::sregex_iterator it(page.begin(), page.end(), quoted), end; it != end; ++it) {
+    EXPECT_EQ(names.count((*it)[1]), 1U) << (*it)[1];
+    ++quotations;
+  }
+  EXPECT_GT(quotations, 50);
+}
+
 // --------------------------------------------------------------------- version
 
 std::string version() {

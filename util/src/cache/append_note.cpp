@@ -48,7 +48,7 @@ bool take(std::string_view& bytes, Record& record) {
   return true;
 }
 
-// Fingerprint64 stays the same in every build of its library.
+// Unlike the other hashes of its library, Fingerprint64 is the same in every build.
 std::uint64_t checksum_of(std::string_view bytes) {
   return ::util::Fingerprint64(bytes.data(), bytes.size());
 }
@@ -58,7 +58,7 @@ bool is_plain_name(std::string_view name) {
          name.find('\0') == std::string_view::npos;
 }
 
-// Open for the moment it takes to change a file.
+// A file that is open while it is changed.
 class Opened {
  public:
   explicit Opened(const char* path, int flags)
@@ -110,8 +110,8 @@ std::string_view AppendNote::name_of(const File& file) const {
   return std::string_view(file.path).substr(directory_.size() + 1);
 }
 
-// Under some umasks not even its owner may open a new file for writing a second time:
-// that is then left to the append.
+// Under some umasks even its owner can't open a new file for writing again. Such a file is
+// deleted here and created by the append.
 void AppendNote::create_missing() {
   for (File& file : files_) {
     if (!file.existed) {
@@ -164,7 +164,8 @@ AppendNote::Undone AppendNote::File::undo(bool delete_it) const noexcept {
   if (lstat(path.c_str(), &now) != 0) {
     return errno == ENOENT ? Undone::nothing : Undone::failed;
   }
-  // Without an id: killed between the creation and the second note, when it held nothing.
+  // Without an id, the process was killed between the creation and the second note. The
+  // file was still empty then.
   const bool is_same = id == descriptor::FileId{} ? now.st_size == 0 : descriptor::id_of(now) == id;
   if (!S_ISREG(now.st_mode) || !is_same) {
     return Undone::nothing;

@@ -1,5 +1,5 @@
-// What a process that appends to store files notes in the lock file, so that another
-// one can undo what it left unfinished.
+// The note that an append leaves in the lock file while it runs, so that another process
+// can undo it if this one is killed.
 #ifndef QUORVANE_SRC_CACHE_APPEND_NOTE_H_
 #define QUORVANE_SRC_CACHE_APPEND_NOTE_H_
 
@@ -14,40 +14,40 @@
 namespace quorvane {
 namespace cache {
 
-// The files of one append as they were before its first byte. All are in the lock
-// file's directory: whatever a lock file holds, it leads to no other place.
-// Thread-safety: one thread at a time, with the lock in hand.
+// The files of one append, as they were before it. All are in the lock file's directory, so
+// that the content of a lock file can't lead anywhere else.
+// Thread-safety: one thread at a time, which holds the lock.
 class AppendNote {
  public:
   // `directory` is that of the lock file.
   explicit AppendNote(std::string directory);
 
-  // Adds a file as it is now. One in another directory, or that is no regular file, is
-  // left out.
+  // Adds a file as it is now. Ignores a file in another directory, and one that is not a
+  // regular file.
   void add(const std::string& path);
 
-  // Creates the files that are missing, empty, so that the note can identify them. One
-  // that can't be created fails the append when that opens it.
+  // Creates the missing files, empty, so that the note can identify them. For a file that
+  // can't be created, the append fails when it opens it.
   void create_missing();
   bool has_missing() const;
 
-  // Notes which files are there now that could not be created before. Returns whether
-  // there are any.
+  // Identifies the files that create_missing() could not create and that exist by now.
+  // Returns whether there are any.
   bool identify_created();
 
   enum class Undone { nothing, something, failed };
 
-  // Puts the files back: cuts those that have grown and deletes those that are new.
-  // When one that was there is gone, the append had failed and was deleting its files,
-  // so the others are deleted too. A file that was replaced meanwhile stays as it is.
-  // Failed: the kernel refused it, and the note must stay. Allocates nothing.
+  // Restores the files: truncates those that have grown and deletes the new ones. If a file
+  // that existed is gone, the append had failed and was deleting its files, so this deletes
+  // the others too. Leaves a file alone that was replaced in the meantime. `failed` means
+  // that the kernel refused, and that the note must stay. Allocates nothing.
   Undone undo() const noexcept;
 
   // The files' paths, separated by commas.
   std::string paths() const;
 
-  // Replaces `bytes` by the note in bytes, which needs no more memory the second time.
-  // decode() gives nothing for bytes that make no sense.
+  // Writes the note to `bytes`, whose memory is enough for the same note the second time.
+  // decode() returns nothing for bytes that are not a note.
   void encode(std::string& bytes) const;
   static std::optional<AppendNote> decode(std::string directory, std::string_view bytes);
 
@@ -58,7 +58,7 @@ class AppendNote {
 
     std::string path;
     bool existed;
-    descriptor::FileId id;  // of a missing file: 0 until it is created
+    descriptor::FileId id;  // 0 for a missing file, until it is created
     std::uint64_t size;     // in bytes
   };
 

@@ -96,7 +96,7 @@ bool BasicStore::try_nonlock_load(EntryMap& out) {
   return true;
 }
 
-// False when an entry is damaged; those before it are in `out`.
+// False when an entry is damaged. Those before it are in `out`.
 bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const {
   for (const ScannedEntry& entry : scan_entries(freader, pass_basic_value)) {
     auto copy = entry.copy();
@@ -104,13 +104,13 @@ bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const 
     out.emplace_hint(out.end(), std::move(copy.first), std::move(copy.second));
     const bool is_new = out.size() != before;
     if (!CACHE_EXPECT_AS(1, is_new, "emplace_ret.second", __LINE__)) {
-      report_collision();
+      report_collision();  // and go on. Kept: docs/compatibility.md
     }
   }
   if (freader.remaining() == 0) {
     return true;
   }
-  // Read the damaged entry once more, now to report what is wrong with it.
+  // Read the damaged entry again, to report what is wrong with it.
   std::vector<util::RoBuffer> val;
   if (read_entry_key(freader).get_size() > 0) {
     read_val(freader, val);
@@ -178,7 +178,7 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   noted.create_missing();
   std::ofstream file = cache_file_prepare_to_append(fpath_);
   if (!file.is_open()) {
-    noted.undo();  // nothing is left to be removed
+    noted.undo();  // deletes a file that create_missing() made
   }
   noted.identify_created();
   bool fbuffer_corrupted = false;
@@ -186,12 +186,12 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
     const std::streamoff start = file.tellp();
     Trace traced(this, trace::Operation::store_append);
     fbuffer_corrupted = !write_entries(file, diff, new_keys);
-    // A full disk shows when the stream's own buffer goes out.
+    // A full disk shows when the stream writes its buffer.
     file.flush();
     const std::streamoff end = file.tellp();  // -1 after a failure
     traced.end(static_cast<std::uint64_t>(std::max(end, start) - start));
   }
-  file.close();  // some file systems tell only now
+  file.close();  // some file systems report errors only now
   if (!CACHE_EXPECT(1, !fbuffer_corrupted && file.good())) {
     remove_unstored_file();
     noted.end();
@@ -202,13 +202,12 @@ bool BasicStore::try_nonlock_append(const EntryMap& diff, const KeySet& new_keys
   return true;
 }
 
-// False when an entry does not fit its buffer; the stream tells of its own
-// failures.
+// False when an entry does not fit its buffer. Failed writes show in the stream's state.
 bool BasicStore::write_entries(std::ofstream& file, const EntryMap& diff,
                                const KeySet& new_keys) const {
   for (const auto& [key, val] : diff) {
     if (new_keys.count(key) != 0) {
-      continue;  // another process stored it meanwhile
+      continue;  // another process has stored it
     }
     util::RwBuffer fbuffer(get_entry_representation_size(key, val));
     util::BufferWriter fwriter = fbuffer.writer();

@@ -22,7 +22,7 @@ struct Counters {
   qv_stats_handle_t misses;
 };
 
-// Made by the first look-up of the process.
+// The first look-up of the process makes them.
 const Counters& counters() {
   static constinit Once once;
   static constinit Counters counters{};
@@ -33,12 +33,12 @@ const Counters& counters() {
   return counters;
 }
 
-// An index pays once a sixteenth of the entries have been looked up, and never
-// for a map that fits the processor's caches anyway.
+// An index pays off after look-ups of a sixteenth of the entries. It never does for a map
+// that fits into the processor's caches.
 constexpr std::size_t kSmallestIndexed = 512;
 constexpr std::size_t kLookupsShare = 16;
 
-// What keeps an entry from being read back, or null.
+// Why an entry could not be read back, or null if it could.
 const char* flaw_of(const util::RoBuffer& key, const std::vector<util::RoBuffer>& value) {
   if (key.get_size() == 0) {
     return "its key is empty";
@@ -51,7 +51,7 @@ const char* flaw_of(const util::RoBuffer& key, const std::vector<util::RoBuffer>
   return has_empty_atom ? "a value atom is empty" : nullptr;
 }
 
-// Of the exception that is being handled.
+// The text of the exception that is being handled.
 const char* text_of_exception() {
   try {
     throw;
@@ -62,7 +62,7 @@ const char* text_of_exception() {
   }
 }
 
-// For a record that is written whatever happens.
+// For records that must be written even if type() throws.
 std::string type_of(const Store& store) {
   try {
     return store.type();
@@ -71,7 +71,7 @@ std::string type_of(const Store& store) {
   }
 }
 
-// A store that throws has not stored.
+// A store that throws counts as one that has not stored.
 bool try_store_diff(const std::string& name, Store& store, const EntryMap& diff) {
   try {
     return store.try_store_diff(diff);
@@ -82,9 +82,8 @@ bool try_store_diff(const std::string& name, Store& store, const EntryMap& diff)
 }
 
 void store_diff(const std::string& name, Store& store, const EntryMap& diff) {
-  if (!try_store_diff(name, store, diff)) {
-    fault::expectation_failed(g_module.get(), 1, "store_->try_store_diff(diff_map_)",
-                              "util/src/cache", __LINE__);
+  if (!CACHE_EXPECT_AS(1, try_store_diff(name, store, diff), "store_->try_store_diff(diff_map_)",
+                       __LINE__)) {
     return;
   }
   QV_LOG(g_module, DEBUG, "Stored %s cache diff data with %s store type, num diff entries = %lu",
@@ -98,12 +97,12 @@ Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallb
     name_ = name;
     set_up(std::move(store), fallback_to_volatile);
   } catch (const abi::__forced_unwind&) {
-    throw;  // thread cancellation, which must be rethrown
+    throw;  // a cancelled thread must be allowed to end
   } catch (...) {
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache: %s", name.c_str(), text_of_exception());
   }
-  // Registered last, so that a cancelled constructor leaves no guard for a destroyed mutex.
+  // Last, so that a cancelled constructor leaves no guard of a destroyed mutex.
   fork_guard::add(diff_mutex_);
 }
 
@@ -120,7 +119,8 @@ void Cache::set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
   load();
 }
 
-// A store that throws (no memory for the entries, say) has not loaded.
+// A store that throws, for example because there is no memory for the entries, counts as one
+// that has not loaded.
 bool Cache::try_load_store() {
   try {
     return store_->try_load(loaded_map_);
@@ -133,9 +133,8 @@ bool Cache::try_load_store() {
 }
 
 void Cache::load() {
-  if (!try_load_store()) {
-    fault::expectation_failed(g_module.get(), 3, "store_->try_load(loaded_map_)", "util/src/cache",
-                              __LINE__);
+  if (!CACHE_EXPECT_AS(3, try_load_store(), "store_->try_load(loaded_map_)", __LINE__)) {
+    // Not volatile instead. Kept: docs/compatibility.md
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache with %s store type", name_.c_str(),
            type_of(*store_).c_str());
@@ -184,7 +183,7 @@ const std::vector<util::RoBuffer>* Cache::find_loaded(const util::RoBuffer& key)
   return found == loaded_map_.end() ? nullptr : &found->second;
 }
 
-// One look-up in the life of the cache gets here; the others go on with the map.
+// Only one look-up in the life of a cache gets here. Until it is done, the others use the map.
 void Cache::build_index() {
   try {
     index_.store(new LoadedIndex(loaded_map_), std::memory_order_release);
@@ -194,7 +193,7 @@ void Cache::build_index() {
 }
 
 const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) {
-  // Tells only whether to look: the mutex orders what is there to be found.
+  // Only a hint whether to look. The mutex provides the ordering.
   if (diff_size_.load(std::memory_order_relaxed) == 0) {
     return nullptr;
   }

@@ -18,15 +18,15 @@ extern const Module g_module;
 #define CACHE_ASSERT(condition) \
   QV_FAULT_ASSERT(::quorvane::cache::g_module, condition, "util/src/cache")
 
-// The same with a line of their own: readers of logs search for it, so it stays
-// when the code moves.
+// The same with a fixed line: readers of logs search for it, so it must not change when the
+// code moves. Kept: docs/compatibility.md
 #define CACHE_EXPECT_AT(severity, condition, line) \
   QV_FAULT_EXPECT_AT(::quorvane::cache::g_module, severity, condition, "util/src/cache", line)
 #define CACHE_ASSERT_AT(condition, line) \
   QV_FAULT_ASSERT_AT(::quorvane::cache::g_module, condition, "util/src/cache", line)
 
-// With a text of its own, where readers of logs know the check by other words than the
-// code now has.
+// With a fixed text, where readers of logs search for a condition that the code no longer
+// has. Kept: docs/compatibility.md
 #define CACHE_EXPECT_AS(severity, condition, text, line) \
   QV_FAULT_EXPECT_AS(::quorvane::cache::g_module, severity, condition, text, "util/src/cache", line)
 

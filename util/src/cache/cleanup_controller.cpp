@@ -21,7 +21,7 @@ std::uint64_t CleanupController::get_ticket() {
 bool CleanupController::update_and_check_usage(std::uint64_t ticket, CleanableResource& res) {
   const std::uint64_t usage = res.get_usage();
   const std::uint64_t total = update_usage(ticket, usage);
-  // Without the mutex: the log may block, and a fork would wait for both.
+  // Not under the mutex: the log may block, and a fork would wait for it.
   QV_LOG(g_module, TRACE, "Cache store usage is %lu / %lu bytes.", total, threshold_);
   return total > threshold_;
 }
@@ -39,7 +39,7 @@ void CleanupController::process(std::uint64_t ticket, CleanableResource& res) {
     return;
   }
   res.clean();
-  update_and_check_usage(ticket, res);
+  update_and_check_usage(ticket, res);  // Kept: docs/compatibility.md
   QV_LOG(g_module, INFO, "Cache store cleaned.");
 }
 

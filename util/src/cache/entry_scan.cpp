@@ -10,11 +10,11 @@ namespace quorvane {
 namespace cache {
 namespace {
 
-// Past this many bytes the pieces of an entry are allocated one by one.
+// In larger entries each piece has an allocation of its own.
 constexpr std::size_t kSharedAllocationLimit = 4096;
 
-// Magic number, key size, a byte of key, a count, a size, a byte of value: no entry
-// is smaller.
+// The magic number, the key size, a byte of key, the atom count, an atom size and a byte of
+// value.
 constexpr std::size_t kSmallestEntry = 30;
 static_assert(sizeof(ScannedEntry) <= kSmallestEntry);
 
@@ -53,7 +53,7 @@ bool scan_entry(util::BufferReader& freader, ScannedEntry& entry, const PassValu
   return true;
 }
 
-// Where an entry's pieces get their bytes from.
+// Copies the pieces of one entry, which share an allocation if they are small.
 class PieceCopier {
  public:
   explicit PieceCopier(std::size_t total) {
@@ -136,8 +136,8 @@ bool pass_basic_value(util::BufferReader& freader) {
 
 namespace {
 
-// Twice the room, but no more than the file's rest can fill: a list of its entries
-// never takes more memory than the file.
+// Doubles the capacity, but not beyond what the rest of the file can fill: the list never
+// takes more memory than the file.
 void make_room(std::vector<ScannedEntry>& entries, std::size_t remaining) {
   if (entries.size() == entries.capacity()) {
     const std::size_t size = entries.size();

@@ -13,7 +13,7 @@ namespace quorvane {
 namespace cache {
 namespace {
 
-// Holds the store lock for one sequence, whichever way it ends.
+// Holds the store lock for one load or store, even if that throws.
 class Locked {
  public:
   explicit Locked(Store::Lock& lock) : lock_(lock) { lock_.lock(); }
@@ -28,8 +28,8 @@ class Locked {
 std::size_t threshold_from_environment() {
   const char* threshold_env = secure_getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
   std::size_t threshold = 0;
-  if (CACHE_EXPECT(2, threshold_env) &&
-      CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) == 1)) {
+  if (CACHE_EXPECT(2, threshold_env) && CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) ==
+                                                            1)) {  // Kept: docs/compatibility.md
     QV_LOG(g_module, INFO, "Cache store cleanup threshold set to %lu bytes", threshold);
     return threshold;
   }
@@ -37,11 +37,11 @@ std::size_t threshold_from_environment() {
   return 0;
 }
 
-// The smallest atom takes its size and one byte.
+// The smallest atom is its size field and one byte.
 constexpr std::size_t kSmallestAtom = sizeof(std::uint64_t) + 1;
 
-// A buffer for `size` bytes that are to be read next, or none when the file has
-// fewer: what a damaged size asks for is never allocated.
+// A buffer for the next `size` bytes, or an empty one if the file has fewer: a damaged size
+// must not decide how much is allocated.
 util::RwBuffer buffer_for(const util::BufferReader& freader, std::uint64_t size) {
   return util::RwBuffer(size <= freader.remaining() ? size : 0);
 }
@@ -173,6 +173,7 @@ bool FileStoreSkeleton::write_key(util::BufferWriter& fwriter, const util::RoBuf
          CACHE_EXPECT(1, fwriter.put_raw(key.get_buffer(), key.get_size()));
 }
 
+// Writes what read_val refuses, too. Kept: docs/compatibility.md
 bool FileStoreSkeleton::write_val(util::BufferWriter& fwriter,
                                   const std::vector<util::RoBuffer>& val) {
   if (!CACHE_EXPECT(1, fwriter.put(val.size()))) {
@@ -191,7 +192,7 @@ std::ofstream FileStoreSkeleton::cache_file_prepare_to_append(std::string path) 
   }
   file.seekp(0, std::ios::end);
   if (file.tellp() == std::streampos(0)) {
-    // Flushed, so that a full disk shows here.
+    // Flush, so that a full disk shows here.
     file.write(reinterpret_cast<const char*>(&valid_hdr_), sizeof(valid_hdr_)).flush();
     qv_fault_expect(g_module.get(), 1, file.good(), "Writing header file failed (%s)",
                     path.c_str());

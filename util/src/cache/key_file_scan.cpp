@@ -22,7 +22,8 @@ std::size_t number_at(const unsigned char* bytes) {
   return number;
 }
 
-// Whether the positions are there and name bytes from `first` to the value file's end.
+// Whether the positions are complete and lie between the offset `first` and the end of the
+// value file.
 bool pass_positions(util::BufferReader& key_freader, std::size_t first, std::size_t val_file_size) {
   const unsigned char* const fixed = key_freader.buffer(2 * sizeof(std::size_t));
   if (fixed == nullptr) {
@@ -62,7 +63,7 @@ std::vector<util::RoBuffer> atoms_at(const unsigned char* positions,
   return val;
 }
 
-// In key order the entries lie all over a file of several runs.
+// In key order, entries are spread over a file that several processes have appended to.
 constexpr std::size_t kPrefetched = 16;
 
 void prefetch(const ScannedEntry& entry) {

@@ -1,4 +1,4 @@
-// A silent walk over a lazy store's key file.
+// A silent pass over a lazy store's key file.
 #ifndef QUORVANE_SRC_CACHE_KEY_FILE_SCAN_H_
 #define QUORVANE_SRC_CACHE_KEY_FILE_SCAN_H_
 

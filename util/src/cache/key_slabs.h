@@ -1,4 +1,4 @@
-// Memory for the keys of a map that is filled in one go.
+// Memory for the keys of a map that is filled at once.
 #ifndef QUORVANE_SRC_CACHE_KEY_SLABS_H_
 #define QUORVANE_SRC_CACHE_KEY_SLABS_H_
 
@@ -13,12 +13,12 @@
 namespace quorvane {
 namespace cache {
 
-// Copies keys, many to one allocation, which lives until the last of them goes.
-// A slab is so small that a key that a program keeps holds on to little else.
+// Copies many keys into one allocation, a slab, which lives until its last key is gone. Slabs
+// are small, so that a key that a program keeps holds little else in memory.
 // Thread-safety: one thread at a time.
 class KeySlabs {
  public:
-  // `total` bytes of keys are to be copied.
+  // `total` is the size of all keys together, in bytes.
   explicit KeySlabs(std::size_t total) : left_(total) {}
 
   util::RoBuffer copy(const unsigned char* key, std::size_t size) {

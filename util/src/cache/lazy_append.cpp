@@ -19,7 +19,7 @@ constexpr const char* kKeyWrite =
     "key_file .write(reinterpret_cast<const char *>( key_fbuffer.get_buffer()), "
     "key_fbuffer.get_size()) .good()";
 
-// From `start` to where the stream stands, which after a failure is -1.
+// From `start` to the stream's position, which is -1 after a failure.
 std::size_t bytes_since(std::streamoff start, std::ofstream& file) {
   const std::streamoff end = file.tellp();
   return static_cast<std::size_t>(std::max(end, start) - start);
@@ -37,7 +37,7 @@ bool LazyAppend::write(const EntryMap& diff, const KeySet& keys_to_skip) {
   if (!write_values(diff, keys_to_skip)) {
     return false;
   }
-  // Also where a full disk shows.
+  // A full disk shows here too.
   if (!val_file_.flush()) {
     return true;
   }
@@ -53,7 +53,7 @@ std::size_t LazyAppend::bytes() {
 bool LazyAppend::write_values(const EntryMap& diff, const KeySet& keys_to_skip) {
   for (const auto& [key, val] : diff) {
     if (keys_to_skip.count(key) != 0) {
-      continue;  // another process stored it meanwhile
+      continue;  // another process has stored it
     }
     util::RwBuffer val_fbuffer(lazy_entry::size_in_val_file(val));
     util::BufferWriter fwriter = val_fbuffer.writer();

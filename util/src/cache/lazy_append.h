@@ -10,18 +10,18 @@
 namespace quorvane {
 namespace cache {
 
-// One append, to streams that stand at the ends of their files. All values are
-// with the kernel before the first key is: whoever is killed on the way leaves
-// values that no key points at, and never the reverse.
+// One append to streams that are at the ends of their files. Hands all values to the kernel
+// before the first key: a process that is killed in between leaves values without keys,
+// never keys without values.
 class LazyAppend {
  public:
   LazyAppend(std::ofstream& key_file, std::ofstream& val_file);
 
-  // False when an entry does not fit its buffer; the streams tell of their own
-  // failures, which end the append as well.
+  // False when an entry does not fit its buffer. Failed writes end the append too, and show
+  // in the streams' states.
   bool write(const EntryMap& diff, const KeySet& keys_to_skip);
 
-  // How many bytes both files have got; only those of a stream that is good.
+  // The bytes appended to both files, without those of a stream that failed.
   std::size_t bytes();
 
  private:

@@ -22,10 +22,10 @@ namespace {
 
 constexpr unsigned kVersion = 2;
 
-// Holds any sum of two positions.
+// Wide enough for the sum of any two positions.
 __extension__ typedef unsigned __int128 Position;
 
-// Closes a mapping unless what it was made for succeeds.
+// Closes a mapping unless the load succeeds.
 class Provisional {
  public:
   explicit Provisional(util::MMappedFile& file) : file_(&file) {}
@@ -119,7 +119,7 @@ bool LazyLookupStore::skip_val_atom_positions(util::BufferReader& key_freader) {
       !CACHE_EXPECT_AT(1, num_val_atoms > 0, 957)) {
     return false;
   }
-  // A count whose bytes would wrap asks for more than there is all the same.
+  // A count whose size in bytes would wrap is limited, and still exceeds any file.
   num_val_atoms =
       std::min(num_val_atoms, std::numeric_limits<std::size_t>::max() / sizeof(std::size_t));
   return CACHE_EXPECT_AT(1, key_freader.buffer(num_val_atoms * sizeof(std::size_t)), 963);
@@ -131,8 +131,9 @@ bool LazyLookupStore::shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t 
   if (!CACHE_EXPECT_AT(1, val_offset >= sizeof(hdr_t), 923)) {
     return false;
   }
-  // Each atom takes a byte at least.
+  // Each atom has at least one byte.
   val.reserve(val.size() + std::min(sizes.size(), val_fbuffer.get_size()));
+  // The magic number is not checked. Kept: docs/compatibility.md
   Position val_atom_offset = Position{val_offset} + sizeof(QV_CACHE_STORE_MAGIC_NUMBER);
   for (const std::size_t val_atom_size : sizes) {
     if (!CACHE_EXPECT_AT(1, val_atom_offset + val_atom_size <= val_fbuffer.get_size(), 934)) {
@@ -167,7 +168,8 @@ std::uint64_t LazyLookupStore::nonlock_get_disk_usage() const {
 }
 
 void LazyLookupStore::nonlock_clean() {
-  NotedChange noted(file_lock(), {&key_fpath_, &val_fpath_});  // half a pair is damage
+  NotedChange noted(file_lock(),
+                    {&key_fpath_, &val_fpath_});  // a pair without one of its files is damaged
   unlink(val_fpath_.c_str());
   unlink(key_fpath_.c_str());
   noted.end();
@@ -218,7 +220,8 @@ bool LazyLookupStore::read_files(const util::MMappedFile& key_file, EntryMap& ma
   return false;
 }
 
-// One by one as they lie, up to the first that is damaged or repeats a key.
+// Reads the entries one by one in file order, up to the first that is damaged or repeats a
+// key.
 bool LazyLookupStore::read_entries(util::BufferReader& key_freader, util::RoBuffer& val_fbuffer,
                                    EntryMap& map) const {
   std::size_t val_offset = 0;
@@ -230,7 +233,7 @@ bool LazyLookupStore::read_entries(util::BufferReader& key_freader, util::RoBuff
         !shallow_read_val(val_fbuffer, val_offset, sizes, val)) {
       return false;
     }
-    if (!map.emplace(std::move(key), std::move(val)).second) {
+    if (!map.emplace(std::move(key), std::move(val)).second) {  // Kept: docs/compatibility.md
       QV_LOG(g_module, ERROR, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
       return CACHE_EXPECT_AS(3, false, "emplace_ret.second", 1230);
     }
@@ -284,7 +287,7 @@ bool LazyLookupStore::read_new_key(util::BufferReader& key_freader, KeySet& keys
     return false;
   }
   const bool is_new = keys.emplace(std::move(key)).second;
-  if (!is_new) {
+  if (!is_new) {  // Kept: docs/compatibility.md
     QV_LOG(g_module, WARN, "Collision inside cachemap %s file ocurred", key_fpath_.c_str());
   }
   return CACHE_EXPECT_AS(1, is_new, "emplace_ret.second", 1332);
@@ -304,13 +307,13 @@ bool LazyLookupStore::try_nonlock_append(const EntryMap& diff, const KeySet& key
     if (!are_new) {
       noted.end();
     }
-    return false;  // half a new pair would fail every load from now on
+    return false;  // noted undoes a new pair: one file alone would fail every load
   }
   Trace traced(this, trace::Operation::store_append);
   LazyAppend append(key_file, val_file);
   const bool fbuffer_corrupted = !append.write(diff, keys_to_skip);
   traced.end(append.bytes());
-  key_file.close();  // some file systems tell only now
+  key_file.close();  // some file systems report errors only now
   val_file.close();
   if (!CACHE_EXPECT_AT(1, !fbuffer_corrupted && key_file.good() && val_file.good(), 1126)) {
     remove_unstored_files();

@@ -12,7 +12,7 @@ std::uint64_t hash_of(const util::RoBuffer& key) {
   return ::util::Hash64(reinterpret_cast<const char*>(key.get_buffer()), key.get_size());
 }
 
-// The upper half of the product: spreads the hashes over any number of slots.
+// The upper half of the product distributes hashes over any number of slots.
 std::size_t scaled(std::uint64_t hash, std::size_t slots) {
   __extension__ using Wide = unsigned __int128;
   return static_cast<std::size_t>((static_cast<Wide>(hash) * slots) >> 64);
@@ -20,7 +20,7 @@ std::size_t scaled(std::uint64_t hash, std::size_t slots) {
 
 }  // namespace
 
-// Two slots in three are taken.
+// Two thirds of the slots are used.
 LoadedIndex::LoadedIndex(const EntryMap& map) : slots_(map.size() + map.size() / 2 + 1) {
   for (const auto& [key, value] : map) {
     const std::uint64_t hash = hash_of(key);

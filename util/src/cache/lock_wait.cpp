@@ -32,7 +32,7 @@ void LockWait::pause(const std::function<pid_t()>& holder) {
   }
   const Duration pause = std::clamp(waited / 8, kShortestPause, kLongestPause);
   const timespec time{0, std::chrono::nanoseconds(pause).count()};
-  nanosleep(&time, nullptr);  // a signal only makes the next attempt come sooner
+  nanosleep(&time, nullptr);  // a signal only brings the next attempt forward
 }
 
 void LockWait::log(Duration waited, pid_t holder) const {
@@ -51,7 +51,7 @@ pid_t flock_holder(const descriptor::FileId& file) {
   if (locks == nullptr) {
     return 0;
   }
-  // "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF"; a waiter has "->" after the colon.
+  // "1: FLOCK  ADVISORY  WRITE 1234 08:01:5678 0 EOF"; a waiter's line has "->" after the colon.
   char line[256];
   while (std::fgets(line, sizeof(line), locks.get()) != nullptr) {
     int pid = 0;

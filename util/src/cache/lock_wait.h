@@ -14,23 +14,22 @@
 namespace quorvane {
 namespace cache {
 
-// One wait: its pauses between attempts, and the records that tell of it. Attempts and
-// pauses, and no call that blocks: only so the waiting thread can log, without a thread
-// or a signal of the library's in a process that isn't its own.
-// Thread-safety: the waiting thread alone.
+// One wait: the pauses between its attempts, and the records that report it. The wait is
+// polled because a thread in a blocking call can't log, and a library should add neither
+// threads nor signals to its host process.
+// Thread-safety: only the waiting thread uses it.
 class LockWait {
  public:
   using Duration = std::chrono::steady_clock::duration;
 
-  // `path`, of the lock file, must outlive the wait.
+  // `path` is the lock file's and must outlive the wait.
   explicit LockWait(const std::string& path, Duration first = std::chrono::seconds(5),
                     Duration interval = std::chrono::minutes(1))
       : path_(path), due_(first), interval_(interval) {}
 
-  // After an attempt that failed: sleeps for an eighth of the time waited so
-  // far, 10 ms at most. When that time reaches `first`, and then once every `interval`,
-  // logs one WARN record with the lock file and the process that `holder` names, unless
-  // that is 0.
+  // Call it after a failed attempt. Sleeps for an eighth of the time waited so far, 10 ms at
+  // most. Logs a WARN record when that time reaches `first`, and then once every `interval`.
+  // The record names the lock file and, unless it is 0, the process that `holder` returns.
   void pause(const std::function<pid_t()>& holder);
 
  private:
@@ -42,8 +41,8 @@ class LockWait {
   std::optional<std::chrono::steady_clock::time_point> start_;
 };
 
-// The process that holds a flock on the file, as /proc/locks lists it; 0 when it
-// doesn't.
+// The process that holds a flock on the file, according to /proc/locks; 0 if it lists
+// none.
 pid_t flock_holder(const descriptor::FileId& file);
 
 }  // namespace cache

@@ -16,8 +16,8 @@ bool is_empty_file(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && status.st_size == 0;
 }
 
-// A lazy store whose files are there, if they can be made: it loads nothing
-// without them. Half a pair is left alone; the load will tell of it.
+// Creates the files of a lazy store, without which it doesn't load. If only one of them
+// exists, leaves it alone: the load reports that.
 std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
                                               const std::shared_ptr<StoreFLock>& lock,
                                               CleanupController* controller) {
@@ -26,8 +26,8 @@ std::unique_ptr<Store> make_lazy_lookup_store(const std::string& name,
     return store;
   }
   if (!is_empty_file(get_store_file_path(lock_file_name(name)))) {
-    // Another process is creating the pair, or was killed at it. To take the lock is to
-    // wait for the one and to undo the other.
+    // Another process is creating the pair, or was killed while it did. Taking the lock
+    // waits for the former and undoes the latter.
     lock->lock();
     lock->unlock();
   }

@@ -28,7 +28,7 @@ NotedChange::NotedChange(StoreFLock* lock, std::initializer_list<const std::stri
 
 NotedChange::~NotedChange() {
   if (may_begin_ && !ended_ && note_.undo() != AppendNote::Undone::failed) {
-    end();  // else the note stays, for the next process
+    end();  // otherwise the note stays for the next process
   }
 }
 

@@ -1,4 +1,4 @@
-// One change of a store's files that is undone unless it ends.
+// A change to a store's files that is undone unless it completes.
 #ifndef QUORVANE_SRC_CACHE_NOTED_CHANGE_H_
 #define QUORVANE_SRC_CACHE_NOTED_CHANGE_H_
 
@@ -12,34 +12,34 @@ namespace cache {
 
 class StoreFLock;
 
-// Made before the change, with the store lock in hand. Where that is a lock on a file, a
-// note in the file tells the next process that takes the lock what a killed one left
-// unfinished. Without end() (an exception is under way, say) the destructor undoes the
-// change itself.
+// Construct it before the change, while holding the store lock. If that is a lock file, a
+// note in it tells the next process how to undo the change, should this one be killed.
+// Without a call of end(), for example when an exception is thrown, the destructor undoes
+// the change.
 class NotedChange {
  public:
-  // `lock` is null where the store has a lock of another kind. Throws std::bad_alloc,
-  // having changed nothing.
+  // `lock` is null when the store has a lock of another kind. May throw std::bad_alloc, and
+  // then has changed nothing.
   NotedChange(StoreFLock* lock, std::initializer_list<const std::string*> paths);
   ~NotedChange();
   NotedChange(const NotedChange&) = delete;
   NotedChange& operator=(const NotedChange&) = delete;
 
-  // False when the lock file holds an older note that can't be cleared: the next process
-  // would undo this change as well.
+  // False when the lock file holds an older note that can't be cleared. The next process
+  // would act on it and undo this change too.
   bool may_begin() const { return may_begin_; }
 
-  // Creates the files that are missing, empty: what is to be undone has to be known by
-  // its inode before it holds anything.
+  // Creates the missing files, empty: the note must have a file's inode before the file
+  // holds anything.
   void create_missing();
 
-  // After the files were opened: notes those that only then came into being.
+  // Call it once the files are open. Notes the files that were created only then.
   void identify_created();
 
-  // Puts the files back.
+  // Restores the files.
   void undo() const { note_.undo(); }
 
-  // The files are as they are meant to be, whether the change succeeded or failed.
+  // Ends the change: from now on nothing is undone, whether it succeeded or failed.
   void end();
 
  private:

@@ -7,7 +7,7 @@ namespace cache {
 
 const Module g_module("util/src/cache");
 
-// Out of line, so that each class has its one vtable in this library.
+// Out of line, so that the vtables are in this library only.
 Store::Lock::~Lock() = default;
 Store::~Store() = default;
 CleanableResource::~CleanableResource() = default;

@@ -37,7 +37,7 @@ void write_buffer(std::ostream& file, const util::RwBuffer& buffer) {
 }
 
 void remove_unstored(const std::string& path) {
-  if (std::remove(path.c_str()) == 0) {
+  if (std::remove(path.c_str()) == 0) {  // Kept: docs/compatibility.md
     QV_LOG(g_module, WARN, "Error removing file %s: %s\n", path.c_str(), std::strerror(errno));
   }
 }

@@ -31,15 +31,15 @@ namespace {
 
 constexpr mode_t kMode = 0666;
 
-// Marks a generation whose first caller is just opening the lock file for it.
+// Marks the generation of a child whose first caller is reopening the lock file.
 constexpr std::uint64_t kReopening = std::uint64_t{1} << 63;
 
-// Larger than any note: a lock file that holds more makes no sense.
+// Larger than any note. A larger lock file holds no note.
 constexpr std::size_t kLargestNote = 4096;
 constexpr std::size_t kNoteHeaderSize = 16;
 
-// Locking a file requires no write permission, which a child may have lost with its
-// user.
+// Falls back to read-only: flock needs no write permission, and a child that changed its
+// user may have none.
 int open_to_lock(const char* path, int flags) {
   const int fd = descriptor::open_off_standard(path, O_RDWR | O_CLOEXEC | flags, kMode);
   return fd < 0 && errno == EACCES
@@ -47,27 +47,27 @@ int open_to_lock(const char* path, int flags) {
              : fd;
 }
 
-// Whether a lock's file is that of a store as well: of a cache whose name is "lock_NAME".
+// Whether the lock file is also the store file of a cache named "lock_NAME".
 bool is_store_file(std::string_view content) {
   std::uint32_t magic = 0;
   content.copy(reinterpret_cast<char*>(&magic), sizeof(magic));
   return magic == QV_CACHE_STORE_MAGIC_NUMBER;
 }
 
-// Of an attempt to open the lock file: whether there can be no file of this name.
+// After a failed open of the lock file: whether its directory is gone.
 bool has_no_place() { return errno == ENOENT || errno == ENOTDIR; }
 
-// Its address names a thread.
+// The address of its copy identifies a thread.
 thread_local char t_identity;
 
 }  // namespace
 
-// All locks of the process, for a child to leave.
+// All locks of the process. A child replaces the descriptors that it inherits.
 struct StoreFLock::InProcess {
   static constinit inline std::mutex mutex;
   static constinit inline StoreFLock* first = nullptr;
 
-  // This and the next with the mutex held.
+  // The caller of add and remove holds the mutex.
   static void add(StoreFLock& lock) {
     lock.next_ = first;
     if (first != nullptr) {
@@ -83,9 +83,10 @@ struct StoreFLock::InProcess {
     }
   }
 
-  // Not at a lock's first use: until then the child would keep the lock of a parent
-  // that is killed, and everybody else would wait for the child.
-  static void leave_parents_locks() {  // the list is whole: the fork held its mutex
+  // At the fork, not at a lock's first use: until that, the child would keep the lock of a
+  // parent that is killed, and everybody else would wait for the child. The list is
+  // consistent, since the fork held its mutex.
+  static void leave_parents_locks() {
     for (StoreFLock* lock = first; lock != nullptr; lock = lock->next_) {
       lock->leave_parents_lock();
     }
@@ -139,17 +140,17 @@ bool StoreFLock::is_valid() const { return fd_ >= 0; }
 
 // --- the lock ---
 
-// Nobody looks at the descriptor before it is the process's own: it may just be
-// getting another number.
+// The descriptor is read only after leave_parents_lock: in a child, another thread may be
+// replacing it.
 void StoreFLock::lock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  const Uncancellable uncancellable;  // a turn that is taken would never be given back
+  const Uncancellable uncancellable;  // a cancelled thread would never release its turn
   const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
   take_turn(wait);
   lock_file(wait);
-  if (!is_nested) {  // else the note is that of an append under way
+  if (!is_nested) {  // otherwise this thread's own append wrote the note
     undo_unfinished_append();
   }
 }
@@ -157,13 +158,13 @@ void StoreFLock::lock() {
 void StoreFLock::unlock() {
   leave_parents_lock();
   CACHE_ASSERT(fd_ >= 0);
-  if (is_open_on_own_file()) {  // otherwise the lock was released when the program closed it
+  if (is_open_on_own_file()) {  // otherwise the program closed it, which released the lock
     call_flock(LOCK_UN);
   }
-  owner_.store(nullptr);  // whoever took it: the file is free now
+  owner_.store(nullptr);  // also when another thread locked it: the file is free now
 }
 
-// flock sees one lock per open file; the threads that share it exclude each other here.
+// flock doesn't tell threads apart that share a descriptor, so they take turns.
 void StoreFLock::take_turn(LockWait& wait) {
   const void* owner = nullptr;
   while (!owner_.compare_exchange_strong(owner, &t_identity) && owner != &t_identity) {
@@ -181,12 +182,12 @@ void StoreFLock::lock_file(LockWait& wait) {
     while (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
       wait.pause([this] { return flock_holder({device_, inode_}); });
     }
-    call_flock(LOCK_EX);  // held already, unless the attempt failed otherwise
+    call_flock(LOCK_EX);  // a no-op, unless the attempt failed for another reason
   } while (is_replaced() && (take_file_at_path() || must_try_again(wait)));
 }
 
-// After a new lock file could not be opened. Where there can be none, the old one is as
-// good; else others may hold the new one.
+// Called when a new lock file could not be opened. If its directory is gone, the old file
+// will do. Otherwise others may hold the new one.
 bool StoreFLock::must_try_again(LockWait& wait) {
   if (has_no_place()) {
     return false;
@@ -205,13 +206,14 @@ void StoreFLock::call_flock(int operation) {
 
 // --- the file ---
 
-// Whether the number is still that of the lock file: the program may have closed all
-// descriptors and opened files of its own.
+// Whether fd_ still refers to the lock file. The program may have closed all descriptors and
+// opened files of its own under the same numbers.
 bool StoreFLock::is_open_on_own_file() const {
   return descriptor::is_open_on(fd_, {device_, inode_});
 }
 
-// A child that shared the descriptor would keep the lock of a parent that is killed.
+// Opens a descriptor that no child shares: a child would keep the lock after this process
+// is killed.
 template <typename Open>
 bool StoreFLock::open_own(const Open& open) {
   return fork_guard::open_unshared(InProcess::mutex, open, [this](int fd) { keep(fd); });
@@ -232,7 +234,7 @@ bool StoreFLock::open_at_path() {
 
 bool StoreFLock::ensure_open() { return is_open_on_own_file() || open_at_path(); }
 
-// Whether the name leads to another file than the one that is locked, or to none.
+// Whether the path names another file than the locked one, or none.
 bool StoreFLock::is_replaced() const {
   struct stat status;
   if (stat(path_.c_str(), &status) != 0) {
@@ -241,7 +243,8 @@ bool StoreFLock::is_replaced() const {
   return status.st_dev != device_ || status.st_ino != inode_;
 }
 
-// False, with the old file still open, when the one of this name can't be opened.
+// Switches to the file that the path names now. If that can't be opened, keeps the old one
+// and returns false.
 bool StoreFLock::take_file_at_path() {
   return fork_guard::open_unshared(
       InProcess::mutex, [this] { return open_to_lock(path_.c_str(), O_CREAT); },
@@ -254,8 +257,8 @@ bool StoreFLock::take_file_at_path() {
       });
 }
 
-// Called before each sequence. True when a lock that was open once can no longer be
-// opened: a child may have lost its root directory or its permissions.
+// Called before each load and store. True when a lock that was open can't be opened again:
+// a child may have lost its root directory or its permissions.
 bool StoreFLock::is_lost() {
   leave_parents_lock();
   if (!was_open()) {
@@ -279,9 +282,9 @@ bool StoreFLock::is_lost() {
 
 // --- in a child ---
 
-// An inherited descriptor shares its parent's lock: it would exclude nothing, and
-// unlocking it would drop the parent's. Usually the fork handler calls this; in a child
-// that was made by a raw clone, the first caller, and others wait for it.
+// A child's inherited descriptor shares its parent's lock: locking it excludes nobody, and
+// unlocking it releases the parent's lock. Usually the fork handler calls this. In a child
+// of a raw clone the first caller does the work, and other threads wait for it.
 void StoreFLock::leave_parents_lock() {
   const std::uint64_t own = process_generation();
   std::uint64_t seen = generation_.load();
@@ -302,7 +305,7 @@ void StoreFLock::leave_parents_lock() {
   }
 }
 
-// Allocates nothing. A file that can't be opened now is tried again at the first use.
+// Allocates nothing. If the file can't be opened now, its first use tries again.
 void StoreFLock::reopen_in_child() {
   if (!is_open_on_own_file()) {
     return;
@@ -312,14 +315,14 @@ void StoreFLock::reopen_in_child() {
   std::snprintf(self.data(), self.size(), "/proc/self/fd/%d", inherited);
   const bool is_open = open_own([&self] { return open_to_lock(self.data(), 0); });
   close(inherited);
-  if (!is_open) {  // no /proc, or no descriptor to spare until now
+  if (!is_open) {  // no /proc, or no free descriptor until `inherited` was closed
     open_at_path();
   }
 }
 
 // --- the note of an append ---
 
-// With the lock in hand: nobody else is in the middle of an append.
+// The caller holds the lock, so nobody is in the middle of an append.
 void StoreFLock::undo_unfinished_append() try {
   note_stays_ = false;
   holds_store_ = false;
@@ -338,7 +341,7 @@ void StoreFLock::undo_unfinished_append() try {
     QV_LOG(g_module, WARN, "Undid an append to %s that was cut short", paths.c_str());
   } else if (undone == AppendNote::Undone::failed) {
     QV_LOG(g_module, WARN, "Couldn't undo an append to %s that was cut short", paths.c_str());
-    note_stays_ = true;  // for a process that can
+    note_stays_ = true;  // for a process that can undo it
     return;
   }
   note_stays_ = !clear_note() && note;
@@ -346,9 +349,9 @@ void StoreFLock::undo_unfinished_append() try {
   note_stays_ = true;
 }
 
-// False when the lock file holds an old note that can't be cleared: because of it the
-// next process would undo what is now appended. A note that can't be written (the disk is full,
-// say) is no reason not to append.
+// False when the lock file holds an old note that can't be cleared: the next process would
+// act on it and undo this append too. A note that can't be written, say on a full disk, does
+// not stop the append.
 bool StoreFLock::put_note(std::string_view bytes) {
   if (note_stays_) {
     return false;
@@ -360,8 +363,8 @@ bool StoreFLock::put_note(std::string_view bytes) {
   return true;
 }
 
-// Where the file can't be cut, the note is overwritten: no note is to undo an append
-// that has ended.
+// Overwrites the note where the file can't be truncated: a note must not outlive its
+// append.
 bool StoreFLock::clear_note() {
   constexpr std::array<char, kNoteHeaderSize> kNoNote{};
   return holds_store_ ||

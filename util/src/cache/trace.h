@@ -1,4 +1,4 @@
-// What the stores report to the product's tracer, when the process has one.
+// What stores report to the product's tracer, if the process has one.
 #ifndef QUORVANE_SRC_CACHE_TRACE_H_
 #define QUORVANE_SRC_CACHE_TRACE_H_
 
@@ -9,8 +9,8 @@
 namespace quorvane {
 namespace cache {
 
-// One operation of a store: its start on construction, its end, with the bytes
-// that it went through, on end().
+// One operation of a store. The constructor reports its start; end() reports its end with
+// the number of bytes that it read or wrote.
 class Trace {
  public:
   Trace(const void* store, trace::Operation operation) : store_(store), operation_(operation) {
