@@ -305,6 +305,17 @@ TEST(CompatibilityPage, NamesTestsThatExist) {
   EXPECT_GT(quotations, 50);
 }
 
+TEST(ArchitecturePage, NamesEveryPublicHeaderAndOnlySourcesThatExist) {
+  const std::string page = test::read_file(QV_SOURCE_DIR "/docs/architecture.md");
+  for (const fs::path& header : sources_below(kHeaders)) {
+    EXPECT_THAT(page, testing::HasSubstr("`" + header.filename().string() + "`"));
+  }
+  static const std::regex source(R"re(`((src|buffer_pool)/[\w/]+\.(cpp|h))`)re");
+  for (std::sregex_iterator it(page.begin(), page.end(), source), end; it != end; ++it) {
+    EXPECT_TRUE(fs::exists(kUtil / (*it)[1].str())) << (*it)[1];
+  }
+}
+
 // --------------------------------------------------------------------- version
 
 std::string version() {
