@@ -1,12 +1,24 @@
 /// \file
 /// Fault checks, and a stack trace when the process takes a segmentation fault.
 ///
-/// A check has a severity; lower is more serious. A failed expectation is logged
-/// at ERROR when its severity is at most the module's fault_log_level (2 unless
-/// changed) and aborts when it is at most the module's fault_abort_level (0). A
-/// failed assertion is always logged and always aborts.
+/// A check has a severity; lower is more serious. A failed expectation is logged at ERROR
+/// when its severity is at most the module's fault_log_level (2 by default), and aborts
+/// when it is at most the module's fault_abort_level (0 by default). A failed assertion
+/// is always logged, whatever the module's level, and always aborts.
 ///
-/// Thread-safety: checks keep no state. Fork-safety: safe in a child.
+/// Negative numbers mean different things to the two kinds of expectation:
+/// - qv_fault_expect compares without a sign. A negative fault_log_level or
+///   fault_abort_level becomes a number of 2^31 or more, above any usual severity: every
+///   failed check is logged, or aborts. A severity of -1 becomes the least serious one. A
+///   failed check is logged unless the module is at OFF, so also at a negative level.
+/// - The C++ macros compare with the sign. A negative fault_log_level or
+///   fault_abort_level is below severity 0: no check of severity 0 or more is logged, or
+///   aborts. A negative severity is more serious than 0. A failed check is logged only if
+///   the module is above OFF, so not at a negative level.
+///
+/// Thread-safety: any thread; checks keep no state. Fork-safety: safe in a child. Signal
+/// handlers: a check that holds does nothing; one that fails must not run there, since it
+/// logs.
 #ifndef QUORVANE_FAULT_H_
 #define QUORVANE_FAULT_H_
 
@@ -19,14 +31,17 @@ extern "C" {
 #include <stdbool.h>
 #endif
 
-/** Returns `condition`. When it is false, logs the printf-style message through
- * `module` and aborts as the module's thresholds say; a module at OFF logs
- * nothing but aborts all the same. */
+/** Returns `condition`. When it is false, logs the printf-style message at ERROR through
+ * `module` and aborts, as the module's thresholds say. A module at OFF logs nothing but
+ * aborts all the same. The comparisons are unsigned: a negative threshold of the module
+ * logs every failed check, or aborts at it. `module` and `format` must not be null. */
 QV_EXPORT bool qv_fault_expect(void* module, unsigned severity, bool condition, const char* format,
                                ...) __attribute__((format(printf, 4, 5)));
 
-/** Makes SIGSEGV print "Error: signal 11:" and up to 64 stack frames on standard
- * error and abort. Call it once, from any thread. */
+/** Makes SIGSEGV print "Error: signal 11:" and up to 64 stack frames on standard error,
+ * and abort. Replaces the handler of SIGSEGV that the program has; children inherit it.
+ * The handler runs on the stack of the failing thread, so an overflow of that stack is
+ * not reported. Call this once, from any thread, not in a signal handler. */
 QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 
 #ifdef __cplusplus
@@ -37,35 +52,37 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 #include <quorvane/module.h>
 
 /// QV_FAULT_EXPECT_AS(module, severity, condition, text, source, line): true when the
-/// condition holds; otherwise reports it as a failed expectation and is false.
-/// The record quotes `text`, `source` and `line`. `module` is a
-/// quorvane::module::Module* or a quorvane::Module.
+/// condition holds; otherwise it reports a failed expectation and is false. The condition
+/// is evaluated once. The record quotes the C strings `text` and `source`, and `line`.
+/// `module` is a quorvane::module::Module* or a quorvane::Module. The comparisons are
+/// signed: with a negative threshold of the module, severities from 0 on are not logged,
+/// or don't abort.
 #define QV_FAULT_EXPECT_AS(module, severity, condition, text, source, line)                      \
   (static_cast<bool>(condition) ||                                                               \
    (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, text, source, \
                                           line),                                                 \
     false))
 
-/// The same for a record that quotes the condition as it is written.
+/// QV_FAULT_EXPECT_AS with a record that quotes the condition as it is written.
 #define QV_FAULT_EXPECT_AT(module, severity, condition, source, line) \
   QV_FAULT_EXPECT_AS(module, severity, condition, #condition, source, line)
 
-/// The same at the line of the check itself.
+/// QV_FAULT_EXPECT_AT with the line of the check itself.
 #define QV_FAULT_EXPECT(module, severity, condition, source) \
   QV_FAULT_EXPECT_AS(module, severity, condition, #condition, source, __LINE__)
 
-/// QV_FAULT_ASSERT_AS(module, condition, text, source, line): logs and aborts unless
-/// the condition holds.
+/// QV_FAULT_ASSERT_AS(module, condition, text, source, line): logs at ERROR, whatever the
+/// module's level, and aborts unless the condition holds.
 #define QV_FAULT_ASSERT_AS(module, condition, text, source, line) \
   (static_cast<bool>(condition)                                   \
        ? static_cast<void>(0)                                     \
        : ::quorvane::fault::assertion_failed(qv_log_module_pointer(module), text, source, line))
 
-/// The same for a record that quotes the condition as it is written.
+/// QV_FAULT_ASSERT_AS with a record that quotes the condition as it is written.
 #define QV_FAULT_ASSERT_AT(module, condition, source, line) \
   QV_FAULT_ASSERT_AS(module, condition, #condition, source, line)
 
-/// The same at the line of the check itself.
+/// QV_FAULT_ASSERT_AT with the line of the check itself.
 #define QV_FAULT_ASSERT(module, condition, source) \
   QV_FAULT_ASSERT_AS(module, condition, #condition, source, __LINE__)
 
@@ -74,12 +91,11 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 namespace quorvane {
 namespace fault {
 
-/// What QV_FAULT_EXPECT calls for a condition that doesn't hold. Always returns
-/// false.
+/// What QV_FAULT_EXPECT calls when its condition is false. Always returns false.
 QV_EXPORT bool expectation_failed(void* module, int severity, const char* condition,
                                   const char* source, int line);
 
-/// What QV_FAULT_ASSERT calls for a condition that doesn't hold.
+/// What QV_FAULT_ASSERT calls when its condition is false.
 [[noreturn]] QV_EXPORT void assertion_failed(void* module, const char* condition,
                                              const char* source, int line);
 

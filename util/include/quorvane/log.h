@@ -2,8 +2,9 @@
 /// Log levels, one-line log records and the process-wide outlet that receives them.
 ///
 /// Thread-safety: any thread may log at any time; a record is one write(2) per
-/// descriptor, so records of threads and processes never mix within a line.
-/// Fork-safety: a child may log at once; its records carry its own ids.
+/// descriptor, so records of different threads and processes never mix within a line.
+/// Fork-safety: a child may log at once; its records carry its own ids. Not in signal
+/// handlers.
 #ifndef QUORVANE_LOG_H_
 #define QUORVANE_LOG_H_
 
@@ -15,8 +16,9 @@
 extern "C" {
 #endif
 
-/** A higher number says more. TRACE sorts below DEBUG. In C++ the type is fixed,
- * so that a value outside the table is a value and no undefined behaviour. */
+/** The levels. A module at a higher number logs more. TRACE is below DEBUG. In C++ the
+ * underlying type is fixed, so that a value outside the table isn't undefined behaviour. */
+// Kept: docs/compatibility.md
 #ifdef __cplusplus
 typedef enum qv_log_level_t : int {
 #else
@@ -31,17 +33,22 @@ typedef enum qv_log_level_t {
   QV_LOG_LEVEL_ALL = 6,
 } qv_log_level_t;
 
-/** Writes one record of `level` with the printf-style message to the outlet of
- * `module` (a module as qv_module_create or qv_module_find gives it), without
- * asking the module's level: that is the caller's part, and QV_LOG plays it.
- * A record is at most 4096 bytes; a longer message is cut, and so is one that can't be
- * formatted any further (a %ls without a conversion, say). `reserved` is 0.
- * Failed writes are dropped. Keeps errno. Any thread; safe after fork; not in
- * a signal handler (the message goes through vsnprintf). */
+/** Writes one record of `level` with the printf-style message to the outlet of `module`,
+ * which qv_module_create or qv_module_find returned. Doesn't look at the module's level:
+ * the caller does, usually with QV_LOG. `module` and `format` must not be null;
+ * `reserved` is 0.
+ *
+ * A record goes to the outlet's `fd`, and at the levels ERROR and OFF to its `error_fd`
+ * too. Descriptor 0 counts as none; any other one is written to, also -1, where the
+ * write fails. A failed write drops the record there, and a short one isn't continued; a
+ * write that a signal interrupts is repeated. A record is at most 4096 bytes: a longer
+ * message is cut, and so is one at the point where it can't be formatted (a %ls that has
+ * no conversion, say). Keeps errno. Any thread; safe in a child of fork; not in a signal
+ * handler (the message goes through vsnprintf). */
 QV_EXPORT void qv_log_do(void* module, qv_log_level_t level, unsigned long reserved,
                          const char* format, ...) __attribute__((format(printf, 4, 5)));
 
-/** qv_log_do for an argument list. */
+/** qv_log_do with an argument list. */
 QV_EXPORT void qv_logv_do(void* module, qv_log_level_t level, unsigned long reserved,
                           const char* format, va_list args) __attribute__((format(printf, 4, 0)));
 
@@ -49,12 +56,12 @@ QV_EXPORT void qv_logv_do(void* module, qv_log_level_t level, unsigned long rese
 }  // extern "C"
 #endif
 
-/** The level that a module stands at: its first field. */
+/** The level of a module, which must not be null: its first field. */
 static inline int qv_log_module_level(const void* module) {
   return (int)*(const qv_log_level_t*)module;
 }
 
-/** \cond what QV_LOG takes for a module */
+/** \cond what QV_LOG accepts as a module */
 #ifdef __cplusplus
 static inline void* qv_log_module_pointer(void* module) { return module; }
 #else
@@ -62,9 +69,9 @@ static inline void* qv_log_module_pointer(void* module) { return module; }
 #endif
 /** \endcond */
 
-/** QV_LOG(module, LEVEL, format, ...): logs when `module` stands at LEVEL or
- * above; otherwise costs one load and one compare, and evaluates no argument.
- * LEVEL is one of OFF ... ALL, alone or with its prefix QV_LOG_LEVEL_. In C++
+/** QV_LOG(module, LEVEL, format, ...): logs when the level of `module` is LEVEL or
+ * above; otherwise costs one load and one comparison, and evaluates no argument after
+ * LEVEL. LEVEL is one of OFF ... ALL, with or without its prefix QV_LOG_LEVEL_. In C++
  * `module` may also be a quorvane::Module. */
 #define QV_LOG(module, LEVEL, ...)                                     \
   do {                                                                 \
@@ -90,11 +97,16 @@ static inline void* qv_log_module_pointer(void* module) { return module; }
 namespace quorvane {
 namespace logging {
 
-/// Where records go. Set up once per process; only read afterwards.
+/// Where records go.
+///
+/// A descriptor of 0 or -1 means none: 0 is skipped, so that a file which a program has
+/// opened as descriptor 0 gets no record, and a write to -1 is tried and fails.
+/// Thread-safety: set up once per process; only read afterwards. Fork-safety: a child
+/// logs through its copy, to the same files.
 struct LoggingModuleData {
-  int fd;                ///< the log file; -1: none
-  int error_fd;          ///< also receives ERROR and OFF records; -1: none
-  qv_log_level_t level;  ///< what a new module starts at
+  int fd;                ///< the log file; 0 or -1: none
+  int error_fd;          ///< receives ERROR and OFF records as well; 0 or -1: none
+  qv_log_level_t level;  ///< the level of a new module
 };
 
 ///@{ The names of the environment variables that choose the log file and level.
@@ -103,31 +115,32 @@ QV_EXPORT extern const char* QV_LOG_FILE_GLOBAL_ENV;  // "QV_LOG_FILE_Global"
 QV_EXPORT extern const char* QV_LOG_LEVEL_ENV;        // "QV_LOG_LEVEL"
 ///@}
 
-/// The one outlet of the process: fd -1, error_fd -1 and level ERROR until
-/// get_singleton_outlet() has run.
+/// The only outlet of the process: fd -1, error_fd -1 and level ERROR until
+/// get_singleton_outlet() has run, which happens when the library is loaded.
 QV_EXPORT extern LoggingModuleData g_singleton_outlet;
 
-/// The level's name, "UNKNOWN" outside OFF ... ALL. The string lives for ever.
+/// The level's name; "UNKNOWN" outside OFF ... ALL. The string lives for ever. Any thread.
 QV_EXPORT const std::string& level_to_string(qv_log_level_t level);
 
-/// Finds the level of exactly this name ("WARN", not "warn"). On a match stores
-/// it in `out` and returns true; otherwise leaves `out` alone and returns false.
-/// Throws std::logic_error when `text` is null.
+/// Finds the level of exactly this name ("WARN", not "warn"). Stores it in `out` and
+/// returns true; without such a level leaves `out` alone and returns false. Throws
+/// std::logic_error when `text` is null. Any thread.
 QV_EXPORT bool parse_level_string(const char* text, qv_log_level_t& out);
 
-/// Formats one record and writes it to `outlet`. See qv_log_do.
+/// Formats one record and writes it to `outlet`, as qv_log_do does to a module's.
 QV_EXPORT void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const char* format,
                        va_list args) __attribute__((format(printf, 3, 0)));
 
-/// The log file that the environment asks for: QV_LOG_FILE, else
-/// QV_LOG_FILE_Global, else $HOME/.quorvane/qv_Global.HOST.log, else "". Always ""
-/// in a set-user-id program, whose environment is its caller's choice
-/// (secure_getenv(3)). Directories are not created.
+/// The log file that the environment names: QV_LOG_FILE, else QV_LOG_FILE_Global, else
+/// $HOME/.quorvane/qv_Global.HOST.log, else "". An empty variable counts as unset, and a
+/// host name of more than 63 bytes as none. Always "" in a set-user-id program, whose
+/// environment its caller chooses (secure_getenv(3)). Creates no directory. Any thread,
+/// as long as none changes the environment meanwhile.
 QV_EXPORT std::string get_default_log_path();
 
-/// Sets the outlet up from the environment on the first call (any thread) and
-/// returns it. A log file that can't be opened gives one line on standard error. Its
-/// descriptor is never 0, 1 or 2, also where these are closed.
+/// Returns the outlet, which the first call sets up from the environment. A log file that
+/// can't be opened gives one line on standard error. Its descriptor survives an exec and
+/// is never 0, 1 or 2, even where these are closed. Any thread; safe in a child of fork.
 QV_EXPORT LoggingModuleData* get_singleton_outlet();
 
 }  // namespace logging
