@@ -1,15 +1,14 @@
 /// \file
 /// Log modules and the registry that finds them by path.
 ///
-/// A module carries a component's level and its fault thresholds. Components
-/// declare one as a static quorvane::Module; a second declaration of the same
-/// path gives the same module.
+/// A module carries a component's log level and fault thresholds. Components declare it
+/// as a static quorvane::Module; a second declaration of the same path gives the same
+/// module.
 ///
-/// Thread-safety: creating, finding and committing are safe from any thread; two
-/// threads that commit the same path at the same time end the process. Routing
-/// touches only the caller's own module.
-/// Fork-safety: a child may use everything here, whatever its parent's other
-/// threads did at the fork.
+/// Thread-safety: any thread may create, find and commit; the second of two threads that
+/// commit the same path aborts. Routing changes only the caller's own module.
+/// Fork-safety: a child may use everything here, whatever other threads of its parent did
+/// at the fork. Signal handlers: qv_module_find only.
 #ifndef QUORVANE_MODULE_H_
 #define QUORVANE_MODULE_H_
 
@@ -17,27 +16,46 @@
 #include <quorvane/log.h>
 
 #ifdef __cplusplus
-extern "C" {
+namespace quorvane {
+namespace module {
+struct Module;
+}
+}  // namespace quorvane
 #endif
 
-/** A new module at the outlet's level, without routes and not yet registered.
- * The caller owns it until qv_module_commit. Null without memory. */
+/** A module: opaque in C, quorvane::module::Module in C++. The functions below take and
+ * return a module as void*. A qv_module_t* converts to that; the way back needs a
+ * static_cast in C++ only. Use this type for variables and for new functions, so that the
+ * compiler refuses a pointer to anything else. */
+#ifdef __cplusplus
+typedef quorvane::module::Module qv_module_t;
+extern "C" {
+#else
+typedef struct qv_module qv_module_t;
+#endif
+
+/** A new module at the outlet's level, without routes and not yet registered. The caller
+ * owns it until qv_module_commit. Null without memory. */
 QV_EXPORT void* qv_module_create(void);
 
-/** Adds a route, components separated by "/". A leading "/" or an empty
- * component is malformed: the route is not added, and the library's internal
- * module logs a WARN record, as it does without memory. A trailing "/" and the
- * empty path are fine. A null path or module is ignored. */
+/** Adds the route `path`, which it copies: components separated by "/". A path with a
+ * leading "/" or an empty component in the middle is malformed. A trailing "/" and the
+ * empty path are well-formed. A malformed path isn't added, nor one for which there is no
+ * memory; the library's internal module then logs a WARN record. Null arguments are
+ * ignored. Only for a module that isn't committed yet, by its owner, one thread at a
+ * time. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
-/** Registers the module under each of its routes and takes it over. A route that
- * is already registered logs an ERROR record and aborts. A module without
- * routes is destroyed. Without memory the library's internal module logs a WARN
- * record, and the module stays as it is, for ever. A null module is ignored. */
+/** Registers the module under each of its routes and takes it over. A route that is
+ * already registered, or that the module has twice, logs an ERROR record through this
+ * module, whatever its level, and aborts. A module without routes is destroyed. Without
+ * memory the library's internal module logs a WARN record, and the module stays the
+ * caller's, unregistered. A null module is ignored. Any thread. */
 QV_EXPORT void qv_module_commit(void* module);
 
-/** The module registered under exactly this route, or null. Takes no lock and
- * allocates nothing. The registry keeps it until the process ends. */
+/** The module registered under exactly this route; null without one, and for a null
+ * path. Takes no lock and allocates nothing. The registry keeps the module until the
+ * process ends. Any thread. */
 QV_EXPORT void* qv_module_find(const char* path);
 
 #ifdef __cplusplus
@@ -56,40 +74,52 @@ QV_EXPORT void* qv_module_find(const char* path);
 namespace quorvane {
 namespace module {
 
-/// The module record. Written by its owner before it is committed; afterwards
-/// only its level and thresholds may be written, by whoever coordinates readers.
+/// The record of a module.
+///
+/// Invariant: `routes` never changes once the module is committed.
+/// Thread-safety: before the commit only its owner uses it. Afterwards any thread reads
+/// it; whoever changes its level or thresholds must synchronise with the readers.
+/// Fork-safety: a child has its own copy.
 struct QV_EXPORT Module {
-  qv_log_level_t level;                ///< records above it are not emitted
-  std::int32_t fault_abort_level;      ///< a failed check of at most this severity aborts; 0
-  std::int32_t fault_log_level;        ///< a failed check of at most this severity is logged; 2
+  qv_log_level_t level;                ///< QV_LOG writes no record above it
+  std::int32_t fault_abort_level;      ///< failed checks up to this severity abort; initially 0
+  std::int32_t fault_log_level;        ///< failed checks up to it are logged; initially 2
   std::uint64_t reserved;              ///< 0
-  logging::LoggingModuleData* outlet;  ///< where its records go
+  logging::LoggingModuleData* outlet;  ///< where its records go; never null
   std::vector<std::string>* routes;    ///< null for the internal module
 
-  /// The library's own module: level INFO, never registered, lives for ever.
+  /// The library's own module: at INFO, whatever the environment says, never registered.
+  /// Lives for ever. Any thread.
   static Module* get_internal();
 };
 
-/// The registry: routes to modules. Find is lock-free; commits serialise.
+/// A registry, which maps routes to modules. The process has one of its own, behind the
+/// qv_module functions.
+///
+/// Invariant: a module is registered under all of its routes, or under none.
+/// Thread-safety: any thread may create, find and commit; a search takes no lock, and
+/// commits exclude each other. Fork-safety: a child may use its copy.
 class QV_EXPORT Lookup {
  public:
   /// `outlet` must outlive the registry and every module that it creates.
   explicit Lookup(logging::LoggingModuleData* outlet);
+  /// Destroys the modules that it has registered.
   ~Lookup();
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  /// See qv_module_create.
+  /// A new module, as qv_module_create makes it. Whoever destroys it uncommitted deletes
+  /// its `routes` as well. Throws std::bad_alloc without memory.
   std::unique_ptr<Module> create_module();
 
-  /// See qv_module_route.
+  /// Adds a route as qv_module_route does. Throws std::bad_alloc without memory.
   void add_route(Module& module, const std::string& path);
 
-  /// See qv_module_commit. Without memory it throws std::bad_alloc, and the module
-  /// stays the caller's.
+  /// Registers the module, which must not be null, as qv_module_commit does. Without
+  /// memory it throws std::bad_alloc, and the module stays the caller's.
   void commit(std::unique_ptr<Module>&& module);
 
-  /// See qv_module_find.
+  /// The module of this route, as qv_module_find returns it.
   Module* find(const std::string& path) const;
 
   // End of the public interface.
@@ -114,12 +144,18 @@ class QV_EXPORT Lookup {
 
 }  // namespace module
 
-/// A component's handle on its module; declare it as a static object.
+/// A component's handle to its module; declare it as a static object.
+///
+/// Invariant: it points to the same module for its whole life. It owns nothing: the module
+/// lives until the process ends.
+/// Thread-safety: any thread may construct and read handles. Fork-safety: a child may use
+/// its copy and make new ones.
 class QV_EXPORT Module {
  public:
-  /// Finds the module of this path, or creates, routes and commits it. A
-  /// malformed path gives a module of its own that nobody can find. Without memory
-  /// it is the library's internal module.
+  /// Finds the module of this path, or creates, routes and commits one. Two threads that
+  /// do the latter for one path at the same time may abort, as in qv_module_commit. A
+  /// malformed path gives a WARN record and a module of its own that nobody can find.
+  /// Without memory the handle is to the library's internal module.
   explicit Module(const char* path);
 
   ///@{ The module; never null.
