@@ -1,5 +1,8 @@
 /// \file
 /// Dumps of raw bytes for inspection, each into a numbered file of its own.
+///
+/// Thread-safety: any thread may dump at any time. Fork-safety: parent and child number
+/// their dumps alike after a fork; see BinaryDumper.
 #ifndef QUORVANE_BINARY_DUMPER_H_
 #define QUORVANE_BINARY_DUMPER_H_
 
@@ -13,33 +16,36 @@
 namespace quorvane {
 namespace util {
 
-/// Writes each dump to DIRECTORY/PREFIXnnnnSUFFIX, numbered from 0000, and logs
-/// it through the module "util/src/fatbin_parser"; a dump counts also when the
-/// module's level hides its record. Invariant: a number is given out once.
-/// Thread-safety: any thread may dump at any time. Fork-safety: a child goes on
-/// with the numbers of its parent, and so overwrites what its parent dumps from
-/// then on; give it a dumper of its own.
+/// Writes each dump to the file DIRECTORY/PREFIXnnnnSUFFIX, numbered from 0000, and logs
+/// it through the module "util/src/fatbin_parser". If the module's level hides the
+/// record, the dump is written all the same.
+///
+/// Invariant: no number is used twice, modulo 2^32.
+/// Thread-safety: any thread may dump at any time. Fork-safety: parent and child use the
+/// same numbers after a fork and so overwrite each other's dumps; give the child a dumper
+/// with another prefix or directory. Not in signal handlers.
 class QV_EXPORT BinaryDumper {
  public:
-  /// Copies its arguments. A null one takes its default: the name "(Unset)",
-  /// which only records show, the prefix "dump_", the suffix ".bin", and the
-  /// directory $TMPDIR (also when that is empty, but not in a set-user-id program)
-  /// or else "/tmp/". An empty string is taken as it is. `level` is that of all
-  /// records of this dumper. Without memory for the copies no dump finds a file that
-  /// it can open.
+  /// Copies its arguments. A null argument takes its default: the name "(Unset)", which
+  /// appears in records only, the prefix "dump_", the suffix ".bin", and the directory
+  /// $TMPDIR, or "/tmp/" when that is unset or the program is set-user-id. An empty
+  /// string, also in $TMPDIR, is used as it is. `level` is the level of all records of
+  /// this dumper. If there is no memory for the copies, every dump fails like one whose
+  /// file can't be opened.
   BinaryDumper(const char* name, const char* prefix, const char* suffix, const char* directory,
                qv_log_level_t level);
   /// All defaults, with records at INFO.
   BinaryDumper() : BinaryDumper(nullptr, nullptr, nullptr, nullptr, QV_LOG_LEVEL_INFO) {}
+  /// Leaves the files.
   ~BinaryDumper();
   BinaryDumper(const BinaryDumper&) = delete;
   BinaryDumper& operator=(const BinaryDumper&) = delete;
 
-  /// Writes `size` bytes into the next file, over one that has the name already,
-  /// and logs that it does so. Null data and a file that can't be opened give a
-  /// record more or instead; null data takes no number. Bytes that don't fit on
-  /// the disk are lost without a record. The path has room for four digits: from
-  /// the number 10000 on it loses a character of its end for each digit more.
+  /// Logs the dump, then writes `size` bytes into the next file, replacing any file of
+  /// that name. Null data takes no number and gives another record instead. A file that
+  /// can't be opened takes its number and gives a second record. Bytes that don't fit on
+  /// the disk are lost without a record. The path has room for four digits: from number
+  /// 10000 on, each further digit costs it one character at its end.
   void dump(const void* data, std::size_t size);
 
   // End of the public interface.

@@ -1,13 +1,13 @@
 /// \file
-/// A named map from byte strings to lists of byte strings that outlives the
-/// process: loaded from a store when it is made, extended by what the process
-/// adds, and handed back to the store when it is destroyed.
+/// A named map from byte strings to lists of byte strings that outlives the process.
+/// The constructor loads it from a store, the process adds to it, and the destructor
+/// stores what was added.
 ///
-/// Thread-safety: get_value, add_value and size from any number of threads;
-/// a hit on a loaded entry takes no lock. Iteration must not run beside
-/// add_value. Construction and destruction are single-threaded.
-/// Fork-safety: a child may look up, add to and destroy its copy; what both sides
-/// add is stored once.
+/// Thread-safety: any number of threads may call get_value, add_value and size; a hit on
+/// a loaded entry takes no lock. Nobody may iterate while add_value runs. One thread
+/// constructs and destroys.
+/// Fork-safety: a child may look up in, add to and destroy its copy; an entry that parent
+/// and child both hold is stored once. Not in signal handlers.
 #ifndef QUORVANE_CACHE_H_
 #define QUORVANE_CACHE_H_
 
@@ -30,17 +30,24 @@ class LoadedIndex;
 
 /// A named, persistent map from byte strings to lists of byte strings.
 ///
-/// Invariant: no key is in both maps, the loaded and the added one.
-/// Thread-safety: see the top of this header.
+/// Invariant: no key is in both maps, the loaded and the added one; the loaded map never
+/// changes once the constructor is done.
+/// Thread-safety: any number of threads may call get_value, add_value and size. Nobody
+/// may iterate while add_value runs; one thread constructs and destroys.
+/// Fork-safety: a child may look up in, add to and destroy its copy; an entry that parent
+/// and child both hold is stored once.
 class QV_EXPORT Cache {
  public:
   using KeyStrictTotalOrder = KeyOrder;  ///< of the keys: shorter ones first, then by bytes
   using map = EntryMap;                  ///< the type of both maps
 
-  /// Walks the loaded entries in key order, then the added ones in key order.
+  /// Walks the loaded entries in key order, then the added ones in key order. An
+  /// iterator stays valid as long as its cache lives.
+  /// Thread-safety: one thread at a time, and never while add_value runs. Fork-safety: a
+  /// child's copy walks the child's cache.
   class QV_EXPORT const_iterator {
    public:
-    ///@{ What the standard library asks an iterator for.
+    ///@{ What the standard library expects of an iterator.
     using iterator_category = std::forward_iterator_tag;
     using value_type = map::value_type;
     using difference_type = std::ptrdiff_t;
@@ -48,21 +55,21 @@ class QV_EXPORT Cache {
     using reference = const value_type&;
     ///@}
 
-    /// Stands at `first_pos` while that is not the end of `first`, then at
-    /// `second_pos`. Both maps must outlive the iterator.
+    /// Walks from `first_pos` to the end of `first`, then from `second_pos` to the end of
+    /// `second`. Both maps must outlive the iterator.
     const_iterator(const map& first, map::const_iterator first_pos, const map& second,
                    map::const_iterator second_pos);
-    ///@{ Goes on to the next entry; not past the end.
+    ///@{ Moves to the next entry; stays at the end.
     const_iterator& operator++();
     const_iterator operator++(int);
     ///@}
 
-    ///@{ The key and the value; not at the end.
+    ///@{ The key and the value. Must not be at the end.
     reference operator*() const;
     pointer operator->() const;
     ///@}
 
-    ///@{ Whether two iterators of one cache stand at the same entry.
+    ///@{ Whether two iterators of one cache are at the same entry.
     bool operator==(const const_iterator& other) const;
     bool operator!=(const const_iterator& other) const;
     ///@}
@@ -74,41 +81,44 @@ class QV_EXPORT Cache {
     map::const_iterator second_pos_;
   };
 
-  /// Loads everything that `store` holds. A valid store is taken over and leaves
-  /// `store` empty. Without one the cache is volatile (it forgets everything at
-  /// its destruction) if `fallback_to_volatile`, else invalid; `store` then stays
-  /// with the caller. A load that fails leaves the cache invalid in any case, and
-  /// so does a lack of memory or a store that throws; nothing gets out of here.
-  /// Problems are logged through the module "util/src/cache"; ask is_valid().
+  /// Loads everything that `store` holds. A valid store is taken over, which leaves
+  /// `store` empty. Without one, `store` stays the caller's, and `fallback_to_volatile`
+  /// decides: true makes the cache volatile (its destructor forgets everything), false
+  /// makes it invalid. A load that fails always makes it invalid, and so do a lack of
+  /// memory and a store that throws; no exception leaves the constructor. Ask is_valid()
+  /// for the result. Problems are logged through the module "util/src/cache": a severity
+  /// 3 check for a missing store or a failed load, and an ERROR record for the latter.
   Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile);
 
-  /// Stores what was added. A failure, also an exception of the store, is logged,
-  /// and the additions are lost.
+  /// Stores what was added. If the store fails, a severity 1 check reports it and the
+  /// additions are lost; an exception from the store is logged at ERROR first.
   ~Cache();
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
 
-  /// Whether the cache takes entries: what it has to load is loaded, or it is
-  /// volatile. Doesn't change during its life.
+  /// Whether the cache takes entries: its store is loaded, or it is volatile. Never
+  /// changes.
   bool is_valid() const { return valid_; }
 
-  /// The name that it was made with; empty when there was no memory for it.
+  /// The name given to the constructor; empty when there was no memory for it.
   const std::string& get_name() const { return name_; }
 
-  /// The value of `key`, or null. It stays where it is as long as the cache
-  /// lives. Counts into the statistics cache_hits and cache_misses.
+  /// The value of `key`; null when there is none or the cache is invalid. The pointer
+  /// stays valid as long as the cache lives. Unless the cache is invalid, each call counts
+  /// in the statistics cache_hits or cache_misses. Any thread.
   const std::vector<util::RoBuffer>* get_value(const util::RoBuffer& key);
 
-  /// Adds an entry that no map holds yet. False, changing nothing, when the key
-  /// is there already or the cache is invalid. An entry that could be written but
-  /// never read back (an empty key, no atoms, an empty atom), or for which there
-  /// is no memory, is refused as well, with a WARN record.
+  /// Adds an entry whose key is in neither map. Returns false and changes nothing when
+  /// the key is there already or the cache is invalid. Refused with a WARN record: an
+  /// entry that could be written but never read back (an empty key, no atoms, an empty
+  /// atom), and one for which there is no memory. The cache shares the bytes and doesn't
+  /// copy them, so the bytes of a view must outlive it. Any thread.
   bool add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> value);
 
-  /// How many entries there are, loaded and added.
+  /// How many entries there are, loaded and added. Any thread.
   std::size_t size();
 
-  ///@{ The first entry, and past the last. Not beside add_value.
+  ///@{ The first entry, and the end. Must not run while add_value does.
   const_iterator begin() const;
   const_iterator end() const;
   ///@}
@@ -130,7 +140,7 @@ class QV_EXPORT Cache {
   std::mutex diff_mutex_;
   map diff_map_;
 
-  // An index over loaded_map_, built once look-ups have paid for it.
+  // An index of loaded_map_, built once there were enough look-ups to pay for it.
   std::atomic<std::size_t> diff_size_{0};
   std::atomic<std::size_t> loaded_lookups_{0};
   std::atomic<const LoadedIndex*> index_{nullptr};

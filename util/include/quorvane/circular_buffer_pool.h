@@ -1,14 +1,15 @@
 /// \file
-/// A pool that lends contiguous byte ranges out of one fixed region in strict
-/// circular order.
+/// A pool that lends contiguous byte ranges of one fixed region in strict circular
+/// order.
 ///
-/// The region is mapped twice, back to back, so that a range which runs past its
-/// end is contiguous all the same. Ranges come back from the newest end
-/// (deallocate) or from the oldest (free); any other order ends the process.
+/// The region is mapped twice, back to back, so that a range that runs past its end is
+/// contiguous all the same. Ranges are returned from the newest end (deallocate) or from
+/// the oldest (free); any other order aborts.
 ///
 /// Thread-safety: every operation; one mutex guards the two counters.
-/// Fork-safety: the region is shared memory, the counters are not. Let either the
-/// parent or the child use a pool, not both.
+/// Fork-safety: the region is shared memory, while counters and mutex are copied. After
+/// a fork either the parent or the child may use a pool, and the child only if no other
+/// thread was using it at the fork.
 #ifndef QUORVANE_CIRCULAR_BUFFER_POOL_H_
 #define QUORVANE_CIRCULAR_BUFFER_POOL_H_
 
@@ -24,31 +25,38 @@
 namespace quorvane {
 namespace util {
 
-/// One region whose ranges are lent and come back in circular order.
+/// One region whose ranges are lent and returned in circular order.
 ///
-/// Invariant: what is lent is one run of the region, from the oldest range to the
-/// newest. Thread-safety: every operation.
+/// Invariant: the lent ranges form one run of the region, from the oldest to the newest.
+/// Thread-safety: any thread may call every operation. Fork-safety: after a fork either
+/// the parent or the child may use a pool, and the child only if no other thread was
+/// using it at the fork. Not in signal handlers.
+///
+/// What aborts logs an ERROR record through the module "util/buffer_pool" first, unless
+/// that module is at OFF.
 class QV_EXPORT CircularBufferPool {
  public:
-  /// A region of `size` bytes, a multiple of the page size. Anything else, and
-  /// a kernel that refuses the memory, logs an ERROR record and aborts.
+  /// A region of `size` bytes, a multiple of the page size and not 0. Any other size
+  /// aborts, and so does a kernel that refuses the memory.
   explicit CircularBufferPool(unsigned long size);
 
-  /// Every buffer must have been given back.
+  /// Unmaps the region. Every buffer must have been returned.
   ~CircularBufferPool();
   CircularBufferPool(const CircularBufferPool&) = delete;
   CircularBufferPool& operator=(const CircularBufferPool&) = delete;
 
-  /// Lends `size` bytes rounded up to a multiple of 64, waiting without a time
-  /// limit while there is no room. A `size` above the region's logs and aborts.
-  /// `rpc` goes to the tracer as it is; it may be null.
+  /// Lends `size` bytes, rounded up to a multiple of 64; 0 gives an empty buffer. Waits
+  /// without a time limit while there is no room. A `size` above the region's aborts. The
+  /// buffer returns its range when it is destroyed. `rpc` is passed to the tracer; it may
+  /// be null.
   RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
-  /// Takes the newest range back. `ptr` is its start and `size` what was asked
-  /// for or lent; another range logs and aborts. Wakes every waiter.
+  /// Takes back the newest range, and wakes every waiter. `ptr` is its start, and `size`
+  /// is what was asked for or what was lent. Any other range aborts. RwBuffer calls this;
+  /// a range must not be returned twice.
   void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
-  /// Takes the oldest range back, likewise.
+  /// Takes back the oldest range in the same way.
   void free(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   // End of the public interface.
@@ -75,13 +83,13 @@ class QV_EXPORT CircularBufferPool {
   std::uint64_t length_;
   unsigned char* base_ = nullptr;
   std::uint64_t tail_ = 0;  // bytes ever released from the oldest end
-  // Bytes ever lent, less those taken back by deallocate. Written under the
-  // mutex; the tracer is told of it before the mutex is taken.
+  // Bytes ever lent, less those taken back by deallocate. Written under the mutex;
+  // atomic, since allocate reports it to the tracer before it takes the mutex.
   std::atomic<std::uint64_t> head_{0};
-  // Both counters modulo length_, since dividing takes as long as a lock does.
+  // Both counters modulo length_: a division takes as long as a lock.
   std::uint64_t tail_offset_ = 0;
   std::uint64_t head_offset_ = 0;
-  std::uint64_t waiters_ = 0;  // allocators asleep, whom a release wakes
+  std::uint64_t waiters_ = 0;  // sleeping allocators, for a release to wake
 };
 
 }  // namespace util

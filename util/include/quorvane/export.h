@@ -1,9 +1,9 @@
 /// \file
-/// QV_EXPORT marks what the shared library shows; everything else is hidden.
+/// QV_EXPORT marks what the shared library exports; everything else is hidden.
 #ifndef QUORVANE_EXPORT_H_
 #define QUORVANE_EXPORT_H_
 
-/// Shown by the shared library.
+/// Makes a symbol visible outside the shared library.
 #define QV_EXPORT __attribute__((visibility("default")))
 
 #endif  // QUORVANE_EXPORT_H_

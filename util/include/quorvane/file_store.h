@@ -1,13 +1,15 @@
 /// \file
-/// Stores that keep their entries in files of one root directory, shared by many
-/// processes.
+/// Stores that keep their entries in files of one root directory, which many processes
+/// share.
 ///
-/// The root is the value of QV_CACHE_STORE_ROOT; it is not created. Everything
-/// that touches a file runs under the store's lock. A file is never trusted: a
-/// damaged one gives records and a false result.
-/// Thread-safety: try_load and try_store_diff serialise threads and processes
-/// through the lock; the nonlock_ operations expect the caller to hold it.
-/// Fork-safety: a child's lock excludes its parent.
+/// The root is the value of QV_CACHE_STORE_ROOT; the library doesn't create it. Everything
+/// that touches a file runs under the store's lock. A file is never trusted: a damaged one
+/// gives records and a false result. Checks and records go through the module
+/// "util/src/cache".
+///
+/// Thread-safety: try_load and try_store_diff take the lock, which excludes other threads
+/// and processes; the caller of a nonlock_ operation must hold it.
+/// Fork-safety: a child's lock excludes its parent. Not in signal handlers.
 #ifndef QUORVANE_FILE_STORE_H_
 #define QUORVANE_FILE_STORE_H_
 
@@ -27,40 +29,47 @@
 namespace quorvane {
 namespace cache {
 
-/// Opens every store file and every entry.
+/// The number that begins every store file and every entry.
 constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
 
-/// The path of the store file `name`: the root, "/", `name`. Empty, with a
-/// severity 2 check, when no root is set.
+/// The path of the store file `name`: the root, "/", `name`. Empty when the root is unset,
+/// which a severity 2 check reports, or empty. In a set-user-id program, whose environment
+/// its caller chooses (secure_getenv(3)), the root counts as unset. Any thread.
 QV_EXPORT std::string get_store_file_path(const std::string& name);
 
 class LockWait;
 
-/// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects
-/// exclude each other, also in one process, and so do threads on one object.
+/// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects exclude each
+/// other, even in one process, and so do threads that use one object.
 ///
-/// The file is empty but while an append runs. A process that is killed in an append
-/// leaves a note there, by which the next one that takes the lock undoes the append,
-/// with one WARN record.
-/// Fork-safety: a child lets go of its parent's lock in a fork handler and opens the
-/// file for itself, so that parent and child exclude each other.
+/// The file is empty except while an append runs. A process that is killed during an append
+/// leaves a note there, with which the next process to take the lock undoes the append; it
+/// logs one WARN record.
+///
+/// Invariant: at most one thread of all processes holds the lock.
+/// Thread-safety: any thread may lock and unlock; one thread moves and destroys.
+/// Fork-safety: a fork handler closes the descriptor that the child shares with its parent
+/// and opens the file again, so that parent and child exclude each other.
 class QV_EXPORT StoreFLock : public Store::Lock {
  public:
-  /// Opens the lock file, creating it with mode 0666 less the umask. A failure is
-  /// one WARN record and leaves the lock invalid.
+  /// Opens the lock file, or creates it with mode 0666 less the umask. A failure gives one
+  /// WARN record and leaves the lock invalid. An empty `name` stands for the file "lock".
   explicit StoreFLock(const std::string& name);
-  /// Takes the descriptor over, and with it the lock if it is held; the other is
-  /// invalid from then on.
+  /// Takes over the descriptor, and with it the lock if it is held. The other is invalid
+  /// afterwards.
   StoreFLock(StoreFLock&& other) noexcept;
   ~StoreFLock() override;
 
   bool is_valid() const override;
 
-  /// Waits without a time limit; after 5 s, and then once a minute, a WARN record says
-  /// for which lock, and which process holds it if /proc/locks shows it. Takes the file
-  /// that has the name at the end of the wait: one that was deleted or replaced excludes
-  /// nobody. Errors other than EINTR abort: nobody may touch the files without the lock.
+  /// Waits without a time limit. After 5 s, and then once a minute, a WARN record names the
+  /// lock, and its holder if /proc/locks shows it. The file locked is the one that has the
+  /// name at the end of the wait: one that was deleted or replaced excludes nobody. An
+  /// invalid lock aborts, and so does any error except EINTR: nobody may touch the files
+  /// without the lock.
   void lock() override;
+
+  /// Releases the lock. An invalid lock aborts.
   void unlock() override;
 
   // End of the public interface.
@@ -101,16 +110,23 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::uint64_t inode_ = 0;
   bool is_inherited_ = false;       // this object was inherited through a fork
   bool holds_store_ = false;        // the file is that of a store: it takes no notes
-  bool note_stays_ = false;         // a note that was acted upon can't be cleared
+  bool note_stays_ = false;         // the file holds an old note that can't be cleared
   StoreFLock* previous_ = nullptr;  // all locks of the process
   StoreFLock* next_ = nullptr;
 };
 
-/// What all file stores share: the header, the entry encoding, and the locked
-/// sequences around what a concrete store does with its files.
+/// What all file stores share: the header, the entry encoding, and the sequences that hold
+/// the lock around what a concrete store does with its files.
+///
+/// Invariant: nothing touches a file without the lock.
+/// Thread-safety: any thread may call try_load and try_store_diff, which exclude each
+/// other; the caller of another operation that touches files holds the lock. Fork-safety:
+/// a child may use its copy, whose lock excludes the parent.
 class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
  public:
-  /// `controller` is not owned and must outlive the store; null: the default one.
+  /// A store of this format version. `path` is ignored. The store shares `lock`; with a
+  /// null or invalid lock it isn't valid, and must not load or store. `controller` stays
+  /// the caller's and must outlive the store; null stands for the process's default one.
   FileStoreSkeleton(unsigned int version, std::string path, std::shared_ptr<Store::Lock> lock,
                     CleanupController* controller);
   ~FileStoreSkeleton() override;
@@ -124,29 +140,32 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   std::uint64_t get_usage() override;
   void clean() override;
 
-  /// Appends the entries of `diff` whose keys are not in `new_keys`. False when not
-  /// all of them are stored.
+  /// Appends the entries of `diff` whose keys are not in `new_keys`. False unless all of
+  /// them are stored.
   virtual bool try_nonlock_append(const EntryMap& diff, const KeySet& new_keys) = 0;
 
   /// Adds all stored entries to `out`. False when they can't be read.
   virtual bool try_nonlock_load(EntryMap& out) = 0;
 
-  /// Adds the keys of what was appended since this store's load to `new_keys`.
+  /// Adds to `new_keys` the keys that were appended since this store last read its files.
   /// False when they can't be read.
   virtual bool try_nonlock_load_new_keys(KeySet& new_keys) = 0;
 
-  /// Bytes on disk; 0 when they can't be measured.
+  /// Bytes on disk; 0 for a file that can't be measured, after a severity 3 check.
   virtual std::uint64_t nonlock_get_disk_usage() const = 0;
 
   /// Deletes the store's files.
   virtual void nonlock_clean() = 0;
 
-  /// The process's controller, made on first use with the threshold of
-  /// QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes. Lives for ever.
+  /// The process's controller. The first use makes it, with the threshold of
+  /// QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes, which is logged at INFO; a missing or bad
+  /// one gives a severity 2 check, a WARN record, and no limit. Lives for ever. Any thread.
   static CleanupController* get_default_cleanup_controller();
 
-  ///@{ The pieces of a file. Each returns false, or an empty buffer, after a
-  /// severity 1 check that quotes what failed.
+  ///@{ Reads, skips or writes a piece of a file at the cursor, and moves past it. A failure
+  /// gives a severity 1 check that quotes what failed, and false, or for read_key an empty
+  /// buffer. The cursor then is behind the numbers and atoms that were whole, and `out`
+  /// holds those atoms. What is read is copied. Any thread, with a cursor of its own.
   bool read_header(util::BufferReader& freader) const;
   static bool read_magic_number(util::BufferReader& freader);
   static util::RoBuffer read_key(util::BufferReader& freader);
@@ -157,18 +176,18 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   static bool write_val(util::BufferWriter& fwriter, const std::vector<util::RoBuffer>& val);
   ///@}
 
-  /// Opens `path` for appending and gives an empty or new file its header. Ask
-  /// the stream for the result.
+  /// Opens `path` for appending, and writes the header if the file is new or empty. Ask
+  /// the stream for the result; a severity 1 check reports a failure.
   std::ofstream cache_file_prepare_to_append(std::string path) const;
 
  protected:
-  /// What every store file begins with.
+  /// The header of every store file.
   struct hdr_t {
     std::uint32_t magic_number;  ///< QV_CACHE_STORE_MAGIC_NUMBER
     std::uint32_t version;       ///< of the format: 1 basic, 2 lazy look-up
   };
 
-  /// The lock, when it is a lock on a file; else null.
+  /// The lock if it is a StoreFLock; else null.
   StoreFLock* file_lock() const;
 
  private:
@@ -181,11 +200,15 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   std::shared_ptr<Store::Lock> lock_;
 };
 
-/// One file per cache: the header, then entries.
+/// One file per cache: the header, then entries. A missing file is an empty store.
+///
+/// Invariant: what the store has read is the front of the file, which only ever grows.
+/// Thread-safety and fork-safety: FileStoreSkeleton's; the static functions may be called
+/// in any thread.
 class QV_EXPORT BasicStore : public FileStoreSkeleton {
  public:
-  /// The store of the file `name` in the store root. See FileStoreSkeleton for
-  /// `lock` and `controller`.
+  /// The store in the file `name` of the store root. See FileStoreSkeleton for `lock` and
+  /// `controller`.
   BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
              CleanupController* controller);
   ~BasicStore() override;
@@ -201,11 +224,13 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   static std::uint64_t get_entry_representation_size(const util::RoBuffer& key,
                                                      const std::vector<util::RoBuffer>& val);
 
-  /// Appends an entry to the buffer. False after a severity 1 check.
+  /// Writes an entry at the cursor. A failure gives a severity 1 check and false; the
+  /// cursor then is behind the pieces that fitted.
   static bool write_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                           const std::vector<util::RoBuffer>& val);
 
-  /// False, after a check, when the file has gone since this store used it.
+  /// False, after a severity 1 check, when the file has been deleted since this store read
+  /// it.
   bool check_consistent_state() const;
 
  private:
@@ -220,20 +245,24 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   std::uint64_t file_last_size_ = 0;
 };
 
-/// Two files per cache: one of keys, each with the position of its value, and one
-/// of nothing but value bytes, which is mapped as long as the store lives.
+/// Two files per cache: one of keys, each with the position of its value, and one of value
+/// bytes only, which stays mapped as long as the store lives.
 ///
-/// Loading copies keys only. The atoms that it hands out, and all copies of them,
-/// are views into the mapping: they must not be read once the store, or the cache
-/// that owns it, has gone. Copy the bytes of a value that is to live longer.
+/// Loading copies the keys only. The loaded atoms, and all copies of their buffers, are
+/// views of the mapping: they dangle once the store, or the cache that owns it, is
+/// destroyed. Copy the bytes of a value that must live longer.
 ///
-/// Unlike the basic store's, a missing pair of files fails the load, and so does
-/// one that the load itself deletes because the process's stores outgrow the
-/// cleanup threshold. make_file_store lays a new pair.
+/// Unlike in a basic store, a missing pair of files fails the load. So does a pair that
+/// the load itself deletes because the process's stores exceed the cleanup threshold.
+/// make_file_store creates a missing pair.
+///
+/// Invariant: what the store has read is the front of the key file, which only ever grows.
+/// Thread-safety and fork-safety: FileStoreSkeleton's; the static functions may be called
+/// in any thread.
 class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
  public:
-  /// The store of the two files of `name` in the store root. See FileStoreSkeleton
-  /// for `lock` and `controller`.
+  /// The store in the two files of `name` in the store root. See FileStoreSkeleton for
+  /// `lock` and `controller`.
   LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
                   CleanupController* controller);
   ~LazyLookupStore() override;
@@ -241,7 +270,8 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   std::string type() const override;
   bool try_nonlock_append(const EntryMap& diff, const KeySet& keys_to_skip) override;
 
-  /// Aborts when an earlier load succeeded: its atoms are still in use.
+  /// Adds all stored entries to `map`; false when they can't be read. Aborts when an earlier
+  /// load succeeded: its atoms may be in use.
   bool try_nonlock_load(EntryMap& map) override;
   bool try_nonlock_load_new_keys(KeySet& keys) override;
   std::uint64_t nonlock_get_disk_usage() const override;
@@ -258,9 +288,11 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   static std::size_t get_val_file_entry_representation_size(const std::vector<util::RoBuffer>& val);
   ///@}
 
-  ///@{ The pieces of the two files. Each returns false after a severity 1 check that
-  /// quotes what failed. `val_offset` is where the value's magic number lies in
-  /// the value file.
+  ///@{ Reads, skips or writes a piece of one of the two files at the cursor, and moves past
+  /// it. A failure gives a severity 1 check that quotes what failed, and false; the cursor
+  /// then is behind the pieces that were whole, and `sizes`, which is replaced, holds those
+  /// that were read. `val_offset` is the offset of the value's magic number in the value
+  /// file, in bytes. An atom of no bytes can be written but not read.
   static bool write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                                    std::size_t val_offset, const std::vector<util::RoBuffer>& val);
   static bool write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
@@ -274,14 +306,15 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   static bool skip_val_atom_positions(util::BufferReader& key_freader);
   ///@}
 
-  /// Appends to `val` views of the atoms that lie at `val_offset` in the value
-  /// file's bytes, which must outlive them.
+  /// Appends to `val` views of the atoms at `val_offset` in the value file's bytes, which
+  /// must outlive them. An atom beyond these bytes, or an offset within the header, gives a
+  /// severity 1 check and false; `val` then holds the atoms before it.
   static bool shallow_read_val(util::RoBuffer& val_fbuffer, std::size_t val_offset,
                                const std::vector<std::size_t>& sizes,
                                std::vector<util::RoBuffer>& val);
 
-  /// False, after a check, when one file is there without the other, or the key
-  /// file has gone since this store used it.
+  /// False, after a severity 1 check, when one file exists without the other, or the key
+  /// file has been deleted since this store read it.
   bool check_consistent_state() const;
 
  private:
@@ -302,11 +335,12 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
 /// What make_file_store makes: a BasicStore or a LazyLookupStore.
 enum class StoreKind { basic, lazy_lookup };
 
-/// Makes a store of this kind for the cache `name`, with a lock of the same name
-/// on the root. Null `controller`: the process's default one. An unusable root
-/// gives a store that is not valid. A lazy store gets its two files, without
-/// entries, when neither is there yet. Null, with one WARN record, when there is no
-/// memory for the store; null for an unknown kind as well.
+/// Makes a store of this kind for the cache `name`, with a lock of the same name in the
+/// root. A null `controller` stands for the process's default one; another must outlive the
+/// store. An unusable root gives a store that is not valid. A lazy store for which neither
+/// file exists gets both, without entries, and may wait for the lock meanwhile. Returns
+/// null, after one WARN record, when there is no memory for the store; null for an unknown
+/// kind as well. Any thread; safe in a child of fork.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
                                                  CleanupController* controller = nullptr);
 

@@ -1,10 +1,8 @@
 /// \file
 /// A whole file in memory, with its descriptor.
 ///
-/// Open exactly while it has both a descriptor and a mapping. Failures are
-/// reported through the fault checks and leave the object closed; nothing throws.
-/// Thread-safety: one thread at a time. Fork-safety: a child may read and close
-/// its copy.
+/// Failures are reported by fault checks and leave the object closed; nothing throws.
+/// Thread-safety: one thread at a time. Fork-safety: a child may read and close its copy.
 #ifndef QUORVANE_MMAPPED_FILE_H_
 #define QUORVANE_MMAPPED_FILE_H_
 
@@ -19,30 +17,38 @@
 namespace quorvane {
 namespace util {
 
-/// An open file and its mapping. Invariant: it has both, or neither.
+/// An open file and its mapping.
+///
+/// Invariant: it has both a descriptor and a mapping, or neither. It owns them.
+/// Thread-safety: one thread at a time, though several may read the bytes. Fork-safety: a
+/// child may read and close its copy; a shared mapping stays shared with the parent.
+/// Records and checks go through the module "util/src/mmapped_file".
 class QV_EXPORT MMappedFile {
  public:
   MMappedFile() = default;
   MMappedFile(const MMappedFile&) = delete;
   MMappedFile& operator=(const MMappedFile&) = delete;
 
-  /// Closes what is open.
+  /// Closes an open object, as close() does.
   ~MMappedFile();
 
-  /// Opens `path` with open(2)'s `oflag` and `mode` and maps all of it with
-  /// mmap(2)'s `prot` and `flags`. Ask is_open() for the result: a missing or an
-  /// empty file leaves the object closed, after a severity 3 check. The descriptor is
-  /// never 0, 1 or 2. Close an open object first.
+  /// Opens `path` with open(2)'s `oflag` and `mode` and maps all of it with mmap(2)'s
+  /// `prot` and `flags`. Ask is_open() for the result. A file that is missing, empty or
+  /// refused by the kernel leaves the object closed, after a severity 3 check; the reason
+  /// is logged at ERROR when fstat fails and at DEBUG when mmap fails. A success is logged
+  /// at DEBUG. The descriptor is never 0, 1 or 2, and survives an exec without O_CLOEXEC
+  /// in `oflag`. Call it on a closed object only; an open one would leak.
   void open(const std::string& path, int oflag, unsigned int mode, int prot, int flags);
 
-  /// Whether there are a descriptor and a mapping.
+  /// Whether it has a descriptor and a mapping.
   bool is_open() const { return fd_ >= 0 && data_ != MAP_FAILED; }
 
-  /// Unmaps and closes; does nothing when closed. Refusals of the kernel are
-  /// severity 2 checks.
+  /// Unmaps and closes the file; does nothing when closed. If the kernel refuses either,
+  /// a severity 2 check reports it, and the object is closed all the same.
   void close();
 
-  ///@{ The first byte; MAP_FAILED when closed.
+  ///@{ The first byte; MAP_FAILED when closed. The bytes are valid until close(). If the
+  /// file is truncated meanwhile, to read a page beyond its new end raises SIGBUS.
   std::uint8_t* data() { return static_cast<std::uint8_t*>(data_); }
   const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(data_); }
   ///@}
@@ -54,7 +60,7 @@ class QV_EXPORT MMappedFile {
   int fd_ = -1;
   void* data_ = MAP_FAILED;
   std::uint64_t size_ = 0;
-  std::uint64_t mmap_size_ = 0;  // size_ in whole pages
+  std::uint64_t mmap_size_ = 0;  // size_ rounded up to whole pages
 };
 
 }  // namespace util

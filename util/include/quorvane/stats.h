@@ -2,12 +2,15 @@
 /// Counters, gauges and histograms, registered under a log module's path and
 /// reported as JSON lines.
 ///
-/// Statistics are on when QV_STATS_REPORT_FILE names the file that receives the
-/// reports: one line every QV_STATS_REPORT_PERIOD seconds (0 or unset: none) and
-/// one at process exit. The recorder, libcircmetrics.so, is loaded at run time.
+/// Statistics are on when QV_STATS_REPORT_FILE names the file that receives the reports:
+/// one line every QV_STATS_REPORT_PERIOD seconds (0 or unset: none) and one when the
+/// process exits. The first use in a process sets them up: it reads the environment, opens
+/// the file and loads the recorder, libcircmetrics.so. It logs the outcome through the
+/// library's internal module, at INFO for on and off and at WARN for a failure, and aborts
+/// if the recorder lacks one of its functions.
 ///
-/// Thread-safety: every function from any thread. Fork-safety: a child's reports
-/// hold the child's own view; it has no report thread. Not in signal handlers.
+/// Thread-safety: any thread may call every function. Fork-safety: a child's reports hold
+/// the child's own values; it has no report thread. Not in signal handlers.
 #ifndef QUORVANE_STATS_H_
 #define QUORVANE_STATS_H_
 
@@ -20,19 +23,21 @@ extern "C" {
 #include <stdint.h>
 #endif
 
-/** A metric; QV_STATS_INVALID_HANDLE when it could not be made. */
+/** A metric, or QV_STATS_INVALID_HANDLE. Valid until the process ends. */
 typedef uint64_t qv_stats_handle_t;
 
-/** What stands for no metric. */
+/** The handle of no metric. */
 #define QV_STATS_INVALID_HANDLE (~(qv_stats_handle_t)0)
 
-/**@{ Makes a metric called `name` inside the nested namespaces that the path of
- * `module` spells; the same name gives the same metric. Returns the invalid
- * handle when statistics are off, the path has an empty component, or the
- * recorder refuses. A module without a path also logs a WARN record on itself.
+/**@{ Makes a metric called `name` inside the nested namespaces that the first route of
+ * `module` spells; the same name and kind give the same metric. Returns the invalid handle
+ * when statistics are off, when the route has an empty component before its last one, or
+ * when the recorder refuses, as it does for a null name and for the name of a metric of
+ * another kind. A module without a route also gives a WARN record, through that module.
+ * `module` must not be null; `name` is copied.
  *
- * A gauge reads *value at every report: the variable must stay where it is for
- * the rest of the process. */
+ * A gauge reads `*value` at every report: the variable must stay where it is for the rest
+ * of the process. */
 QV_EXPORT qv_stats_handle_t qv_stats_create_gauge_int64(void* module, const char* name,
                                                         const int64_t* value);
 QV_EXPORT qv_stats_handle_t qv_stats_create_gauge_double(void* module, const char* name,
@@ -41,29 +46,33 @@ QV_EXPORT qv_stats_handle_t qv_stats_create_counter(void* module, const char* na
 QV_EXPORT qv_stats_handle_t qv_stats_create_histogram(void* module, const char* name);
 /**@}*/
 
-/**@{ The updates. They test nothing: call them with a valid handle only, or use the
- * callers below, which test it. They return what the recorder returns. */
+/**@{ Updates a metric. These functions test nothing: call them with a valid handle only,
+ * or use the inline functions below, which test it. `amount` may be negative. They return
+ * what the recorder returns: 0, or -1 when it refuses the update. */
 QV_EXPORT int qv_stats_counter_inc_do(qv_stats_handle_t handle, int64_t amount);
 QV_EXPORT int qv_stats_hist_insert_do(qv_stats_handle_t handle, double value, uint32_t count);
 QV_EXPORT int qv_stats_hist_insert_fast_do(qv_stats_handle_t handle, int64_t value, int32_t scale,
                                            uint32_t count);
 /**@}*/
 
-/** Adds `amount` to a counter; nothing for the invalid handle. */
+/** Adds `amount`, which may be negative, to a counter; does nothing for the invalid
+ * handle. */
 static inline void qv_stats_counter_inc(qv_stats_handle_t handle, int64_t amount) {
   if (handle != QV_STATS_INVALID_HANDLE) {
     (void)qv_stats_counter_inc_do(handle, amount);
   }
 }
 
-/** Records `count` samples of `value`; nothing for the invalid handle. */
+/** Records `count` samples of `value` in a histogram; does nothing for the invalid
+ * handle. */
 static inline void qv_stats_hist_insert(qv_stats_handle_t handle, double value, uint32_t count) {
   if (handle != QV_STATS_INVALID_HANDLE) {
     (void)qv_stats_hist_insert_do(handle, value, count);
   }
 }
 
-/** Records `count` samples of value * 10^scale; nothing for the invalid handle. */
+/** Records `count` samples of value * 10^scale in a histogram; does nothing for the
+ * invalid handle. */
 static inline void qv_stats_hist_insert_fast(qv_stats_handle_t handle, int64_t value, int32_t scale,
                                              uint32_t count) {
   if (handle != QV_STATS_INVALID_HANDLE) {
@@ -90,32 +99,44 @@ namespace stats {
 
 class ReportFile;
 
-/// The binding to the recorder. One exists per process, from the first use of
-/// statistics until the process ends.
+/// The binding to the recorder. A process has one of its own, from the first use of
+/// statistics until it ends; see get_singleton_module.
+///
+/// Invariant: a usable module has a recorder and a report file, and stays usable.
+/// Thread-safety: any thread may call every function; reports exclude each other.
+/// Fork-safety: a child may use its copy, which reports the child's own values and has no
+/// report thread. Not in signal handlers.
 class QV_EXPORT CircMetricsModule {
  public:
-  /// Takes over `handle`, the recorder library as dlopen(3) gave it; opens the
-  /// report file `path` for appending; starts the report thread when `period` is
-  /// not 0. A missing symbol aborts; any other failure leaves is_usable() false.
+  /// Takes over `handle`, the recorder library as dlopen(3) returned it, opens the report
+  /// file `path` for appending, and starts the report thread when `period`, in seconds, is
+  /// not 0. Failures are logged at WARN through the library's internal module. A missing
+  /// symbol then aborts; without a file or recorder is_usable() is false; without a thread
+  /// the module is usable all the same.
   CircMetricsModule(void* handle, std::chrono::duration<long> period, const char* path);
 
-  /// Only for a module that is not usable: a running report thread would end the
-  /// process.
+  /// Closes the file and the recorder library; WARN records report failures, among them
+  /// that there is no file to close. Only for a module without a report thread: a running
+  /// one aborts the process.
   ~CircMetricsModule();
   CircMetricsModule(const CircMetricsModule&) = delete;
   CircMetricsModule& operator=(const CircMetricsModule&) = delete;
 
-  /// Whether there are a recorder and a report file.
+  /// Whether it has a recorder and a report file. The functions below, except report_now,
+  /// are only for a module that has.
   bool is_usable() const { return recorder_ != nullptr; }
 
-  /// Appends one line to the report file. Best effort; nothing after the process's last
-  /// report.
+  /// Appends one line to the report file, waiting for its lock. Reports no failure. Does
+  /// nothing when the module isn't usable, and after the process's last report.
   void report_now();
 
-  /// The report thread: report_now() every period, for ever.
+  /// What the report thread runs: report_now() after every period, for ever; without a
+  /// pause when the period is negative.
   [[noreturn]] void report_thr();
 
-  /// The namespace that the module's path spells, or null.
+  /// The recorder's namespace that the module's first route spells, made when it isn't
+  /// there. Null without a route (with a WARN record through that module), for a route
+  /// with an empty component before its last one, and when the recorder refuses.
   void* resolve_namespace(const module::Module& module);
 
   ///@{ The recorder's functions, as libcircmetrics.so exports them.
@@ -163,12 +184,13 @@ class QV_EXPORT CircMetricsModule {
   std::mutex report_mutex_;
   std::thread report_thread_;
   void* library_;
-  ReportFile* file_;  // behind report_fd_
+  ReportFile* file_;  // the file that report_fd_ is open on
   std::atomic<std::uint64_t> mutex_generation_;
 };
 
-/// The process's module, set up from the environment on the first call; null
-/// when statistics are off.
+/// The process's module, which the first call sets up from the environment; null when
+/// statistics are off. It lives until the process ends. Any thread; in a child of fork,
+/// the child's.
 QV_EXPORT CircMetricsModule* get_singleton_module();
 
 }  // namespace stats

@@ -1,6 +1,9 @@
 /// \file
-/// What a cache asks of the files behind it: the entry map, the store interface,
+/// What a cache needs of the files behind it: the entry map, the store interface,
 /// the lock between processes and the bound on disk space.
+///
+/// Thread-safety and fork-safety: each class states its own; those of an interface are up
+/// to its implementation. Not in signal handlers.
 #ifndef QUORVANE_STORE_H_
 #define QUORVANE_STORE_H_
 
@@ -17,8 +20,8 @@
 namespace quorvane {
 namespace cache {
 
-/// Shorter keys first, then by bytes. It is the order in which entries are
-/// written to the store files.
+/// Shorter keys first, then by bytes: the order in which a process writes its entries to
+/// the store files. Stateless; any thread, and a child of fork.
 struct QV_EXPORT KeyOrder {
   /// Whether `a` comes before `b`.
   bool operator()(const util::RoBuffer& a, const util::RoBuffer& b) const {
@@ -29,16 +32,20 @@ struct QV_EXPORT KeyOrder {
   }
 };
 
-/// A key and its value: a list of byte strings, the value atoms.
+/// Keys with their values; a value is a list of byte strings, the value atoms. As
+/// thread-safe and fork-safe as std::map; the bytes are shared as RoBuffer shares them.
 using EntryMap = std::map<util::RoBuffer, std::vector<util::RoBuffer>, KeyOrder>;
 
-/// Keys without their values.
+/// Keys without their values. As thread-safe and fork-safe as std::set.
 using KeySet = std::set<util::RoBuffer, KeyOrder>;
 
-/// Keeps a cache's entries between processes.
+/// The interface of what keeps a cache's entries between processes. A cache calls it only
+/// in its constructor and destructor.
+/// Thread-safety and fork-safety: the implementation's; see FileStoreSkeleton.
 class QV_EXPORT Store {
  public:
-  /// Excludes other processes while a store works on its files.
+  /// The interface of what excludes other processes while a store works on its files.
+  /// Thread-safety and fork-safety: the implementation's; see StoreFLock.
   class QV_EXPORT Lock {
    public:
     virtual ~Lock();
@@ -46,10 +53,10 @@ class QV_EXPORT Store {
     /// Whether the lock can be taken.
     virtual bool is_valid() const = 0;
 
-    /// Takes the lock, waiting for it.
+    /// Takes the lock, waiting for it. Only for a valid lock.
     virtual void lock() = 0;
 
-    /// Gives it up; by the thread that took it.
+    /// Releases the lock. Called by the thread that took it.
     virtual void unlock() = 0;
   };
 
@@ -58,19 +65,21 @@ class QV_EXPORT Store {
   /// The store type's name, for log records.
   virtual std::string type() const = 0;
 
-  /// Whether the store can be used: a cache takes over no other.
+  /// Whether the store can be used. A cache takes over only a store that can.
   virtual bool is_valid() const = 0;
 
-  /// Persists the entries that were added since the load, less those whose keys
-  /// another process has stored meanwhile. False when they could not be stored.
+  /// Stores the entries of `diff`, which were added since the load, except those whose
+  /// keys another process has stored meanwhile. False when they could not be stored.
   virtual bool try_store_diff(const EntryMap& diff) = 0;
 
-  /// Replaces `out` by all stored entries. False when they can't be read; what
-  /// `out` then holds is to be thrown away.
+  /// Replaces the content of `out` with all stored entries. False when they can't be read;
+  /// the caller must then discard what `out` holds.
   virtual bool try_load(EntryMap& out) = 0;
 };
 
-/// Something on disk that can be measured and deleted.
+/// The interface of something on disk that can be measured and deleted. A controller
+/// calls it in the thread that calls the controller.
+/// Thread-safety and fork-safety: the implementation's.
 class QV_EXPORT CleanableResource {
  public:
   /// Bytes on disk; 0 when they can't be measured.
@@ -79,30 +88,36 @@ class QV_EXPORT CleanableResource {
   /// Deletes the files.
   virtual void clean() = 0;
 
-  /// Last, so that the two operations keep the first slots.
+  /// Declared last, so that the two operations keep the first virtual slots.
   virtual ~CleanableResource();
 };
 
-/// Bounds the disk space of a process's stores: when the sizes last measured sum
-/// up to more than the threshold, the store that is being processed is cleaned.
-/// Thread-safety: every operation. Fork-safety: a child may use it.
+/// Bounds the disk space of a process's stores: when the sizes last measured add up to
+/// more than the threshold, the store that is being processed is cleaned.
+///
+/// Invariant: the total is the sum of the sizes last measured.
+/// Thread-safety: any thread may call every operation. Fork-safety: a child may use its
+/// copy, which measures for the child only.
 class QV_EXPORT CleanupController {
  public:
-  /// `threshold` in bytes; 0: no limit.
+  /// `threshold` in bytes; 0 means no limit.
   explicit CleanupController(std::uint64_t threshold);
   ~CleanupController();
   CleanupController(const CleanupController&) = delete;
   CleanupController& operator=(const CleanupController&) = delete;
 
-  /// Registers a resource: 0, 1, 2, ... Tickets are never returned.
+  /// A ticket for one more resource: 0, 1, 2, and so on. Tickets are never reused. Throws
+  /// std::bad_alloc without memory.
   std::uint64_t get_ticket();
 
-  /// Measures `res` and returns whether the total now exceeds the threshold. A
-  /// ticket that was not handed out aborts.
+  /// Measures `res` and returns whether the total now exceeds the threshold; a threshold
+  /// of 0 is a number like any other here. Logs the total at TRACE. A ticket that was not
+  /// handed out aborts.
   bool update_and_check_usage(std::uint64_t ticket, CleanableResource& res);
 
-  /// Measures `res` and cleans it past the threshold; does nothing without one.
-  /// The caller holds the store lock.
+  /// Measures `res`. If the total exceeds the threshold, cleans `res`, measures it again
+  /// and logs that at INFO. Does nothing when the threshold is 0. The caller holds the
+  /// lock of the store. A ticket that was not handed out aborts.
   void process(std::uint64_t ticket, CleanableResource& res);
 
  private:

@@ -1,28 +1,32 @@
 /// \file
-/// The product's tracer, as far as this library calls it.
+/// The part of the product's tracer that this library calls.
 ///
-/// A weak reference: when the process has the tracer at the time this library is
-/// loaded (in the executable, a linked library or LD_PRELOAD), it is called;
-/// otherwise a report costs the test of a pointer.
+/// A weak reference: if the process has the tracer when this library is loaded (in the
+/// executable, a linked library or LD_PRELOAD), the library calls it; otherwise a report
+/// costs the test of a pointer.
+///
+/// Thread-safety: the tracer's part; the library calls it in any thread, also with the
+/// mutex of a buffer pool or the lock of a store held. Fork-safety: the library calls it
+/// in children as well.
 #ifndef QUORVANE_TRACER_H_
 #define QUORVANE_TRACER_H_
 
-/// Large enough for any tracer's record of one call; the tracer owns its layout.
+/// A tracer's record of one call. The tracer defines the layout.
 struct _qv_trace_rpc_t {
-  unsigned char bytes[256];  ///< the tracer's
+  unsigned char bytes[256];  ///< enough for any tracer
 };
 
 namespace quorvane {
 namespace trace {
 
-/// What is reported of an operation.
+/// The events of an operation.
 enum class Event : unsigned {
   start = 1543,  ///< it begins
   end = 1544     ///< it has ended, with or without success
 };
 
-/// The operations that this library reports. Behind each stands what `a` to `d` of its
-/// reports are.
+/// The operations that this library reports, each with the meaning of `a` to `d` in its
+/// reports.
 enum class Operation : unsigned {
   store_load = 11,       ///< the store; the bytes read, at the end; null; null
   store_append = 12,     ///< the store; the bytes written, at the end; null; null
@@ -38,8 +42,9 @@ namespace qvtracer {
 namespace util {
 
 /// Reports `event` (a quorvane::trace::Event) of the operation `op` (a
-/// quorvane::trace::Operation) on behalf of the traced call `rpc` (may be null). `record`
-/// is scratch space of the caller. A size is passed as a pointer.
+/// quorvane::trace::Operation) for the traced call `rpc`, which may be null. `record` is
+/// scratch space that the caller owns; both reports of one operation share it. A size, in
+/// bytes, is passed as a pointer.
 __attribute__((weak, visibility("default"))) void write_trace(const _qv_trace_rpc_t* rpc,
                                                               _qv_trace_rpc_t* record,
                                                               unsigned int event, unsigned int op,

@@ -1,9 +1,9 @@
 /// \file
 /// UUIDs, and one identity for each process.
 ///
-/// Thread-safety: any thread; concurrent first callers of get_my_uuid agree on
-/// one identity. Fork-safety: a child has an identity of its own, however it was
-/// forked (raw clone included) and whatever its parent's threads were doing.
+/// Thread-safety: any thread; concurrent first callers of get_my_uuid get the same
+/// identity. Fork-safety: a child has an identity of its own, however it was forked (raw
+/// clone included) and whatever other threads of its parent were doing. Nothing is logged.
 #ifndef QUORVANE_UUID_H_
 #define QUORVANE_UUID_H_
 
@@ -15,26 +15,24 @@
 
 namespace quorvane {
 
-/// A new random UUID, version 4. Asks the kernel once and keeps nothing between
-/// calls. What Boost's generator throws when the kernel refuses
-/// (boost::uuids::entropy_error) goes through to the caller.
+/// A new random UUID, version 4, from one request to the kernel; keeps no state. Throws
+/// boost::uuids::entropy_error when the kernel refuses.
 QV_EXPORT boost::uuids::uuid uuid_generate();
 
-/// The UUID that `text` is: 32 hexadecimal digits in either case, with all four
-/// hyphens of the 8-4-4-4-12 grouping or none, in braces or not. Anything else,
-/// also null, gives the nil UUID, which can't be told from the written one.
-/// Never throws.
+/// The UUID that `text` spells: 32 hexadecimal digits in either case, with all four
+/// hyphens of the 8-4-4-4-12 grouping or none, in braces or not. Any other text, and null,
+/// gives the nil UUID, just as the text of the nil UUID does. Never throws.
 QV_EXPORT boost::uuids::uuid uuid_parse(const char* text);
 
-/// The 36 characters of the 8-4-4-4-12 grouping, in lower case.
+/// The UUID as 36 characters in the 8-4-4-4-12 grouping, in lower case.
 QV_EXPORT std::string uuid_unparse(boost::uuids::uuid u);
 
-/// Makes it the nil UUID, sixteen zero bytes.
+/// Sets `u` to the nil UUID, sixteen zero bytes.
 QV_EXPORT void uuid_clear(boost::uuids::uuid& u);
 
-/// This process's identity, made by the first call and then the same for the
-/// life of the process; it doesn't outlive execve. Costs a load and a copy. May
-/// throw what uuid_generate throws as long as no call has succeeded.
+/// This process's identity. The first call makes it; it stays the same until the process
+/// ends or calls execve. Later calls cost a load and a copy. Throws what uuid_generate
+/// throws until a call has succeeded.
 QV_EXPORT boost::uuids::uuid get_my_uuid();
 
 }  // namespace quorvane
