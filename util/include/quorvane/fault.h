@@ -7,14 +7,15 @@
 /// is always logged, whatever the module's level, and always aborts.
 ///
 /// Negative numbers mean different things to the two kinds of expectation:
-/// - qv_fault_expect compares without a sign. A negative fault_log_level or
-///   fault_abort_level becomes a number of 2^31 or more, above any usual severity: every
-///   failed check is logged, or aborts. A severity of -1 becomes the least serious one. A
-///   failed check is logged unless the module is at OFF, so also at a negative level.
-/// - The C++ macros compare with the sign. A negative fault_log_level or
-///   fault_abort_level is below severity 0: no check of severity 0 or more is logged, or
-///   aborts. A negative severity is more serious than 0. A failed check is logged only if
-///   the module is above OFF, so not at a negative level.
+/// - In qv_fault_expect the comparisons are unsigned, and a negative number becomes 2^31 or
+///   more, which is above any usual severity. With a negative fault_log_level every failed
+///   check is logged; with a negative fault_abort_level every failed check aborts. A
+///   severity of -1 is the least serious one. A module at any level except OFF logs, even
+///   at a negative one.
+/// - In the C++ macros the comparisons are signed. With a negative fault_log_level no check
+///   of severity 0 or more is logged; with a negative fault_abort_level none aborts. A
+///   severity of -1 is more serious than 0. Only a module above OFF logs, so one at a
+///   negative level doesn't.
 ///
 /// Thread-safety: any thread; checks keep no state. Fork-safety: safe in a child. Signal
 /// handlers: a check that holds does nothing; one that fails must not run there, since it
@@ -33,8 +34,9 @@ extern "C" {
 
 /** Returns `condition`. When it is false, logs the printf-style message at ERROR through
  * `module` and aborts, as the module's thresholds say. A module at OFF logs nothing but
- * aborts all the same. The comparisons are unsigned: a negative threshold of the module
- * logs every failed check, or aborts at it. `module` and `format` must not be null. */
+ * aborts all the same. The comparisons are unsigned: with a negative fault_log_level
+ * every failed check is logged, with a negative fault_abort_level every one aborts.
+ * `module` and `format` must not be null. */
 QV_EXPORT bool qv_fault_expect(void* module, unsigned severity, bool condition, const char* format,
                                ...) __attribute__((format(printf, 4, 5)));
 
@@ -55,8 +57,8 @@ QV_EXPORT void qv_enable_stack_print_on_segfault(void);
 /// condition holds; otherwise it reports a failed expectation and is false. The condition
 /// is evaluated once. The record quotes the C strings `text` and `source`, and `line`.
 /// `module` is a quorvane::module::Module* or a quorvane::Module. The comparisons are
-/// signed: with a negative threshold of the module, severities from 0 on are not logged,
-/// or don't abort.
+/// signed: with a negative fault_log_level no check of severity 0 or more is logged, with
+/// a negative fault_abort_level none aborts.
 #define QV_FAULT_EXPECT_AS(module, severity, condition, text, source, line)                      \
   (static_cast<bool>(condition) ||                                                               \
    (::quorvane::fault::expectation_failed(qv_log_module_pointer(module), severity, text, source, \
