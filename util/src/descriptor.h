@@ -1,4 +1,4 @@
-// Descriptors that the library keeps for long, and the files behind them.
+// Descriptors that the library keeps open, and the files that they are open on.
 #ifndef QUORVANE_SRC_DESCRIPTOR_H_
 #define QUORVANE_SRC_DESCRIPTOR_H_
 
@@ -8,8 +8,8 @@
 namespace quorvane {
 namespace descriptor {
 
-// Identifies a file, whatever its name. A descriptor number doesn't: the program may
-// have closed it and opened a file of its own.
+// Identifies a file, whatever its name. A descriptor number doesn't: the program may have
+// closed it and opened a file of its own under that number.
 struct FileId {
   dev_t device = 0;
   ino_t inode = 0;
@@ -25,7 +25,7 @@ inline FileId id_of(const struct stat& status) { return {status.st_dev, status.s
 bool is_open_on(int fd, const FileId& file);
 
 // open(2), but the descriptor is never 0, 1 or 2: a program that was started without its
-// standard descriptors would print into the file. -1 with errno when it can't be
+// standard descriptors would print into the file. -1 with errno if the file can't be
 // opened. Safe in a fork handler.
 int open_off_standard(const char* path, int flags, mode_t mode = 0);
 

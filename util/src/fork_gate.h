@@ -1,16 +1,16 @@
-// Serialises forks with steps that a child must not find half done. No wait lasts longer
-// than a second.
+// Keeps forks out of steps that a child must not find half done. No wait lasts longer than
+// a second.
 //
-// fork_guard is for mutexes that are held briefly. A recorder that is loaded is foreign
-// code, which may take its time, fork, or wait for a thread that forks: so every wait
-// here ends after a second, and no thread waits for itself.
+// fork_guard is for mutexes that are held briefly. Loading a recorder runs foreign code,
+// which may be slow, fork, or wait for a thread that forks: so every wait here ends after
+// a second, and no thread waits for itself.
 #ifndef QUORVANE_SRC_FORK_GATE_H_
 #define QUORVANE_SRC_FORK_GATE_H_
 
 namespace quorvane {
 namespace fork_gate {
 
-// While one exists, the forks of other threads wait. Any thread.
+// While one exists, forks of other threads wait. Any thread.
 class Closed {
  public:
   Closed();
@@ -19,11 +19,11 @@ class Closed {
   Closed& operator=(const Closed&) = delete;
 };
 
-// Returns when the forks of other threads that began before are over. They don't run
-// the fork handlers that were registered since. Any thread.
+// Waits until all forks of other threads that began earlier are over. Such forks don't run
+// fork handlers that were registered after they began. Any thread.
 void wait_for_earlier_forks();
 
-// To be called by the process's fork handlers.
+// For the process's fork handlers.
 void before_fork();
 void after_fork_in_parent();
 void after_fork_in_child();

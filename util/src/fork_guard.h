@@ -1,8 +1,8 @@
-// Keeps a fork from catching a mutex in the hands of another thread.
+// Keeps a child of fork from inheriting a mutex that another thread holds.
 //
-// A fork waits until every guarded mutex is free, so a child finds all of them
-// unlocked and what they guard whole. Guard only mutexes that are held briefly,
-// never across a wait or foreign code, and of which no thread holds two at a time.
+// A fork waits until every guarded mutex is free, so the child finds all of them unlocked
+// and what they protect consistent. Guard only mutexes that are held briefly, never during
+// a wait or foreign code, and of which no thread holds two at a time.
 #ifndef QUORVANE_SRC_FORK_GUARD_H_
 #define QUORVANE_SRC_FORK_GUARD_H_
 
@@ -14,14 +14,14 @@
 namespace quorvane {
 namespace fork_guard {
 
-// Any thread, not while holding a guarded mutex. Without memory for it the mutex
-// works but stays unguarded.
+// Any thread that holds no guarded mutex. Without memory the mutex works but stays
+// unguarded.
 void add(std::mutex& mutex) noexcept;
 void remove(std::mutex& mutex) noexcept;
 
-// Locks a guarded mutex, unless this thread is forking: it then holds all of them
-// already. Fork handlers that a program registered before it loaded this library run
-// while they are held, and may use the library.
+// Locks a guarded mutex, unless this thread is forking and so holds all of them already:
+// fork handlers that a program registered before it loaded this library run while the
+// mutexes are held, and may use the library.
 class Lock {
  public:
   explicit Lock(std::mutex& mutex);
@@ -33,14 +33,14 @@ class Lock {
   std::mutex* mutex_;  // null: not locked here
 };
 
-// How many forks of this process have begun. Nobody forks while a guarded mutex is held:
-// when the number is still the same then, no child has what was opened since.
+// How many forks of this process have begun. No fork begins while a guarded mutex is held:
+// if the number is unchanged then, no child has inherited what was opened since.
 std::uint64_t forks_begun();
 
-// Opens what children mustn't share (a lock, say), since the last of those who share it
-// ends it: `open` gives a descriptor or -1, `keep` stores it where the child's fork
-// handler finds it. A fork that comes in between doesn't wait; the file is then opened
-// again. True when a descriptor was kept, false with errno.
+// Opens what children must not share, such as a lock, which would last until the last
+// process that shares it closes it. `open` returns a descriptor or -1; `keep` stores it
+// where the child's fork handler finds it. A fork in between doesn't wait; the file is
+// opened again then. True when a descriptor was kept, false with errno.
 template <typename Open, typename Keep>
 bool open_unshared(std::mutex& guarded, const Open& open, const Keep& keep) {
   for (;;) {
@@ -55,8 +55,8 @@ bool open_unshared(std::mutex& guarded, const Open& open, const Keep& keep) {
   }
 }
 
-// For a thread about to abort, which may hold a guarded mutex: forks wait no
-// more, so that a handler of SIGABRT may fork. Any thread.
+// For a thread that is about to abort and may hold a guarded mutex: forks no longer wait, so
+// that a handler of SIGABRT may fork. Any thread.
 void give_up();
 
 }  // namespace fork_guard

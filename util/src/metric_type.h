@@ -5,9 +5,9 @@
 namespace quorvane {
 namespace stats {
 
-// The numbers by which the recorder knows the kinds. They are circmetrics.h's, which this
-// library doesn't include: it loads the recorder at run time, or does without. A test
-// compares the two.
+// The recorder's numbers for the kinds, as in circmetrics.h. This library doesn't include
+// that header, since it loads the recorder at run time or works without it. A test compares
+// the two.
 enum MetricType { kGaugeInt64 = 3, kCounter = 5, kGaugeDouble = 6, kHistogram = 7 };
 
 }  // namespace stats

@@ -1,4 +1,4 @@
-// Runs a function once in a process, whichever thread comes first.
+// Runs a function once in a process, in the thread that comes first.
 #ifndef QUORVANE_SRC_ONCE_H_
 #define QUORVANE_SRC_ONCE_H_
 
@@ -10,14 +10,14 @@
 
 namespace quorvane {
 
-// Unlike the guard of a local static, it survives a fork that catches another
-// thread in the function: the child, which doesn't have that thread, runs the
-// function again. Unlike std::once_flag, it tells so to ThreadSanitizer too.
-// What the function throws reaches the caller who ran it, and the next one runs it
-// again. It must bear to be run again after it was cut short anywhere.
+// Unlike the guard of a local static, it survives a fork while another thread runs the
+// function: the child, which doesn't have that thread, runs the function again. Unlike
+// std::once_flag, it lets ThreadSanitizer see the order. An exception of the function
+// reaches the caller that ran it, and the next caller runs it again. The function must
+// tolerate that, wherever it was cut short.
 class Once {
  public:
-  // Returns when the function has run. Any thread; one load afterwards.
+  // Returns once the function has run. Any thread; costs one load afterwards.
   template <typename Function>
   void run(const Function& function) {
     if (!has_run()) {
@@ -25,7 +25,7 @@ class Once {
     }
   }
 
-  // Any thread; one load. What the function wrote can be read after a true.
+  // Once it returns true, what the function wrote can be read. Any thread; costs one load.
   bool has_run() const { return state_.load(std::memory_order_acquire) == kDone; }
 
  private:

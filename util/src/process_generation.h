@@ -6,10 +6,10 @@
 
 namespace quorvane {
 
-// A number, never 0, that stays the same as long as this process lives and
-// differs from that of every process it descends from, however it was forked
-// (raw clone included). What is kept per process is kept beside this number and
-// thrown away when it changes. One load. Any thread.
+// A number, never 0, that stays the same as long as this process lives and differs from
+// those of all its ancestors, however it was forked (raw clone included). Keep this number
+// with every state that belongs to one process, and discard the state when the number
+// changes. Costs one load. Any thread.
 std::uint64_t process_generation();
 
 }  // namespace quorvane

@@ -10,22 +10,22 @@
 namespace quorvane {
 namespace stats {
 
-// Holds a descriptor to write through and, of a file on disk, one to lock and to read
-// through. The program may have closed either number and given it to a file of its own:
-// whenever one is used again, it is looked at first, and what is open there instead is
-// left alone.
+// Holds a descriptor to write through and, for a file on disk, another to lock and to read
+// through. The program may have closed either and opened a file of its own under that
+// number: so a descriptor is checked before each use, and one that is open on another file
+// is left alone.
 //
-// A child may write through its parent's descriptor. But a lock that it shared would
-// keep neither out, and would outlive a parent that is killed: so a child opens its own
-// descriptor to lock through, and lets go of its parent's in the fork handler. What is
-// no file on disk stays shared, lock and all: to open a FIFO again could block, and to
-// open it for reading would hide from a writer that its reader is gone.
+// A child may write through its parent's descriptor. But a shared lock would exclude
+// neither of them, and would outlive a parent that is killed: so the child's fork handler
+// opens a descriptor of its own to lock through, and closes its parent's. A file that isn't
+// on disk stays shared, and so does its lock: to open a FIFO again could block, and to open
+// it for reading would hide from a writer that its reader has gone.
 //
-// Used by one thread at a time; a fork by another may come at any moment.
+// Used by one thread at a time; another thread may fork at any moment.
 class ReportFile {
  public:
-  // `number` is kept up to date: -1 while no file is open. A file that is not kept yet
-  // is closed in a child.
+  // Keeps `number`, the descriptor to write through, up to date: -1 while no file is open. A
+  // child closes a file that isn't kept yet.
   ReportFile(int& number, bool is_kept);
   ~ReportFile();
   ReportFile(const ReportFile&) = delete;
@@ -36,20 +36,20 @@ class ReportFile {
   // False with errno.
   bool open(const char* path);
 
-  // close(2), but only of the file: -1 with EBADF when its number is not open on it.
-  // The number stays.
+  // Closes the descriptor as close(2) does, but only if it is open on the file: otherwise -1
+  // with EBADF. `number` stays.
   int close();
 
-  // Waits for the lock. False, having locked nothing, when the file has lost its number
-  // and can't be opened again, and after give_up.
+  // Waits for the lock. False, without a lock, after give_up, and when the descriptor is no
+  // longer open on the file and the file can't be opened again.
   bool lock();
   void unlock();
   void give_up() { is_given_up_ = true; }
 
-  // Whether it ends within a line, whose writer was killed. To be called with the lock.
+  // Whether the file ends within a line, whose writer was killed. Call it with the lock held.
   bool ends_within_a_line() const;
 
-  // For the fork handler, on every file.
+  // What the fork handler does with every file.
   static void all_in_child();
 
  private:
@@ -73,10 +73,10 @@ class ReportFile {
   descriptor::FileId id_;
   std::atomic<bool> is_on_disk_{false};
   std::atomic<int> lock_fd_{-1};
-  std::atomic<bool> is_shared_{false};     // the number is the parent's
-  std::atomic<std::uint64_t> generation_;  // of the process whose lock_fd_ it is
+  std::atomic<bool> is_shared_{false};     // the number is shared with the parent
+  std::atomic<std::uint64_t> generation_;  // of the process that lock_fd_ belongs to
   std::atomic<bool> is_kept_;
-  ReportFile* next_;  // in the list of all
+  ReportFile* next_;  // in the list of all files
 };
 
 }  // namespace stats

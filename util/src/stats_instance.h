@@ -1,5 +1,4 @@
-// The process's statistics module, for the functions that may ask for it only
-// when it exists.
+// The process's statistics module, for functions that use it only if it exists.
 #ifndef QUORVANE_SRC_STATS_INSTANCE_H_
 #define QUORVANE_SRC_STATS_INSTANCE_H_
 

@@ -1,4 +1,4 @@
-// Puts the cancellation of a thread off.
+// Defers the cancellation of a thread.
 #ifndef QUORVANE_SRC_UNCANCELLABLE_H_
 #define QUORVANE_SRC_UNCANCELLABLE_H_
 
@@ -6,8 +6,8 @@
 
 namespace quorvane {
 
-// While one exists, this thread can't be cancelled: what is half done here (a lock that is
-// taken, a list that is linked) would stay so.
+// While one exists, this thread can't be cancelled in the middle of a change, such as
+// taking a lock or linking a list, which would stay half done.
 class Uncancellable {
  public:
   Uncancellable() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
