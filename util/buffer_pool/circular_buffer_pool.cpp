@@ -26,7 +26,7 @@ bool is_traced() { return &qvtracer::util::write_trace != nullptr; }
 // The reports of one operation share a scratch record.
 class Trace {
  public:
-  // Kept out of the operations' straight path: few processes have a tracer.
+  // Cold: few processes have a tracer.
   __attribute__((cold, noinline)) void report(const CircularBufferPool* pool,
                                               const _qv_trace_rpc_t* rpc, Event event,
                                               Operation operation, const void* ptr,
@@ -40,7 +40,8 @@ class Trace {
   _qv_trace_rpc_t record_;
 };
 
-// A module at OFF keeps quiet even now, as it does for every other record.
+// A module at OFF suppresses even this record.
+// Kept: docs/compatibility.md
 [[noreturn]] __attribute__((format(printf, 1, 2))) void log_and_abort(const char* format, ...) {
   if (g_module->level >= QV_LOG_LEVEL_ERROR) {
     va_list arguments;
@@ -54,6 +55,8 @@ class Trace {
 }  // namespace
 
 CircularBufferPool::CircularBufferPool(unsigned long size) : length_(size) {
+  // 0 passes here, and map_region aborts.
+  // Kept: docs/compatibility.md
   if (size % static_cast<unsigned long>(getpagesize()) != 0) {
     log_and_abort("Buffer pool must be a multiple of page size");
   }
@@ -63,7 +66,7 @@ CircularBufferPool::CircularBufferPool(unsigned long size) : length_(size) {
 CircularBufferPool::~CircularBufferPool() { munmap(base_, 2 * length_); }
 
 void CircularBufferPool::map_region() {
-  // A refused reservation shows when the file can't be mapped over it.
+  // A refused reservation shows below, when the file can't be mapped over it.
   base_ = static_cast<unsigned char*>(
       mmap(nullptr, 2 * length_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   char name[32];
@@ -89,12 +92,16 @@ void CircularBufferPool::map_file(int fd, std::uint64_t offset) {
 
 RwBuffer CircularBufferPool::allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept {
   Trace trace;
+  // Reported before the lock is taken, and with the size that was asked for.
+  // Kept: docs/compatibility.md
   if (is_traced()) {
     trace.report(this, rpc, Event::start, Operation::pool_allocate, nullptr, size,
                  at(head_.load(std::memory_order_relaxed)));
   }
   const std::uint64_t rounded = round_up(size);
   if (length_ < size) {
+    // The record has the rounded size, which may be 0.
+    // Kept: docs/compatibility.md
     log_and_abort(
         "CircularBufferPool::allocate cannot satisfy allocation request of %zu > MAX_SIZE (%zu)",
         rounded, length_);

@@ -8,14 +8,14 @@ namespace quorvane {
 namespace util {
 namespace {
 
-// One allocation holds the bytes and the count of their owners.
+// One allocation for the bytes and the count of their owners.
 std::shared_ptr<unsigned char> make_bytes(std::size_t size) {
   auto array = std::make_shared_for_overwrite<unsigned char[]>(size);
   unsigned char* const first = array.get();
   return std::shared_ptr<unsigned char>(std::move(array), first);
 }
 
-// memcpy for lengths of 0 too, where an empty buffer has no address to give.
+// memcpy that may be given null with a length of 0, as an empty buffer does.
 void copy_bytes(void* dst, const void* src, std::size_t n) {
   if (n > 0) {
     std::memcpy(dst, src, n);
@@ -41,6 +41,8 @@ BufferBase& BufferBase::operator=(BufferBase&& other) noexcept {
   return *this;
 }
 
+// `other` keeps its pool: its destructor returns a range at null, which aborts.
+// Kept: docs/compatibility.md
 RoBuffer::RoBuffer(RwBuffer&& other) noexcept : BufferBase(static_cast<BufferBase&&>(other)) {}
 
 RoBuffer RoBuffer::copy(const void* data, std::size_t size) {
@@ -60,7 +62,7 @@ RoBuffer RoBuffer::share(std::shared_ptr<unsigned char> owner, const unsigned ch
                          std::size_t size) {
   RoBuffer buffer;
   buffer.owner_ = std::move(owner);
-  // The base class is shared with writable buffers; nothing writes through an RoBuffer.
+  // Writable buffers need a writable pointer in the base; no RoBuffer writes through it.
   buffer.data_ = const_cast<unsigned char*>(data);
   buffer.size_ = size;
   return buffer;
@@ -102,6 +104,8 @@ RwBuffer::~RwBuffer() {
 }
 
 bool BufferReader::get_raw(void* dst, std::size_t n) {
+  // Null is refused even for no bytes.
+  // Kept: docs/compatibility.md
   if (dst == nullptr || n > remaining()) {
     return false;
   }
@@ -110,6 +114,8 @@ bool BufferReader::get_raw(void* dst, std::size_t n) {
   return true;
 }
 
+// Stays before the string.
+// Kept: docs/compatibility.md
 bool BufferReader::get_c_string(char* dst, std::size_t capacity) {
   const std::size_t left = remaining();
   if (dst == nullptr || left == 0) {
@@ -126,6 +132,8 @@ bool BufferReader::get_c_string(char* dst, std::size_t capacity) {
 
 bool BufferWriter::put_raw(const void* src, std::size_t n) {
   const std::size_t size = buffer_->get_size();
+  // Null is refused even for no bytes.
+  // Kept: docs/compatibility.md
   if (src == nullptr || pos_ > size || n > size - pos_) {
     return false;
   }

@@ -9,7 +9,7 @@
 
 namespace {
 
-// The variable's value, or null when there is nothing to convert.
+// The variable's value; null when there is nothing to convert.
 const char* value_of(const char* name) {
   const char* value = secure_getenv(name);
   return value == nullptr || *value == '\0' ? nullptr : value;
@@ -20,8 +20,8 @@ void warn(const char* type, const char* name, const char* value) {
          "Unexpected value for %s environment variable \"%s\": \"%s\"", type, name, value);
 }
 
-// errno is left as the caller had it: programs rely on a stale ERANGE refusing
-// the value, so clearing it first would change what they read.
+// Doesn't clear errno first: a stale ERANGE refuses the value.
+// Kept: docs/compatibility.md
 template <typename Number>
 bool convert(Number (*read)(const char*, char**, int), const char* value, Number& out) {
   char* end = nullptr;
@@ -60,6 +60,8 @@ int qv_env_config_get_int(const char* name, int default_value) {
     warn("integer", name, value);
     return default_value;
   }
+  // The low 32 bits.
+  // Kept: docs/compatibility.md
   return static_cast<int>(number);
 }
 
@@ -69,6 +71,8 @@ uint64_t qv_env_config_get_uint64(const char* name, uint64_t default_value) {
     return default_value;
   }
   unsigned long long number = 0;
+  // Takes negative numbers, and its record says "integer" too.
+  // Kept: docs/compatibility.md
   if (!convert(&strtoull, value, number)) {
     warn("integer", name, value);
     return default_value;

@@ -9,10 +9,14 @@ namespace quorvane {
 namespace util {
 namespace {
 
+// Named after this file and not after BinaryDumper.
+// Kept: docs/compatibility.md
 const Module g_module("util/src/fatbin_parser");
 
 bool logs_at(qv_log_level_t level) { return g_module->level >= level; }
 
+// An empty TMPDIR is the root directory; "/tmp/" gives a path with two slashes.
+// Kept: docs/compatibility.md
 const char* default_directory() {
   const char* const set = secure_getenv("TMPDIR");
   return set == nullptr ? "/tmp/" : set;
@@ -22,10 +26,11 @@ char* own(const char* text, const char* fallback) {
   return strdup(text == nullptr ? fallback : text);
 }
 
-// The slash, four digits and the NUL.
+// The slash, four digits and the NUL: a longer number cuts the path.
+// Kept: docs/compatibility.md
 constexpr std::size_t kFixedPart = 6;
 
-// 0 where there was no memory for one of them: such a dumper opens no file.
+// 0 when there was no memory for one of them: such a dumper opens no file.
 std::uint32_t path_size(const char* directory, const char* prefix, const char* suffix) {
   if (directory == nullptr || prefix == nullptr || suffix == nullptr) {
     return 0;
@@ -34,7 +39,7 @@ std::uint32_t path_size(const char* directory, const char* prefix, const char* s
                                     std::strlen(suffix) + kFixedPart);
 }
 
-// The caller frees it; null where there is no memory.
+// The caller frees the path; null without memory.
 char* make_path(std::uint32_t path_size, const char* directory, const char* prefix, int number,
                 const char* suffix) {
   auto* const path = path_size == 0 ? nullptr : static_cast<char*>(std::malloc(path_size));
@@ -71,6 +76,8 @@ void BinaryDumper::dump(const void* data, std::size_t size) {
   }
   const int number = static_cast<int>(counter_.fetch_add(1));
   char* const path = make_path(path_size_, directory_, prefix_, number, suffix_);
+  // Before the file is opened, and with the low half of the size.
+  // Kept: docs/compatibility.md
   if (path != nullptr && logs_at(level_)) {
     qv_log_do(g_module.get(), level_, 0, "Dumping %s #%04d of size %d to %s", name_, number,
               static_cast<int>(size), path);
@@ -79,10 +86,14 @@ void BinaryDumper::dump(const void* data, std::size_t size) {
   std::free(path);
   if (file == nullptr) {
     if (logs_at(level_)) {
+      // At the level of every record of this dumper.
+      // Kept: docs/compatibility.md
       qv_log_do(g_module.get(), level_, 0, "Dump failed!  Can't open file.");
     }
     return;
   }
+  // A full disk is not reported.
+  // Kept: docs/compatibility.md
   std::fwrite(data, 1, size, file);
   std::fclose(file);
 }

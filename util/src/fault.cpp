@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kMaxFrames = 64;
 
-// stdio isn't safe in a handler, but the process is lost either way.
+// stdio isn't safe in a signal handler, but the process is lost in any case.
 void print_stack_and_abort(int signal_number) {
   void* frames[kMaxFrames];
   const int count = backtrace(frames, kMaxFrames);
@@ -22,7 +22,7 @@ void print_stack_and_abort(int signal_number) {
   std::abort();
 }
 
-// Checks fail with the locks of their components in hand.
+// A failed check may hold locks of its component, which a fork would wait for.
 [[noreturn]] void abort_for_good() {
   quorvane::fork_guard::give_up();
   std::abort();
@@ -35,6 +35,8 @@ bool qv_fault_expect(void* module, unsigned severity, bool condition, const char
     return true;
   }
   const auto* record = static_cast<const quorvane::module::Module*>(module);
+  // Unsigned: a negative threshold is above every usual severity.
+  // Kept: docs/compatibility.md
   if (severity <= static_cast<unsigned>(record->fault_log_level) &&
       record->level != QV_LOG_LEVEL_OFF) {
     va_list args;
@@ -49,7 +51,7 @@ bool qv_fault_expect(void* module, unsigned severity, bool condition, const char
 }
 
 void qv_enable_stack_print_on_segfault() {
-  // The first backtrace loads a library, which a handler must not do.
+  // The first backtrace loads a library, which a signal handler must not do.
   void* frame = nullptr;
   backtrace(&frame, 1);
   signal(SIGSEGV, &print_stack_and_abort);
@@ -71,9 +73,11 @@ bool expectation_failed(void* module, int severity, const char* condition, const
   return false;
 }
 
-// The condition is an argument and no part of the format: one with a remainder
-// in it, as in "size % step", would read arguments that aren't there.
+// The condition is an argument and not part of the format: a "%" in it, as in
+// "size % step", would read arguments that don't exist.
 void assertion_failed(void* module, const char* condition, const char* source, int line) {
+  // At any level of the module, even at OFF.
+  // Kept: docs/compatibility.md
   qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, "QV_FAULT_ASSERT: assertion (%s) failed (%s:%d)",
             condition, source, line);
   abort_for_good();

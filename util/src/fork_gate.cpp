@@ -13,19 +13,19 @@ constexpr timespec kPause{0, 50'000};
 
 std::atomic<int> g_closed{0};
 
-// The forks under way that began before wait_for_earlier_forks, which ends the count.
+// The unfinished forks that began before wait_for_earlier_forks, which stops the count.
 std::atomic<int> g_earlier_forks{0};
 std::atomic<bool> g_is_over{false};
 
-// This thread's share of the counts above. Initial-exec, so that no first use in a thread
-// allocates.
+// This thread's share of the counts above. Initial-exec, so that a thread's first use
+// doesn't allocate.
 #define QV_OF_THREAD __attribute__((tls_model("initial-exec"))) thread_local
 QV_OF_THREAD int t_closed = 0;
-QV_OF_THREAD int t_forks = 0;  // a fork handler may fork itself
+QV_OF_THREAD int t_forks = 0;  // a count, since a fork handler may fork itself
 QV_OF_THREAD int t_earlier_forks = 0;
 #undef QV_OF_THREAD
 
-// Polls: a futex that a child inherits would need as much care.
+// Polls: a futex in the memory that a child inherits would need care of its own.
 void wait_until_equal(const std::atomic<int>& all, int own) {
   const auto end = std::chrono::steady_clock::now() + kLongestWait;
   while (all != own && std::chrono::steady_clock::now() < end) {
@@ -33,7 +33,7 @@ void wait_until_equal(const std::atomic<int>& all, int own) {
   }
 }
 
-// Of nested forks the outer ones are the earlier ones.
+// Among nested forks, the outer ones are the earlier ones.
 void end_fork() {
   if (t_forks-- == t_earlier_forks) {
     --t_earlier_forks;

@@ -10,7 +10,7 @@ namespace quorvane {
 namespace fork_guard {
 namespace {
 
-// The guarded mutexes, in the one order in which they are ever locked together.
+// The guarded mutexes, in the only order in which they are ever locked together.
 struct Guarded {
   std::mutex mutex;
   std::set<std::mutex*> members;
@@ -25,9 +25,9 @@ Guarded& guarded() {
 
 std::atomic<bool> g_is_given_up{false};
 
-// How many forks of this thread are under way since it locked all mutexes: a fork
-// handler may fork itself. 0 when it holds none. Initial-exec, so that no first use in
-// a thread allocates.
+// How many nested forks this thread is in since it locked all mutexes (a fork handler may
+// fork itself); 0 when it holds none. Initial-exec, so that a thread's first use doesn't
+// allocate.
 __attribute__((tls_model("initial-exec"))) thread_local unsigned t_forks = 0;
 
 bool holds_all() { return t_forks > 0; }
@@ -58,7 +58,7 @@ void after_fork() {
   guarded().mutex.unlock();
 }
 
-// At load: a process that forks later finds the handlers in place.
+// At load, so that every later fork runs the handlers.
 const int g_registered = pthread_atfork(&before_fork, &after_fork, &after_fork);
 
 }  // namespace
@@ -67,10 +67,10 @@ void add(std::mutex& mutex) noexcept try {
   const Lock lock(guarded().mutex);
   const bool is_new = guarded().members.insert(&mutex).second;
   if (is_new && holds_all()) {
-    mutex.lock();  // the fork's end unlocks it with the others
+    mutex.lock();  // after_fork unlocks it with the others
   }
 } catch (const std::bad_alloc&) {
-  // A fork may then catch it; everything else works.
+  // A fork may then find the mutex locked; everything else works.
 }
 
 void remove(std::mutex& mutex) noexcept {

@@ -9,7 +9,7 @@
 #include <utility>
 
 #ifdef QV_FARMHASH_USE_CITY
-// Exported by the library, but in none of its headers.
+// FarmHash exports it but declares it in none of its headers.
 namespace farmhashcc {
 util::uint128_t CityHash128WithSeed(const char* s, size_t len, util::uint128_t seed);
 }
@@ -19,14 +19,15 @@ namespace quorvane {
 namespace hash {
 namespace {
 
-// Nothing here fails, and so nothing is logged yet.
+// Nothing is logged, but the module can be found.
+// Kept: docs/compatibility.md
 [[maybe_unused]] const Module g_module("util/src/hasher");
 
 constexpr std::size_t kBlake2Size = 32;
 
-// libb2 picks its code for this machine on the first call of each function and
-// keeps the choice in plain variables. Calling each while the library is loaded,
-// before threads can hash, keeps them from racing for those variables.
+// On the first call of each function libb2 chooses its code for this machine, and keeps
+// the choice in plain variables. To call each of them at load, before threads can hash,
+// avoids a race for those variables.
 bool choose_blake2_code() {
   blake2b_state state;
   const unsigned char byte = 0;
@@ -73,6 +74,8 @@ bool Blake2Hasher::push(const std::uint8_t* data, std::size_t size) {
   return true;
 }
 
+// Without a push the digest is an empty buffer.
+// Kept: docs/compatibility.md
 util::RoBuffer Blake2Hasher::calculate_and_reset() {
   if (!pushed_) {
     return util::RoBuffer();
@@ -99,6 +102,8 @@ bool FarmHash128Hasher::push(const std::uint8_t* data, std::size_t size) {
   return true;
 }
 
+// Without a push the digest is an empty buffer.
+// Kept: docs/compatibility.md
 util::RoBuffer FarmHash128Hasher::calculate_and_reset() {
   if (!pushed_) {
     return util::RoBuffer();

@@ -24,7 +24,7 @@ namespace quorvane {
 namespace logging {
 
 const char* QV_LOG_FILE_ENV = "QV_LOG_FILE";
-const char* QV_LOG_FILE_GLOBAL_ENV = "QV_LOG_FILE_Global";
+const char* QV_LOG_FILE_GLOBAL_ENV = "QV_LOG_FILE_Global";  // Kept: docs/compatibility.md
 const char* QV_LOG_LEVEL_ENV = "QV_LOG_LEVEL";
 
 LoggingModuleData g_singleton_outlet = {-1, -1, QV_LOG_LEVEL_ERROR};
@@ -44,7 +44,7 @@ const LevelStrs& level_strs() {
   return strs;
 }
 
-// Built at load, so that no fork catches another thread building it.
+// Built at load, so that no fork happens while another thread builds it.
 [[maybe_unused]] const LevelStrs& g_built_at_load = level_strs();
 
 std::string_view level_prefix(qv_log_level_t level) {
@@ -54,8 +54,8 @@ std::string_view level_prefix(qv_log_level_t level) {
   return index < kLevels ? prefixes[index] : std::string_view("[UNKNOWN] ");
 }
 
-// What changes at most once a second, and what never changes in a process. Each
-// thread keeps it; a child of fork, whose ids differ, starts afresh.
+// The parts of a record that change at most once a second, and those that never change
+// in a process. Each thread keeps its own; in a child of fork they are formatted again.
 struct Kept {
   std::uint64_t generation = 0;
   std::int64_t second = std::numeric_limits<std::int64_t>::min();
@@ -65,12 +65,12 @@ struct Kept {
   std::array<char, 48> ids{};   // "Z, 1234, 1240, \""
 };
 
-// In the memory that a thread starts with, of which the loader sets some hundred bytes
-// aside for libraries that come later: one of those would otherwise allocate at a
-// thread's first record.
+// Initial-exec: in the memory that every thread starts with. The loader reserves some
+// hundred bytes of that for libraries that are loaded later; if this one is, a thread's
+// first record would otherwise allocate.
 __attribute__((tls_model("initial-exec"))) thread_local Kept t_kept;
 
-// UTC by arithmetic: gmtime_r takes a lock, which a fork may catch held.
+// UTC by arithmetic: gmtime_r takes a lock, which may be held at a fork.
 void keep_date(Kept& kept, std::int64_t second) {
   using namespace std::chrono;
   const sys_seconds now{seconds{second}};
@@ -92,8 +92,8 @@ void keep_ids(Kept& kept, std::uint64_t generation) {
   kept.generation = generation;
 }
 
-// A record under construction. Room for the closing quote and newline is set
-// aside from the start, so that a cut message leaves a whole line.
+// A record under construction. It reserves room for the closing quote and newline from the
+// start, so that a record whose message is cut is still a whole line.
 class Record {
  public:
   void append(std::string_view text) {
@@ -109,18 +109,22 @@ class Record {
     size_ += 6;
   }
 
+  // Escapes nothing.
+  // Kept: docs/compatibility.md
   void append_message(const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
     const std::size_t room = bytes_.size() - kTail.size() - size_;
     char* const message = bytes_.data() + size_;
     *message = '\0';
-    // The terminating NUL takes the place of the tail's first byte.
+    // The tail overwrites the terminating NUL.
     const int wanted = std::vsnprintf(message, room + 1, format, args);
-    // A text that can't be converted, or of more than INT_MAX bytes, is cut there.
+    // A text that can't be converted, or has more than INT_MAX bytes, is cut there.
     size_ += wanted < 0 ? strnlen(message, room) : std::min(static_cast<std::size_t>(wanted), room);
     append(kTail);
   }
 
-  // One write to the descriptor that stands at `fd`; a failure drops the record.
+  // One write to the descriptor that `fd` refers to at that moment. A failure drops the
+  // record, a short write isn't continued, and descriptor 0 gets nothing.
+  // Kept: docs/compatibility.md
   void write_to(const int& fd) const {
     while (fd != 0 && ::write(fd, bytes_.data(), size_) == -1 && errno == EINTR) {
     }
@@ -136,10 +140,16 @@ void set_up_outlet() {
   LoggingModuleData& outlet = g_singleton_outlet;
   const std::string path = get_default_log_path();
   if (path.empty()) {
+    // QV_LOG_LEVEL has no effect without a log file.
+    // Kept: docs/compatibility.md
     outlet.level = outlet.error_fd >= 0 ? QV_LOG_LEVEL_ERROR : QV_LOG_LEVEL_OFF;
     return;
   }
+  // Any value turns it on, even "0" and an empty one.
+  // Kept: docs/compatibility.md
   const int sync = secure_getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
+  // Survives an exec.
+  // Kept: docs/compatibility.md
   outlet.fd =
       descriptor::open_off_standard(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
   outlet.error_fd = STDERR_FILENO;
@@ -148,6 +158,8 @@ void set_up_outlet() {
     outlet.level = QV_LOG_LEVEL_ERROR;
     return;
   }
+  // An unknown name means INFO, without a record.
+  // Kept: docs/compatibility.md
   const char* level = secure_getenv(QV_LOG_LEVEL_ENV);
   if (level == nullptr || !parse_level_string(level, outlet.level)) {
     outlet.level = QV_LOG_LEVEL_INFO;
@@ -167,6 +179,8 @@ const std::string& level_to_string(qv_log_level_t level) {
 }
 
 bool parse_level_string(const char* text, qv_log_level_t& out) {
+  // Throws std::logic_error when `text` is null.
+  // Kept: docs/compatibility.md
   const auto& names = level_strs().names;
   const auto found = std::find(names.begin(), names.end(), std::string(text));
   if (found == names.end()) {
@@ -197,6 +211,8 @@ void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const char* format
   errno = caller_errno;  // for %m
   record.append_message(format, args);
   record.write_to(outlet.fd);
+  // OFF goes there as well. One file for both descriptors gets the record twice.
+  // Kept: docs/compatibility.md
   if (level == QV_LOG_LEVEL_ERROR || level == QV_LOG_LEVEL_OFF) {
     record.write_to(outlet.error_fd);
   }

@@ -34,8 +34,9 @@ MMappedFile::~MMappedFile() {
   }
 }
 
-// The numbers are the lines that the records of these checks carry: readers of
-// logs search for them, so they stay when the code moves.
+// The numbers are the lines in the records of these checks. Readers of logs search for
+// them, so they stay when the code moves.
+// Kept: docs/compatibility.md
 void MMappedFile::open(const std::string& path, int oflag, unsigned int mode, int prot, int flags) {
   fd_ = descriptor::open_off_standard(path.c_str(), oflag, mode);
   if (!QV_FAULT_EXPECT_AT(g_module, 3, fd_ >= 0, kSource, 20)) {
@@ -44,6 +45,8 @@ void MMappedFile::open(const std::string& path, int oflag, unsigned int mode, in
   }
   struct stat s;
   if (!QV_FAULT_EXPECT_AT(g_module, 3, fstat(fd_, &s) == 0, kSource, 27)) {
+    // A second record of the failure, at ERROR.
+    // Kept: docs/compatibility.md
     QV_LOG(g_module, ERROR, "fstat(%s) failed with error: %s", path.c_str(), strerror(errno));
     ::close(fd_);
     fd_ = -1;
@@ -53,6 +56,8 @@ void MMappedFile::open(const std::string& path, int oflag, unsigned int mode, in
   mmap_size_ = round_up_to_pages(size_);
   data_ = mmap(nullptr, mmap_size_, prot, flags, fd_, 0);
   if (!QV_FAULT_EXPECT_AT(g_module, 3, data_ != MAP_FAILED, kSource, 42)) {
+    // A second record of the failure, at DEBUG only.
+    // Kept: docs/compatibility.md
     QV_LOG(g_module, DEBUG, "mmap(%s) failed with error: %s", path.c_str(), strerror(errno));
     ::close(fd_);
     fd_ = -1;

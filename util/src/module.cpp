@@ -20,12 +20,14 @@ std::size_t bucket_of(std::string_view path, std::size_t buckets) {
   return std::hash<std::string_view>()(path) % buckets;
 }
 
-// A module that no registry knows goes away with its routes.
+// Deletes a module and its routes.
 void destroy(Module* module) {
   delete module->routes;
   delete module;
 }
 
+// An empty component is malformed except at the end.
+// Kept: docs/compatibility.md
 bool is_well_formed(std::string_view path) {
   return path.find("//") == std::string_view::npos && (path.empty() || path.front() != '/');
 }
@@ -35,12 +37,14 @@ Lookup& registry() {
   return lookup;
 }
 
-// Both are made at load, so that no fork catches another thread making them.
+// Both are made at load, so that no fork happens while another thread makes them.
 [[maybe_unused]] Lookup& g_registry_made_at_load = registry();
 [[maybe_unused]] Module* const g_internal_made_at_load = Module::get_internal();
 
 }  // namespace
 
+// At INFO, whatever the outlet's level is.
+// Kept: docs/compatibility.md
 Module* Module::get_internal() {
   static Module* const internal = new Module{
       QV_LOG_LEVEL_INFO, kFaultAbortLevel, kFaultLogLevel, 0, get_singleton_outlet(), nullptr};
@@ -73,8 +77,8 @@ void Lookup::add_route(Module& module, const std::string& path) {
   module.routes->push_back(path);
 }
 
-// All that needs memory comes first: a module is registered under each of its routes
-// or stays the caller's.
+// Everything that needs memory comes first: a module is registered under all of its
+// routes or stays the caller's.
 void Lookup::commit(std::unique_ptr<Module>&& module) {
   using Owner = std::unique_ptr<Module, void (*)(Module*)>;
   const fork_guard::Lock lock(mutex_);
@@ -83,6 +87,8 @@ void Lookup::commit(std::unique_ptr<Module>&& module) {
   for (const std::string& route : *module->routes) {
     const auto [entry, is_new] = entries.try_emplace(route);
     if (!is_new || find(route) != nullptr) {
+      // At any level of the module.
+      // Kept: docs/compatibility.md
       qv_log_do(module.get(), QV_LOG_LEVEL_ERROR, 0, "Module creation collision detected: %s",
                 route.c_str());
       fork_guard::give_up();
@@ -121,8 +127,8 @@ Module* Lookup::find_route(std::string_view path) const {
 
 namespace {
 
-// Modules whose path was malformed: nobody can find them, but their handles go
-// on pointing at them.
+// Modules whose path was malformed: nobody can find them, but their handles still point
+// to them.
 class Unregistered {
  public:
   Unregistered() { fork_guard::add(mutex_); }
@@ -131,7 +137,7 @@ class Unregistered {
     const fork_guard::Lock lock(mutex_);
     modules_.push_back(module);
   } catch (const std::bad_alloc&) {
-    // The list only tells leak checkers that the module isn't lost.
+    // The list only shows leak checkers that the module isn't lost.
   }
 
   static Unregistered& instance() {
@@ -146,7 +152,7 @@ class Unregistered {
 
 [[maybe_unused]] Unregistered& g_unregistered_made_at_load = Unregistered::instance();
 
-// The module of `path`, made and registered when there is none.
+// The module of `path`, made and registered if there is none.
 Module* find_or_register(const char* path) {
   if (void* found = qv_module_find(path)) {
     return static_cast<Module*>(found);
@@ -156,6 +162,8 @@ Module* find_or_register(const char* path) {
     return Module::get_internal();
   }
   qv_module_route(path, made);
+  // A malformed path still makes a module.
+  // Kept: docs/compatibility.md
   if (made->routes->empty()) {
     Unregistered::instance().keep(made);
   } else {
@@ -196,7 +204,7 @@ void qv_module_commit(void* module) {
     registry().commit(std::move(owned));
   } catch (const std::bad_alloc&) {
     QV_LOG(quorvane::module::Module::get_internal(), WARN, "No memory to register a module");
-    static_cast<void>(owned.release());  // whoever made it goes on using it
+    static_cast<void>(owned.release());  // its maker may still use it
   }
 }
 

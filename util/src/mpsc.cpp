@@ -6,7 +6,7 @@ namespace quorvane {
 namespace mpsc {
 namespace {
 
-// Lets the other thread of the core go ahead, without giving the core up.
+// Lets the core's other hardware thread run, without yielding the core.
 inline void pause_in_spin() {
 #if defined(__x86_64__)
   __builtin_ia32_pause();
@@ -17,11 +17,14 @@ inline void pause_in_spin() {
 
 }  // namespace
 
+// The ring logs through the internal module and not through this one.
+// Kept: docs/compatibility.md
 Module g_module("quorvane/mpsc");
 
 Ring::Ring(unsigned int size) : size_(size), mask_(size - 1) {
-  // The number is the line that the record carries: readers of logs search for
-  // it, so it stays when the code moves.
+  // The number is the line in the record. Readers of logs search for it, so it stays when
+  // the code moves.
+  // Kept: docs/compatibility.md
   QV_FAULT_ASSERT_AT(module::Module::get_internal(), try_use_size(size, size) == true,
                      "util/src/mpsc", 22);
 }
@@ -44,7 +47,8 @@ Ring::Reservation Ring::wr_reserve() {
         return {reserve + 1};
       }
     } else if (static_cast<std::int32_t>(used) < 0) {
-      // Others' entries have come and gone since the reserve index was read.
+      // Since the reserve index was read, other producers have reserved slots and the
+      // consumer has gone past it.
       reserve = reserve_index_.load();
     } else if (read_index_.load() == read) {
       std::unique_lock<std::mutex> lock(space_mutex_);
@@ -56,13 +60,13 @@ Ring::Reservation Ring::wr_reserve() {
   }
 }
 
-// The store of the commit index and the load of the read index are a full fence
-// apart, being sequentially consistent: either the producer sees that the
-// consumer has nothing left, or the consumer sees the entry before it sleeps.
+// The store of the commit index and the load of the read index are sequentially
+// consistent: either the producer sees that the consumer has nothing left, or the consumer
+// sees the entry before it sleeps.
 //
 // The lock waits for a consumer that has seen nothing and is about to sleep. It is
-// given up last: a consumer that was woken knows that the producer no longer
-// touches the condition.
+// released last, so that the producer no longer uses the condition when the woken consumer
+// goes on.
 void Ring::wr_commit(const Reservation& reservation) {
   const std::uint32_t before = reservation.value - 1;
   while (commit_index_.load() != before) {
@@ -83,9 +87,9 @@ void Ring::rd_wait(std::unique_lock<std::mutex>& lock) {
   }
 }
 
-// The producers' line is read only when the entries that were seen there are
-// used up. What was seen counts from the read index that it was seen with: a
-// consumer may retire entries without asking for the head.
+// Reads the producers' cache line only when the entries already seen there are used up.
+// The number seen belongs to the read index of that moment, since a consumer may remove
+// entries without asking for the head.
 bool Ring::rd_head(unsigned int& slot) {
   const std::uint32_t read = read_index_.load();
   if (known_from_ != read || known_ == 0) {
@@ -106,11 +110,11 @@ void Ring::rd_advance() {
   known_from_ = next;
   known_ = is_followed ? known_ - 1 : 0;
   if (is_followed) {
-    // More is committed, and so reserved: this can't have drained the ring.
+    // More entries are committed, and so reserved: the ring isn't drained.
     read_index_.store(next);
     return;
   }
-  // Read before the increment: whoever reserves later found space and needs no
+  // Read before the increment: a producer that reserves later finds space and needs no
   // wake-up.
   const std::uint32_t reserve = reserve_index_.load();
   read_index_.store(next);

@@ -16,23 +16,25 @@ namespace {
 
 constexpr unsigned kSeverity = 2;
 
-// No string: a handler of SIGQUIT may remove the file.
+// An array, since a handler of SIGQUIT may remove the file.
 char g_path[PATH_MAX];
 
-// The process whose file g_path is; 0 when there is none. A raw clone inherits
-// its parent's id here, and so leaves the file to it.
+// The process that owns the file at g_path; 0 when there is no file. A child made by a raw
+// clone finds its parent's id here, and so leaves the file alone.
 std::atomic<pid_t> g_owner{0};
 
-// -1 also when the name had to be cut, which no file can have. Its record is cut
-// before that is seen.
+// -1 also when the path had to be cut: no path is that long, and the record of the failure
+// is cut before its end would show it.
 int open_file(const char* root, pid_t pid) {
+  // No separator between root and name.
+  // Kept: docs/compatibility.md
   const int length = std::snprintf(g_path, sizeof(g_path), "%sqv.%d", root, pid);
   return length < static_cast<int>(sizeof(g_path))
              ? open(g_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)
              : -1;
 }
 
-// At load, and in a child, which leaves its parent's file alone.
+// Called at load and in a child, which leaves its parent's file alone.
 void write_file() {
   g_owner = 0;
   const char* const root = secure_getenv("QV_PIDFILE_ROOT");
@@ -43,6 +45,8 @@ void write_file() {
   const int fd = open_file(root, pid);
   if (qv_fault_expect(quorvane::module::Module::get_internal(), kSeverity, fd >= 0,
                       "Failed to open QV_PIDFILE_ROOT pid file %s", g_path)) {
+    // On a full disk the file stays empty.
+    // Kept: docs/compatibility.md
     dprintf(fd, "%d\n", pid);
     close(fd);
     g_owner = pid;
@@ -57,14 +61,15 @@ bool set_up() {
 
 [[maybe_unused]] const bool g_is_set_up = set_up();
 
-// Exit handlers that were registered before this library was loaded run after its own,
-// and may fork.
+// Exit handlers registered before this library was loaded run after its own, and may fork.
 __attribute__((destructor)) void remove_late_childs_file() { qv_remove_sigquit_pidfile(); }
 
 }  // namespace
 
 void qv_remove_sigquit_pidfile() {
   pid_t owner = getpid();
+  // Forgets the file even if unlink fails.
+  // Kept: docs/compatibility.md
   if (g_owner.compare_exchange_strong(owner, 0)) {
     const bool is_gone = unlink(g_path) == 0 || errno == ENOENT;
     qv_fault_expect(quorvane::module::Module::get_internal(), kSeverity, is_gone,

@@ -28,7 +28,7 @@ constexpr int kLockFailed = 999;
 
 std::size_t page_size() { return static_cast<std::size_t>(getpagesize()); }
 
-// The callers of what failed want its errno, not that of the tidying up.
+// Restores errno: the caller needs that of the failure, not that of the cleanup.
 class ErrnoKeeper {
  public:
   ~ErrnoKeeper() { errno = saved_; }
@@ -49,7 +49,7 @@ qv_pidset_t* unmap_and_give_up(int fd, void* map) {
   return give_up(fd);
 }
 
-// Other processes write the count while we read it without the lock.
+// Atomic: other processes write the count while this one reads it without the lock.
 std::atomic_ref<std::uint64_t> count_of(const qv_pidset_t* set) {
   return std::atomic_ref<std::uint64_t>(*static_cast<std::uint64_t*>(set->map));
 }
@@ -58,8 +58,8 @@ std::int32_t* ids_of(const qv_pidset_t* set) {
   return reinterpret_cast<std::int32_t*>(static_cast<std::uint64_t*>(set->map) + 1);
 }
 
-// A count that somebody has spoilt since the set was opened leads nobody past
-// the page.
+// At most the capacity: a count that was damaged after the set was opened must not lead
+// beyond the page.
 std::size_t used_of(const qv_pidset_t* set) {
   return std::min(count_of(set).load(std::memory_order_acquire), set->capacity);
 }
@@ -73,14 +73,15 @@ inline FourIds load(const std::int32_t* ids) {
   return four;
 }
 
-// All ones in each place of an id that is less than that of `bound`.
+// All ones in the place of each id that is less than the one of `bound`.
 inline FourIds less(const std::int32_t* ids, FourIds bound) { return bound > load(ids); }
 
-// All ones in each place of an id that is equal to the next.
+// All ones in the place of each id that is equal to the next one.
 inline FourIds repeated(const std::int32_t* ids) { return load(ids) == load(ids + 1); }
 
-// The index of the first id not less than `pid`, or `count`. A page is scanned
-// to its end more often than not: 16 ids at a time.
+// The index of the first id not less than `pid`, or `count`. Scans from the front, 16 ids
+// at a time, which also defines the result for ids that are not in order.
+// Kept: docs/compatibility.md
 std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int32_t pid) {
   const FourIds bound = {pid, pid, pid, pid};
   std::size_t index = 0;
@@ -98,13 +99,13 @@ std::size_t first_not_less(const std::int32_t* ids, std::size_t count, std::int3
   return index;
 }
 
-// A process may be killed between any two of these stores. None is merged with
-// another or moved before an earlier one, as those of memmove are.
+// A process may be killed between any two of these stores, so the compiler must not merge
+// or reorder them, as it may those of memmove.
 void store(std::int32_t& place, std::int32_t id) {
   std::atomic_ref<std::int32_t>(place).store(id, std::memory_order_release);
 }
 
-// Two ids in one store, to an even place: those are aligned to 8 bytes.
+// Two ids in one store, to a place of even index: these are aligned to 8 bytes.
 void store_two(std::int32_t* place, const std::int32_t* from) {
   using TwoIds = std::uint64_t __attribute__((may_alias));
   std::uint64_t ids;
@@ -112,13 +113,13 @@ void store_two(std::int32_t* place, const std::int32_t* from) {
   __atomic_store_n(reinterpret_cast<TwoIds*>(place), ids, __ATOMIC_RELEASE);
 }
 
-// The last id is repeated before it counts; then each id is repeated one place
-// further before it is overwritten, so none is ever missing.
+// Copies the last id one place up before the count includes that place, then each id one
+// place up before it is overwritten, so that no id is ever missing.
 void insert(qv_pidset_t* set, std::size_t count, std::size_t index, std::int32_t pid) {
   std::int32_t* const ids = ids_of(set);
   store(ids[count], index < count ? ids[count - 1] : pid);
   count_of(set).store(count + 1, std::memory_order_release);
-  std::size_t place = count;  // from here on all ids have moved
+  std::size_t place = count;  // from this place on, all ids are final
   if (place % 2 != 0 && place > index + 1) {
     --place;
     store(ids[place], ids[place - 1]);
@@ -134,11 +135,12 @@ void insert(qv_pidset_t* set, std::size_t count, std::size_t index, std::int32_t
   }
 }
 
-// Each later id is repeated one place before it is overwritten; the last one
-// stands there twice when it ceases to count.
+// Copies each later id one place down before it is overwritten. The last one is there
+// twice when the count drops; its second copy stays in the page.
+// Kept: docs/compatibility.md
 void erase(qv_pidset_t* set, std::size_t count, std::size_t index) {
   std::int32_t* const ids = ids_of(set);
-  std::size_t place = index;  // up to here all ids have moved
+  std::size_t place = index;  // below this place, all ids are final
   if (place % 2 != 0 && place + 1 < count) {
     store(ids[place], ids[place + 1]);
     ++place;
@@ -152,7 +154,7 @@ void erase(qv_pidset_t* set, std::size_t count, std::size_t index) {
   count_of(set).store(count - 1, std::memory_order_release);
 }
 
-// The index of the first id that stands there once more, or `count`.
+// The index of the first id that is equal to the next one, or `count`.
 std::size_t first_repeated(const std::int32_t* ids, std::size_t count) {
   std::size_t index = 0;
   for (; count - index > 16; index += 16) {
@@ -166,8 +168,10 @@ std::size_t first_repeated(const std::int32_t* ids, std::size_t count) {
   return static_cast<std::size_t>(std::adjacent_find(ids + index, ids + count) - ids);
 }
 
-// Takes the lock, and removes the id that a killed process has left there twice.
+// Takes the lock, and removes the second copy of an id that a killed process has left.
 int lock_for_change(qv_pidset_t* set) {
+  // Not repeated when a signal interrupts it.
+  // Kept: docs/compatibility.md
   const int locked = flock(set->fd, LOCK_EX);
   if (locked == 0) {
     std::size_t count = used_of(set);
@@ -181,8 +185,9 @@ int lock_for_change(qv_pidset_t* set) {
 }  // namespace
 
 qv_pidset_t* qv_pidset_open(const char* path) {
+  // The descriptor survives an exec, and stays open if it holds no set.
+  // Kept: docs/compatibility.md
   const int fd = quorvane::descriptor::open_off_standard(path, O_RDWR);
-  // A descriptor that holds no set stays open, unlike that of a clone.
   return fd < 0 ? nullptr : qv_pidset_open_fd(fd);
 }
 
@@ -199,8 +204,9 @@ qv_pidset_t* qv_pidset_open_fd(int fd) {
   if (is_new && ftruncate(fd, static_cast<off_t>(page)) != 0) {
     return give_up(fd);
   }
-  // Pages that can be written can be read. A refused mapping isn't null and is
-  // not noticed here: the first access ends the process.
+  // Pages that can be written can be read. A refused mapping isn't null and goes unnoticed
+  // here: the first access ends the process.
+  // Kept: docs/compatibility.md
   void* const map = mmap(nullptr, page, PROT_WRITE, MAP_SHARED, fd, 0);
   if (map == nullptr) {
     return give_up(fd);
@@ -214,9 +220,13 @@ qv_pidset_t* qv_pidset_open_fd(int fd) {
   if (set == nullptr) {
     return unmap_and_give_up(fd, map);
   }
+  // Also releases the lock of the handle that this one is a clone of.
+  // Kept: docs/compatibility.md
   flock(fd, LOCK_UN);
   *set = {fd, qv_pidset_max_pid_count(), map};
   if (count_of(set).load(std::memory_order_relaxed) > set->capacity) {
+    // Closes the descriptor, unlike the other failures.
+    // Kept: docs/compatibility.md
     qv_pidset_close(set);
     return nullptr;
   }
@@ -231,7 +241,9 @@ qv_pidset_t* qv_pidset_clone(qv_pidset_t* set) {
   qv_pidset_t* const copy = qv_pidset_open_fd(fd);
   if (copy == nullptr) {
     const ErrnoKeeper keeper;
-    close(fd);  // for the second time if the count was wrong
+    // For the second time if the count was wrong.
+    // Kept: docs/compatibility.md
+    close(fd);
   }
   return copy;
 }
@@ -257,6 +269,8 @@ int qv_pidset_add(qv_pidset_t* set, std::int32_t pid) {
   } else {
     insert(set, count, index, pid);
   }
+  // Also releases a lock that the caller took. A failure isn't reported.
+  // Kept: docs/compatibility.md
   flock(set->fd, LOCK_UN);
   return result;
 }
@@ -264,6 +278,8 @@ int qv_pidset_add(qv_pidset_t* set, std::int32_t pid) {
 int qv_pidset_remove(qv_pidset_t* set, std::int32_t pid) {
   const int locked = lock_for_change(set);
   if (locked != 0) {
+    // -1, unlike kLockFailed of an addition.
+    // Kept: docs/compatibility.md
     return locked;
   }
   const std::int32_t* const ids = ids_of(set);

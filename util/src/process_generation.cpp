@@ -13,13 +13,13 @@ using Generation = std::atomic<std::uint64_t>;
 
 Generation g_fallback{0};
 
-// Counts the generations of this line of processes; a child inherits it.
+// The last generation used by this process and its ancestors; a child inherits it.
 Generation g_last{0};
 
 void forget_in_child() { g_fallback.store(0, std::memory_order_relaxed); }
 
-// A word that the kernel sets to 0 in every child. Where it won't, a fork
-// handler does, which a raw clone passes by.
+// A word that the kernel sets to 0 in every child. If the kernel can't, a fork handler
+// does, which a raw clone doesn't run.
 Generation* make_word() {
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -35,7 +35,7 @@ Generation* make_word() {
 
 std::atomic<Generation*> g_word{nullptr};
 
-// Two first callers may both make a word; the loser's page is not used.
+// Two first callers may both make a word; one of the pages then stays unused.
 Generation* word() {
   Generation* known = g_word.load(std::memory_order_acquire);
   if (known != nullptr) {
@@ -47,7 +47,7 @@ Generation* word() {
 
 }  // namespace
 
-// Nothing is published with the number: relaxed accesses suffice.
+// Relaxed accesses suffice: the number publishes nothing else.
 std::uint64_t process_generation() {
   Generation* const generation = word();
   std::uint64_t current = generation->load(std::memory_order_relaxed);

@@ -26,19 +26,21 @@ constinit std::mutex g_files_mutex;
 constinit ReportFile* g_files = nullptr;
 [[maybe_unused]] const bool g_is_guarded = (fork_guard::add(g_files_mutex), true);
 
+// Reports no failure: where files can't be locked, reports are written without the lock.
+// Kept: docs/compatibility.md
 void flock_through(int fd, int operation) {
   while (flock(fd, operation) == -1 && errno == EINTR) {
   }
 }
 
-// What is open there, as an open file of its own.
+// Opens the file of `fd` again, as an open file description of its own.
 int open_again(int fd, int flags) {
   char path[32];
   std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
   return descriptor::open_off_standard(path, flags);
 }
 
-// Opening a FIFO blocks until it has a reader.
+// False for what may block, as a FIFO does until it has a reader.
 bool opens_at_once(const char* path) {
   struct stat status;
   return stat(path, &status) != 0 || S_ISREG(status.st_mode);
@@ -64,8 +66,7 @@ ReportFile::~ReportFile() {
   *link = next_;
 }
 
-// A fork waits until the numbers are known: a child closes them when it has no use for
-// them.
+// A fork waits until the descriptors are known, since a child may have to close them.
 bool ReportFile::open(const char* path) {
   std::optional<fork_gate::Closed> closed;
   if (opens_at_once(path)) {
@@ -103,7 +104,7 @@ bool ReportFile::ends_within_a_line() const {
          pread(lock_fd_, &last, 1, status.st_size - 1) == 1 && last != '\n';
 }
 
-// The list is whole: fork_guard held its mutex.
+// The list is consistent: fork_guard held its mutex during the fork.
 void ReportFile::all_in_child() {
   for (ReportFile* file = g_files; file != nullptr; file = file->next_) {
     file->in_child();
@@ -120,7 +121,8 @@ void ReportFile::in_child() {
   set_number(-1);
 }
 
-// In a child that a fork made meanwhile, a number is open on id_ or -1.
+// Atomic: a fork may come at any moment, and in the child the number is either open on id_
+// or -1.
 int ReportFile::number() const {
   return std::atomic_ref<int>(number_).load(std::memory_order_acquire);
 }
@@ -152,7 +154,7 @@ bool ReportFile::take(int fd) {
   return true;
 }
 
-// O_NONBLOCK: the path may now be that of a FIFO without a reader.
+// O_NONBLOCK: the path may lead to a FIFO without a reader by now.
 bool ReportFile::reopen() {
   drop_lock_fd();
   set_number(-1);
@@ -173,7 +175,7 @@ bool ReportFile::make_ours() {
   return is_open() || reopen();
 }
 
-// None for a file that may only be written to: the other descriptor is locked then.
+// Opens none if the file may not be read; the lock then goes through the other descriptor.
 void ReportFile::open_lock_fd() {
   fork_guard::open_unshared(
       g_files_mutex,
@@ -203,7 +205,7 @@ void ReportFile::let_go_of_parents_lock() {
   }
 }
 
-// Only if the lock would be taken through that descriptor.
+// Only if the lock would go through that descriptor.
 void ReportFile::let_go_of_parents_number() {
   if (is_shared_ && lock_fd_ == -1 && is_open()) {
     const int own = open_again(number(), kWrite);

@@ -45,10 +45,10 @@ void sleep_for(std::chrono::duration<long> period) {
   }
 }
 
-// Marks a generation whose first thread is just renewing the report mutex.
+// Marks a generation while its first thread renews the report mutex.
 constexpr std::uint64_t kRenewing = std::uint64_t{1} << 63;
 
-// Whether this thread sets the process's module up.
+// Whether this thread is setting up the process's module.
 __attribute__((tls_model("initial-exec"))) thread_local bool t_is_setting_up = false;
 
 }  // namespace
@@ -57,6 +57,8 @@ template <typename Function>
 void CircMetricsModule::look_up(Function*& function, const char* symbol) {
   function = reinterpret_cast<Function*>(dlsym(library_, symbol));
   if (function == nullptr) {
+    // At WARN, though the process ends.
+    // Kept: docs/compatibility.md
     QV_LOG(Module::get_internal(), WARN, "Could not find symbol %s in libcircmetrics.so", symbol);
     std::abort();
   }
@@ -90,7 +92,8 @@ CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> p
   recorder_ = recorder_alloc_();
   if (recorder_ == nullptr) {
     QV_LOG(Module::get_internal(), WARN, "Could not create statistics recorder object.");
-    // The number stays: the destructor's complaint about it belongs to this failure.
+    // report_fd_ stays, so that the destructor logs its record of this failure as well.
+    // Kept: docs/compatibility.md
     file_->close();
     return;
   }
@@ -99,19 +102,25 @@ CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> p
   }
 }
 
+// A running report thread aborts: report_thread_ isn't joined.
+// Kept: docs/compatibility.md
 CircMetricsModule::~CircMetricsModule() {
   if (file_ == nullptr || file_->close() != 0) {
+    // Also reports a file that was never opened, or is closed already.
+    // Kept: docs/compatibility.md
     const int error = file_ == nullptr ? EBADF : errno;
     QV_LOG(Module::get_internal(), WARN, "Could not close report_file: %s", std::strerror(error));
   }
   delete file_;
   if (dlclose(library_) != 0) {
+    // errno, which dlclose need not set.
+    // Kept: docs/compatibility.md
     QV_LOG(Module::get_internal(), WARN, "Could not dlclose CircMetrics library: %s",
            std::strerror(errno));
   }
 }
 
-// A process that may have no more threads still gets its last report.
+// Without a thread the process still writes its last report.
 void CircMetricsModule::start_report_thread() {
   try {
     report_thread_ = std::thread(&CircMetricsModule::report_thr, this);
@@ -123,6 +132,8 @@ void CircMetricsModule::start_report_thread() {
 
 void* CircMetricsModule::resolve_namespace(const Module& module) {
   if (module.routes == nullptr || module.routes->empty()) {
+    // Through the module itself, and so at its level.
+    // Kept: docs/compatibility.md
     QV_LOG(const_cast<Module*>(&module), WARN, "Module %p does not have path.",
            static_cast<const void*>(&module));
     return nullptr;
@@ -132,6 +143,8 @@ void* CircMetricsModule::resolve_namespace(const Module& module) {
   std::size_t start = 0;
   for (std::size_t slash; (slash = path.find('/', start)) != path.npos; start = slash + 1) {
     if (slash == start) {
+      // The components before this one stay registered.
+      // Kept: docs/compatibility.md
       return nullptr;
     }
     if (ns != nullptr) {
@@ -148,8 +161,8 @@ void CircMetricsModule::report_now() {
   append_report();
 }
 
-// The thread that held the mutex at a fork is not in the child. Not left to a fork
-// handler: one that the program registered before may report.
+// A thread that held the mutex at the fork doesn't exist in the child. A fork handler would
+// be too late: one that the program registered earlier may report.
 void CircMetricsModule::renew_mutex_in_child() {
   const std::uint64_t own = process_generation();
   std::uint64_t seen = mutex_generation_.load(std::memory_order_acquire);
@@ -167,15 +180,17 @@ void CircMetricsModule::renew_mutex_in_child() {
   }
 }
 
-// With the mutex held. The file lock keeps the lines of several processes whole, and
-// behind half a line, whose writer was killed, a line of its own begins.
+// With the mutex held. The file lock keeps the lines of several processes whole. After half
+// a line, whose writer was killed, the report begins a new line.
 void CircMetricsModule::append_report() {
   if (!is_usable() || !file_->lock()) {
     return;
   }
-  // Not dprintf: a child forked in the middle of it would flush its buffer once
-  // more at exit, into someone else's line.
+  // Not dprintf: a child forked in the middle of it would flush its buffer again at exit,
+  // into another process's line.
   char head[64];
+  // A blank after the first colon and none after the second.
+  // Kept: docs/compatibility.md
   const int length = std::snprintf(
       head, sizeof head, "%s{\"ts\": %lu, \"log\":", file_->ends_within_a_line() ? "\n" : "",
       static_cast<unsigned long>(time(nullptr)));
@@ -196,6 +211,8 @@ ssize_t CircMetricsModule::write_report(void* closure, const void* bytes, std::s
 
 void CircMetricsModule::report_thr() {
   for (;;) {
+    // A negative period means no pause.
+    // Kept: docs/compatibility.md
     if (period_.count() > 0) {
       sleep_for(period_);
     }
@@ -203,8 +220,8 @@ void CircMetricsModule::report_thr() {
   }
 }
 
-// The process is about to end: a report that another thread began now would be cut off
-// in the middle of the line.
+// The process is about to end: a report that another thread began after this one would be
+// cut off in the middle of its line.
 void CircMetricsModule::report_last() {
   renew_mutex_in_child();
   const std::lock_guard<std::mutex> lock(report_mutex_);
@@ -214,7 +231,7 @@ void CircMetricsModule::report_last() {
 
 constinit std::atomic<CircMetricsModule*> g_instance{nullptr};
 
-// What the process does with its module when it is set up, forks and ends.
+// What the process does with its module when it sets it up, forks and ends.
 struct ProcessHooks {
   static void set_up(std::unique_ptr<CircMetricsModule> module) {
     ReportFile* const file = module->file_;
@@ -236,13 +253,13 @@ struct ProcessHooks {
 
 namespace {
 
-// At load, for every fork to run them. After fork_guard's, by the order in which the
-// library is linked: a fork that waits for a recorder to be loaded must not yet hold the
-// mutexes that the recorder may want.
+// At load, so that every fork runs the handlers. After fork_guard's, which the order of
+// linking ensures: handlers run in reverse order, and a fork that waits for a recorder to
+// be loaded must not yet hold the mutexes that the recorder may need.
 [[maybe_unused]] const int g_registered = pthread_atfork(
     &fork_gate::before_fork, &fork_gate::after_fork_in_parent, &ProcessHooks::after_fork_in_child);
 
-// The period that the environment asks for; 0 when it makes no sense.
+// The period in the environment; 0 if it can't be parsed.
 std::chrono::duration<long> report_period() {
   const char* text = secure_getenv(kReportPeriodEnv);
   if (text == nullptr) {
@@ -250,6 +267,8 @@ std::chrono::duration<long> report_period() {
   }
   char* end = nullptr;
   const long seconds = std::strtol(text, &end, 10);
+  // A number out of range counts as the largest, and an empty text is an error.
+  // Kept: docs/compatibility.md
   if (seconds < 0 || end == text || *end != '\0') {
     QV_LOG(Module::get_internal(), WARN,
            "Could not parse stats report period environment variable \"%s=%s\". Ignoring.",
@@ -259,8 +278,9 @@ std::chrono::duration<long> report_period() {
   return std::chrono::duration<long>(seconds);
 }
 
-// A child finds the loader's state whole. And it finds a recorder unused that was loaded
-// while its fork was under way, which therefore didn't run the recorder's fork handlers.
+// Two waits, of a second at most, keep children safe. Forks wait for dlopen, so that a child
+// finds the loader's state consistent. And the recorder stays unused until the forks that
+// began before it was loaded are over, since these don't run its fork handlers.
 void* load_recorder() {
   void* library = nullptr;
   {
@@ -271,7 +291,7 @@ void* load_recorder() {
   return library;
 }
 
-// The module for the process, which a child that is forked meanwhile has no use for.
+// Makes the module for the process. A child that is forked meanwhile closes its file.
 std::unique_ptr<CircMetricsModule> make_module(void* library, std::chrono::duration<long> period,
                                                const char* path) {
   struct SettingUp {
@@ -282,10 +302,12 @@ std::unique_ptr<CircMetricsModule> make_module(void* library, std::chrono::durat
   return std::make_unique<CircMetricsModule>(library, period, path);
 }
 
-// A child that was forked in the middle runs it again: only the last step sets the
-// process up.
+// A child that is forked meanwhile runs this again: only the last step sets the process
+// up.
 void initialise() {
   const char* path = secure_getenv(kReportFileEnv);
+  // An empty name doesn't turn statistics off: it is a file that can't be opened.
+  // Kept: docs/compatibility.md
   if (path == nullptr) {
     QV_LOG(Module::get_internal(), INFO, "Statistics capture disabled.");
     return;
@@ -297,7 +319,7 @@ void initialise() {
     return;
   }
   if (g_instance.load(std::memory_order_acquire) != nullptr) {
-    return;  // a child of the recorder's constructor, which has used statistics already
+    return;  // a child forked by the recorder's constructor, with statistics set up already
   }
   auto module = make_module(library, period, path);
   if (!module->is_usable()) {

@@ -12,7 +12,7 @@ qv_stats_handle_t to_handle(void* metric) { return reinterpret_cast<qv_stats_han
 
 void* to_metric(qv_stats_handle_t handle) { return reinterpret_cast<void*>(handle); }
 
-// `observed` is null for what is no gauge.
+// `observed` is null unless the metric is a gauge.
 qv_stats_handle_t create(void* module, const char* name, MetricType type,
                          const void* observed) noexcept try {
   CircMetricsModule* const stats = get_singleton_module();
@@ -32,7 +32,7 @@ qv_stats_handle_t create(void* module, const char* name, MetricType type,
   return QV_STATS_INVALID_HANDLE;
 }
 
-// An update usually finds the module there; it may also be a process's first use.
+// An update usually finds the module set up, but it may be the process's first use.
 inline CircMetricsModule& module_to_update() {
   CircMetricsModule* const running = g_instance.load(std::memory_order_acquire);
   return running != nullptr ? *running : *get_singleton_module();

@@ -23,14 +23,14 @@ using boost::uuids::uuid;
 
 constexpr std::size_t kPageSize = 4096;
 
-// A page of its own that the kernel sets to 0 in every child: the child's has
-// not been made then. The halves are atomic for a child that was forked while
-// another thread wrote them.
+// A page of its own that the kernel sets to 0 in every child, where that means an identity
+// that isn't made yet. The halves are atomic, since a fork may come while another thread
+// writes them.
 class alignas(kPageSize) Identity {
  public:
   bool is_made() const { return made_.has_run(); }
 
-  // The first call counts.
+  // Only the first call in a process has an effect.
   void make(const uuid& value) {
     made_.run([&] {
       const auto halves = std::bit_cast<std::array<std::uint64_t, 2>>(value);
@@ -54,8 +54,7 @@ constinit Identity g_identity;
 
 void forget_in_child() { new (&g_identity) Identity; }
 
-// Where the kernel won't wipe the page, a fork handler does, which a raw clone
-// passes by.
+// If the kernel can't wipe the page, a fork handler does, which a raw clone doesn't run.
 bool renew_in_children() {
   const bool is_page = sysconf(_SC_PAGESIZE) == static_cast<long>(kPageSize);
   return (is_page && madvise(&g_identity, sizeof(g_identity), MADV_WIPEONFORK) == 0) ||
@@ -69,6 +68,8 @@ bool renew_in_children() {
 uuid uuid_generate() { return boost::uuids::random_generator()(); }
 
 uuid uuid_parse(const char* text) {
+  // A malformed text can't be told from that of the nil UUID.
+  // Kept: docs/compatibility.md
   try {
     return text == nullptr ? uuid{} : boost::uuids::string_generator()(text);
   } catch (...) {
@@ -80,8 +81,8 @@ std::string uuid_unparse(uuid u) { return boost::uuids::to_string(u); }
 
 void uuid_clear(uuid& u) { std::fill(u.begin(), u.end(), std::uint8_t{0}); }
 
-// The kernel is asked before the turn is taken: nobody waits for it, and what
-// it throws leaves nothing half made.
+// Asks the kernel before it enters Once: no other thread waits for the kernel, and an
+// exception leaves nothing half made.
 uuid get_my_uuid() {
   if (!g_identity.is_made()) {
     g_identity.make(uuid_generate());
