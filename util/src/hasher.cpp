@@ -26,7 +26,7 @@ namespace {
 constexpr std::size_t kBlake2Size = 32;
 
 // On the first call of each function libb2 chooses its code for this machine, and keeps
-// the choice in plain variables. To call each of them at load, before threads can hash,
+// the choice in plain variables. Calling each of them at load, before threads can hash,
 // avoids a race for those variables.
 bool choose_blake2_code() {
   blake2b_state state;

@@ -104,7 +104,7 @@ void Lookup::commit(std::unique_ptr<Module>&& module) {
     entry.second = std::shared_ptr<Module>(owner, owner->get());
   }
   map_.merge(entries);
-  // Readers see a node whole or not at all.
+  // Readers see a complete node or none.
   for (std::unique_ptr<Node>& node : nodes) {
     auto& bucket = buckets_[bucket_of(node->entry->first, buckets_.size())];
     node->next = bucket.load(std::memory_order_relaxed);

@@ -18,7 +18,7 @@ namespace stats {
 // A child may write through its parent's descriptor. But a shared lock would exclude
 // neither of them, and would outlive a parent that is killed: so the child's fork handler
 // opens a descriptor of its own to lock through, and closes its parent's. A file that isn't
-// on disk stays shared, and so does its lock: to open a FIFO again could block, and to open
+// on disk stays shared, and so does its lock: opening a FIFO again could block, and opening
 // it for reading would hide from a writer that its reader has gone.
 //
 // Used by one thread at a time; another thread may fork at any moment.

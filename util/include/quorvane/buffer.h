@@ -28,8 +28,8 @@ class RwBuffer;
 
 /// A view of bytes, with a share in their owner.
 ///
-/// Invariant: the `size` bytes at `data` exist as long as the owner does, or, without an
-/// owner, as long as the maker of the buffer has promised.
+/// Invariant: the bytes live as long as the buffer. Their owner ensures that; where there is
+/// none, whoever made the buffer must.
 /// Thread-safety: threads may read one buffer at the same time; copies that share bytes
 /// are independent objects. Fork-safety: as for the bytes; see RoBuffer and RwBuffer.
 class QV_EXPORT BufferBase {

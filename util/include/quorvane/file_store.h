@@ -53,7 +53,7 @@ class LockWait;
 class QV_EXPORT StoreFLock : public Store::Lock {
  public:
   /// Opens the lock file, or creates it with mode 0666 less the umask. A failure gives one
-  /// WARN record and leaves the lock invalid. An empty `name` stands for the file "lock".
+  /// WARN record and leaves the lock invalid. An empty `name` means the file "lock".
   explicit StoreFLock(const std::string& name);
   /// Takes over the descriptor, and with it the lock if it is held. The other is invalid
   /// afterwards.
@@ -126,7 +126,7 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
  public:
   /// A store of this format version. `path` is ignored. The store shares `lock`; with a
   /// null or invalid lock it isn't valid, and must not load or store. `controller` stays
-  /// the caller's and must outlive the store; null stands for the process's default one.
+  /// the caller's and must outlive the store; null means the process's default one.
   FileStoreSkeleton(unsigned int version, std::string path, std::shared_ptr<Store::Lock> lock,
                     CleanupController* controller);
   ~FileStoreSkeleton() override;
@@ -164,7 +164,7 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
 
   ///@{ Reads, skips or writes a piece of a file at the cursor, and moves past it. A failure
   /// gives a severity 1 check that quotes what failed, and false, or for read_key an empty
-  /// buffer. The cursor then is behind the numbers and atoms that were whole, and `out`
+  /// buffer. The cursor is then past the numbers and atoms that were complete, and `out`
   /// holds those atoms. What is read is copied. Any thread, with a cursor of its own.
   bool read_header(util::BufferReader& freader) const;
   static bool read_magic_number(util::BufferReader& freader);
@@ -225,7 +225,7 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
                                                      const std::vector<util::RoBuffer>& val);
 
   /// Writes an entry at the cursor. A failure gives a severity 1 check and false; the
-  /// cursor then is behind the pieces that fitted.
+  /// cursor is then past the pieces that fitted.
   static bool write_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                           const std::vector<util::RoBuffer>& val);
 
@@ -290,9 +290,9 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
 
   ///@{ Reads, skips or writes a piece of one of the two files at the cursor, and moves past
   /// it. A failure gives a severity 1 check that quotes what failed, and false; the cursor
-  /// then is behind the pieces that were whole, and `sizes`, which is replaced, holds those
-  /// that were read. `val_offset` is the offset of the value's magic number in the value
-  /// file, in bytes. An atom of no bytes can be written but not read.
+  /// is then past the pieces that were complete, and `sizes`, whose old content is dropped,
+  /// holds those that were read. `val_offset` is the offset of the value's magic number in
+  /// the value file, in bytes. An atom of no bytes can be written but not read.
   static bool write_key_file_entry(util::BufferWriter& fwriter, const util::RoBuffer& key,
                                    std::size_t val_offset, const std::vector<util::RoBuffer>& val);
   static bool write_val_atom_positions(util::BufferWriter& fwriter, std::size_t val_offset,
@@ -336,7 +336,7 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
 enum class StoreKind { basic, lazy_lookup };
 
 /// Makes a store of this kind for the cache `name`, with a lock of the same name in the
-/// root. A null `controller` stands for the process's default one; another must outlive the
+/// root. A null `controller` means the process's default one; any other must outlive the
 /// store. An unusable root gives a store that is not valid. A lazy store for which neither
 /// file exists gets both, without entries, and may wait for the lock meanwhile. Returns
 /// null, after one WARN record, when there is no memory for the store; null for an unknown

@@ -39,12 +39,12 @@ typedef enum qv_log_level_t {
  * `reserved` is 0.
  *
  * A record goes to the outlet's `fd`, and at the levels ERROR and OFF to its `error_fd`
- * too. Descriptor 0 counts as none; any other one is written to, also -1, where the
- * write fails. A failed write drops the record there, and a short one isn't continued; a
- * write that a signal interrupts is repeated. A record is at most 4096 bytes: a longer
- * message is cut, and so is one at the point where it can't be formatted (a %ls that has
- * no conversion, say). Keeps errno. Any thread; safe in a child of fork; not in a signal
- * handler (the message goes through vsnprintf). */
+ * too. Descriptor 0 counts as none and gets nothing. A write to -1 is tried and fails. A
+ * failed write drops the record, and a short one isn't continued; one that a signal
+ * interrupts is repeated. A record is at most 4096 bytes: a longer message is cut, and so
+ * is one at the point where it can't be formatted (a %ls that has no conversion, say).
+ * Keeps errno. Any thread; safe in a child of fork; not in a signal handler (the message
+ * goes through vsnprintf). */
 QV_EXPORT void qv_log_do(void* module, qv_log_level_t level, unsigned long reserved,
                          const char* format, ...) __attribute__((format(printf, 4, 5)));
 

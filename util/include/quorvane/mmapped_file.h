@@ -48,7 +48,7 @@ class QV_EXPORT MMappedFile {
   void close();
 
   ///@{ The first byte; MAP_FAILED when closed. The bytes are valid until close(). If the
-  /// file is truncated meanwhile, to read a page beyond its new end raises SIGBUS.
+  /// file is truncated meanwhile, reading a page beyond its new end raises SIGBUS.
   std::uint8_t* data() { return static_cast<std::uint8_t*>(data_); }
   const std::uint8_t* data() const { return static_cast<const std::uint8_t*>(data_); }
   ///@}

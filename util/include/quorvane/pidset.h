@@ -18,7 +18,7 @@
  * neither excludes the other. A child that changes or locks the set must open the file
  * itself; a clone isn't enough. Not in signal handlers.
  *
- * Handles must not be null. The file must keep its size while it is open: to touch a page
+ * Handles must not be null. The file must keep its size while it is open: touching a page
  * that has been cut off raises SIGBUS. */
 #ifndef QUORVANE_PIDSET_H_
 #define QUORVANE_PIDSET_H_
