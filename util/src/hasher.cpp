@@ -91,6 +91,8 @@ util::RoBuffer Blake2Hasher::calculate_and_reset() {
 
 namespace fast {
 
+// The digest depends on how the input is split.
+// Kept: docs/compatibility.md
 bool FarmHash128Hasher::push(const std::uint8_t* data, std::size_t size) {
   if (data == nullptr || size == 0) {
     return false;

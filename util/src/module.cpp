@@ -212,6 +212,8 @@ void* qv_module_find(const char* path) {
   return path == nullptr ? nullptr : registry().find_route(path);
 }
 
+// The third argument is ignored.
+// Kept: docs/compatibility.md
 void qv_logv_do(void* module, qv_log_level_t level, unsigned long /*reserved*/, const char* format,
                 va_list args) {
   quorvane::logging::logv_do(*static_cast<quorvane::module::Module*>(module)->outlet, level, format,

@@ -32,6 +32,7 @@ extern "C" {
  * one succeeds or not. A failure is reported at ERROR by a severity 2 check; a file that
  * somebody else has removed is no failure. Any thread; in a child it removes the child's
  * file. Safe in a signal handler unless it has a failure to report; may change errno. */
+// Kept: docs/compatibility.md
 QV_EXPORT void qv_remove_sigquit_pidfile(void);
 
 #ifdef __cplusplus

@@ -12,6 +12,7 @@
 #define QUORVANE_TRACER_H_
 
 /// A tracer's record of one call. The tracer defines the layout.
+// Kept: docs/compatibility.md
 struct _qv_trace_rpc_t {
   unsigned char bytes[256];  ///< enough for any tracer
 };
