@@ -41,8 +41,8 @@ class QV_EXPORT BinaryDumper {
   BinaryDumper(const BinaryDumper&) = delete;
   BinaryDumper& operator=(const BinaryDumper&) = delete;
 
-  /// Logs the dump, then writes `size` bytes into the next file, replacing any file of
-  /// that name. Null data takes no number and gives another record instead. A file that
+  /// Logs the dump, then writes `size` bytes into the next file, over any file
+  /// of that name. Null data takes no number and gives another record instead. A file that
   /// can't be opened takes its number and gives a second record. Bytes that don't fit on
   /// the disk are lost without a record. The path has room for four digits: from number
   /// 10000 on, each further digit costs it one character at its end.

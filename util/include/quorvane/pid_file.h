@@ -4,7 +4,7 @@
 ///
 /// With QV_PIDFILE_ROOT set and not empty, loading the library writes the file
 /// "$QV_PIDFILE_ROOT" "qv.PID", without a separator in between: the process id in decimal
-/// and a newline. It replaces any file of that name. A set-user-id program, whose
+/// and a newline. It overwrites any file of that name. A set-user-id program, whose
 /// environment its caller chooses (secure_getenv(3)), has no file.
 ///
 /// The process removes its file when it exits, in an exit handler that loading the library
