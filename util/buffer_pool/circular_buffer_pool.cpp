@@ -67,6 +67,7 @@ CircularBufferPool::~CircularBufferPool() { munmap(base_, 2 * length_); }
 
 void CircularBufferPool::map_region() {
   // A refused reservation shows below, when the file can't be mapped over it.
+  // Kept: docs/compatibility.md
   base_ = static_cast<unsigned char*>(
       mmap(nullptr, 2 * length_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
   char name[32];

@@ -14,6 +14,7 @@ namespace {
 constexpr int kMaxFrames = 64;
 
 // stdio isn't safe in a signal handler, but the process is lost in any case.
+// Kept: docs/compatibility.md
 void print_stack_and_abort(int signal_number) {
   void* frames[kMaxFrames];
   const int count = backtrace(frames, kMaxFrames);
@@ -63,6 +64,8 @@ namespace fault {
 bool expectation_failed(void* module, int severity, const char* condition, const char* source,
                         int line) {
   const auto* record = static_cast<const module::Module*>(module);
+  // Signed, unlike in qv_fault_expect; no record at a negative level either.
+  // Kept: docs/compatibility.md
   if (record->fault_log_level >= severity && record->level > QV_LOG_LEVEL_OFF) {
     qv_log_do(module, QV_LOG_LEVEL_ERROR, 0, "QV_FAULT_EXPECT: expectation (%s) failed (%s:%d)",
               condition, source, line);

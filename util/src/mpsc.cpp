@@ -42,6 +42,8 @@ Ring::Reservation Ring::wr_reserve() {
   for (;;) {
     const std::uint32_t read = read_index_.load();
     const std::uint32_t used = reserve - read;
+    // One slot stays free.
+    // Kept: docs/compatibility.md
     if (used < mask_) {
       if (reserve_index_.compare_exchange_weak(reserve, reserve + 1)) {
         return {reserve + 1};
@@ -115,7 +117,8 @@ void Ring::rd_advance() {
     return;
   }
   // Read before the increment: a producer that reserves later finds space and needs no
-  // wake-up.
+  // wake-up. Only a drained ring wakes anybody.
+  // Kept: docs/compatibility.md
   const std::uint32_t reserve = reserve_index_.load();
   read_index_.store(next);
   if (next == reserve) {

@@ -59,7 +59,8 @@ std::int32_t* ids_of(const qv_pidset_t* set) {
 }
 
 // At most the capacity: a count that was damaged after the set was opened must not lead
-// beyond the page.
+// beyond the page. It isn't reported.
+// Kept: docs/compatibility.md
 std::size_t used_of(const qv_pidset_t* set) {
   return std::min(count_of(set).load(std::memory_order_acquire), set->capacity);
 }

@@ -32,7 +32,9 @@ qv_stats_handle_t create(void* module, const char* name, MetricType type,
   return QV_STATS_INVALID_HANDLE;
 }
 
-// An update usually finds the module set up, but it may be the process's first use.
+// An update usually finds the module set up, but it may be the process's first use. Nothing
+// tests whether statistics are on, or the handle.
+// Kept: docs/compatibility.md
 inline CircMetricsModule& module_to_update() {
   CircMetricsModule* const running = g_instance.load(std::memory_order_acquire);
   return running != nullptr ? *running : *get_singleton_module();
