@@ -1,6 +1,8 @@
-// What every kind of metric can do.
+// What every kind of metric can do; metric.cpp lists the kinds.
 #ifndef CIRCMETRICS_SRC_METRIC_H_
 #define CIRCMETRICS_SRC_METRIC_H_
+
+#include <memory>
 
 namespace circmetrics {
 
@@ -24,6 +26,9 @@ class Metric {
  private:
   const int type_;
 };
+
+// A new metric of this circmetrics_type; null for an unknown type.
+std::unique_ptr<Metric> make_metric(int type);
 
 // The metric as a Kind, or null when it is of another kind.
 template <typename Kind>

@@ -1,28 +1,6 @@
 #include "namespace.h"
 
-#include "circmetrics.h"
-#include "counter.h"
-#include "gauge.h"
-#include "histogram.h"
-
 namespace circmetrics {
-namespace {
-
-std::unique_ptr<Metric> make_metric(int type) {
-  switch (type) {
-    case CIRCMETRICS_GAUGE_INT64:
-    case CIRCMETRICS_GAUGE_DOUBLE:
-      return std::make_unique<Gauge>(type);
-    case CIRCMETRICS_COUNTER:
-      return std::make_unique<Counter>();
-    case CIRCMETRICS_HISTOGRAM:
-      return std::make_unique<Histogram>();
-    default:
-      return nullptr;
-  }
-}
-
-}  // namespace
 
 // Creates the namespace or metric before its entry: without memory there is neither.
 Namespace* Namespace::find_or_make_namespace(const char* name) {
