@@ -10,6 +10,7 @@
 #include "circmetrics.h"
 #include "metric.h"
 #include "thread_slot.h"
+#include "tsan_mark.h"
 
 namespace circmetrics {
 
@@ -37,20 +38,14 @@ class Counter final : public Metric {
   struct alignas(64) Shard {              // unsigned: wraps instead of overflowing
     std::atomic<std::uint64_t> owned{0};  // written by the slot's owner alone
     std::atomic<std::uint64_t> shared{0};
-#ifdef __SANITIZE_THREAD__
-    bool last_owner_wrote = false;  // stands for `owned`: it doesn't see the assembly
-#endif
+    TsanMark owner_wrote;  // set whenever `owned` is written
   };
 
   // In one instruction: a signal handler of this thread may count as well, and its
   // addition would be lost between a load and a store.
   void add_owned(std::size_t slot, std::uint64_t amount) {
     std::atomic<std::uint64_t>& sum = shards_[slot].owned;
-#ifdef __SANITIZE_THREAD__
-    if (!ThreadSlot::is_in_child) {  // where it would see the threads that are gone
-      shards_[slot].last_owner_wrote = true;
-    }
-#endif
+    shards_[slot].owner_wrote.set();
 #ifdef __x86_64__
     asm("addq %1, %0" : "+m"(sum) : "er"(amount) : "cc");
 #else

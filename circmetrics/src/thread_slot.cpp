@@ -5,6 +5,8 @@
 #include <atomic>
 #include <bit>
 
+#include "tsan_mark.h"
+
 namespace circmetrics {
 
 constinit thread_local unsigned ThreadSlot::t_number = 0;
@@ -52,9 +54,7 @@ struct SlotOwners {
     const unsigned number = ThreadSlot::t_number;
     const bool owns = number != 0 && number <= ThreadSlot::kCount;
     taken.store(owns ? bit_of(number) : 0, std::memory_order_relaxed);
-#ifdef __SANITIZE_THREAD__
-    ThreadSlot::is_in_child = true;
-#endif
+    TsanMark::stop_in_child();
   }
 
   static bool prepare() {

@@ -17,10 +17,6 @@ class ThreadSlot {
   // The same, after a first attempt to own one.
   static ThreadSlot obtained() { return t_number != 0 ? of_this_thread() : ThreadSlot(obtain()); }
 
-#ifdef __SANITIZE_THREAD__
-  static inline bool is_in_child = false;
-#endif
-
   bool is_owned() const { return number_ - 1 < kCount; }
   unsigned index() const { return (number_ - 1) % kCount; }
 
