@@ -10,12 +10,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <numeric>
 #include <string>
+#include <vector>
 
 namespace fuzz {
 
-// Nobody else has the file.
+// Always free: no other process uses the file.
 class FreeLock : public quorvane::cache::Store::Lock {
  public:
   bool is_valid() const override { return true; }
@@ -23,7 +25,7 @@ class FreeLock : public quorvane::cache::Store::Lock {
   void unlock() override {}
 };
 
-// A root of this process, in memory where there is such a place.
+// A store root for this process, in memory where the system allows it.
 class Root {
  public:
   Root() {
@@ -59,11 +61,18 @@ inline void expect(bool condition) {
   }
 }
 
-// Touches every byte.
-inline std::size_t sum(const quorvane::util::RoBuffer& buffer) {
+// Reads every byte.
+inline void expect_readable(const quorvane::util::RoBuffer& buffer) {
   expect(buffer.get_size() > 0);
-  return std::accumulate(buffer.get_buffer(), buffer.get_buffer() + buffer.get_size(),
-                         std::size_t{0});
+  [[maybe_unused]] volatile std::size_t sum =
+      std::accumulate(buffer.get_buffer(), buffer.get_buffer() + buffer.get_size(), std::size_t{0});
+}
+
+inline void expect_readable(const std::vector<quorvane::util::RoBuffer>& value) {
+  expect(!value.empty());
+  for (const quorvane::util::RoBuffer& atom : value) {
+    expect_readable(atom);
+  }
 }
 
 inline void expect_same_keys(const quorvane::cache::EntryMap& entries,
@@ -74,7 +83,30 @@ inline void expect_same_keys(const quorvane::cache::EntryMap& entries,
   }
 }
 
-// A record per damage would be all that a run does.
+// The store "maps", loaded through one object and scanned for new keys through another.
+// The entries are valid as long as this is.
+template <typename Store>
+struct Reading {
+  Reading() {
+    quorvane::cache::KeySet none;
+    expect(!is_loaded || (loading.try_nonlock_load_new_keys(none) && none.empty()));
+  }
+
+  static Store open() {
+    static const auto lock = std::make_shared<FreeLock>();
+    static quorvane::cache::CleanupController controller(0);
+    return Store("maps", lock, &controller);
+  }
+
+  quorvane::cache::EntryMap entries;
+  quorvane::cache::KeySet keys;
+  Store loading = open();
+  Store scanning = open();
+  const bool is_loaded = loading.try_load(entries);
+  const bool is_scanned = scanning.try_nonlock_load_new_keys(keys);
+};
+
+// Otherwise a run would do little but write a record for each damaged file.
 inline void log_nothing() {
   for (const char* path : {"util/src/cache", "util/src/mmapped_file"}) {
     static_cast<quorvane::module::Module*>(qv_module_find(path))->level = QV_LOG_LEVEL_OFF;
