@@ -1,5 +1,6 @@
-// What it costs that a killed append can be undone: an append of ten entries under the
-// store's own lock, which notes it, beside the same append under a bare flock.
+// What it costs to be able to undo a killed append: an append of ten entries under the
+// store's own lock, which notes it, compared with the same append under a bare flock.
+// Target: the note adds at most 30 us.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -26,7 +27,7 @@ class BareLock : public cache::Store::Lock {
 
 constexpr std::size_t kEntries = 10;
 
-// Each append goes to a file that holds ten entries already.
+// Each append goes to a new store that holds ten entries.
 template <typename Store, typename Lock>
 void append(benchmark::State& state) {
   const std::string name = "appended";

@@ -1,5 +1,5 @@
-// Loading a basic store against the obvious load: map the file, and for every
-// entry emplace a key and atoms that each own a new[] array.
+// Loading a basic store, compared with the obvious way: map the file, and for every entry
+// emplace a key and atoms that each own a new[] array.
 #include <fcntl.h>
 
 #include "ratio.h"

@@ -1,5 +1,5 @@
-// Look-ups in a cache of 1 M loaded entries, against absl::flat_hash_map and
-// LMDB over the same keys in the same order.
+// Look-ups in a cache of 1 M loaded entries, compared with absl::flat_hash_map and LMDB
+// over the same keys in the same order.
 #include <absl/container/flat_hash_map.h>
 #include <lmdb.h>
 

@@ -1,8 +1,8 @@
-// What an update of a counter and of a histogram costs, to prometheus-cpp's.
+// What an update of a counter and of a histogram costs, compared with prometheus-cpp.
 //
-// Its histogram counts between fixed bounds: here as many as give the percentiles of
-// six decades the recorder's 1 %. Its summary offers the same percentiles of any
-// values as the recorder does, by merging samples under a lock.
+// Its histogram counts between fixed bounds; here they give the recorder's accuracy of 1 %
+// over six decades. Its summary offers the recorder's percentiles for any values, by
+// merging samples under a lock.
 #include <benchmark/benchmark.h>
 #include <circmetrics.h>
 #include <prometheus/counter.h>
@@ -40,7 +40,7 @@ void TheirCounter(benchmark::State& state) {
   }
 }
 
-// Latencies, say: evenly spread over the decades. Each thread has its own.
+// Like latencies: spread evenly over the decades. Each thread has its own.
 class Samples {
  public:
   explicit Samples(int thread) {

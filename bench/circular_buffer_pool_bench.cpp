@@ -1,5 +1,5 @@
-// A pool lends and takes back 256 bytes; its peer locks and unlocks a mutex
-// twice and counts, which no pool of this kind can do without.
+// A pool lends 256 bytes and takes them back. Its peer locks and unlocks a mutex twice
+// and counts, the least that any such pool has to do.
 #include <benchmark/benchmark.h>
 #include <quorvane/circular_buffer_pool.h>
 #include <unistd.h>
@@ -64,8 +64,8 @@ BENCHMARK(allocate_and_deallocate);
 }  // namespace
 
 int main(int argc, char** argv) {
-  // A mutex costs less in a process of one thread, where nobody needs it: a
-  // second thread stands by, so that all are measured as they are used.
+  // A mutex costs less in a process with one thread. A second thread waits here, so that
+  // everything is measured as programs use it.
   std::mutex until_end;
   until_end.lock();
   std::thread second([&until_end] { const std::lock_guard<std::mutex> lock(until_end); });

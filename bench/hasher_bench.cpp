@@ -1,5 +1,5 @@
-// What the hashers cost above the functions they wrap: a push and a digest
-// against one call of the function, at 64 bytes and at 1 MB.
+// What the hashers add to the functions they wrap: a push and a digest, compared with one
+// call of the function, for 64 bytes and for 1 MiB.
 #include <benchmark/benchmark.h>
 #include <blake2.h>
 #include <farmhash.h>

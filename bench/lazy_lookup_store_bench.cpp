@@ -1,6 +1,5 @@
-// A lazy store against a basic one of the same entries: loading them, looking
-// them up, and what mapping all values costs with and without them in the page
-// cache.
+// A lazy store compared with a basic one of the same entries: loading, looking up, and what
+// mapping all values costs when they are in the page cache and when they aren't.
 #include <fcntl.h>
 #include <malloc.h>
 #include <sys/mman.h>
@@ -43,9 +42,9 @@ std::string prepared(std::int64_t batches) {
   return path;
 }
 
-// A process loads a cache once, into memory that it has yet to get from the
-// kernel: so does each load here. The store's destruction is left out, in which a
-// lazy one unmaps its values.
+// A process loads a cache once, into memory that it has yet to get from the kernel; so does
+// each load here. The time includes the store's destructor, which unmaps a lazy store's
+// values, but not the map's.
 template <typename Store>
 void BM_Load(benchmark::State& state) {
   prepared<Store>(state.range(0));
@@ -93,7 +92,7 @@ void BM_Hit(benchmark::State& state) {
   }
 }
 
-// Gives the pages of a file back to the kernel.
+// Drops a file's pages from the page cache.
 void forget(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0 || fsync(fd) != 0 || posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED) != 0) {
@@ -104,7 +103,7 @@ void forget(const std::string& path) {
 
 // Maps the values as a load does.
 void BM_MapValues(benchmark::State& state) {
-  // Not the store of the look-ups, whose mapping would keep the pages.
+  // Not the store of the look-ups: its mapping would keep the pages in the cache.
   const std::string path = prepared<LazyLookupStore>(100);
   const bool is_cold = state.range(0) == 1;
   for (auto _ : state) {

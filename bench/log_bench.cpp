@@ -1,6 +1,6 @@
-// A record of a 90-byte message against one bare write of the same bytes, and
-// against a logger that flushes its file on every record; and what a call below
-// the module's level costs.
+// A record of a 90-byte message, compared with one bare write of the same bytes and with
+// a logger that flushes its file after every record; and what a call below the module's
+// level costs.
 #include <fcntl.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
@@ -18,7 +18,7 @@ namespace {
 
 const std::string kMessage(90, 'm');
 
-// A log file of this run; gone with it.
+// A log file that is removed at the end of the run.
 class LogFile {
  public:
   explicit LogFile(const char* name)
@@ -58,7 +58,7 @@ quorvane::module::Module& module() {
   return record;
 }
 
-// The bytes that a record comes to, as they lie in the file.
+// The bytes of a record, read from the file.
 const std::string& record_bytes() {
   static const std::string bytes = [] {
     file().clear();
@@ -93,7 +93,7 @@ void bare_write(benchmark::State& state) {
   }
 }
 
-// Writes the same record: level, UTC time with six digits, both ids, message.
+// Writes the same record: level, UTC time to the microsecond, both ids, message.
 void flushing_logger(benchmark::State& state) {
   static const LogFile log_file("peer");
   static const std::shared_ptr<spdlog::logger> logger = [] {

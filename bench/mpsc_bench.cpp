@@ -1,10 +1,9 @@
-// The time for one item from producers to one consumer: the ring with an array
-// beside it, a queue behind a mutex and two conditions, a lock-free queue on which
-// all yield while it is empty or full, and a blocking queue without a bound.
+// The time per item from several producers to one consumer: the ring with an array of
+// items, a queue with a mutex and two condition variables, a lock-free queue whose users
+// yield while it is empty or full, and an unbounded blocking queue.
 //
-// A run lasts a fixed time, since its number of items may differ a thousandfold:
-// with more producers than cores the ring's commits spin for one that isn't
-// running.
+// A run lasts a fixed time, since the number of items varies up to a thousandfold: with
+// more producers than cores, the ring's commits spin for a producer that isn't running.
 #include <benchmark/benchmark.h>
 #include <blockingconcurrentqueue.h>
 #include <quorvane/mpsc.h>
@@ -55,7 +54,7 @@ class RingQueue {
   std::vector<std::uint64_t> items_ = std::vector<std::uint64_t>(kSize);
 };
 
-// What anybody would write first.
+// The obvious queue.
 class MutexQueue {
  public:
   void put(std::uint64_t item) {
@@ -126,7 +125,7 @@ class UnboundedQueue {
 
 constexpr std::uint64_t kLast = 0;  // a producer's last item
 
-// Producers put items for a while; true when all of them arrived.
+// Producers put items for a while. True when all items arrived.
 template <typename Queue>
 bool run_for_a_while(Queue& queue, unsigned producers, std::uint64_t& taken) {
   std::atomic<bool> is_over{false};
@@ -183,8 +182,8 @@ BENCHMARK_TEMPLATE(stream, MutexQueue)->Apply(traffic);
 BENCHMARK_TEMPLATE(stream, LockFreeQueue)->Apply(traffic);
 BENCHMARK_TEMPLATE(stream, UnboundedQueue)->Apply(traffic);
 
-// Time for an item: with one producer the ring is to carry 1.6 times what the
-// mutex queue carries, with two 1.1 times.
+// Times per item. The targets: the ring carries 1.6 times the items of the mutex queue with
+// one producer, and 1.1 times with two.
 std::vector<bench::Ratio> ratios() {
   std::vector<bench::Ratio> all;
   for (const char* const peer : {"MutexQueue", "LockFreeQueue", "UnboundedQueue"}) {

@@ -1,6 +1,6 @@
-// `contains` among 1000 ids, against a vectorised scan of the same array that
-// looks for an equal id. Adding an id to them and removing it again, against the
-// same locks around memmove at a place that is known.
+// Finding an id among 1000, compared with a vectorised scan of the same array for an equal
+// one. Adding an id to them and removing it again, compared with the same locks around a
+// memmove at the known position.
 #include <benchmark/benchmark.h>
 #include <quorvane/pidset.h>
 #include <sys/file.h>
@@ -37,7 +37,7 @@ qv_pidset_t* ids() {
   return set;
 }
 
-// Asks for the first, the middle, the last id or one that is missing.
+// The id of this benchmark: the first, the middle or the last one, or a missing one.
 std::int32_t asked_for(const benchmark::State& state) {
   return static_cast<std::int32_t>(state.range(0));
 }

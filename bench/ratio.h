@@ -1,7 +1,7 @@
-// Ratios between benchmarks of one run: ours against a peer or a limit.
+// Ratios between the benchmarks of one run: ours to a peer or to a limit.
 //
-// Give a benchmark repetitions; the least time of each counts, since noise only
-// ever adds. Random interleaving spreads the machine's moods over both sides.
+// Give each benchmark repetitions. Its least time counts, since noise only adds time.
+// Random interleaving spreads the noise over both sides.
 #ifndef BENCH_RATIO_H_
 #define BENCH_RATIO_H_
 
@@ -19,10 +19,10 @@ struct Ratio {
   std::string label;
   std::string ours;  // the benchmarks' full names
   std::string peer;
-  double target;  // at most; 0: told only
+  double target;  // at most; 0: none
 };
 
-// Keeps the least time per benchmark while it prints as usual.
+// Prints as usual, and keeps the least time of each benchmark.
 class LeastTimes : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {

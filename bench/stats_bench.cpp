@@ -1,4 +1,4 @@
-// What an update through the library costs above the recorder's own call.
+// What an update through the library adds to the recorder's own call.
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
 #include <quorvane/module.h>
@@ -17,7 +17,7 @@ void* module() {
   return bench.get();
 }
 
-// The recorder that the statistics have loaded.
+// A function of the recorder that the library has loaded.
 template <typename Function>
 Function recorders(const char* symbol) {
   void* library = dlopen("libcircmetrics.so", RTLD_LAZY | RTLD_NOLOAD);
@@ -68,7 +68,7 @@ void LibraryHistogram(benchmark::State& state) {
   }
 }
 
-// Asked for on every creation.
+// Creating a metric that exists already.
 void LibraryCreateAgain(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(qv_stats_create_counter(module(), "counter"));

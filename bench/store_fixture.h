@@ -1,4 +1,4 @@
-// A store's files of 32-byte keys and 256-byte values, and a root for it.
+// Stores of 32-byte keys and 256-byte values, and a root for them.
 #ifndef BENCH_STORE_FIXTURE_H_
 #define BENCH_STORE_FIXTURE_H_
 
@@ -35,7 +35,7 @@ inline std::vector<Key> make_keys(std::size_t count, std::uint64_t seed = 1) {
   return keys;
 }
 
-// The store root of this process, gone at its end.
+// The store root of this process, removed when it exits.
 inline const std::string& root() {
   struct Root {
     Root() : path((std::filesystem::temp_directory_path() / "qvbench.XXXXXX").string()) {
@@ -57,8 +57,8 @@ inline std::string make_value(const Key& key) {
   return value;
 }
 
-// Writes the store `name` through the library, in `batches` appends of an equal
-// share of the keys each; each batch is in key order, the batches are mixed.
+// Writes the store `name` through the library, in `batches` appends of equal size. Each
+// batch is in key order; the key ranges of the batches overlap.
 template <typename Store = quorvane::cache::BasicStore>
 void write_store(const std::string& name, const std::vector<Key>& keys, std::size_t batches) {
   using namespace quorvane;

@@ -1,5 +1,5 @@
-// What a UUID costs above the kernel's 16 random bytes, and the process's
-// identity above the load and the copy that it can't do without.
+// What a UUID adds to getting 16 random bytes from the kernel, and the process's identity
+// to the load and the copy that it can't avoid.
 #include <quorvane/uuid.h>
 #include <sys/random.h>
 
@@ -46,7 +46,7 @@ void identity(benchmark::State& state) {
   }
 }
 
-// The same as a function of its own, as any library's is.
+// The same in a function of its own, as it would be in any library.
 __attribute__((noinline)) uuid loaded_copy() {
   return g_is_set.load(std::memory_order_acquire) ? g_stored : uuid{};
 }
