@@ -1,6 +1,6 @@
-# Which function of libfarmhash gives the release digests: a library that was
-# built without NDEBUG tweaks util::Hash128WithSeed, but its CityHash variant is
-# the same function untweaked. Known answer: "abc" with seed 0.
+# Finds the function of libfarmhash that gives the digests of a release build. A library
+# built without NDEBUG alters the results of util::Hash128WithSeed, but its CityHash
+# variant is the same function, unaltered. The check hashes "abc" with seed 0.
 include(CheckCXXSourceRuns)
 
 find_library(FARMHASH_LIBRARY farmhash REQUIRED)

@@ -1,7 +1,7 @@
-# The warnings that every target of this tree is clean under.
+# Every target compiles without these warnings.
 add_library(qv_warnings INTERFACE)
 target_compile_options(qv_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
-# gcc 12 takes the text + std::string of its own library for overlapping copies
+# gcc 12 reports overlapping copies inside its own operator+ of text and std::string
 # (its bug 105651).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   target_compile_options(qv_warnings INTERFACE -Wno-restrict)
