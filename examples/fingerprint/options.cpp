@@ -55,9 +55,25 @@ bool parse_kind(const std::string& name, StoreKind& out) {
   return true;
 }
 
-// getopt names a short option by its letter only, a long one not at all.
+// getopt reports a short option by its letter and a long one not at all.
 std::string unknown_option(char** argv) {
   return optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
+// Takes the option's value, optarg. Returns the complaint that goes before it, or null.
+const char* take_value(int option_name, Options& out) {
+  switch (option_name) {
+    case 's':
+      out.store = optarg;
+      return nullptr;
+    case 'r':
+      out.root = optarg;
+      return nullptr;
+    case 'k':
+      return parse_kind(optarg, out.kind) ? nullptr : "not a kind of store: ";
+    default:
+      return parse_jobs(optarg, out.jobs) ? nullptr : "not a number of jobs: ";
+  }
 }
 
 std::optional<int> check(Options& out) {
@@ -87,29 +103,17 @@ std::optional<int> parse_options(int argc, char** argv, Options& out) {
   opterr = 0;
   for (int name = 0; (name = getopt_long(argc, argv, ":", known, nullptr)) != -1;) {
     switch (name) {
-      case 's':
-        out.store = optarg;
-        break;
-      case 'k':
-        if (!parse_kind(optarg, out.kind)) {
-          return wrong_usage(std::string("not a kind of store: ") + optarg);
-        }
-        break;
-      case 'r':
-        out.root = optarg;
-        break;
-      case 'j':
-        if (!parse_jobs(optarg, out.jobs)) {
-          return wrong_usage(std::string("not a number of jobs: ") + optarg);
-        }
-        break;
       case 'h':
         std::fputs(HELP, stdout);
         return ALL_DONE;
       case ':':
         return wrong_usage(std::string("a value is missing after ") + argv[optind - 1]);
-      default:
+      case '?':
         return wrong_usage("unknown option " + unknown_option(argv));
+      default:
+        if (const char* complaint = take_value(name, out)) {
+          return wrong_usage(complaint + std::string(optarg));
+        }
     }
   }
   if (argc - optind != 1) {
