@@ -1,5 +1,5 @@
-// dump: the blocks of a file, each in a file of its own, for a look at them with
-// hexdump, say. The log says where each of them went.
+// dump: writes each block of a file to a file of its own, to look at with hexdump, for
+// example. The log says where each block went.
 #include <quorvane/binary_dumper.h>
 
 #include <cerrno>
@@ -15,7 +15,7 @@ int complain(const char* path) {
   return 1;
 }
 
-// Without a directory the dumper takes $TMPDIR or else /tmp/.
+// Without a directory the dumper writes to $TMPDIR, or to /tmp/ if that is unset.
 int dump_blocks(std::FILE* file, const char* path, const char* directory) {
   quorvane::util::BinaryDumper dumper(path, "block_", nullptr, directory, QV_LOG_LEVEL_INFO);
   char block[kBlockSize];

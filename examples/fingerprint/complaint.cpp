@@ -12,7 +12,7 @@ bool on_terminal() {
   return terminal;
 }
 
-// Nobody is left to tell when standard error itself fails.
+// A failure is ignored: standard error was the only place to report it.
 void put(const std::string& text) {
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
 }

@@ -6,14 +6,14 @@
 
 namespace fingerprint {
 
-// One line, "fingerprint: " and `what`, in one write, so that lines of several
-// workers stay whole. Wipes a progress line that stands there.
+// Writes the line "fingerprint: " and `what` in one write, so that the lines of several
+// workers don't mix. Wipes the progress line first.
 void complain(const std::string& what);
 
 // "PATH: No such file or directory", with errno's text.
 std::string with_errno(const std::string& path, int error);
 
-// On a terminal: shows `text` in place of the last one. Else nothing.
+// On a terminal, shows `text` in place of the previous one; otherwise does nothing.
 void show_progress(const std::string& text);
 
 }  // namespace fingerprint

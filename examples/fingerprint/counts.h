@@ -7,14 +7,13 @@
 
 namespace fingerprint {
 
-// Lies in memory that all workers share; lock-free atomics work between
-// processes.
+// In memory that all workers share; lock-free atomics work between processes.
 struct Counts {
   std::atomic<std::uint64_t> hits{0};
   std::atomic<std::uint64_t> misses{0};
   std::atomic<std::uint64_t> unreadable{0};
   std::atomic<std::uint64_t> bytes_read{0};
-  std::atomic<std::uint64_t> added_bytes{0};  // what the store is to grow by
+  std::atomic<std::uint64_t> added_bytes{0};  // the store's expected growth
 
   std::uint64_t files() const { return hits + misses + unreadable; }
 };

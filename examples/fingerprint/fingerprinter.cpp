@@ -23,11 +23,11 @@ constexpr std::array<std::uint8_t, 32> STRONG_OF_NOTHING = {
     0x0e, 0x57, 0x51, 0xc0, 0x26, 0xe5, 0x43, 0xb2, 0xe8, 0xab, 0x2e, 0xb0, 0x60, 0x99, 0xda, 0xa1,
     0xd1, 0xe5, 0xdf, 0x47, 0x77, 0x8f, 0x77, 0x87, 0xfa, 0xab, 0x45, 0xcd, 0xf1, 0x2f, 0xe3, 0xa8};
 
-// The chain of FarmHash digests starts at 0, and without a chunk stays there.
+// The chain of FarmHash digests starts at 0 and stays 0 without a chunk.
 constexpr std::array<std::uint8_t, 16> FAST_OF_NOTHING = {};
 
-// Fills the chunk as far as the file goes: a chunk's bounds decide the digest,
-// so a short read must not end it. -1: errno says why.
+// Fills the chunk, unless the file ends first: the digest depends on where chunks end,
+// so a short read must not end one. Returns -1 with errno set.
 ssize_t read_chunk(int fd, std::uint8_t* out) {
   std::size_t filled = 0;
   while (filled < CHUNK_SIZE) {
@@ -51,8 +51,8 @@ bool same_version(const struct stat& a, const struct stat& b) {
          a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-// The hashers give no digest when nothing was hashed, and a cache keeps no
-// empty atom: an empty file gets the values that its digests are defined to have.
+// The hashers return an empty buffer when nothing was hashed, and a cache refuses empty
+// atoms: an empty file gets the digests defined above.
 template <std::size_t N>
 RoBuffer or_nothing(RoBuffer digest, const std::array<std::uint8_t, N>& of_nothing) {
   return digest.get_size() != 0 ? digest : RoBuffer::copy(of_nothing.data(), N);
@@ -80,7 +80,7 @@ void Fingerprinter::process(const std::string& path) {
 
 RoBuffer Fingerprinter::key_of(const std::string& path, const struct stat& file) {
   const std::int64_t numbers[] = {file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec};
-  // The NUL that ends the path keeps it apart from what follows.
+  // The NUL at the end of the path separates it from the numbers.
   strong_.push(reinterpret_cast<const std::uint8_t*>(path.c_str()), path.size() + 1);
   strong_.push(reinterpret_cast<const std::uint8_t*>(numbers), sizeof(numbers));
   return strong_.calculate_and_reset();
@@ -102,12 +102,12 @@ void Fingerprinter::miss(const std::string& path, const struct stat& file, const
     complain_about(path, error);
     return;
   }
-  if (interruption() != 0) {  // the digests may be those of a part
+  if (interruption() != 0) {  // perhaps only part of the file was digested
     return;
   }
   ++counts_.misses;
   const std::uint64_t size = size_in_store(kind_, key, atoms);
-  // Digests of a file that changed meanwhile belong to no version of it.
+  // If the file changed meanwhile, its digests belong to no version of it.
   if (unchanged && cache_.add_value(key, std::move(atoms))) {
     counts_.added_bytes += size;
   }

@@ -1,4 +1,4 @@
-// The digests of one file after another, from the cache or from the file.
+// Finds the digests of files, in the cache or by reading the file.
 #ifndef FINGERPRINT_FINGERPRINTER_H_
 #define FINGERPRINT_FINGERPRINTER_H_
 
@@ -24,10 +24,10 @@ namespace fingerprint {
 //   3. its number of newlines, as decimal text.
 class Fingerprinter {
  public:
-  // `kind` is that of the cache's store.
+  // `kind` is the kind of the cache's store.
   Fingerprinter(quorvane::cache::Cache& cache, quorvane::cache::StoreKind kind, Counts& counts);
 
-  // Looks the file up, and reads it only when the cache doesn't know it.
+  // Looks the file up, and reads it only when it isn't in the cache.
   void process(const std::string& path);
 
  private:

@@ -4,13 +4,13 @@
 
 namespace fingerprint {
 
-// From now on a first SIGINT, SIGTERM or SIGHUP is only remembered, here and in
-// processes that are forked later, so that a worker can end between two files
-// and never in the middle of the store. A second one of the same kind ends the
-// process at once. A signal that is ignored stays so.
+// From now on the first SIGINT, SIGTERM or SIGHUP is only remembered, in this process and
+// in children forked later, so that a worker can end between two files and not in the
+// middle of an append. A second signal of the same kind ends the process at once. Ignored
+// signals stay ignored.
 void catch_interruptions();
 
-// The signal that came, or 0.
+// The signal that arrived, or 0.
 int interruption();
 
 }  // namespace fingerprint

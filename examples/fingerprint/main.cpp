@@ -1,4 +1,4 @@
-// fingerprint: digests of all files of a tree, kept in a store between runs.
+// fingerprint: digests all files of a tree, and keeps the digests in a store between runs.
 #include "fingerprint/options.h"
 #include "fingerprint/run.h"
 

@@ -9,11 +9,11 @@
 
 namespace fingerprint {
 
-// Exit statuses. The work is done under the first two.
+// Exit statuses. With the first two the work is done.
 constexpr int ALL_DONE = 0;
 constexpr int DONE_WITH_COMPLAINTS = 1;  // something was unreadable, or nothing could be stored
 constexpr int WRONG_USAGE = 2;
-constexpr int INTERRUPTED = 128;  // plus the signal; what was done until then is stored
+constexpr int INTERRUPTED = 128;  // plus the signal; earlier digests are stored
 
 struct Options {
   std::string tree;                   // the directory to walk
@@ -23,8 +23,8 @@ struct Options {
   unsigned jobs = 0;
 };
 
-// Fills `out`. A status means: leave with it (after --help, or after a message
-// about a mistake).
+// Fills `out`. If it returns a status, exit with it: --help was given, or a mistake has
+// been reported.
 std::optional<int> parse_options(int argc, char** argv, Options& out);
 
 }  // namespace fingerprint

@@ -18,9 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Worker `number` takes every jobs-th file: an even share, and the
-// same one in every run. It works on its own copy of the parent's cache, which
-// was loaded once, and hands what it added to the store when it destroys it.
+// Worker `number` takes every jobs-th file: an even share, and the same one in every run.
+// The parent loads the cache once; each worker has its own copy, which appends what was
+// added to the store when it is destroyed.
 void do_share(const Tree& tree, unsigned number, const Options& options, OpenedCache& opened,
               Counts& counts) {
   Fingerprinter fingerprinter(*opened.cache, options.kind, counts);
@@ -51,12 +51,12 @@ bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, Worke
   return all_started && all_well;
 }
 
-// The cache tells nobody whether its additions reached the store; the file does.
+// The cache doesn't say whether its additions reached the store; the size of the files does.
 bool reached_the_store(const Counts& counts, std::uint64_t before, std::uint64_t after) {
   return counts.added_bytes == 0 || after >= before + counts.added_bytes;
 }
 
-// What to leave with when the run went through `as_planned`.
+// The exit status of a run that went `as_planned`, or didn't.
 int status_after(bool as_planned) {
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
     complain(with_errno("standard output", errno));

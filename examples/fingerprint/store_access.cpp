@@ -33,8 +33,8 @@ std::vector<std::string> paths(const Options& options) {
 
 OpenedCache open_cache(const Options& options) {
   setenv("QV_CACHE_STORE_ROOT", options.root.c_str(), 1);
-  // Without a threshold the library warns that stores may grow; here that is
-  // meant, unless the user says otherwise.
+  // Without a threshold the library warns that stores may grow. Here they may, unless the
+  // user sets one.
   setenv("QV_CACHE_STORE_CLEANUP_THRESHOLD", "0", 0);
   auto store = quorvane::cache::make_file_store(options.kind, options.store);
   OpenedCache opened;

@@ -1,4 +1,4 @@
-// The cache that the digests are kept in.
+// The cache of the digests, and its store.
 #ifndef FINGERPRINT_STORE_ACCESS_H_
 #define FINGERPRINT_STORE_ACCESS_H_
 
@@ -16,18 +16,17 @@ namespace fingerprint {
 
 struct OpenedCache {
   std::unique_ptr<quorvane::cache::Cache> cache;  // always usable
-  bool persistent = false;                        // false: it forgets all, and the user was told
+  bool persistent = false;                        // false: volatile, and the user was told
 };
 
-// Points the library at the root and loads the store. A root or a store that
-// can't be used is worth one complaint, but not the run: the cache is then
-// volatile.
+// Points the library at the root and loads the store. If the root or the store can't be
+// used, complains once and returns a volatile cache, so that the run goes on.
 OpenedCache open_cache(const Options& options);
 
-// The paths of the store's files, as the user reads them.
+// The paths of the store's files, for messages.
 std::string store_files(const Options& options);
 
-// The size of the store's files; 0 when there are none.
+// The total size of the store's files; 0 when there are none.
 std::uint64_t store_size(const Options& options);
 
 // How many bytes a store of this kind grows by with an entry.

@@ -38,8 +38,8 @@ class Walk {
     }
   }
 
-  // An entry that has gone since it was listed is neither. Of one that may be
-  // listed but not looked at (its directory is not searchable) nobody knows.
+  // An entry that was removed since it was listed is skipped. The type of an entry in a
+  // directory that may be listed but not searched is unknown.
   void take(const fs::directory_entry& entry) {
     std::error_code error;
     const fs::file_type type = entry.symlink_status(error).type();
@@ -60,7 +60,7 @@ class Walk {
 }  // namespace
 
 Tree walk(const std::string& directory) {
-  // The keys hold the path: it must not depend on where the program is started.
+  // Keys depend on the path, which must not depend on the current directory.
   std::error_code error;
   const fs::path top = fs::canonical(directory, error);
   if (error) {

@@ -10,11 +10,11 @@ namespace fingerprint {
 
 struct Tree {
   std::vector<std::string> files;  // absolute paths, sorted
-  std::size_t unreadable = 0;      // what had to be left out, each complained about
+  std::size_t unreadable = 0;      // entries left out, each with a complaint
 };
 
-// Walks `directory` to the bottom. Symbolic links below it are not followed, so
-// the walk ends and stays inside.
+// Lists all regular files below `directory`. Doesn't follow symbolic links below it, so
+// the walk ends and never leaves the tree.
 Tree walk(const std::string& directory);
 
 }  // namespace fingerprint

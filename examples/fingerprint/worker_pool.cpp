@@ -60,7 +60,7 @@ WorkerPool::~WorkerPool() {
 }
 
 bool WorkerPool::start(unsigned jobs, const std::function<void(unsigned)>& work) {
-  // What is buffered now would be written by every worker.
+  // Otherwise every worker would write what is buffered now.
   std::fflush(nullptr);
   for (unsigned number = 0; number < jobs; ++number) {
     const pid_t worker = fork();
@@ -77,7 +77,7 @@ bool WorkerPool::start(unsigned jobs, const std::function<void(unsigned)>& work)
   return true;
 }
 
-// A worker that has ended keeps its number until it is waited for.
+// A worker that has ended keeps its process id until it is waited for.
 void WorkerPool::interrupt() {
   if (!interrupted_) {
     interrupted_ = true;

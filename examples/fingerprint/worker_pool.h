@@ -11,7 +11,7 @@
 
 namespace fingerprint {
 
-// Create it, start the workers, wait for them.
+// Create the pool, start the workers, then wait for them.
 class WorkerPool {
  public:
   WorkerPool();
@@ -21,20 +21,20 @@ class WorkerPool {
 
   Counts& counts() { return *counts_; }
 
-  // Forks `jobs` workers; number i of them runs work(i) and exits. False when
-  // fewer could be started; then the share of the missing ones is not done.
+  // Forks `jobs` workers; worker i runs work(i) and exits. False when fewer could be
+  // started; the work of the missing ones is not done.
   bool start(unsigned jobs, const std::function<void(unsigned)>& work);
 
-  // Asks the workers to end early, once however often it is called.
+  // Asks the workers to end early. Later calls do nothing.
   void interrupt();
 
-  // Returns when all workers have ended; meanwhile calls `tick` every now and
-  // then. False when one of them failed.
+  // Returns when all workers have ended; until then calls `tick` now and then. False when
+  // a worker failed.
   bool wait(const std::function<void()>& tick);
 
  private:
   Counts* counts_;
-  int alive_read_ = -1;  // reaches its end when the last worker has ended
+  int alive_read_ = -1;  // at end of file when all workers have ended
   int alive_write_ = -1;
   std::vector<pid_t> workers_;
   bool interrupted_ = false;

@@ -1,5 +1,5 @@
-// identity: every process has a UUID that it keeps as long as it lives, and a
-// child has another one than its parent. Nothing needs to be set up.
+// identity: every process has a UUID for as long as it lives, and a child's differs from
+// its parent's. Nothing needs to be set up.
 #include <quorvane/uuid.h>
 
 #include <sys/wait.h>
@@ -15,7 +15,7 @@ void introduce(const char* who) {
   std::fflush(stdout);  // a child must not print it again
 }
 
-// Waits for it. False when there could be none, or it went wrong.
+// Forks a child and waits for it. False when fork or the child failed.
 bool introduce_child(const char* who, const char* whose_child) {
   const pid_t child = fork();
   if (child == 0) {

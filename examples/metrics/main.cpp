@@ -1,5 +1,5 @@
-// Threads work through jobs while one metric of each kind follows them, and the
-// report comes out as it would on a dashboard.
+// metrics: threads work through jobs and update one metric of each kind. Then the
+// program prints its statistics report.
 //
 //   metrics REPORT_FILE [THREADS]
 #include <quorvane/module.h>
@@ -19,10 +19,10 @@ namespace {
 
 constexpr unsigned kJobsOfAThread = 1000;
 
-// Its path is where the metrics stand in the report.
+// Its path is where the report shows the metrics.
 const quorvane::Module g_module("examples/metrics");
 
-// What the gauges read, at every report: these stay where they are.
+// The gauges read these at every report, so they must not move.
 std::int64_t g_running = 0;
 double g_load = 0;
 
@@ -33,8 +33,7 @@ struct Metrics {
   qv_stats_handle_t load = qv_stats_create_gauge_double(g_module.get(), "load", &g_load);
 };
 
-// The callers below test the handles: with statistics off, this does its work all
-// the same.
+// The update functions test the handles, so this also works with statistics off.
 void work(const Metrics& metrics) {
   std::atomic_ref(g_running).fetch_add(1);
   for (unsigned job = 1; job <= kJobsOfAThread; ++job) {
@@ -53,7 +52,7 @@ void work_in_threads(const Metrics& metrics, unsigned count) {
   }
 }
 
-// One member a line, in the order of the report. False when there is none.
+// Prints one member per line, in the order of the report. False when there is no report.
 bool print_last_report(const char* path) try {
   std::ifstream file(path);
   std::string last;
@@ -75,7 +74,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: metrics REPORT_FILE [THREADS], 1 to 64 threads\n");
     return 2;
   }
-  // Whoever starts a program decides on its statistics; this one is about them.
+  // Usually the environment decides about statistics; this program needs them.
   setenv("QV_STATS_REPORT_FILE", argv[1], 1);
   const Metrics metrics;
   auto* const statistics = quorvane::stats::get_singleton_module();
@@ -85,7 +84,7 @@ int main(int argc, char** argv) {
   }
   work_in_threads(metrics, static_cast<unsigned>(threads));
   g_load = static_cast<double>(threads) / 64;
-  // Other programs leave this to QV_STATS_REPORT_PERIOD and to their exit.
+  // Other programs rely on QV_STATS_REPORT_PERIOD and the report at exit.
   statistics->report_now();
   return print_last_report(argv[1]) ? 0 : 1;
 }

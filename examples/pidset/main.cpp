@@ -1,5 +1,5 @@
-// Worker processes sign up in a set that all of them share; the first process
-// sees who is there.
+// pidset: worker processes add their ids to a set that all of them share, and the parent
+// prints which of them are in it.
 //
 //   pidset FILE [WORKERS]
 #include <fcntl.h>
@@ -21,7 +21,7 @@ namespace {
   std::exit(1);
 }
 
-// The file is ours to make; the library only fills an empty one.
+// The caller creates the file; the library only turns an empty one into a set.
 void make_file(const char* path) {
   const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) {
@@ -39,16 +39,16 @@ qv_pidset_t* open_set(const char* path) {
   return set;
 }
 
-// Says on `ready` that it is there, and stays until `quit` is closed.
+// Reports on `ready` whether it was added, and stays until `quit` is closed.
 int work(const char* path, int ready, int quit) {
-  // A handle of its own: one that was inherited would share its parent's lock.
+  // A handle of its own: an inherited one would share the parent's lock.
   qv_pidset_t* const set = open_set(path);
   const int added = qv_pidset_add(set, getpid());
   char byte = added == 0 ? '+' : '-';
   if (write(ready, &byte, 1) != 1 || read(quit, &byte, 1) != 0) {
     return 1;
   }
-  // Nobody else removes the ids of those who have ended.
+  // An id stays in the set until somebody removes it, even when its process has ended.
   const int removed = qv_pidset_remove(set, getpid());
   qv_pidset_close(set);
   return added == 0 && removed == 0 ? 0 : 1;
@@ -71,7 +71,7 @@ std::vector<pid_t> start_workers(const char* path, int count, const int ready[2]
   return workers;
 }
 
-// The lock keeps the others from moving the ids while they are read.
+// The lock keeps other processes from moving the ids while this one reads them.
 void print_set(qv_pidset_t* set, const std::vector<pid_t>& workers) {
   if (qv_pidset_lock_contains(set) != 0) {
     fail("lock");

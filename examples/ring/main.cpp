@@ -1,4 +1,4 @@
-// Several threads look for primes and hand what they find to one that counts.
+// ring: several threads search for primes and hand them to one thread, which counts them.
 //
 //   ring [PRODUCERS [LIMIT]]
 #include <quorvane/mpsc.h>
@@ -12,8 +12,8 @@
 
 namespace {
 
-// What travels: the ring hands out slots of an array that is ours. A producer
-// ends with the prime 0.
+// An entry. The ring only hands out slot numbers; the array of entries is the program's.
+// A producer ends with the prime 0.
 struct Finding {
   unsigned producer;
   std::uint32_t prime;
@@ -33,15 +33,15 @@ bool is_prime(std::uint32_t number) {
   return number >= 2;
 }
 
-// Nothing slow may stand between the reservation and the commit: the commits of
-// the other producers spin meanwhile.
+// Do nothing slow between the reservation and the commit: meanwhile the commits of other
+// producers spin.
 void hand_over(const Finding& finding) {
   const auto reservation = g_ring.wr_reserve();
   g_findings[g_ring.wr_slot(reservation)] = finding;
   g_ring.wr_commit(reservation);
 }
 
-// Every step-th number below the limit.
+// Tests every step-th number below the limit.
 void produce(unsigned producer, unsigned step, std::uint32_t limit) {
   for (std::uint32_t number = producer; number < limit; number += step) {
     if (is_prime(number)) {
@@ -56,7 +56,7 @@ struct Total {
   std::uint64_t sum = 0;
 };
 
-// Takes what comes until each producer has ended.
+// Takes entries until every producer has ended.
 std::vector<Total> consume(unsigned producers) {
   std::vector<Total> totals(producers);
   unsigned running = producers;
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
     threads.emplace_back(produce, producer, producers, limit);
   }
   const std::vector<Total> totals = consume(producers);
-  // A producer touches the ring for a moment after its last entry was seen.
+  // A producer may still use the ring for a moment after its last entry was read.
   for (std::thread& thread : threads) {
     thread.join();
   }
