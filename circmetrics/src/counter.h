@@ -14,8 +14,8 @@
 
 namespace circmetrics {
 
-// The sum over shards: threads add to different cache lines, so that they don't
-// wait for each other. Thread-safe.
+// The sum over shards: threads add to different cache lines, so they don't wait for
+// each other. Thread-safe.
 class Counter final : public Metric {
  public:
   static bool is_type(int type) { return type == CIRCMETRICS_COUNTER; }
@@ -41,8 +41,8 @@ class Counter final : public Metric {
     TsanMark owner_wrote;  // set whenever `owned` is written
   };
 
-  // In one instruction: a signal handler of this thread may count as well, and its
-  // addition would be lost between a load and a store.
+  // In one instruction: a signal handler of this thread may add too, and its addition
+  // would be lost between a load and a store.
   void add_owned(std::size_t slot, std::uint64_t amount) {
     std::atomic<std::uint64_t>& sum = shards_[slot].owned;
     shards_[slot].owner_wrote.set();

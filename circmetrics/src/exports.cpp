@@ -1,4 +1,4 @@
-// The nine functions: arguments are checked here, and exceptions end here.
+// The nine exported functions, which check the arguments and let no exception out.
 #include <algorithm>
 #include <new>
 #include <string_view>
@@ -75,7 +75,7 @@ int stats_observe(void* metric, int type, const void* address) {
   return kOk;
 }
 
-// Within one cache line it takes a cycle less.
+// When the function fits into one cache line, a call takes a cycle less.
 __attribute__((aligned(64))) int stats_add64(void* metric, int64_t amount) {
   auto* counter = metric_as<Counter>(metric);
   if (counter == nullptr) {

@@ -7,7 +7,7 @@
 namespace circmetrics {
 namespace {
 
-// The caller may change its variable meanwhile.
+// Atomic: the caller may be writing its variable.
 template <typename Value>
 Value read(const void* address) {
   Value value;

@@ -1,4 +1,4 @@
-// A variable of the caller's that is read whenever the recorder reports.
+// A variable of the caller, read at every output.
 #ifndef CIRCMETRICS_SRC_GAUGE_H_
 #define CIRCMETRICS_SRC_GAUGE_H_
 
@@ -9,7 +9,7 @@
 
 namespace circmetrics {
 
-// Reads what it observes with one atomic load. Thread-safe.
+// Reads the variable with one atomic load. Thread-safe.
 class Gauge final : public Metric {
  public:
   static bool is_type(int type) {

@@ -19,14 +19,14 @@ constexpr std::uint64_t kBucketWidth = std::uint64_t{1} << (kFractionBits - kBuc
 constexpr std::uint64_t kSign = std::uint64_t{1} << 63;
 constexpr std::uint64_t kSmallestNormal = std::uint64_t{1} << kFractionBits;
 
-// The octaves, by sign and exponent. Doubles below 2^-1022 have all the same exponent,
-// that of zero: their own octaves, by the place of the leading one, come after.
+// Octaves are numbered by sign and exponent. Doubles below 2^-1022 all have the exponent
+// of zero: their octaves follow, numbered by the position of the leading one bit.
 constexpr std::size_t kZero = 0;
 constexpr std::size_t kNegative = 2048;
 constexpr std::size_t kSubnormal = 4096;
 constexpr std::size_t kNegativeSubnormal = kSubnormal + 64;
 
-// The node that `link` leads to, made when there is none.
+// The node that `link` points to, made if there is none; null when out of memory.
 template <typename Node>
 Node* find_or_make(std::atomic<Node*>& link) {
   Node* found = link.load(std::memory_order_acquire);
@@ -65,7 +65,7 @@ std::size_t bucket_index(double value) {
   return (octave << kBucketBits) + (first_bits & kLastBucket);
 }
 
-// Below 2^-1067 a bucket holds one double or none.
+// Below 2^-1067 a bucket holds at most one double.
 double middle_of_subnormals(std::size_t octave, std::size_t bucket) {
   const std::uint64_t sign = octave < kNegativeSubnormal ? 0 : kSign;
   const auto leading = static_cast<int>((octave - kSubnormal) % 64);
@@ -77,7 +77,7 @@ double middle_of_subnormals(std::size_t octave, std::size_t bucket) {
   return std::bit_cast<double>(sign | first_bits << rest | std::uint64_t{1} << (rest - 1));
 }
 
-// Infinity has no middle, and zero is none.
+// For infinity and zero, the bound itself.
 double middle_of(std::size_t octave, std::size_t bucket) {
   if (octave >= kSubnormal) {
     return middle_of_subnormals(octave, bucket);
@@ -88,7 +88,7 @@ double middle_of(std::size_t octave, std::size_t bucket) {
   return std::isnormal(bound) ? std::bit_cast<double>(lowest + kBucketWidth / 2) : bound + 0.0;
 }
 
-// Decimal text to the nearest double is what the C++ library is good at.
+// Through decimal text, since the C++ library parses that to the nearest double.
 double parsed(std::int64_t value, std::int32_t scale) {
   constexpr int kLongestValue = 20;
   char text[kLongestValue + 20];
@@ -100,8 +100,8 @@ double parsed(std::int64_t value, std::int32_t scale) {
   return fits || scale < 0 ? result : std::copysign(HUGE_VAL, static_cast<double>(value));
 }
 
-// value * 10^scale, rounded once: doubles hold integers up to 2^53 and powers up to
-// 10^22 exactly, so the usual ones cost one operation.
+// value * 10^scale, rounded once. Doubles hold integers up to 2^53 and powers of ten up to
+// 10^22 exactly, so these take one operation.
 double scaled(std::int64_t value, std::int32_t scale) {
   static constexpr double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
                                        1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
@@ -151,13 +151,13 @@ bool Histogram::insert(double value, std::uint32_t count) {
   keep_best(min_, value, [](double a, double b) { return a < b; });
   keep_best(max_, value, [](double a, double b) { return a > b; });
   sum_.fetch_add(value * count, std::memory_order_relaxed);
-  // Last: whoever sees the sample counted sees it in min and max as well.
+  // Last: a reader that sees the sample in the count sees it in min and max too.
   bucket->fetch_add(count, std::memory_order_release);
   return true;
 }
 
-// Beyond the range of double there is no nearest one. An infinity would make the sum and
-// the mean null for good, though the caller passed none.
+// Refuses a product beyond the range of double: it would become an infinity, which the
+// caller didn't pass and which makes the sum and the mean null for good.
 bool Histogram::insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count) {
   const double sample = scaled(value, scale);
   return std::isfinite(sample) && insert(sample, count);
@@ -186,7 +186,7 @@ Histogram::Snapshot Histogram::snapshot() const {
   append_octaves(filled, kNegative, kNegative + 1);
   append_octaves(filled, kNegativeSubnormal, kNegativeSubnormal + kSubnormalOctaves);
   append_octaves(filled, kNegative + 1, kSubnormal);
-  // Doubles below zero have the order of their magnitudes: the other way round.
+  // So far in ascending order of magnitude, but negative values sort the other way round.
   std::reverse(filled.begin(), filled.end());
   append_octaves(filled, kZero, kZero + 1);
   append_octaves(filled, kSubnormal, kSubnormal + kSubnormalOctaves);
@@ -196,7 +196,8 @@ Histogram::Snapshot Histogram::snapshot() const {
 
 namespace {
 
-// The sample of rank ceil(total * permille / 1000), which a double doesn't always hold.
+// The sample of rank ceil(total * permille / 1000). In integers, since a double doesn't
+// hold every rank.
 template <typename Snapshot>
 double percentile(const Snapshot& filled, std::uint64_t total, std::uint64_t permille) {
   const std::uint64_t rank = total / 1000 * permille + (total % 1000 * permille + 999) / 1000;
@@ -230,7 +231,7 @@ void Histogram::write(JsonWriter& json) const {
   }
   const double none = std::numeric_limits<double>::quiet_NaN();
   const double sum = sum_.load(std::memory_order_relaxed);
-  // Which zero came first tells nobody anything: both are 0.
+  // Adding 0.0 turns -0.0 into 0.0: the sign of a zero means nothing here.
   const double min = total == 0 ? none : min_.load(std::memory_order_relaxed) + 0.0;
   const double max = total == 0 ? none : max_.load(std::memory_order_relaxed) + 0.0;
   json.begin_object();
@@ -239,8 +240,8 @@ void Histogram::write(JsonWriter& json) const {
   write_member(json, "sum", sum);
   write_member(json, "min", min);
   write_member(json, "max", max);
-  // The sum's roundings may take the mean beyond the samples, as may a bucket's middle
-  // the percentiles.
+  // Clamped to the samples: rounding in the sum may take the mean beyond them, as the
+  // middle of a bucket may a percentile.
   const double mean = total == 0 ? none : sum / static_cast<double>(total);
   write_member(json, "mean", std::isfinite(mean) ? std::clamp(mean, min, max) : none);
   for (const auto& [key, permille] : kPercentiles) {

@@ -14,15 +14,14 @@
 
 namespace circmetrics {
 
-// Counts samples in buckets that are told apart by the sign, the exponent and the
-// 6 bits after the leading one. A bucket spans at most 1/64 of its lower bound, so
-// its middle is within 1/128 of every sample in it. The buckets lie in a tree of
-// three levels whose nodes are made on first use. Thread-safe and lock-free but for
-// those allocations.
+// Counts samples in buckets, one for each combination of sign, exponent and the 6 bits
+// after the leading one. A bucket spans at most 1/64 of its lower bound, so its middle
+// is within 1/128 of every sample in it. The buckets are in a tree of three levels
+// whose nodes are made on first use. Thread-safe, and lock-free except for those
+// allocations.
 //
-// Boost.Histogram has no axis like this: its thread-safe storage lies in one piece,
-// 2 MB for the whole range from the first sample on, and an axis that grows is filled
-// under a lock.
+// Boost.Histogram has no such axis: its thread-safe storage is one block, 2 MB for the
+// whole range from the first sample on, and filling an axis that grows takes a lock.
 class Histogram final : public Metric {
  public:
   static bool is_type(int type) { return type == CIRCMETRICS_HISTOGRAM; }
@@ -30,7 +29,7 @@ class Histogram final : public Metric {
   Histogram() : Metric(CIRCMETRICS_HISTOGRAM) {}
   ~Histogram() override;
 
-  // False, changing nothing, for NaN and when there is no memory for a node.
+  // False, changing nothing, for NaN and when out of memory.
   bool insert(double value, std::uint32_t count);
 
   // False also when the result exceeds the range of double.
@@ -50,7 +49,7 @@ class Histogram final : public Metric {
     ~Group();
   };
 
-  // What the buckets hold at one moment, in ascending order of the samples.
+  // The buckets that hold samples, in ascending order.
   struct Filled {
     double middle;
     std::uint64_t count;

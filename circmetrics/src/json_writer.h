@@ -9,13 +9,13 @@
 
 namespace circmetrics {
 
-// Valid JSON as long as begin and end match and every member has a key. Used by
+// The text is valid JSON as long as begin and end match and every member has a key. For
 // one thread.
 //
-// Names come from nlohmann-json and digits from the C++ library. Braces and commas
-// are by hand: nlohmann-json writes only a whole copy of the state, by recursion that
-// a deep namespace ends with the stack, and RapidJSON's writer neither replaces bytes
-// that are no UTF-8 nor survives an allocation that fails.
+// nlohmann-json writes the names and the C++ library the digits; braces and commas are
+// written here. nlohmann-json can only write a complete copy of the state, with a
+// recursion that overflows the stack for deep namespaces. RapidJSON's writer neither
+// replaces bytes that are not UTF-8 nor survives a failed allocation.
 class JsonWriter {
  public:
   void begin_object();

@@ -2,7 +2,7 @@
 
 namespace circmetrics {
 
-// Creates the namespace or metric before its entry: without memory there is neither.
+// Creates the namespace or metric before its entry: when memory runs out, neither exists.
 Namespace* Namespace::find_or_make_namespace(const char* name) {
   const auto found = entries_.find(name);
   if (found != entries_.end() && found->second.inner != nullptr) {
@@ -39,7 +39,7 @@ std::size_t Namespace::slashes_behind(const std::string& name) const {
   return slashes;
 }
 
-// Not recursive: namespaces may lie deeper in each other than a thread has stack for.
+// Not recursive: namespaces may be nested deeper than a thread's stack allows.
 std::vector<Namespace::Step> Namespace::steps() const {
   struct Level {
     const Namespace* space;

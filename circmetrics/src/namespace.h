@@ -1,4 +1,4 @@
-// What has a name: metrics and the namespaces around them.
+// A namespace of the recorder: metrics and namespaces by name.
 #ifndef CIRCMETRICS_SRC_NAMESPACE_H_
 #define CIRCMETRICS_SRC_NAMESPACE_H_
 
@@ -12,19 +12,20 @@
 
 namespace circmetrics {
 
-// Every name in it stands for at most one namespace and one metric, for ever: the path
-// of a module may go on where the name of another module's metric ends. Not
-// thread-safe: the registration lock is held around every call.
+// Each name denotes at most one namespace and one metric, for ever. It may denote both: the
+// module "a" may have a metric "b" while another module has the path "a/b". Not
+// thread-safe: callers hold the registration lock.
 class Namespace {
  public:
   Namespace* find_or_make_namespace(const char* name);
 
-  // Null when the name stands for a metric of another type or there is no such type.
+  // Null when a metric of another type has the name, and for an unknown type.
   Metric* find_or_make_metric(const char* name, int type);
 
-  // What lies in it, in the order of a report. A namespace begins with its name and no
-  // metric, and ends with neither. `slashes` is how many to append to the name to make
-  // it unique. Valid until the process ends, also without the lock.
+  // The contents in the order of a report. A namespace begins with a step that has its
+  // name and no metric, and ends with a step that has neither. `slashes` is how many to
+  // append to the name to make it unique. Valid until the process ends, also without the
+  // lock.
   struct Step {
     const std::string* name;
     std::size_t slashes;

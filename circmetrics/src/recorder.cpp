@@ -11,12 +11,12 @@
 namespace circmetrics {
 namespace {
 
-// The process whose thread holds the lock, or 0. Never destroyed: a last report is
-// written after the static destructors.
+// The id of the process whose thread holds the lock, or 0. Never destroyed: the last
+// report is written after the static destructors.
 constinit std::atomic<pid_t> g_holder{0};
 
-// How many forks of this thread are under way: a fork handler may fork itself.
-// Initial-exec, so that no first use in a thread allocates.
+// How many forks of this thread are under way: a fork handler may itself fork.
+// Initial-exec, so that the first use in a thread doesn't allocate.
 constinit thread_local unsigned t_forks __attribute__((tls_model("initial-exec"))) = 0;
 
 void lock() {
@@ -70,7 +70,7 @@ RegistrationLock::~RegistrationLock() {
 
 constinit std::atomic<Recorder*> Recorder::newest_{nullptr};
 
-// A lock here could be held by a thread that a fork is waiting for elsewhere.
+// Takes no lock: a fork that is under way may hold it while it waits for this thread.
 Recorder* Recorder::make() {
   auto* const made = new (std::nothrow) Recorder;
   if (made != nullptr) {
@@ -94,8 +94,8 @@ std::vector<Namespace::Step> Recorder::steps() const {
   return root_.steps();
 }
 
-// Metrics are read without the lock: one of them may crash, a gauge whose variable is
-// no more, and the handler of that may fork.
+// Reads the metrics without the lock: reading a gauge whose variable is gone may crash,
+// and the handler of that signal may fork.
 std::string Recorder::to_json() const {
   JsonWriter json;
   json.begin_object();

@@ -11,13 +11,13 @@
 namespace circmetrics {
 
 // Guards every namespace of every recorder; updates of metrics don't take it. A fork
-// waits until it is free, and the forking thread bypasses it: fork handlers that a
-// program registered before it loaded this library may use it.
+// waits until it is free. The forking thread bypasses it meanwhile, so that fork handlers
+// registered before this library was loaded may use the recorder.
 //
-// A child created without running the fork handlers (by a raw clone, or by a fork that
-// had begun when this library was loaded) may find it held by a thread that doesn't exist
-// in the child, and the namespaces half changed. They all become empty then; what
-// was registered can still be updated.
+// A child that ran no fork handlers (of a raw clone, or of a fork that had begun before
+// this library was loaded) may find the lock held by a thread that doesn't exist in the
+// child, and the namespaces half changed. They then all become empty; metrics that
+// were registered can still be updated.
 class RegistrationLock {
  public:
   RegistrationLock();
@@ -29,18 +29,18 @@ class RegistrationLock {
   const bool is_forking_;
 };
 
-// Lives until the process ends: no function gives one back.
+// Lives until the process ends: no function frees one.
 class Recorder {
  public:
-  // Null when there is no memory.
+  // Null when out of memory.
   static Recorder* make();
 
   Namespace& root() { return root_; }
 
-  // Leaves every namespace of every recorder behind as it is, and begins with none.
+  // Gives every recorder a new empty root and leaks the old one, which may be half changed.
   static void abandon_all();
 
-  // The present state. Takes the lock, for the names.
+  // The present state. Takes the lock to collect the names.
   std::string to_json() const;
 
  private:

@@ -11,7 +11,7 @@ namespace circmetrics {
 
 constinit thread_local unsigned ThreadSlot::t_number = 0;
 
-// Which slots are owned, as bits, and what ends an ownership.
+// Which slots are owned, as bits, and when ownership ends.
 struct SlotOwners {
   static constexpr unsigned kAll = (1U << ThreadSlot::kCount) - 1;
 
@@ -21,7 +21,7 @@ struct SlotOwners {
 
   static unsigned bit_of(unsigned number) { return 1U << (number - 1); }
 
-  // The number of a slot that nobody owned, or 0.
+  // Takes a free slot; returns its number, or 0.
   static unsigned take() {
     unsigned known = taken.load(std::memory_order_relaxed);
     while (known != kAll) {
@@ -43,7 +43,7 @@ struct SlotOwners {
     return ThreadSlot::kCount + 1 + sharer % ThreadSlot::kCount;
   }
 
-  // Destructors that run after this one may still count.
+  // The thread shares a slot from now on: destructors that run later may still count.
   static void at_thread_exit(void*) {
     const unsigned owned = ThreadSlot::t_number;
     ThreadSlot::t_number = share();
@@ -65,12 +65,12 @@ struct SlotOwners {
 
 namespace {
 
-// Without, every thread shares.
+// If false, every thread shares.
 const bool g_may_own = SlotOwners::prepare();
 
 }  // namespace
 
-// Shares first: what follows may allocate, and the program's allocator may count.
+// Shares a slot first: what follows may allocate, and the program's allocator may count.
 unsigned ThreadSlot::obtain() {
   t_number = SlotOwners::share();
   const unsigned owned = g_may_own ? SlotOwners::take() : 0;

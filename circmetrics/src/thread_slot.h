@@ -4,17 +4,17 @@
 
 namespace circmetrics {
 
-// The slots of a process: each has at most one owner, a thread that may then write
-// without an atomic addition, which the next addition waits for. Threads that come when
-// all are owned share them. A thread that ends gives its slot to the next one, which
-// sees all that it wrote; in a child of fork, only the forking thread goes on owning.
+// The slots of a process. Each has at most one owner, a thread that writes without atomic
+// additions and so doesn't wait for the previous one. Threads that find all slots owned
+// share them. When a thread ends, the next one may own its slot and sees all that was
+// written. In a child of fork only the forking thread keeps its slot.
 class ThreadSlot {
  public:
   static constexpr unsigned kCount = 8;
 
   static ThreadSlot of_this_thread() { return ThreadSlot(t_number); }
 
-  // The same, after a first attempt to own one.
+  // The same; at a thread's first call, tries to own a slot.
   static ThreadSlot obtained() { return t_number != 0 ? of_this_thread() : ThreadSlot(obtain()); }
 
   bool is_owned() const { return number_ - 1 < kCount; }
@@ -27,9 +27,9 @@ class ThreadSlot {
 
   static unsigned obtain();
 
-  // 0 before the first attempt; up to kCount what it owns, above that what it shares.
-  // Initial-exec: one load instead of a call. A library loaded later may use so few
-  // bytes of it.
+  // 0 before the first attempt to own a slot; up to kCount an owned slot, above that a
+  // shared one. Initial-exec: one load instead of a call. A library loaded at run time
+  // may use a few bytes of it.
   static constinit thread_local unsigned t_number __attribute__((tls_model("initial-exec")));
 
   unsigned number_;
