@@ -4,8 +4,8 @@
 //    updated in a way of its own, add that function there and to exports.cpp.
 // 2. Write its class, like Counter, and list the source in CMakeLists.txt.
 // 3. Add a case below.
-//
-// QVUtil offers the kinds that util/src/stats_c.cpp creates.
+// 4. To let users of QVUtil make it, add its number to util/src/metric_type.h and a
+//    function to util/src/stats_c.cpp.
 #include "metric.h"
 
 #include "circmetrics.h"
