@@ -3,8 +3,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <lmdb.h>
 
-#include <algorithm>
-
+#include "look_up.h"
 #include "ratio.h"
 #include "store_fixture.h"
 
@@ -19,13 +18,8 @@ const std::vector<bench::Key>& keys() {
   return all;
 }
 
-std::vector<bench::Key> shuffled(std::vector<bench::Key> keys) {
-  std::shuffle(keys.begin(), keys.end(), std::mt19937_64(7));
-  return keys;
-}
-
 const std::vector<bench::Key>& present() {
-  static const auto all = shuffled(keys());
+  static const auto all = bench::shuffled(keys());
   return all;
 }
 
@@ -34,27 +28,13 @@ const std::vector<bench::Key>& absent() {
   return all;
 }
 
-cache::Cache& loaded_cache() {
-  static cache::Cache& loaded = *[] {
-    bench::write_store("lookup", keys(), 1);
-    auto* made =
-        new cache::Cache("lookup", make_file_store(cache::StoreKind::basic, "lookup"), false);
-    for (std::size_t at = 0; at < kEntries / 8; ++at) {  // enough to pay for the index
-      made->get_value(util::RoBuffer::view(present()[at].data(), bench::kKeySize));
-    }
-    return made;
-  }();
-  return loaded;
-}
-
 void look_up_cache(benchmark::State& state, const std::vector<bench::Key>& order) {
-  cache::Cache& loaded = loaded_cache();
-  std::size_t at = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        loaded.get_value(util::RoBuffer::view(order[at].data(), bench::kKeySize)));
-    at = at + 1 == kEntries ? 0 : at + 1;
-  }
+  static cache::Cache& loaded = []() -> cache::Cache& {
+    bench::write_store("lookup", keys(), 1);
+    return bench::indexed_cache("lookup", make_file_store(cache::StoreKind::basic, "lookup"),
+                                present());
+  }();
+  bench::look_up_each(state, order, [](const bench::Key& key) { return bench::get(loaded, key); });
 }
 
 void BM_CacheHit(benchmark::State& state) { look_up_cache(state, present()); }
@@ -68,11 +48,7 @@ void BM_AbslHit(benchmark::State& state) {
     }
     return made;
   }();
-  std::size_t at = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(map.find(present()[at]));
-    at = at + 1 == kEntries ? 0 : at + 1;
-  }
+  bench::look_up_each(state, present(), [](const bench::Key& key) { return map.find(key); });
 }
 
 struct Lmdb {
@@ -107,14 +83,12 @@ struct Lmdb {
 
 void BM_LmdbHit(benchmark::State& state) {
   static Lmdb& lmdb = *new Lmdb;
-  std::size_t at = 0;
-  for (auto _ : state) {
-    MDB_val key{bench::kKeySize, const_cast<char*>(present()[at].data())};
+  bench::look_up_each(state, present(), [](const bench::Key& key) {
+    MDB_val sought{bench::kKeySize, const_cast<char*>(key.data())};
     MDB_val value;
-    Lmdb::check(mdb_get(lmdb.txn, lmdb.dbi, &key, &value));
-    benchmark::DoNotOptimize(value);
-    at = at + 1 == kEntries ? 0 : at + 1;
-  }
+    Lmdb::check(mdb_get(lmdb.txn, lmdb.dbi, &sought, &value));
+    return value;
+  });
 }
 
 BENCHMARK(BM_CacheHit)->Repetitions(5);

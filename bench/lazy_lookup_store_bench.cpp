@@ -5,8 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-
+#include "look_up.h"
 #include "ratio.h"
 #include "store_fixture.h"
 
@@ -63,33 +62,21 @@ void BM_Load(benchmark::State& state) {
 }
 
 const std::vector<bench::Key>& shuffled() {
-  static const auto all = [] {
-    auto order = keys();
-    std::shuffle(order.begin(), order.end(), std::mt19937_64(7));
-    return order;
-  }();
+  static const auto all = bench::shuffled(keys());
   return all;
 }
 
 template <typename Store>
 void BM_Hit(benchmark::State& state) {
-  static cache::Cache& loaded = *[] {
+  static cache::Cache& loaded = []() -> cache::Cache& {
     prepared<Store>(1);
     const std::string name = store_name(1);
-    auto* made = new cache::Cache(
+    return bench::indexed_cache(
         name, std::make_unique<Store>(name, std::make_shared<cache::StoreFLock>(name), nullptr),
-        false);
-    for (std::size_t at = 0; at < kEntries / 8; ++at) {  // enough to pay for the index
-      made->get_value(util::RoBuffer::view(shuffled()[at].data(), bench::kKeySize));
-    }
-    return made;
+        shuffled());
   }();
-  std::size_t at = 0;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(
-        loaded.get_value(util::RoBuffer::view(shuffled()[at].data(), bench::kKeySize)));
-    at = at + 1 == kEntries ? 0 : at + 1;
-  }
+  bench::look_up_each(state, shuffled(),
+                      [](const bench::Key& key) { return bench::get(loaded, key); });
 }
 
 // Drops a file's pages from the page cache.

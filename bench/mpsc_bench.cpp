@@ -33,7 +33,7 @@ class RingQueue {
     ring_.wr_commit(reservation);
   }
 
-  // Hands each item to `use` until that is false.
+  // Hands each item to `use` until that returns false.
   template <typename Use>
   void take(Use use) {
     auto lock = ring_.rd_lock();
