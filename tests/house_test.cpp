@@ -281,6 +281,50 @@ TEST(Floors, ExportedHeadersIncludeOnlyExportedHeaders) {
 
 // ---------------------------------------------------------------------- pages
 
+// The lines of docs/pictures/floors.dot that draw a floor.
+std::string picture_of_floor(int floor) {
+  const std::string picture = test::read_file(QV_SOURCE_DIR "/docs/pictures/floors.dot");
+  const std::size_t start = picture.find("Floor " + std::to_string(floor));
+  return start == std::string::npos
+             ? ""
+             : picture.substr(start, picture.find("Floor ", start + 1) - start);
+}
+
+TEST(FloorsPicture, ShowsEveryFileOnItsFloor) {
+  static const std::map<std::string, std::string> component_of{
+      {"fatbin_parser", "binary_dumper"}, {"stats_c", "stats"}, {"stats_instance", "stats"}};
+  for (const fs::path& file : sources_below(kUtil)) {
+    const auto found = component_of.find(file.stem());
+    const std::string name = found == component_of.end() ? file.stem().string() : found->second;
+    const std::string picture = picture_of_floor(floor_of(file).value());
+    EXPECT_TRUE(std::regex_search(picture, std::regex("\\b" + name + "\\b")))
+        << file << " is missing";
+  }
+}
+
+std::vector<std::string> words_of(const std::string& text) {
+  static const std::regex word(R"re(\w+)re");
+  return {std::sregex_token_iterator(text.begin(), text.end(), word), std::sregex_token_iterator()};
+}
+
+TEST(FloorsPicture, HasNoArrowInTheCacheThatRunsUpwards) {
+  static const std::regex arrow(R"re((\w+|\{.*\}) -> (\w+|\{.*\}))re");
+  const std::string cache = picture_of_floor(6);
+  int arrows = 0;
+  for (std::sregex_iterator it(cache.begin(), cache.end(), arrow), end; it != end; ++it) {
+    for (const std::string& from : words_of((*it)[1])) {
+      for (const std::string& to : words_of((*it)[2])) {
+        if (to != "helpers") {  // what most units use
+          EXPECT_TRUE(cache_floor_of(to)) << to << " is no unit";
+          EXPECT_LT(cache_floor_of(to), cache_floor_of(from)) << from << " -> " << to;
+          ++arrows;
+        }
+      }
+    }
+  }
+  EXPECT_GT(arrows, 20);
+}
+
 std::set<std::string> names_of_tests() {
   static const std::regex test(R"re(TEST(_F|_P)?\((\w+),\s*(\w+)\))re");
   std::set<std::string> names;
