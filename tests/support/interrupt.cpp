@@ -25,7 +25,7 @@ bool has_pending_signal(pid_t tid) {
 
 void let_signals_interrupt() {
   struct sigaction action {};
-  action.sa_handler = [](int) {};  // and no SA_RESTART
+  action.sa_handler = [](int) {};  // without SA_RESTART
   sigaction(SIGUSR1, &action, nullptr);
 }
 

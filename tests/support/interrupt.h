@@ -1,4 +1,4 @@
-// Signals that cut the system calls of one thread of this process short.
+// Interrupts the system calls of one thread of this process with a signal.
 #ifndef TESTS_SUPPORT_INTERRUPT_H_
 #define TESTS_SUPPORT_INTERRUPT_H_
 
@@ -6,11 +6,11 @@
 
 namespace test {
 
-// From now on a system call that SIGUSR1 meets fails with EINTR where it can.
+// From now on SIGUSR1 makes any system call that can be interrupted fail with EINTR.
 void let_signals_interrupt();
 
-// Returns once the thread has been given the signal. Its handler may run later:
-// ThreadSanitizer puts it off.
+// Sends the signal to the thread and returns once it is delivered. The handler may run
+// later, since ThreadSanitizer defers it.
 void interrupt(pid_t tid);
 
 }  // namespace test

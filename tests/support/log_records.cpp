@@ -6,7 +6,7 @@
 
 namespace test {
 
-// The expression sees only the head: its depth of recursion grows with the text.
+// The regex sees only the head, because its recursion depth grows with the text.
 std::optional<LogRecord> parse_record(const std::string& line) {
   static const std::regex format(
       R"re(^\[(  OFF|ERROR| WARN| INFO|TRACE|DEBUG|  ALL|UNKNOWN)\] )re"

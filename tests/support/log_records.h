@@ -16,10 +16,10 @@ struct LogRecord {
   std::string message;
 };
 
-// One line, its newline included, or nothing when it is not exactly a record.
+// Parses one line, which ends in a newline. Nothing unless it is exactly a record.
 std::optional<LogRecord> parse_record(const std::string& line);
 
-// All lines of `text`; a line that is not a record is a test failure.
+// Parses all lines of `text`. A line that is no record fails the test.
 std::vector<LogRecord> parse_records(const std::string& text);
 
 // "LEVEL message" of each.

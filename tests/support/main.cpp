@@ -1,15 +1,14 @@
-// Runs the tests of this executable, or one of its scenarios when a test starts
-// it again with --scenario NAME.
+// Runs the tests of this executable, or the scenario NAME when a test starts it again
+// with --scenario NAME.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "support/scenario.h"
 
-// ThreadSanitizer asks a program for these before its own start. The threads that
-// a child of fork leaves behind in its parent are no leak, and the pages that a
-// test's memory limit keeps from being locked are no concern of ours. By default
-// it would also keep every such child a second long at its end.
+// ThreadSanitizer reads these options before it starts. A child of fork lacks its parent's
+// threads, which is no leak, and pages that can't be locked under a test's memory limit
+// don't matter. By default ThreadSanitizer would also delay each exit by a second.
 extern "C" const char* __tsan_default_options();
 const char* __tsan_default_options() {
   return "report_thread_leaks=0:use_madv_dontdump=0:atexit_sleep_ms=50";

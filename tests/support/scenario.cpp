@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -22,7 +23,7 @@ std::map<std::string, ScenarioFunction>& scenarios() {
   return registered;
 }
 
-// What a process needs that is not the library's business.
+// Variables that the process needs, but the library doesn't read.
 bool is_inherited(const std::string& name) {
   return name == "PATH" || name == "TMPDIR" || name.find("SAN_OPTIONS") != std::string::npos ||
          name == "LLVM_PROFILE_FILE" || name.rfind("GCOV_", 0) == 0;
@@ -91,6 +92,11 @@ int run_registered_scenario(const std::string& name, const Arguments& arguments)
     return 127;
   }
   return found->second(arguments);
+}
+
+std::string with_option(const char* variable, const std::string& option) {
+  const char* const set = std::getenv(variable);
+  return set == nullptr ? option : std::string(set) + ":" + option;
 }
 
 bool Ran::exited_with(int code) const { return WIFEXITED(status) && WEXITSTATUS(status) == code; }

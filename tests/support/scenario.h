@@ -1,6 +1,6 @@
-// Scenarios: small programs inside a test executable. A test runs one in a
-// process of its own, under an environment of its own, and gets back how it
-// ended, what it wrote and which records it logged.
+// A scenario is a small program inside a test executable. A test runs it in a separate
+// process with its own environment, and gets its exit status, its output and its log
+// records.
 //
 //   SCENARIO(logs_once) { QV_LOG(qv_module_find("a"), INFO, "hi"); return 0; }
 //   TEST(...) { auto ran = test::run_scenario("logs_once", {{"QV_LOG_LEVEL", "DEBUG"}}); }
@@ -31,9 +31,12 @@ struct ScenarioRegistration {
   static const ::test::ScenarioRegistration registration_##name(#name, &scenario_##name); \
   static int scenario_##name([[maybe_unused]] const ::test::Arguments& arguments)
 
-// The whole environment of a scenario, apart from what the sanitizers and the
-// loader need. An empty optional leaves a variable out, also a default one.
+// The whole environment of a scenario, except for what the sanitizers and the loader
+// need. An empty optional unsets a variable, even one that is set by default.
 using Environment = std::map<std::string, std::optional<std::string>>;
+
+// The value of `variable` with `option` added, for the options of a sanitizer.
+std::string with_option(const char* variable, const std::string& option);
 
 struct Ran {
   pid_t pid = 0;
@@ -41,7 +44,7 @@ struct Ran {
   std::string out;
   std::string err;
   std::string log;                 // the bytes of the log file
-  std::vector<LogRecord> records;  // the same, parsed; a malformed line fails the test
+  std::vector<LogRecord> records;  // parsed from the log; a malformed line fails the test
 
   bool exited_with(int code) const;
   bool killed_by(int signal) const;
@@ -50,9 +53,8 @@ struct Ran {
   std::vector<std::string> messages() const;
 };
 
-// Runs a scenario to its end. Unless `environment` says otherwise QV_LOG_FILE is
-// a fresh file, QV_LOG_LEVEL is DEBUG, and nothing else of the library's
-// variables is set.
+// Runs a scenario until it ends. By default QV_LOG_FILE is a new file, QV_LOG_LEVEL is
+// DEBUG, and the library's other variables are unset.
 Ran run_scenario(const std::string& name, const Environment& environment = {},
                  const Arguments& arguments = {});
 

@@ -1,4 +1,4 @@
-// A directory that goes away with its object, and whole files.
+// A directory that its object removes, and functions for whole files.
 #ifndef TESTS_SUPPORT_TEMP_DIR_H_
 #define TESTS_SUPPORT_TEMP_DIR_H_
 
@@ -20,7 +20,7 @@ class TempDir {
   std::string path_;
 };
 
-// "" when the file can't be read.
+// "" if the file can't be read.
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 bool exists(const std::string& path);

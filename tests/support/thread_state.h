@@ -1,4 +1,4 @@
-// What the kernel says of a thread of this process.
+// The state of a thread of this process, as the kernel reports it.
 #ifndef TESTS_SUPPORT_THREAD_STATE_H_
 #define TESTS_SUPPORT_THREAD_STATE_H_
 
@@ -15,8 +15,8 @@
 
 namespace test {
 
-// The fields of /proc/self/task/TID/stat from the state on, as proc(5) numbers
-// them from 3; "" when the thread has ended.
+// The fields of /proc/self/task/TID/stat from the state on, which is number 3 in proc(5).
+// "" once the thread has ended.
 inline std::string stat_from_state(pid_t tid) {
   std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
   std::string text;
@@ -27,7 +27,7 @@ inline std::string stat_from_state(pid_t tid) {
 
 inline bool is_asleep(pid_t tid) { return stat_from_state(tid).rfind('S', 0) == 0; }
 
-// The clock ticks that the thread has computed for.
+// The CPU time of the thread, in clock ticks.
 inline long computed_ticks(pid_t tid) {
   std::istringstream fields(stat_from_state(tid));
   std::string skipped;
@@ -40,7 +40,7 @@ inline long computed_ticks(pid_t tid) {
   return user + system;
 }
 
-// How often the thread has gone to sleep.
+// How often the thread has slept.
 inline long sleeps(pid_t tid) {
   std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
   std::string word;
@@ -51,7 +51,7 @@ inline long sleeps(pid_t tid) {
   return count;
 }
 
-// A thread that runs one function and can be watched while it does.
+// A thread that runs one function and whose state can be watched meanwhile.
 class Watched {
  public:
   explicit Watched(std::function<void()> function)
