@@ -1,4 +1,4 @@
-// Logging, modules and settings in the children of fork.
+// Logging, modules and settings in children of fork.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/env_config.h>
@@ -8,7 +8,6 @@
 #include <quorvane/store.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -16,7 +15,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <iostream>
@@ -24,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 
@@ -31,32 +30,24 @@ namespace {
 
 using test::Ran;
 using test::run_scenario;
-using testing::IsEmpty;
-
-pid_t thread_id() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
 pid_t raw_clone() {
   return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
 }
 
-// The child's exit status, or 1 when it did not exit.
-int status_of(pid_t child) {
-  int status = 0;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
-
+// Runs `work` in a child. 0 if it exits with 0, 1 otherwise.
 int in_child(pid_t (*make_child)(), const std::function<int()>& work) {
   const pid_t child = make_child();
   if (child == 0) {
     _exit(work());
   }
-  return status_of(child);
+  return test::wait_for(child) == 0 ? 0 : 1;
 }
 
-// A record whose message says what its ids must be.
+// Logs a record whose message says what its ids must be.
 int log_ids(const char* who) {
   static const quorvane::Module module("test/fork");
-  QV_LOG(module, INFO, "%s %d %d", who, getpid(), thread_id());
+  QV_LOG(module, INFO, "%s %d %d", who, getpid(), gettid());
   return 0;
 }
 
@@ -145,7 +136,7 @@ TEST(ForkedLog, AChildOfAThreadIsItsOwnMainThread) {
 }
 
 #ifndef QV_SANITIZED
-// TSan refuses threads in the child of a process with threads.
+// ThreadSanitizer refuses threads in the child of a process with threads.
 SCENARIO(logs_in_a_thread_of_a_child) {
   log_ids("parent");
   return in_child(&fork, [] {
@@ -170,9 +161,9 @@ TEST(ForkedLog, SiblingsForkedBeforeAnyRecordHaveTheirIds) {
   expect_right_ids(run_scenario("logs_first_in_children"), {"one", "two", "parent"});
 }
 
-// ------------------------------------- when the kernel doesn't help tell a child
+// ------------------------------------- when the kernel doesn't help to tell a child
 
-// What is refused outlives exec, and so stands when the library is loaded.
+// The refusal survives exec, so it applies when the library is loaded.
 SCENARIO(loads_without_wiping) {
   test::refuse(SYS_madvise, EINVAL, test::When{2, MADV_WIPEONFORK});
   execl("/proc/self/exe", "log_fork_test", "--scenario", "logs_in_four_generations", nullptr);
@@ -185,7 +176,7 @@ TEST(ForkedLog, IdsAreRightWhenTheKernelCannotWipeOnFork) {
 }
 
 #ifndef QV_SANITIZED
-// A sanitizer maps single pages itself and can't go on without them.
+// A sanitizer maps single pages itself and fails without them.
 SCENARIO(loads_without_a_page) {
   test::refuse(SYS_mmap, ENOMEM, test::When{1, static_cast<std::uint32_t>(getpagesize())},
                test::When{3, MAP_PRIVATE | MAP_ANONYMOUS});
@@ -199,21 +190,19 @@ TEST(ForkedLog, IdsAreRightWhenNoPageCanBeMapped) {
 }
 #endif
 
-// ----------------------------------------------------- forks beside busy threads
+// ------------------------------------------------ forks while threads are busy
 
-// Rounds of each kind of child, what each thread does beside a round at most,
-// and the seconds after which a child hangs.
 constexpr int kForks = 200;
-constexpr int kStepsBesideAFork = 30;
-constexpr unsigned kHangs = 30;
+constexpr int kMostStepsPerFork = 30;  // of each thread
+constexpr unsigned kHangSeconds = 30;  // after which a child counts as hung
 
 std::string name_of(const char* kind, int number) {
   return std::string("test/") + kind + "/" + std::to_string(number);
 }
 
-// Everything that a child may do, ended by the alarm when it hangs.
+// Does all that a child may do. The alarm ends it if it hangs.
 int use_all(int round) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   const quorvane::Module fresh(name_of("child", round).c_str());
   QV_LOG(fresh, INFO, "child %d", round);
   const quorvane::Module malformed("/child");
@@ -245,10 +234,10 @@ class BusyThreads {
   // Lets the threads work, and waits until each of them does.
   void wait_until_busy() {
     for (std::atomic<int>& steps : steps_left_) {
-      steps = kStepsBesideAFork;
+      steps = kMostStepsPerFork;
     }
     for (const std::atomic<int>& steps : steps_left_) {
-      while (steps == kStepsBesideAFork) {
+      while (steps == kMostStepsPerFork) {
         std::this_thread::yield();
       }
     }
@@ -294,7 +283,7 @@ TEST(ForkedLog, NoChildHangsWhateverItsParentsThreadsDid) {
   EXPECT_EQ(ran.err, "");
 }
 
-// What exit runs, static destructors and all, must not wait for a lost thread.
+// Nothing that exit runs, such as static destructors, may wait for a lost thread.
 SCENARIO(children_exit_beside_busy_threads) {
   int failed = 0;
   {
@@ -303,45 +292,37 @@ SCENARIO(children_exit_beside_busy_threads) {
       busy.wait_until_busy();
       const pid_t child = fork();
       if (child == 0) {
-        alarm(kHangs);
+        alarm(kHangSeconds);
         exit(log_ids("child"));
       }
-      failed += status_of(child);
+      failed += test::wait_for(child) == 0 ? 0 : 1;
     }
   }
   return failed == 0 ? 0 : 1;
 }
 
-std::string with_option(const char* variable, const std::string& option) {
-  const char* set = std::getenv(variable);
-  return set == nullptr ? option : std::string(set) + ":" + option;
-}
-
 TEST(ForkedLog, NoChildHangsAtItsExit) {
-  // A leak checker at exit takes the allocator's own locks, which a fork doesn't
-  // wait for, and a race detector makes every exit wait for a second.
+  // At exit, a leak checker takes the allocator's own locks, for which fork doesn't wait,
+  // and ThreadSanitizer waits for a second.
   const Ran ran =
       run_scenario("children_exit_beside_busy_threads",
                    {{"QV_LOG_FILE", "/dev/null"},
-                    {"ASAN_OPTIONS", with_option("ASAN_OPTIONS", "detect_leaks=0")},
-                    {"TSAN_OPTIONS", with_option("TSAN_OPTIONS", "atexit_sleep_ms=0")}});
+                    {"ASAN_OPTIONS", test::with_option("ASAN_OPTIONS", "detect_leaks=0")},
+                    {"TSAN_OPTIONS", test::with_option("TSAN_OPTIONS", "atexit_sleep_ms=0")}});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
 }
 
-// As a crash reporter does, which forks the program that takes the report.
+// What a crash reporter does: it forks a program that takes the report.
 void fork_and_tell(int) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
-  const char* const told = status_of(child) == 0 ? "reported" : "failed";
+  const pid_t child = test::in_child([] { return 0; });
+  const char* const told = test::wait_for(child) == 0 ? "reported" : "failed";
   _exit(write(STDOUT_FILENO, told, strlen(told)) > 0 ? 0 : 1);
 }
 
 SCENARIO(reports_a_collision_from_a_fork) {
   signal(SIGABRT, &fork_and_tell);
-  alarm(kHangs);
+  alarm(kHangSeconds);
   for (int i = 0; i < 2; ++i) {
     void* const module = qv_module_create();
     qv_module_route("test/twice", module);
@@ -352,7 +333,7 @@ SCENARIO(reports_a_collision_from_a_fork) {
 
 SCENARIO(reports_a_failed_check_from_a_fork) {
   signal(SIGABRT, &fork_and_tell);
-  alarm(kHangs);
+  alarm(kHangSeconds);
   const quorvane::Module module("test/fork");
   QV_FAULT_ASSERT(module, arguments.empty(), "test");
   return 1;
@@ -364,10 +345,10 @@ class Resource : public quorvane::cache::CleanableResource {
   void clean() override {}
 };
 
-// The check fails under the mutex of the controller.
+// The check fails while the controller's mutex is held.
 SCENARIO(reports_a_check_under_a_mutex_from_a_fork) {
   signal(SIGABRT, &fork_and_tell);
-  alarm(kHangs);
+  alarm(kHangSeconds);
   Resource resource;
   quorvane::cache::CleanupController controller(0);
   controller.update_and_check_usage(controller.get_ticket() + 1, resource);
@@ -375,9 +356,9 @@ SCENARIO(reports_a_check_under_a_mutex_from_a_fork) {
 }
 
 TEST(ForkedLog, AHandlerOfAbortMayFork) {
-  // ThreadSanitizer allocates in a child, and would blame the handler for it.
+  // ThreadSanitizer allocates in a child and would report that as the handler's doing.
   const test::Environment environment{
-      {"TSAN_OPTIONS", with_option("TSAN_OPTIONS", "report_signal_unsafe=0")}};
+      {"TSAN_OPTIONS", test::with_option("TSAN_OPTIONS", "report_signal_unsafe=0")}};
   const Ran collision = run_scenario("reports_a_collision_from_a_fork", environment);
   EXPECT_TRUE(collision.exited_with(0));
   EXPECT_EQ(collision.out, "reported");

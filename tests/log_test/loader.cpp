@@ -1,5 +1,5 @@
-// A program that loads the library when it runs already. Prints how much the heap
-// grew by the first record of its first thread and of another one.
+// A program that loads the library at run time. Prints by how much the first record of its
+// main thread, and that of another one, made the heap grow.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <quorvane/module.h>
