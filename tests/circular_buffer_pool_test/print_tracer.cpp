@@ -1,4 +1,4 @@
-// A tracer that prints every report it gets, for programs that have none.
+// A tracer that prints each report, for programs without one.
 #include <quorvane/tracer.h>
 
 #include <cstdint>

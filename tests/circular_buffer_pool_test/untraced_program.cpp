@@ -1,4 +1,4 @@
-// Uses a pool once in each way, and brings no tracer.
+// A program without a tracer that releases ranges of a pool in both ways.
 #include <quorvane/circular_buffer_pool.h>
 #include <unistd.h>
 
