@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <iterator>
 #include <latch>
 #include <map>
 #include <optional>
@@ -25,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/descriptors.h"
 #include "support/hostile.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
@@ -34,6 +34,7 @@ namespace {
 
 using quorvane::util::BinaryDumper;
 using test::exists;
+using test::open_descriptors;
 using test::Ran;
 using test::read_file;
 using test::run_scenario;
@@ -58,7 +59,7 @@ void dump(BinaryDumper& dumper, const std::string& bytes) {
 
 // --------------------------------------------------------------- names and numbers
 
-// Dumps twice with the first four arguments, of which "null" is null.
+// Dumps twice with a dumper of the four arguments, where "null" is a null pointer.
 SCENARIO(dumps_twice) {
   const auto argument = [&](std::size_t i) {
     return arguments.at(i) == "null" ? nullptr : arguments.at(i).c_str();
@@ -112,7 +113,7 @@ TEST_F(Dumper, KeepsEmptyStrings) {
   EXPECT_THAT(files_in(dir_.path()), SizeIs(2));
 }
 
-// Into the root directory, where nothing may be written here.
+// The directory may be the root or /tmp, so the dump is refused.
 SCENARIO(dumps_to_the_directory_of_the_environment) {
   test::refuse(SYS_openat, EACCES, test::When{2, O_WRONLY | O_CREAT | O_TRUNC});
   BinaryDumper dumper;
@@ -134,7 +135,7 @@ TEST_F(Dumper, DumpsBelowTmpWithoutADirectoryInTheEnvironment) {
                           "INFO Dump failed!  Can't open file."));
 }
 
-// A prefix of its own keeps other runs of this test off these files.
+// The prefix is unique, so that other runs of this test don't touch these files.
 TEST_F(Dumper, WritesBelowTmpWithADoubledSlash) {
   const std::string prefix = "qv_test_" + std::to_string(getpid()) + "_";
   const Ran ran =
@@ -202,7 +203,7 @@ TEST_F(Dumper, CutsTheNameOfTheTenThousandAndFirstDump) {
   EXPECT_EQ(files.at("d10000.bi"), "10000");
 }
 
-// Without a suffix the cut takes the last digit, and the dump its predecessor's place.
+// Without a suffix the cut drops the last digit, so the dump overwrites an earlier one.
 SCENARIO(dumps_beyond_ten_thousand_without_a_suffix) {
   BinaryDumper dumper("n", "d", "", arguments.at(0).c_str(), QV_LOG_LEVEL_INFO);
   for (int i = 0; i <= 10001; ++i) {
@@ -258,9 +259,9 @@ TEST_F(Dumper, ReportsAFileThatCannotBeOpenedAndTakesItsNumber) {
 }
 
 #ifndef QV_SANITIZED
-// A sanitizer ends a process that finds no memory.
+// A sanitizer ends a process whose allocation fails.
 
-// One string, whose place is the first argument, is too long to be copied.
+// The string whose number is the first argument is too long to be copied.
 SCENARIO(dumps_without_memory) {
   const std::size_t place = std::stoul(arguments.at(0));
   const std::string text(64 * 1024 * 1024, 'x');
@@ -285,7 +286,7 @@ TEST_F(Dumper, WithoutMemoryForItsArgumentsOpensNoFile) {
 
 constexpr std::size_t kRoom = 65536;
 
-// No file grows beyond the room, which the log is far from.
+// No file can grow beyond kRoom. The log stays far below that.
 void fill_the_disk() {
   const rlimit limit{kRoom, kRoom};
   setrlimit(RLIMIT_FSIZE, &limit);
@@ -309,7 +310,7 @@ TEST_F(Dumper, LosesWithoutARecordWhatTheDiskHasNoRoomFor) {
   EXPECT_EQ(read_file(dir_.file("0001")), "next");
 }
 
-// The record shows the low half of a size; the dump itself is not cut.
+// The record shows the low 32 bits of the size. The dump itself isn't cut.
 SCENARIO(dumps_more_than_four_gigabytes) {
   fill_the_disk();
   const std::size_t size = (std::size_t{1} << 32) + 7;
@@ -332,19 +333,14 @@ TEST_F(Dumper, ShowsTheLowHalfOfASize) {
 
 // -------------------------------------------------------------------------- descriptors
 
-std::size_t open_descriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
-// A dump that is written, one that can't be opened and one that finds the disk full.
+// One dump succeeds, one can't be opened, and one fills the disk.
 SCENARIO(dumps_and_counts_descriptors) {
   fill_the_disk();
   BinaryDumper dumper("thing", "", "", arguments.at(0).c_str(), QV_LOG_LEVEL_INFO);
   BinaryDumper refused("thing", "", "", "/dev/null", QV_LOG_LEVEL_INFO);
-  const std::size_t before = open_descriptors();
+  const int before = open_descriptors();
   dump(dumper, "kept");
-  const std::size_t after_success = open_descriptors();
+  const int after_success = open_descriptors();
   dump(refused, "lost");
   dump(dumper, std::string(kRoom + 1000, 'x'));
   return after_success == before && open_descriptors() == before ? 0 : 1;
@@ -357,7 +353,7 @@ TEST_F(Dumper, ClosesItsFileAlsoAfterAFailure) {
 
 // ------------------------------------------------------------------------------- levels
 
-// With the module and the dumper at the two levels.
+// Dumps with the module at the level of the first argument, the dumper at the second.
 SCENARIO(dumps_at_levels) {
   const auto level = [&](std::size_t i) {
     return static_cast<qv_log_level_t>(std::stoi(arguments.at(i)));
@@ -457,7 +453,7 @@ TEST_F(Dumper, GivesEachDumpOfEightThreadsANumberAndAFileOfItsOwn) {
 
 constexpr const char* kAroundMainEnv = "QV_TEST_AROUND_MAIN";
 
-// Dumps before main, and is destroyed after what main registers.
+// Dumps before main, and when it is destroyed, after the exit handlers of main.
 class AroundMain {
  public:
   AroundMain() { dump_if_asked("before main"); }

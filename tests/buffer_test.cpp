@@ -206,7 +206,7 @@ SCENARIO(lent_bytes_become_read_only) {
   return 0;
 }
 
-// It gives back no bytes at null, which is not where the lent bytes end.
+// It releases no bytes at null, which isn't where the lent bytes end.
 TEST(RwBuffer, EndsTheProcessWhenItsLentBytesWereTakenFromIt) {
   const auto ran = test::run_scenario("lent_bytes_become_read_only");
   EXPECT_TRUE(ran.aborted());

@@ -22,8 +22,8 @@ using testing::IsEmpty;
 
 constexpr const char* kName = "QV_TEST_VALUE";
 
-// Reads the variable once through the reader that the first argument names,
-// with the second as its default, and prints what it gives.
+// Reads the variable with the reader that the first argument names and the default of the
+// second, and prints the result.
 SCENARIO(reads) {
   const std::string& reader = arguments.at(0);
   const std::string& fallback = arguments.at(1);
@@ -44,72 +44,61 @@ Ran read(const std::string& reader, const std::string& fallback,
   return ran;
 }
 
-struct Accepted {
+struct Reading {
   std::string reader;
   std::string value;
   std::string fallback;
-  std::string result;
+  std::string result{};  // of a well-formed value
 };
 
-void PrintTo(const Accepted& row, std::ostream* out) {
+void PrintTo(const Reading& row, std::ostream* out) {
   *out << row.reader << " of \"" << row.value << "\"";
 }
 
-class WellFormed : public testing::TestWithParam<Accepted> {};
+class WellFormed : public testing::TestWithParam<Reading> {};
 
 TEST_P(WellFormed, ValueIsReadAndNothingIsLogged) {
-  const Accepted& row = GetParam();
+  const Reading& row = GetParam();
   const Ran ran = read(row.reader, row.fallback, row.value);
   EXPECT_EQ(ran.out, row.result);
   EXPECT_THAT(ran.messages(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Boolean, WellFormed,
-                         testing::Values(Accepted{"bool", "1", "false", "true"},
-                                         Accepted{"bool", "true", "false", "true"},
-                                         Accepted{"bool", "TRUE", "false", "true"},
-                                         Accepted{"bool", "tRuE", "false", "true"},
-                                         Accepted{"bool", "0", "true", "false"},
-                                         Accepted{"bool", "false", "true", "false"},
-                                         Accepted{"bool", "FALSE", "true", "false"},
-                                         Accepted{"bool", "False", "true", "false"}));
+                         testing::Values(Reading{"bool", "1", "false", "true"},
+                                         Reading{"bool", "true", "false", "true"},
+                                         Reading{"bool", "TRUE", "false", "true"},
+                                         Reading{"bool", "tRuE", "false", "true"},
+                                         Reading{"bool", "0", "true", "false"},
+                                         Reading{"bool", "false", "true", "false"},
+                                         Reading{"bool", "FALSE", "true", "false"},
+                                         Reading{"bool", "False", "true", "false"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Integer, WellFormed,
-    testing::Values(Accepted{"int", "42", "7", "42"}, Accepted{"int", "  42", "7", "42"},
-                    Accepted{"int", "+42", "7", "42"}, Accepted{"int", "-42", "7", "-42"},
-                    Accepted{"int", "\t\n42", "7", "42"}, Accepted{"int", "010", "7", "10"},
-                    Accepted{"int", "2147483647", "7", "2147483647"},
-                    // What fits a long is cut to 32 bits.
-                    Accepted{"int", "2147483648", "7", "-2147483648"},
-                    Accepted{"int", "4294967295", "7", "-1"},
-                    Accepted{"int", "4294967297", "7", "1"},
-                    Accepted{"int", "9223372036854775807", "7", "-1"},
-                    Accepted{"int", "-9223372036854775808", "7", "0"}));
+    testing::Values(Reading{"int", "42", "7", "42"}, Reading{"int", "  42", "7", "42"},
+                    Reading{"int", "+42", "7", "42"}, Reading{"int", "-42", "7", "-42"},
+                    Reading{"int", "\t\n42", "7", "42"}, Reading{"int", "010", "7", "10"},
+                    Reading{"int", "2147483647", "7", "2147483647"},
+                    // A value that fits a long is truncated to 32 bits.
+                    Reading{"int", "2147483648", "7", "-2147483648"},
+                    Reading{"int", "4294967295", "7", "-1"}, Reading{"int", "4294967297", "7", "1"},
+                    Reading{"int", "9223372036854775807", "7", "-1"},
+                    Reading{"int", "-9223372036854775808", "7", "0"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Unsigned, WellFormed,
-    testing::Values(Accepted{"uint64", "42", "7", "42"}, Accepted{"uint64", "  42", "7", "42"},
-                    Accepted{"uint64", "+42", "7", "42"},
-                    Accepted{"uint64", "4294967297", "7", "4294967297"},
-                    Accepted{"uint64", "18446744073709551615", "7", "18446744073709551615"},
-                    Accepted{"uint64", "-1", "7", "18446744073709551615"},
-                    Accepted{"uint64", "-2", "7", "18446744073709551614"}));
+    testing::Values(Reading{"uint64", "42", "7", "42"}, Reading{"uint64", "  42", "7", "42"},
+                    Reading{"uint64", "+42", "7", "42"},
+                    Reading{"uint64", "4294967297", "7", "4294967297"},
+                    Reading{"uint64", "18446744073709551615", "7", "18446744073709551615"},
+                    Reading{"uint64", "-1", "7", "18446744073709551615"},
+                    Reading{"uint64", "-2", "7", "18446744073709551614"}));
 
-struct Rejected {
-  std::string reader;
-  std::string value;
-  std::string fallback;
-};
-
-void PrintTo(const Rejected& row, std::ostream* out) {
-  *out << row.reader << " of \"" << row.value << "\"";
-}
-
-class Malformed : public testing::TestWithParam<Rejected> {};
+class Malformed : public testing::TestWithParam<Reading> {};
 
 TEST_P(Malformed, ValueGivesTheDefaultAndOneWarning) {
-  const Rejected& row = GetParam();
+  const Reading& row = GetParam();
   const Ran ran = read(row.reader, row.fallback, row.value);
   EXPECT_EQ(ran.out, row.fallback);
   const std::string type = row.reader == "bool" ? "boolean" : "integer";
@@ -121,30 +110,29 @@ TEST_P(Malformed, ValueGivesTheDefaultAndOneWarning) {
 
 INSTANTIATE_TEST_SUITE_P(
     Boolean, Malformed,
-    testing::Values(Rejected{"bool", "01", "true"}, Rejected{"bool", "01", "false"},
-                    Rejected{"bool", "10", "true"}, Rejected{"bool", "yes", "false"},
-                    Rejected{"bool", "on", "false"}, Rejected{"bool", "2", "false"},
-                    Rejected{"bool", " 1", "false"}, Rejected{"bool", "1 ", "false"},
-                    Rejected{"bool", "true ", "false"}, Rejected{"bool", "true1", "false"},
-                    Rejected{"bool", "tru", "false"}, Rejected{"bool", "false0", "true"},
-                    Rejected{"bool", "fals", "true"}, Rejected{"bool", " false", "true"}));
+    testing::Values(Reading{"bool", "01", "true"}, Reading{"bool", "01", "false"},
+                    Reading{"bool", "10", "true"}, Reading{"bool", "yes", "false"},
+                    Reading{"bool", "on", "false"}, Reading{"bool", "2", "false"},
+                    Reading{"bool", " 1", "false"}, Reading{"bool", "1 ", "false"},
+                    Reading{"bool", "true ", "false"}, Reading{"bool", "true1", "false"},
+                    Reading{"bool", "tru", "false"}, Reading{"bool", "false0", "true"},
+                    Reading{"bool", "fals", "true"}, Reading{"bool", " false", "true"}));
 
 INSTANTIATE_TEST_SUITE_P(Integer, Malformed,
-                         testing::Values(Rejected{"int", "12abc", "7"},
-                                         Rejected{"int", "abc", "-7"}, Rejected{"int", " ", "7"},
-                                         Rejected{"int", "42 ", "7"}, Rejected{"int", "0x10", "7"},
-                                         Rejected{"int", "-", "7"}, Rejected{"int", "4.2", "7"},
-                                         Rejected{"int", "9223372036854775808", "7"},
-                                         Rejected{"int", "100000000000000000000", "7"},
-                                         Rejected{"int", "-100000000000000000000", "7"}));
+                         testing::Values(Reading{"int", "12abc", "7"}, Reading{"int", "abc", "-7"},
+                                         Reading{"int", " ", "7"}, Reading{"int", "42 ", "7"},
+                                         Reading{"int", "0x10", "7"}, Reading{"int", "-", "7"},
+                                         Reading{"int", "4.2", "7"},
+                                         Reading{"int", "9223372036854775808", "7"},
+                                         Reading{"int", "100000000000000000000", "7"},
+                                         Reading{"int", "-100000000000000000000", "7"}));
 
 INSTANTIATE_TEST_SUITE_P(Unsigned, Malformed,
-                         testing::Values(Rejected{"uint64", "12abc", "7"},
-                                         Rejected{"uint64", "abc", "18446744073709551615"},
-                                         Rejected{"uint64", " ", "7"},
-                                         Rejected{"uint64", "42 ", "7"},
-                                         Rejected{"uint64", "18446744073709551616", "7"},
-                                         Rejected{"uint64", "100000000000000000000", "7"}));
+                         testing::Values(Reading{"uint64", "12abc", "7"},
+                                         Reading{"uint64", "abc", "18446744073709551615"},
+                                         Reading{"uint64", " ", "7"}, Reading{"uint64", "42 ", "7"},
+                                         Reading{"uint64", "18446744073709551616", "7"},
+                                         Reading{"uint64", "100000000000000000000", "7"}));
 
 class Absent : public testing::TestWithParam<std::optional<std::string>> {};
 
@@ -195,7 +183,7 @@ TEST(EnvConfig, AStaleRangeErrorDoesNotConcernABoolean) {
   EXPECT_THAT(ran.messages(), IsEmpty());
 }
 
-// An out-of-range number leaves ERANGE behind, and the warning doesn't hide it.
+// An out-of-range number leaves ERANGE in errno, and its warning doesn't clear it.
 SCENARIO(reads_an_out_of_range_number_and_then_a_good_one) {
   errno = 0;
   const int first = qv_env_config_get_int(kName, 7);
@@ -258,7 +246,7 @@ TEST(EnvConfig, EveryCallReadsTheEnvironmentAfresh) {
   EXPECT_TRUE(run_scenario("reads_a_variable_that_changes").exited_with(0));
 }
 
-// Runs before main, before or after the library's own static objects.
+// Runs before main, either before or after the library's own static initialisers.
 const int g_read_before_main = qv_env_config_get_int("QV_TEST_AT_LOAD", 9);
 
 SCENARIO(tells_what_it_read_before_main) {

@@ -31,8 +31,7 @@ struct Setting {
   int log_level = kDefaultLogLevel;
 };
 
-// What a check of one severity comes to: how it fails by its own word, and
-// whether the process outlives it.
+// What a failed check of one severity does.
 struct Outcome {
   Setting setting;
   std::string severity;
@@ -104,8 +103,7 @@ INSTANTIATE_TEST_SUITE_P(ModuleAtOff, FailedCall,
                          testing::Values(Outcome{{QV_LOG_LEVEL_OFF}, "0", false, true},
                                          Outcome{{QV_LOG_LEVEL_OFF}, "1", false, false}));
 
-// Only OFF silences a call: also a module at ERROR logs, and so does one below
-// OFF.
+// Only OFF silences a call. A module at ERROR logs, and so does one below OFF.
 INSTANTIATE_TEST_SUITE_P(OtherLevels, FailedCall,
                          testing::Values(Outcome{{QV_LOG_LEVEL_ERROR}, "2", true, false},
                                          Outcome{{-1}, "2", true, false}));
@@ -116,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(OwnThresholds, FailedCall,
                                          Outcome{{5, 0, 0}, "1", false, false},
                                          Outcome{{5, 0, 7}, "7", true, false}));
 
-// Unsigned: a negative threshold is above every severity.
+// The comparison is unsigned: a negative threshold is above every severity.
 INSTANTIATE_TEST_SUITE_P(NegativeThresholds, FailedCall,
                          testing::Values(Outcome{{5, 0, -1}, "3", true, false},
                                          Outcome{{5, -1, 2}, "3", false, true},
@@ -198,8 +196,8 @@ INSTANTIATE_TEST_SUITE_P(OwnThresholds, FailedExpectation,
                                          Outcome{{5, 0, 0}, "1", false, false},
                                          Outcome{{5, 0, 7}, "7", true, false}));
 
-// Signed: a negative threshold is below every severity, and a negative level is
-// below OFF.
+// The comparison is signed: a negative threshold is below every severity, and a negative
+// level is below OFF.
 INSTANTIATE_TEST_SUITE_P(NegativeValues, FailedExpectation,
                          testing::Values(Outcome{{5, -1, 2}, "0", true, false},
                                          Outcome{{5, -1, -1}, "0", false, false},
@@ -302,7 +300,7 @@ TEST(FaultAssertion, QuotesAPercentSign) {
 
 // ---------------------------------------------------------------- stack traces
 
-// Not at null, which the sanitizers look for.
+// Not at null, which sanitizers check for.
 __attribute__((noinline)) void die_by_wild_write() {
   volatile int* volatile nowhere = reinterpret_cast<volatile int*>(16);
   *nowhere = 1;
@@ -331,8 +329,8 @@ TEST_P(StackPrint, NamesTheSignalAndTheFramesOnStandardErrorAndAborts) {
   EXPECT_TRUE(ran.aborted());
   const std::string head = "Error: signal 11:\n";
   ASSERT_EQ(ran.err.substr(0, head.size()), head);
-  // "object(symbol+offset)[address]", a line each, of the handler, the faulting
-  // code and what called it.
+  // A line "object(symbol+offset)[address]" each for the handler, the faulting code and
+  // its callers.
   const std::string frames = ran.err.substr(head.size());
   EXPECT_THAT(frames, testing::HasSubstr("libQVUtil"));
   EXPECT_THAT(frames, testing::MatchesRegex("([^\n]+\\[0x[0-9a-f]+\\]\n)+"));
@@ -345,8 +343,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, StackPrint, testing::Values("wild write", "raise"
 
 int recurse(int depth);
 
-// Called through a pointer that the compiler can't see through, so that every
-// depth has a frame.
+// Volatile, so that the compiler can't merge the frames.
 int (*volatile g_recurse)(int) = &recurse;
 
 int recurse(int depth) {

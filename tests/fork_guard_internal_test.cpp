@@ -1,5 +1,5 @@
-// Fork handlers that a program registered before it loaded the library. They run while
-// the forking thread holds every guarded mutex.
+// Fork handlers that a program registers before it loads the library. They run while the
+// forking thread holds every guarded mutex.
 #include "src/fork_guard.h"
 
 #include <fcntl.h>
@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "support/no_memory.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -39,9 +40,9 @@ using test::Ran;
 using test::run_scenario;
 namespace fork_guard = quorvane::fork_guard;
 
-constexpr unsigned kHangs = 5;  // the seconds after which a process does
+constexpr unsigned kHangSeconds = 5;  // after which a process counts as hung
 
-// What the handlers do.
+// What the handlers call.
 std::function<void(const std::string& handler)>* g_work = nullptr;
 
 void work(const char* handler) {
@@ -54,7 +55,7 @@ void prepare() { work("prepare"); }
 void parent() { work("parent"); }
 void child() { work("child"); }
 
-// Before the objects of the library that this program is made of.
+// Runs before the library, which is linked into this program, makes its objects.
 __attribute__((constructor(101))) void register_handlers() {
   pthread_atfork(&prepare, &parent, &child);
 }
@@ -73,16 +74,14 @@ class Handlers {
   std::function<void(const std::string&)> function_;
 };
 
-int status_of(pid_t process) {
-  int status = 1;
-  return waitpid(process, &status, 0) == process && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
+// 1 if `process` failed, 0 otherwise.
+int failure_of(pid_t process) { return test::wait_for(process) == 0 ? 0 : 1; }
 
 quorvane::util::RoBuffer bytes(const char* text) {
   return quorvane::util::RoBuffer::copy(text, std::strlen(text));
 }
 
-// Takes guarded mutexes of each kind, and makes and destroys some. Whether it all worked.
+// Locks guarded mutexes of each kind, and makes and destroys some. Whether that worked.
 bool use_library() {
   static std::atomic<int> calls{0};
   const std::string name = "test/" + std::to_string(calls++);
@@ -106,7 +105,7 @@ constexpr int kForks = 50;
 #endif
 
 SCENARIO(handlers_use_the_library_beside_threads) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::atomic<bool> stops{false};
   std::atomic<int> failed{0};
   std::array<std::atomic<int>, 2> rounds{};
@@ -132,10 +131,10 @@ SCENARIO(handlers_use_the_library_beside_threads) {
     }
     const pid_t process = fork();
     if (process == 0) {
-      alarm(kHangs);
+      alarm(kHangSeconds);
       _exit(failed == 0 && use_library() ? 0 : 1);
     }
-    failed += status_of(process);
+    failed += failure_of(process);
   }
   stops = true;
   for (std::thread& thread : threads) {
@@ -152,7 +151,7 @@ TEST_P(EarlyHandler, MayUseAllOfTheLibraryBesideThreads) {
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;
 }
 
-// The failures of all children of this process.
+// Waits for all children of this process. Returns how many failed.
 int wait_for_all() {
   int failed = 0;
   for (int status = 0; wait(&status) > 0;) {
@@ -161,10 +160,10 @@ int wait_for_all() {
   return failed;
 }
 
-// Once, from the handler of the first argument. The process that comes of it uses the
-// library and ends, or goes on with the fork that the handler belongs to.
+// The handler of the first argument forks once. Its child uses the library, and then ends
+// or goes on with the fork that runs the handler.
 SCENARIO(a_handler_forks) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   const quorvane::Module module("test/nested");
   bool may_fork = true;
   int failed = 0;
@@ -176,7 +175,7 @@ SCENARIO(a_handler_forks) {
     const pid_t process = fork();
     failed += use_library() ? 0 : 1;
     if (process == 0) {
-      alarm(kHangs);
+      alarm(kHangSeconds);
       QV_LOG(module, ERROR, "nested");
       if (arguments.at(1) == "ends") {
         _exit(failed);
@@ -200,7 +199,7 @@ TEST_P(EarlyHandler, MayForkItself) {
 INSTANTIATE_TEST_SUITE_P(Kinds, EarlyHandler, testing::Values("prepare", "parent", "child"));
 
 SCENARIO(objects_outlive_the_handlers_they_are_made_in) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::optional<CleanupController> old_controller(0);
   std::optional<Cache> old_cache(std::in_place, "old", nullptr, true);
   std::optional<CleanupController> controller;
@@ -214,7 +213,7 @@ SCENARIO(objects_outlive_the_handlers_they_are_made_in) {
     }
   });
   const pid_t process = fork();
-  alarm(kHangs);
+  alarm(kHangSeconds);
   const bool works = controller->get_ticket() == 0 &&
                      cache->add_value(bytes("key"), {bytes("value")}) && cache->size() == 1;
   controller.reset();
@@ -222,7 +221,7 @@ SCENARIO(objects_outlive_the_handlers_they_are_made_in) {
   if (process == 0) {
     _exit(works ? 0 : 1);
   }
-  return works ? status_of(process) : 1;
+  return works ? failure_of(process) : 1;
 }
 
 TEST(EarlyHandlers, MayMakeWhatIsUsedLaterAndDestroyWhatWasMadeEarlier) {
@@ -249,9 +248,9 @@ bool is_locked(std::mutex& mutex) {
   return !was_free;
 }
 
-// Each scenario's failures, by bit.
+// Returns a bit for each kind of failure.
 SCENARIO(adds_and_removes_in_prepare) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::mutex kept;
   std::mutex added;
   std::mutex removed;
@@ -285,7 +284,7 @@ SCENARIO(adds_and_removes_in_prepare) {
   if (process == 0) {
     _exit(failed);
   }
-  return failed | status_of(process);
+  return failed | test::wait_for(process);
 }
 
 TEST(ForkGuard, KeepsTheMutexesLockedThatAreAddedDuringAForkAndFreesThoseRemoved) {
@@ -293,7 +292,7 @@ TEST(ForkGuard, KeepsTheMutexesLockedThatAreAddedDuringAForkAndFreesThoseRemoved
 }
 
 SCENARIO(forks_in_prepare) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::mutex mutex;
   fork_guard::add(mutex);
   bool is_nested = false;
@@ -318,7 +317,7 @@ TEST(ForkGuard, KeepsTheMutexesLockedThroughAForkOfAHandler) {
 }
 
 SCENARIO(adds_without_memory) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::mutex unguarded;
   const auto add = [&] {
     test::no_memory_from = 0;
@@ -328,7 +327,7 @@ SCENARIO(adds_without_memory) {
   std::thread(add).join();
   const Handlers handlers([&](const std::string&) { add(); });
   int failed = 0;
-  unguarded.lock();  // which no fork waits for
+  unguarded.lock();  // no fork waits for it
   const pid_t process = fork();
   unguarded.unlock();
   {
@@ -339,17 +338,17 @@ SCENARIO(adds_without_memory) {
   if (process == 0) {
     _exit(failed);
   }
-  return failed | status_of(process);
+  return failed | test::wait_for(process);
 }
 
 TEST(ForkGuard, LeavesAMutexUnguardedThatThereIsNoMemoryFor) {
   EXPECT_TRUE(run_scenario("adds_without_memory").exited_with(0));
 }
 
-// A child is forked between the opening of a file and the moment when its fork handler
-// could know of the descriptor. It lives on, and must not keep the lock that is taken.
+// A child is forked after a file is opened and before the fork handler can know of the
+// descriptor. The child lives on, but must not hold the lock that is taken later.
 SCENARIO(opens_beside_a_fork) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::mutex mutex;
   fork_guard::add(mutex);
   const char* const path = arguments.at(0).c_str();
@@ -394,9 +393,9 @@ TEST(ForkGuard, SaysWhyWhatItOpensCantBeOpened) {
   EXPECT_TRUE(run_scenario("opens_nothing").exited_with(0));
 }
 
-// A mutex is free or held by the thread that forks, whatever the others do.
+// During a fork, a mutex is free or held by the forking thread, whatever others do.
 SCENARIO(forks_in_threads) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   std::mutex mutex;
   fork_guard::add(mutex);
   int inside = 0;
@@ -414,11 +413,11 @@ SCENARIO(forks_in_threads) {
         enter();
         const pid_t process = fork();
         if (process == 0) {
-          alarm(kHangs);
+          alarm(kHangSeconds);
           enter();
           _exit(failed);
         }
-        failed += status_of(process);
+        failed += failure_of(process);
       }
     });
   }

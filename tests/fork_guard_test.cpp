@@ -1,11 +1,10 @@
-// Forks beside threads that make, use and destroy what holds a guarded mutex, and
-// after such objects are gone.
+// Forks while threads make, use and destroy objects with a guarded mutex, and after such
+// objects are gone.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/module.h>
 #include <quorvane/store.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 
@@ -31,16 +31,13 @@ constexpr unsigned kHangSeconds = 60;
 
 template <typename Body>
 bool succeeds_in_child(Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    alarm(kHangSeconds);
-    _exit(body() ? 0 : 1);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && status == 0;
+  return test::wait_for(test::in_child([&] {
+           alarm(kHangSeconds);
+           return body() ? 0 : 1;
+         })) == 0;
 }
 
-// An object that has nothing left after its end, not even its memory.
+// Whether a fork works after an object is destroyed and its memory unmapped.
 template <typename Object, typename... Parameters>
 bool fork_finds_nothing_of(Parameters&&... parameters) {
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -59,7 +56,7 @@ class FakeResource : public CleanableResource {
   void clean() override {}
 };
 
-// Threads that do the same again and again until the end of the object.
+// Threads that repeat their work until the object is destroyed.
 class Busy {
  public:
   template <typename Work>
@@ -87,7 +84,7 @@ class Busy {
 
 constexpr int kForks = 200;
 
-// Stops at the first that fails: it may have hung for long.
+// Stops at the first failure, because that child may have hung for long.
 template <typename Body>
 bool all_children_succeed(Body body) {
   for (int i = 0; i < kForks; ++i) {
@@ -126,10 +123,10 @@ TEST(ForkGuard, IsRemovedWithWhatItGuards) {
   }
 }
 
-// --- beside their use ---
+// --- while they are in use ---
 
 bool use_a_new_cache() {
-#ifndef QV_SANITIZED  // whose allocators a fork may catch locked
+#ifndef QV_SANITIZED  // a fork may find the sanitizer's allocator locked
   Cache cache("child", nullptr, true);
   return cache.add_value(buffer("k"), buffers({"v"})) && cache.size() == 1;
 #else

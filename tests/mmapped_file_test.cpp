@@ -21,6 +21,7 @@
 namespace {
 
 using quorvane::util::MMappedFile;
+using test::next_descriptor;  // the same as before, if none was leaked
 using Messages = std::vector<std::string>;
 
 std::size_t page() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }
@@ -29,7 +30,7 @@ void open_to_read(MMappedFile& file, const std::string& path) {
   file.open(path, O_RDONLY, 0, PROT_READ, MAP_PRIVATE);
 }
 
-// How many bytes of address space map `path`.
+// The bytes of address space that map `path`.
 std::size_t mapped_bytes(const std::string& path) {
   std::ifstream maps("/proc/self/maps");
   std::size_t bytes = 0;
@@ -46,18 +47,11 @@ std::size_t mapped_bytes(const std::string& path) {
   return bytes;
 }
 
-// The descriptor that the next open(2) gives: unchanged when none was leaked.
-int next_descriptor() {
-  const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ::close(fd);
-  return fd;
-}
-
 bool is_closed(const MMappedFile& file) {
   return !file.is_open() && file.data() == MAP_FAILED && file.size() == 0;
 }
 
-// The arguments of a scenario: a path, then the module's thresholds.
+// A scenario's first argument is a path, the next two are the module's thresholds.
 void set_thresholds(const test::Arguments& arguments) {
   auto* const module =
       static_cast<quorvane::module::Module*>(qv_module_find("util/src/mmapped_file"));
@@ -121,26 +115,27 @@ TEST(MMappedFile, RoundsOneByteAboveAPageUpToTwo) {
   EXPECT_EQ(mapped_bytes(path), 2 * page());
 }
 
-TEST(MMappedFile, WritesThroughASharedMapping) {
+// The content of a file "abc" after a change to its second byte in a mapping.
+std::string after_a_change(int open_flags, int map_flags) {
   const test::TempDir dir;
-  test::write_file(dir.file("file"), "abc");
+  const std::string path = dir.file("file");
+  test::write_file(path, "abc");
   MMappedFile file;
-  file.open(dir.file("file"), O_RDWR, 0, PROT_READ | PROT_WRITE, MAP_SHARED);
-  ASSERT_TRUE(file.is_open());
+  file.open(path, open_flags, 0, PROT_READ | PROT_WRITE, map_flags);
+  if (!file.is_open()) {
+    return "not open";
+  }
   file.data()[1] = 'B';
   file.close();
-  EXPECT_EQ(test::read_file(dir.file("file")), "aBc");
+  return test::read_file(path);
+}
+
+TEST(MMappedFile, WritesThroughASharedMapping) {
+  EXPECT_EQ(after_a_change(O_RDWR, MAP_SHARED), "aBc");
 }
 
 TEST(MMappedFile, KeepsThePrivateMappingsChangesToItself) {
-  const test::TempDir dir;
-  test::write_file(dir.file("file"), "abc");
-  MMappedFile file;
-  file.open(dir.file("file"), O_RDONLY, 0, PROT_READ | PROT_WRITE, MAP_PRIVATE);
-  ASSERT_TRUE(file.is_open());
-  file.data()[1] = 'B';
-  file.close();
-  EXPECT_EQ(test::read_file(dir.file("file")), "abc");
+  EXPECT_EQ(after_a_change(O_RDONLY, MAP_PRIVATE), "abc");
 }
 
 TEST(MMappedFile, HandsFlagsAndModeToTheKernel) {
@@ -157,7 +152,7 @@ TEST(MMappedFile, GivesMappingAndDescriptorBackWhenClosedOrDestroyed) {
   const test::TempDir dir;
   const std::string path = dir.file("file");
   test::write_file(path, "abc");
-  const int descriptor = next_descriptor();
+  const auto descriptor = next_descriptor();
   {
     MMappedFile file;
     open_to_read(file, path);
@@ -174,10 +169,10 @@ TEST(MMappedFile, GivesMappingAndDescriptorBackWhenClosedOrDestroyed) {
   EXPECT_EQ(next_descriptor(), descriptor);
 }
 
-// Opens the path of its first argument and says whether that leaves all closed.
+// Succeeds if opening the path of the first argument leaves everything closed.
 SCENARIO(open_a_path) {
   set_thresholds(arguments);
-  const int descriptor = next_descriptor();
+  const auto descriptor = next_descriptor();
   MMappedFile file;
   open_to_read(file, arguments.at(0));
   return is_closed(file) && next_descriptor() == descriptor ? 0 : 1;
@@ -251,15 +246,15 @@ TEST(MMappedFile, LogsTheReasonOfARefusedMappingAtDebugOnly) {
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
-// By its flags, so that the process's own mappings go on.
+// Refuses by flags, so that the process's other mappings succeed.
 SCENARIO(open_a_path_that_mmap_refuses) {
   set_thresholds(arguments);
-  const int descriptor = next_descriptor();
+  const auto descriptor = next_descriptor();
   MMappedFile file;
   test::refuse(SYS_mmap, ENOMEM, test::When{3, MAP_SHARED | MAP_POPULATE});
   file.open(arguments.at(0), O_RDONLY, 0, PROT_READ, MAP_SHARED | MAP_POPULATE);
   const bool refused = is_closed(file) && next_descriptor() == descriptor;
-  open_to_read(file, arguments.at(0));  // nothing is left of the first try
+  open_to_read(file, arguments.at(0));  // the refused attempt leaves nothing behind
   return refused && file.is_open() && file.size() == 3 ? 0 : 1;
 }
 
@@ -279,7 +274,7 @@ TEST(MMappedFile, StaysClosedWhenTheMappingOfAFileIsRefused) {
 
 SCENARIO(open_a_path_that_fstat_refuses) {
   set_thresholds(arguments);
-  const int descriptor = next_descriptor();
+  const auto descriptor = next_descriptor();
   test::refuse(SYS_fstat, EIO);
   test::refuse(SYS_newfstatat, EIO);
   MMappedFile file;
@@ -317,10 +312,10 @@ constexpr std::size_t kPagesOfRefused = 3;
 
 SCENARIO(close_a_mapping_that_munmap_refuses) {
   set_thresholds(arguments);
-  const int descriptor = next_descriptor();
+  const auto descriptor = next_descriptor();
   MMappedFile file;
   open_to_read(file, arguments.at(0));
-  // By its length, so that nothing but this mapping stays.
+  // Refuses by length, so that only this mapping stays.
   test::refuse(SYS_munmap, EINVAL,
                test::When{1, static_cast<std::uint32_t>(kPagesOfRefused * page())});
   file.close();
@@ -343,7 +338,7 @@ TEST(MMappedFile, ClosesThoughMunmapIsRefused) {
 
 SCENARIO(close_a_descriptor_that_close_refuses) {
   set_thresholds(arguments);
-  const auto descriptor = static_cast<std::uint32_t>(next_descriptor());
+  const auto descriptor = next_descriptor();
   MMappedFile file;
   open_to_read(file, arguments.at(0));
   test::refuse(SYS_close, EIO, test::When{0, descriptor});

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/module.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "support/no_memory.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 
 namespace {
@@ -297,11 +297,9 @@ TEST(QvModuleRoute, ANullPathIsNoRoute) {
   EXPECT_THAT(ran.messages(), IsEmpty());
 }
 
-// --------------------------------------------------------------------- handles
-
 // ------------------------------------------------------------- without memory
 
-// In each round smaller allocations fail than in the one before.
+// In each round, smaller allocations fail than in the previous one.
 SCENARIO(commits_without_memory) {
   int refused = 0;
   int wrong = 0;
@@ -361,6 +359,8 @@ TEST(QvModuleRoute, WithoutMemoryIsAWarning) {
                           "WARN No memory for module path \"//a path that is no short string\""));
 }
 
+// --------------------------------------------------------------------- handles
+
 SCENARIO(declares_a_handle_twice) {
   const quorvane::Module first("a/b");
   first->level = QV_LOG_LEVEL_OFF;
@@ -383,7 +383,7 @@ SCENARIO(declares_handles_of_malformed_paths) {
   for (const char* path : {"/a", "/a", "b//c"}) {
     handles.emplace_back(path);
   }
-  // What a destroyed module would leave is overwritten.
+  // Overwrites what a destroyed module would leave.
   for (int i = 0; i < 100; ++i) {
     qv_module_commit(create());
   }
@@ -441,7 +441,7 @@ TEST(InternalModule, StandsAtInfoWhateverTheEnvironmentSays) {
   EXPECT_EQ(run_scenario("tells_the_internal_module", {{"QV_LOG_FILE", std::nullopt}}).out, "3");
 }
 
-// ----------------------------------------------------------- registries at hand
+// ------------------------------------------------------- registries of a test
 
 class OwnRegistry : public testing::Test {
  protected:
@@ -488,26 +488,21 @@ TEST_F(OwnRegistry, FindsThousandsOfModules) {
   EXPECT_EQ(lookup_->find("m/5000"), nullptr);
 }
 
-// The leak checker of a sanitizer build watches what goes with the registry.
+// In a sanitizer build, the leak checker reports what isn't freed.
 TEST_F(OwnRegistry, FreesItsModulesWithItself) {
   commit({"a", "b"});
   commit({});
   lookup_.reset();
 }
 
-// What a fork still waited for would hang it: no thread unlocks these bytes.
+// A fork that still waited for the registry would hang: no thread unlocks these bytes.
 SCENARIO(forks_after_a_registry_is_gone) {
   LoggingModuleData outlet{-1, -1, QV_LOG_LEVEL_OFF};
   alignas(Lookup) static std::array<unsigned char, sizeof(Lookup)> storage;
   std::destroy_at(new (storage.data()) Lookup(&outlet));
   storage.fill(1);
   alarm(30);
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
-  int status = 1;
-  return waitpid(child, &status, 0) == child ? status : 1;
+  return test::wait_for(test::in_child([] { return 0; })) == 0 ? 0 : 1;
 }
 
 TEST(OwnRegistryGone, IsNothingThatAForkWaitsFor) {
@@ -521,7 +516,7 @@ TEST_F(OwnRegistry, ThreadsFindWhileOthersCommit) {
   std::vector<std::thread> readers;
   for (int reader = 0; reader < 3; ++reader) {
     readers.emplace_back([&] {
-      // The last pass begins when everything is there.
+      // The last pass begins after all commits.
       for (bool last = false; !last;) {
         last = done;
         for (int i = 0; i < kModules; i += 50) {

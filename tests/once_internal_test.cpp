@@ -39,8 +39,8 @@ TEST(Once, RunsAgainAfterAThrow) {
   EXPECT_TRUE(once.has_run());
 }
 
-// The three tests below read what another thread wrote, with nothing but the Once to
-// order the two, as ThreadSanitizer sees it.
+// In the next three tests only the Once orders one thread's write before another's read.
+// ThreadSanitizer checks that it does.
 
 TEST(Once, PublishesWhatTheFunctionWroteToThoseWhoSeeThatItHasRun) {
   Once once;
@@ -104,7 +104,7 @@ TEST(Once, PublishesWhatAFunctionWroteBeforeItThrewToTheNextOne) {
   second.join();
 }
 
-// Would wait for ever if nobody told it of the throw.
+// The waiter would wait for ever if the throw didn't wake it.
 TEST(Once, AThreadThatWaitsRunsTheFunctionThatThrew) {
   Once once;
   std::atomic<bool> is_running{false};

@@ -1,4 +1,4 @@
-# A program that loads the library at run time, and so after its first exit handler.
+# A program that loads the library at run time, after it has registered an exit handler.
 add_executable(pid_file_test_loader pid_file_test/loader.cpp)
 target_link_libraries(pid_file_test_loader PRIVATE qv_warnings ${CMAKE_DL_LIBS})
 add_dependencies(pid_file_test pid_file_test_loader)

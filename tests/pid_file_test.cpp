@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -35,6 +36,7 @@ namespace {
 using test::exists;
 using test::Ran;
 using test::read_file;
+using test::wait_for;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -46,15 +48,10 @@ std::string path_of(pid_t pid) {
 
 std::string content_of(pid_t pid) { return std::to_string(pid) + "\n"; }
 
-// Whether the process has its file, whole.
+// Whether the process has its whole file.
 bool is_announced(pid_t pid) { return read_file(path_of(pid)) == content_of(pid); }
 
-int status_of(pid_t child) {
-  int status = 1;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
-}
-
-// A child that ends as programs do, exit handlers and all.
+// Starts a child that ends as programs do, with exit handlers.
 pid_t start_child(const std::function<bool()>& work) {
   const pid_t child = fork();
   if (child == 0) {
@@ -64,7 +61,7 @@ pid_t start_child(const std::function<bool()>& work) {
   return child;
 }
 
-// What a program that does nothing about it leaves in a fresh root.
+// Runs scenarios with an empty directory as the root of their pid files.
 class PidFile : public testing::Test {
  protected:
   Ran run(const std::string& scenario, const test::Arguments& arguments = {}) const {
@@ -76,14 +73,11 @@ class PidFile : public testing::Test {
     return test::run_scenario(scenario, {{kRootEnv, root}}, arguments);
   }
 
-  // A leak checker at a child's exit takes what the threads that the fork lost
-  // were holding for leaks.
+  // At a child's exit, a leak checker would report what its parent's other threads held.
   Ran run_losing_threads(const std::string& scenario) const {
-    const char* const set = std::getenv("ASAN_OPTIONS");
     return test::run_scenario(
-        scenario,
-        {{kRootEnv, dir_.path() + "/"},
-         {"ASAN_OPTIONS", (set == nullptr ? "" : std::string(set) + ":") + "detect_leaks=0"}});
+        scenario, {{kRootEnv, dir_.path() + "/"},
+                   {"ASAN_OPTIONS", test::with_option("ASAN_OPTIONS", "detect_leaks=0")}});
   }
 
   std::vector<std::string> left() const {
@@ -193,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, SuddenEnd, testing::Values("_exit", "quick_exit",
 SCENARIO(removes_its_file_twice) {
   qv_remove_sigquit_pidfile();
   const bool is_gone = !exists(path_of(getpid()));
-  // Somebody else's by now.
+  // By now the file is another owner's.
   test::write_file(path_of(getpid()), "mine");
   qv_remove_sigquit_pidfile();
   return is_gone && read_file(path_of(getpid())) == "mine" ? 0 : 1;
@@ -219,7 +213,7 @@ TEST_F(PidFile, ThatSomebodyElseDeletedIsNoFailure) {
   expect_clean(run("loses_its_file", {"exits"}));
 }
 
-// In its place lies what unlink refuses, root or not.
+// unlink refuses a directory, even to root.
 bool replace_by_directory() {
   return unlink(path_of(getpid()).c_str()) == 0 && mkdir(path_of(getpid()).c_str(), 0700) == 0;
 }
@@ -338,18 +332,18 @@ TEST_F(LoadedLater, RemovesTheFileOfAChildForkedAfterItsOwnHandler) {
 SCENARIO(child_exits_first) {
   const pid_t parent = getpid();
   const pid_t child = start_child([&] { return is_announced(getpid()) && is_announced(parent); });
-  return status_of(child) == 0 && !exists(path_of(child)) && is_announced(parent) ? 0 : 1;
+  return wait_for(child) == 0 && !exists(path_of(child)) && is_announced(parent) ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildIsItsOwnAndGoesAtItsExit) { expect_clean(run("child_exits_first")); }
 
-// True at the end of the pipe, which comes when its last writer has ended.
+// Waits until the last writer of the pipe has ended. True if nothing was written.
 bool wait_for_the_end(int fd) {
   char byte;
   return read(fd, &byte, 1) == 0;
 }
 
-// This process takes the place of the parent that ends.
+// This process adopts the child of the parent that ends.
 SCENARIO(parent_exits_first) {
   int ends[2];
   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || pipe(ends) != 0) {
@@ -364,7 +358,7 @@ SCENARIO(parent_exits_first) {
     return child > 0;
   });
   close(ends[1]);
-  const bool parent_went_well = status_of(parent) == 0;
+  const bool parent_went_well = wait_for(parent) == 0;
   int status = 1;
   const pid_t child = waitpid(-1, &status, 0);
   return parent_went_well && status == 0 && !exists(path_of(child)) && is_announced(getpid()) ? 0
@@ -379,9 +373,9 @@ SCENARIO(forks_twice_deep) {
     const pid_t second = getpid();
     const pid_t below = start_child(
         [&] { return is_announced(first) && is_announced(second) && is_announced(getpid()); });
-    return status_of(below) == 0 && !exists(path_of(below)) && is_announced(second);
+    return wait_for(below) == 0 && !exists(path_of(below)) && is_announced(second);
   });
-  return status_of(child) == 0 && is_announced(first) ? 0 : 1;
+  return wait_for(child) == 0 && is_announced(first) ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildsChildIsItsOwn) { expect_clean(run("forks_twice_deep")); }
@@ -393,7 +387,7 @@ SCENARIO(child_removes_its_file) {
     qv_remove_sigquit_pidfile();
     return !exists(path_of(getpid())) && is_announced(parent);
   });
-  return status_of(child) == 0 && is_announced(parent) ? 0 : 1;
+  return wait_for(child) == 0 && is_announced(parent) ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildIsTheOneThatTheChildRemoves) {
@@ -403,7 +397,7 @@ TEST_F(PidFile, OfAChildIsTheOneThatTheChildRemoves) {
 SCENARIO(parent_removes_its_file_before_the_fork) {
   qv_remove_sigquit_pidfile();
   const pid_t child = start_child([] { return is_announced(getpid()); });
-  return status_of(child) == 0 && !exists(path_of(getpid())) ? 0 : 1;
+  return wait_for(child) == 0 && !exists(path_of(getpid())) ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildIsWrittenAlsoWhenItsParentHasNone) {
@@ -413,7 +407,7 @@ TEST_F(PidFile, OfAChildIsWrittenAlsoWhenItsParentHasNone) {
 SCENARIO(forks_in_a_thread) {
   int status = 1;
   std::thread([&] {
-    status = status_of(start_child([] { return is_announced(getpid()); }));
+    status = wait_for(start_child([] { return is_announced(getpid()); }));
   }).join();
   return status == 0 && is_announced(getpid()) ? 0 : 1;
 }
@@ -425,7 +419,7 @@ SCENARIO(forks_at_exit) {
     const pid_t own = getpid();
     const pid_t child = fork();
     if (child > 0) {
-      _exit(status_of(child) == 0 && !exists(path_of(child)) && is_announced(own) ? 0 : 1);
+      _exit(wait_for(child) == 0 && !exists(path_of(child)) && is_announced(own) ? 0 : 1);
     }
     if (!is_announced(getpid())) {
       _exit(1);
@@ -437,7 +431,7 @@ SCENARIO(forks_at_exit) {
 TEST_F(PidFile, OfAChildForkedByAnExitHandlerGoesToo) {
   const Ran ran = run("forks_at_exit");
   EXPECT_TRUE(ran.exited_with(0));
-  // The parent ended without its own handlers.
+  // The parent ended without running its own handlers.
   EXPECT_THAT(left(), ElementsAre("qv." + std::to_string(ran.pid)));
 }
 
@@ -449,7 +443,7 @@ SCENARIO(clones) {
     qv_remove_sigquit_pidfile();
     _exit(is_announced(parent) && !exists(path_of(getpid())) ? 0 : 1);
   }
-  return status_of(child) == 0 && is_announced(parent) ? 0 : 1;
+  return wait_for(child) == 0 && is_announced(parent) ? 0 : 1;
 }
 
 TEST_F(PidFile, IsNotForAChildThatNoForkHandlerSawToRemove) { expect_clean(run("clones")); }
@@ -457,16 +451,16 @@ TEST_F(PidFile, IsNotForAChildThatNoForkHandlerSawToRemove) { expect_clean(run("
 SCENARIO(moves_the_root_and_forks) {
   const std::string elsewhere = std::string(std::getenv(kRootEnv)) + "moved.";
   const pid_t child = start_child([&] { return true; });
-  const bool first = status_of(child) == 0;
+  const bool first = wait_for(child) == 0;
   setenv(kRootEnv, elsewhere.c_str(), 1);
   const pid_t second = start_child([&] {
     return exists(elsewhere + "qv." + std::to_string(getpid())) && is_announced(getpid());
   });
-  const bool moved = status_of(second) == 0;
+  const bool moved = wait_for(second) == 0;
   unsetenv(kRootEnv);
   const pid_t third =
       start_child([&] { return !exists(elsewhere + "qv." + std::to_string(getpid())); });
-  return first && moved && status_of(third) == 0 ? 0 : 1;
+  return first && moved && wait_for(third) == 0 ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildLiesWhereTheRootIsAtTheFork) {
@@ -490,7 +484,7 @@ SCENARIO(forks_beside_threads) {
   int failed = 0;
   for (int round = 0; round < 50; ++round) {
     const pid_t child = start_child([] { return is_announced(getpid()); });
-    failed += status_of(child) == 0 && !exists(path_of(child)) ? 0 : 1;
+    failed += wait_for(child) == 0 && !exists(path_of(child)) ? 0 : 1;
   }
   stops = true;
   for (std::thread& thread : threads) {
@@ -529,21 +523,15 @@ TEST_F(PidFile, StaysAfterExecveOfAProgramWithoutTheLibrary) {
   EXPECT_THAT(left(), ElementsAre("qv." + std::to_string(ran.pid)));
 }
 
-int next_descriptor() {
-  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  close(fd);
-  return fd;
-}
-
 void become_a_list_of_descriptors() { execl("/bin/ls", "ls", "-l", "/proc/self/fd", nullptr); }
 
 SCENARIO(child_execs_while_its_file_is_written) {
-  test::refuse_after(SYS_write, EIO, test::When{0, static_cast<std::uint32_t>(next_descriptor())},
+  test::refuse_after(SYS_write, EIO, test::When{0, test::next_descriptor()},
                      &become_a_list_of_descriptors);
-  return status_of(start_child([] { return false; }));
+  return wait_for(start_child([] { return false; })) == 0 ? 0 : 1;
 }
 
-// The file stays, since nobody is left who knows of it.
+// The file stays, since no process knows of it any more.
 TEST_F(PidFile, IsNotOpenInAProgramThatIsExecutedWhileItIsWritten) {
   const Ran ran = run("child_execs_while_its_file_is_written");
   EXPECT_TRUE(ran.exited_with(0));
@@ -573,7 +561,7 @@ TEST_F(PidFile, BelowAMissingRootIsReportedAndTheProcessGoesOn) {
   expect_open_failure(run_below(root, "goes_on_without_a_file"), root);
 }
 
-// Capabilities that are dropped stay dropped in what is executed.
+// Dropped capabilities stay dropped after exec.
 SCENARIO(without_privileges) {
   if (geteuid() == 0 && (prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) != 0)) {
     std::perror("prctl");
@@ -603,8 +591,8 @@ TEST_F(PidFile, WithANameThatIsTooLongIsReportedAndTheProcessGoesOn) {
   EXPECT_EQ(longer.log.size(), 4096U);
 }
 
-// Goes on with a pid file whose path, in the directory of the first argument, has as
-// many bytes as the second one says.
+// Executes tells_of_its_file with a pid file in the directory of the first argument, whose
+// path has as many bytes as the second one says.
 SCENARIO(has_a_path_of) {
   const std::string name = "qv." + std::to_string(getpid());
   const std::size_t length = std::stoul(arguments.at(1)) - name.size();
@@ -650,7 +638,7 @@ SCENARIO(child_cannot_write_a_file) {
   });
   setenv(kRootEnv, root.c_str(), 1);
   std::cout << child;
-  return status_of(child) == 0 && is_announced(parent) ? 0 : 1;
+  return wait_for(child) == 0 && is_announced(parent) ? 0 : 1;
 }
 
 TEST_F(PidFile, OfAChildThatCannotBeWrittenIsReportedAndItsParentsStays) {
@@ -667,7 +655,7 @@ SCENARIO(finds_its_file_empty) {
   return exists(path_of(getpid())) && read_file(path_of(getpid())).empty() ? 0 : 1;
 }
 
-// No file may grow at all.
+// No file can grow at all.
 SCENARIO(has_a_full_disk) {
   const rlimit none{0, 0};
   setrlimit(RLIMIT_FSIZE, &none);

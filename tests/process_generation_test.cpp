@@ -1,5 +1,5 @@
-// This program has a copy of the source, of which no thread has asked yet: the library
-// asks its own, hidden one when it is loaded.
+// This program has its own copy of the source, which no thread has called yet. The library
+// calls its own hidden copy when it is loaded.
 #include "src/process_generation.h"
 
 #include <gtest/gtest.h>
@@ -17,8 +17,8 @@ namespace {
 
 using quorvane::process_generation;
 
-// Nothing but the generation's own synchronisation orders the second thread's look at the
-// word after the first one's making it, as ThreadSanitizer sees it.
+// Only the generation's own synchronisation orders the first thread's write of the word
+// before the second one's read. ThreadSanitizer checks that it does.
 SCENARIO(asks_after_another_thread) {
   std::atomic<bool> has_asked{false};
   std::uint64_t first = 0;

@@ -1,5 +1,5 @@
-// Whoever starts a set-user-id program chooses its environment, and so must not choose
-// which files the library opens with the program's privileges.
+// The caller of a set-user-id program chooses its environment, but must not choose which
+// files the library opens with the program's privileges.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/binary_dumper.h>
@@ -11,7 +11,6 @@
 #include <sys/auxv.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -31,7 +31,7 @@ using test::Ran;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A group other than this process's. Root may give files to any, others to theirs.
+// Another group than this process's. Root may give a file to any group, others to theirs.
 gid_t another_group() {
   if (geteuid() == 0) {
     return getegid() == 65534 ? 65533 : 65534;
@@ -52,8 +52,8 @@ bool honours_set_id(const std::string& directory) {
          (status.f_flag & (ST_NOSUID | ST_NOEXEC)) == 0;
 }
 
-// A copy of this program that the kernel starts as it does set-user-id programs. It is
-// set-group-id, so that it still reads this tree, whoever may look into that.
+// A copy of this program that the kernel starts in secure mode, as it does set-user-id
+// programs. It is set-group-id and keeps its user, so that it can still read this tree.
 class SecureProgram {
  public:
   SecureProgram() {
@@ -86,7 +86,7 @@ class SecureProgram {
 
 class SecureEnvironment : public testing::Test {
  protected:
-  // In an environment full of the caller's wishes.
+  // With each variable set by which a caller could choose a file or a setting.
   Ran run(const std::string& scenario) const {
     const SecureProgram program;
     const Ran ran = test::run_program(program.path(), {"--scenario", scenario},
@@ -116,7 +116,7 @@ class SecureEnvironment : public testing::Test {
   test::TempDir dir_;
 };
 
-// A scenario's status when the kernel has not started it as it was meant to.
+// The status of a scenario that the kernel didn't start in secure mode.
 constexpr int kNotSecure = 2;
 
 bool is_secure() { return getauxval(AT_SECURE) != 0; }
@@ -146,13 +146,9 @@ TEST_F(SecureEnvironment, ChoosesNoLogFile) {
 
 SCENARIO(looks_for_pid_files) {
   const std::string root = std::string(getenv("QV_PIDFILE_ROOT")) + "qv.";
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(test::exists(root + std::to_string(getpid())) ? 1 : 0);
-  }
-  int status = 1;
-  waitpid(child, &status, 0);
-  const bool has_one = status != 0 || test::exists(root + std::to_string(getpid()));
+  const auto has_file = [&] { return test::exists(root + std::to_string(getpid())) ? 1 : 0; };
+  const bool has_one = test::wait_for(test::in_child(has_file)) != 0 ||
+                       test::exists(root + std::to_string(getpid()));
   return is_secure() ? (has_one ? 1 : 0) : kNotSecure;
 }
 
@@ -173,7 +169,7 @@ TEST_F(SecureEnvironment, GivesEverySettingItsDefault) {
   EXPECT_EQ(run("reads_settings").out, "123");
 }
 
-// The loader takes TMPDIR out of such a program's environment, which may put it back.
+// The loader unsets TMPDIR for such a program, but the program may set it again.
 SCENARIO(dumps) {
   setenv("TMPDIR", getenv("QV_CACHE_STORE_ROOT"), 1);
   const std::string prefix = "qv_secure_" + std::to_string(getpid()) + "_";

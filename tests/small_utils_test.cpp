@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <quorvane/small_utils.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <latch>
@@ -12,6 +11,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/scenario.h"
 
 namespace {
@@ -64,14 +64,14 @@ TEST(FindSequence, TakesNullWhereTheLengthIsZero) {
   EXPECT_EQ(qv_find_sequence(text, 1, nullptr, 0), text);
 }
 
-// A needle that is longer by far is no reason to read it.
+// A needle that is longer than the haystack isn't read.
 TEST(FindSequence, GivesNullForANeedleThatIsLonger) {
   EXPECT_EQ(qv_find_sequence("a", 1, "a", std::numeric_limits<std::size_t>::max()), nullptr);
 }
 
 // ------------------------------------------------------------------ the counter
 
-// The type-mangled names, with the types that callers link against.
+// Callers link against these types, which the mangled names contain.
 static_assert(std::is_same_v<decltype(&qv_async_inc), void (*)(void*)>);
 static_assert(std::is_same_v<decltype(&qv_async_get), std::uint64_t (*)(void*)>);
 
@@ -109,14 +109,11 @@ TEST(AsyncCounter, LosesNoIncrementOfEightThreads) {
 
 SCENARIO(counts_in_a_child) {
   qv_async_inc(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = test::in_child([] {
     qv_async_inc(nullptr);
-    _exit(qv_async_get(nullptr) == 2 ? 0 : 1);
-  }
-  int status = 1;
-  waitpid(child, &status, 0);
-  return status == 0 && qv_async_get(nullptr) == 1 ? 0 : 1;
+    return qv_async_get(nullptr) == 2 ? 0 : 1;
+  });
+  return test::wait_for(child) == 0 && qv_async_get(nullptr) == 1 ? 0 : 1;
 }
 
 TEST(AsyncCounter, GoesOnInAChildWithoutTouchingItsParents) {

@@ -1,4 +1,4 @@
-// Programs that were started without some of their standard descriptors, as daemons are.
+// Programs that start without some of their standard descriptors, as daemons may.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ namespace {
 using test::Ran;
 using testing::ElementsAre;
 
-// Becomes the scenario of the second argument without the descriptors of the first one.
+// Executes the scenario of the second argument without the descriptors of the first.
 SCENARIO(starts_without) {
   for (const char digit : arguments.at(0)) {
     close(digit - '0');
@@ -31,8 +31,8 @@ SCENARIO(starts_without) {
 
 bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// Opens what the library keeps open, prints and logs, all with the descriptors of the
-// first argument closed. Whatever took their place would get the program's words.
+// Opens files that the library keeps open, prints and logs, all with the descriptors of
+// the first argument closed. A file that took their place would get the program's output.
 SCENARIO(prints_and_logs) {
   quorvane::util::MMappedFile file;
   file.open(arguments.at(1), O_RDWR, 0, PROT_READ | PROT_WRITE, MAP_SHARED);

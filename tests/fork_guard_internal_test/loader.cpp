@@ -1,17 +1,18 @@
-// A program that has fork handlers when it loads the library. They log through new
-// modules, and the first of them forks.
+// A program that registers fork handlers before it loads the library. They log through new
+// modules, and the prepare handler forks.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <quorvane/module.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 
+#include "support/processes.h"
+
 namespace {
 
-constexpr unsigned kHangs = 30;
+constexpr unsigned kHangSeconds = 30;  // after which a process counts as hung
 
 void* g_library = nullptr;
 
@@ -21,16 +22,11 @@ Function* find(const char* name) {
 }
 
 void log_from(const char* handler) {
-  alarm(kHangs);
+  alarm(kHangSeconds);
   void* const module = find<decltype(qv_module_create)>("qv_module_create")();
   find<decltype(qv_module_route)>("qv_module_route")(handler, module);
   find<decltype(qv_module_commit)>("qv_module_commit")(module);
   find<decltype(qv_log_do)>("qv_log_do")(module, QV_LOG_LEVEL_INFO, 0, "in %s", handler);
-}
-
-int wait_for(pid_t process) {
-  int status = 1;
-  return waitpid(process, &status, 0) == process ? status : 1;
 }
 
 bool g_is_nested = false;
@@ -42,13 +38,12 @@ void prepare() {
   }
   log_from("prepare");
   g_is_nested = true;
-  const pid_t process = fork();
-  if (process == 0) {
+  const pid_t process = test::in_child([] {
     log_from("nested");
-    _exit(0);
-  }
+    return 0;
+  });
   g_is_nested = false;
-  g_nested_status = wait_for(process);
+  g_nested_status = test::wait_for(process);
 }
 
 void parent() {
@@ -72,9 +67,6 @@ int main(int, char** argv) {
     std::fprintf(stderr, "%s\n", dlerror());
     return 1;
   }
-  const pid_t process = fork();
-  if (process == 0) {
-    _exit(0);
-  }
-  return wait_for(process) == 0 && g_nested_status == 0 ? 0 : 1;
+  const pid_t process = test::in_child([] { return 0; });
+  return test::wait_for(process) == 0 && g_nested_status == 0 ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// A program that has exit handlers when it loads the library, and registers others
-// later. Its arguments: the library, and what it does at its exit.
+// A program that registers exit handlers before and after it loads the library. Its
+// arguments are the library and what it does at its exit.
 #include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,7 +24,7 @@ void tell(const char* handler) {
   std::fflush(stdout);
 }
 
-// The child goes on with the exit.
+// The child continues the exit.
 void fork_and_wait() {
   const pid_t child = fork();
   if (child > 0) {
