@@ -113,7 +113,7 @@ TEST_F(Dumper, KeepsEmptyStrings) {
   EXPECT_THAT(files_in(dir_.path()), SizeIs(2));
 }
 
-// The directory may be the root or /tmp, so the dump is refused.
+// The dump would go to / or /tmp, so opening its file is refused.
 SCENARIO(dumps_to_the_directory_of_the_environment) {
   test::refuse(SYS_openat, EACCES, test::When{2, O_WRONLY | O_CREAT | O_TRUNC});
   BinaryDumper dumper;

@@ -206,7 +206,7 @@ SCENARIO(lent_bytes_become_read_only) {
   return 0;
 }
 
-// It releases no bytes at null, which isn't where the lent bytes end.
+// The buffer releases no bytes at null, which isn't where the lent bytes end.
 TEST(RwBuffer, EndsTheProcessWhenItsLentBytesWereTakenFromIt) {
   const auto ran = test::run_scenario("lent_bytes_become_read_only");
   EXPECT_TRUE(ran.aborted());

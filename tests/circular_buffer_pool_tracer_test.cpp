@@ -90,7 +90,7 @@ void expect_arguments(const Report& report, const void* b, std::uintptr_t c, con
   EXPECT_EQ(report.d, d);
 }
 
-// A pool whose next range, if it has 128 bytes, crosses the end of the region by 64.
+// A pool whose position is 64 bytes before the end of its region.
 class TracedPool : public testing::Test {
  protected:
   TracedPool() : base_(position(pool_)) { skip(pool_, page() - 64); }

@@ -29,7 +29,7 @@
 
 namespace {
 
-// The time that this thread gets from the kernel, unless null.
+// The time that gettimeofday tells this thread, unless null.
 thread_local const timeval* t_fake_time = nullptr;
 thread_local int t_time_calls = 0;
 

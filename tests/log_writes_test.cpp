@@ -26,7 +26,7 @@
 
 namespace {
 
-// What the library's writes of this thread do, unless null.
+// Replaces this thread's writes, unless null.
 thread_local std::function<ssize_t(int, const void*, size_t)>* t_fake_write = nullptr;
 
 }  // namespace

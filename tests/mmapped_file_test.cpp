@@ -21,7 +21,7 @@
 namespace {
 
 using quorvane::util::MMappedFile;
-using test::next_descriptor;  // the same as before, if none was leaked
+using test::next_descriptor;  // unchanged if no descriptor has leaked
 using Messages = std::vector<std::string>;
 
 std::size_t page() { return static_cast<std::size_t>(sysconf(_SC_PAGESIZE)); }

@@ -86,7 +86,7 @@ class SecureProgram {
 
 class SecureEnvironment : public testing::Test {
  protected:
-  // With each variable set by which a caller could choose a file or a setting.
+  // Sets every variable through which a caller could choose a file or a setting.
   Ran run(const std::string& scenario) const {
     const SecureProgram program;
     const Ran ran = test::run_program(program.path(), {"--scenario", scenario},

@@ -1,5 +1,5 @@
-// A program that loads the library at run time. Prints by how much the first record of its
-// main thread, and that of another one, made the heap grow.
+// A program that loads the library at run time. Prints how many bytes the heap grew by
+// with the main thread's first record, and with another thread's.
 #include <dlfcn.h>
 #include <malloc.h>
 #include <quorvane/module.h>
