@@ -34,6 +34,7 @@
 extern "C" {
 #endif
 
+/* To add a kind, follow the steps in src/metric.cpp. */
 /** The kinds of metrics, and what each is in the JSON. */
 enum circmetrics_type {
   /** An int64_t variable of the caller, read at every output: a number, or null while
