@@ -6,5 +6,5 @@ if(NOT QV_SANITIZE)
   add_test(NAME Package.DebianPackagesServeOutsideProjects
     COMMAND ${qv_consumer} packages ${PROJECT_SOURCE_DIR})
   set_tests_properties(Package.ServesOutsideProjects PROPERTIES TIMEOUT 120)
-  set_tests_properties(Package.DebianPackagesServeOutsideProjects PROPERTIES TIMEOUT 300)
+  set_tests_properties(Package.DebianPackagesServeOutsideProjects PROPERTIES TIMEOUT 600)
 endif()
