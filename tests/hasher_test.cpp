@@ -6,52 +6,22 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
+#include "support/no_memory.h"
 #include "support/scenario.h"
+#include "support/threads.h"
 
 #ifdef QV_FARMHASH_USE_CITY
 namespace farmhashcc {
 util::uint128_t CityHash128WithSeed(const char* s, size_t len, util::uint128_t seed);
 }
 #endif
-
-namespace {
-thread_local bool g_memory_is_refused = false;
-}
-
-// What the library allocates comes from here as well. Not inlined: the compiler
-// would see a new freed by free.
-__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return g_memory_is_refused ? nullptr : std::malloc(size);
-}
-__attribute__((noinline)) void* operator new(std::size_t size) {
-  void* memory = operator new(size, std::nothrow);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-__attribute__((noinline)) void* operator new[](std::size_t size) { return operator new(size); }
-__attribute__((noinline)) void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return operator new(size, std::nothrow);
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-__attribute__((noinline)) void operator delete[](void* memory) noexcept { std::free(memory); }
-__attribute__((noinline)) void operator delete[](void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -106,7 +76,7 @@ std::string blake2_by_the_library(const std::string& bytes) {
   return hex(out, sizeof(out));
 }
 
-// Bytes that repeat with no power of two.
+// Bytes whose period is no power of two.
 std::string some_bytes(std::size_t size) {
   std::string bytes(size, '\0');
   for (std::size_t i = 0; i < size; ++i) {
@@ -192,9 +162,9 @@ TYPED_TEST(EveryHasher, ThrowsWithoutMemoryAndKeepsWhatWasPushed) {
   const std::string expected = digest_of(undisturbed, {"ab", "c"});
   TypeParam hasher;
   EXPECT_TRUE(push(hasher, "ab"));
-  g_memory_is_refused = true;
+  test::no_memory_from = 0;
   EXPECT_THROW(hasher.calculate_and_reset(), std::bad_alloc);
-  g_memory_is_refused = false;
+  test::no_memory_from = test::kEnoughMemory;
   EXPECT_EQ(digest_of(hasher, {"c"}), expected);
 }
 
@@ -251,27 +221,21 @@ TEST(FarmHash128Hasher, AgreesWithTheLibraryAtEveryLength) {
   }
 }
 
-// The first use of a process, by several threads that set out together.
+// The first use in a process: several threads begin at the same time.
 SCENARIO(hash_in_many_threads) {
   constexpr int kThreads = 8;
   std::atomic<int> ready{0};
   std::atomic<int> right{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&] {
-      ++ready;
-      while (ready < kThreads) {
-        std::this_thread::yield();
-      }
-      Blake2Hasher strong;
-      FarmHash128Hasher fast;
-      right += digest_of(strong, {"a", "bc"}) == kBlake2OfAbc;
-      right += digest_of(fast, {"abc"}) == kFarmHashOfAbc;
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  test::run_threads(kThreads, [&](int) {
+    ++ready;
+    while (ready < kThreads) {
+      std::this_thread::yield();
+    }
+    Blake2Hasher strong;
+    FarmHash128Hasher fast;
+    right += digest_of(strong, {"a", "bc"}) == kBlake2OfAbc;
+    right += digest_of(fast, {"abc"}) == kFarmHashOfAbc;
+  });
   return right == 2 * kThreads ? 0 : 1;
 }
 

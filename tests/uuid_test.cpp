@@ -3,7 +3,6 @@
 #include <quorvane/uuid.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -21,8 +20,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -34,22 +35,13 @@ using quorvane::uuid_parse;
 using quorvane::uuid_unparse;
 using test::Ran;
 using test::run_scenario;
+using test::run_threads;
 using testing::IsEmpty;
 
 const uuid SAMPLE = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
                      0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
 const std::string SAMPLE_TEXT = "01234567-89ab-cdef-fedc-ba9876543210";
 const std::string NIL_TEXT = "00000000-0000-0000-0000-000000000000";
-
-void run_threads(int count, const std::function<void(int)>& work) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) {
-    threads.emplace_back(work, i);
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-}
 
 // --------------------------------------------------------------------- generate
 
@@ -67,7 +59,7 @@ TEST(UuidGenerate, GivesRandomUuidsOfVersionFourInTheStandardLayout) {
   EXPECT_EQ(all.size(), 1000U);
 }
 
-// Each of the other 122 bits is seen both as 0 and as 1.
+// The other 122 bits must each take both values.
 TEST(UuidGenerate, FixesNoOtherBit) {
   std::array<std::uint8_t, 16> ever_set{};
   std::array<std::uint8_t, 16> ever_clear{};
@@ -98,21 +90,20 @@ TEST(UuidGenerate, GivesDifferentUuidsToAllThreads) {
   EXPECT_EQ(all.size(), 1600U);
 }
 
-int in_child(pid_t (*make_child)(), const std::function<int()>& work) {
+int run_in_child(pid_t (*make_child)(), const std::function<int()>& work) {
   const pid_t child = make_child();
   if (child == 0) {
     _exit(work());
   }
-  int status = 1;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  return test::wait_for(child);
 }
 
-// By way of a pipe: what a child's function gives.
+// What `work` returns in a child, passed on through a pipe.
 uuid from_child(pid_t (*make_child)(), const std::function<uuid()>& work) {
   int ends[2];
   uuid made{};
   if (pipe(ends) == 0) {
-    in_child(make_child, [&] {
+    run_in_child(make_child, [&] {
       const uuid mine = work();
       return write(ends[1], &mine, sizeof(mine)) == sizeof(mine) ? 0 : 1;
     });
@@ -187,7 +178,7 @@ TEST(UuidParse, ReadsTheNilUuidTooWhichLooksTheSame) {
   EXPECT_EQ(uuid_parse(NIL_TEXT.c_str()), uuid{});
 }
 
-// Every other byte in every place, a terminating NUL among them.
+// Puts every byte, NUL included, in every place.
 TEST(UuidParse, TakesNoCharacterButADigitForADigit) {
   const std::string digits = "0123456789abcdefABCDEF";
   for (std::size_t place = 0; place < SAMPLE_TEXT.size(); ++place) {
@@ -271,14 +262,14 @@ TEST(Identity, IsOneForThreadsThatAskForItAtOnce) {
   }
 }
 
-// An identity that outlasts a second call in its own process.
+// The identity of this process, or the nil UUID if a second call gives another one.
 uuid steady_identity() {
   const uuid mine = get_my_uuid();
   return get_my_uuid() == mine ? mine : uuid{};
 }
 
-// The identities of a child, its child, another child and the parent, in which
-// the parent may have asked for its own first.
+// Prints how many different identities a child, two grandchildren, another child and the
+// parent have. The child that has the first grandchild fails if its own changes.
 int count_identities(pid_t (*make_child)(), bool parent_asks_first) {
   std::set<uuid> all{uuid{}};
   uuid mine{};
@@ -316,7 +307,7 @@ TEST(Identity, OfAChildThatNoForkHandlerSawIsItsOwn) {
   EXPECT_EQ(run_scenario("counts_identities", {}, {"clone", "not asked"}).out, "4");
 }
 
-// What is refused outlives exec, and so stands when the library is loaded.
+// The refusal outlives exec, so it is in force when the library is loaded.
 SCENARIO(loads_without_wiping) {
   test::refuse(SYS_madvise, EINVAL, test::When{2, MADV_WIPEONFORK});
   execl("/proc/self/exe", "uuid_test", "--scenario", "counts_identities", "fork",
@@ -343,10 +334,10 @@ TEST(Identity, OfAThreadsChildIsItsOwn) {
   EXPECT_TRUE(run_scenario("asks_in_a_thread_and_in_its_child").exited_with(0));
 }
 
-// Another thread makes the identity, and nothing orders that before the fork.
+// Another thread makes the identity, perhaps during the fork.
 SCENARIO(forks_beside_a_first_call) {
   for (int round = 0; round < 200; ++round) {
-    const int status = in_child(&fork, [] {
+    const int status = run_in_child(&fork, [] {
       alarm(30);
       std::latch start(2);
       std::thread maker([&] {
@@ -408,7 +399,7 @@ TEST(UuidGenerate, HangsNoChildForkedBesideThreadsThatGenerate) {
 
 // ----------------------------------------------------- when the kernel refuses
 
-// "threw" when the generator's own exception comes through with its number.
+// "threw" when the generator's own exception arrives with its errno.
 template <typename Function>
 std::string outcome(const Function& function) {
   try {
@@ -446,7 +437,7 @@ TEST(Identity, NeedsNoKernelOnceItIsMade) {
 
 constexpr const char* kAroundMainEnv = "QV_TEST_AROUND_MAIN";
 
-// Asks before main, and is destroyed after what main registers.
+// Asks before main, and in its destructor, which runs after the exit handlers of main.
 class AroundMain {
  public:
   AroundMain() { say("before main"); }

@@ -1,5 +1,5 @@
-// Has allocations fail. Replaces operator new in the whole program: for one source
-// file of it.
+// Makes allocations fail. Replaces operator new in the whole program: include it in one
+// source file only.
 #ifndef TESTS_SUPPORT_NO_MEMORY_H_
 #define TESTS_SUPPORT_NO_MEMORY_H_
 
@@ -7,22 +7,26 @@
 #include <cstdlib>
 #include <limits>
 #include <new>
+#include <utility>
 
 namespace test {
 
 constexpr std::size_t kEnoughMemory = std::numeric_limits<std::size_t>::max();
 
-// From so many bytes on, this thread's allocations fail.
+// This thread's allocations of this many bytes or more fail.
 inline thread_local std::size_t no_memory_from = kEnoughMemory;
 
-// What becomes of the allocations after the one that fails.
+// Runs once, inside this thread's next allocation.
+inline thread_local void (*during_allocation)() = nullptr;
+
+// Whether the allocations after the one that fails succeed.
 enum class Afterwards { succeed, fail };
 
-// Has one allocation of this thread fail, or that and all later ones. One object at a
-// time in a thread.
+// Makes one allocation of this thread fail, or that one and all later ones. A thread may
+// have one such object at a time.
 class FailingAllocation {
  public:
-  // Fails after so many successes.
+  // The first `successes` allocations succeed.
   explicit FailingAllocation(std::size_t successes, Afterwards afterwards = Afterwards::succeed) {
     t_left = successes;
     t_fails_on = afterwards == Afterwards::fail;
@@ -32,7 +36,7 @@ class FailingAllocation {
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
-  // From now on there is memory. Whether an allocation failed.
+  // Lets all further allocations succeed. Returns whether one has failed.
   static bool end() {
     t_left = kEnoughMemory;
     return t_has_failed;
@@ -57,26 +61,46 @@ class FailingAllocation {
   static inline thread_local bool t_has_failed = false;
 };
 
-}  // namespace test
-
-// Not inlined: the compiler would see a new freed by free.
-__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  if (size >= test::no_memory_from || test::FailingAllocation::fails_now()) {
+// Memory, or null where the allocation fails.
+inline void* allocate(std::size_t size, std::size_t alignment) {
+  if (auto* const hook = std::exchange(during_allocation, nullptr)) {
+    hook();
+  }
+  if (size >= no_memory_from || FailingAllocation::fails_now()) {
     return nullptr;
   }
-  return std::malloc(size);
+  const std::size_t whole = (size + alignment - 1) / alignment * alignment;
+  return alignment > __STDCPP_DEFAULT_NEW_ALIGNMENT__ ? std::aligned_alloc(alignment, whole)
+                                                      : std::malloc(size);
 }
 
+inline void* allocate_or_throw(std::size_t size, std::size_t alignment) {
+  void* const memory = allocate(size, alignment);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+}  // namespace test
+
+// Not inlined: the compiler would warn of memory from new that free releases.
+__attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return test::allocate(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+}
 __attribute__((noinline)) void* operator new(std::size_t size) {
-  void* const memory = operator new(size, std::nothrow);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
+  return test::allocate_or_throw(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+}
+__attribute__((noinline)) void* operator new(std::size_t size, std::align_val_t alignment) {
+  return test::allocate_or_throw(size, static_cast<std::size_t>(alignment));
 }
 
 __attribute__((noinline)) void operator delete(void* memory) noexcept { std::free(memory); }
 __attribute__((noinline)) void operator delete(void* memory, std::size_t) noexcept {
+  std::free(memory);
+}
+__attribute__((noinline)) void operator delete(void* memory, std::align_val_t) noexcept {
+  std::free(memory);
+}
+__attribute__((noinline)) void operator delete(void* memory, std::size_t,
+                                               std::align_val_t) noexcept {
   std::free(memory);
 }
 
