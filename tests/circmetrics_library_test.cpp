@@ -1,8 +1,7 @@
-// What the recorder shows of itself: its header, and nine functions to load.
+// The recorder from outside: its header, and the nine functions that a program loads.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,10 +9,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/lines.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 
 namespace {
@@ -51,9 +51,9 @@ TEST(CircmetricsLibrary, HasAHeaderThatCompilesAlone) {
 }
 
 TEST(CircmetricsLibrary, ExportsItsNineFunctionsAndNothingElse) {
-  std::istringstream lines(run("nm -D --defined-only --format=posix " + kLibrary).output);
   std::vector<std::string> names;
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line :
+       test::lines_of(run("nm -D --defined-only --format=posix " + kLibrary).output)) {
     names.push_back(line.substr(0, line.find(' ')));
   }
   std::sort(names.begin(), names.end());
@@ -65,8 +65,22 @@ TEST(CircmetricsLibrary, ExportsItsNineFunctionsAndNothingElse) {
 
 namespace {
 
+using RegisterFunction = void* (*)(void* ns, const char* name, int type);
+
 void* g_root = nullptr;
-void* (*g_register)(void* ns, const char* name, int type) = nullptr;
+RegisterFunction g_register = nullptr;
+
+template <typename Function>
+Function look_up(void* library, const char* symbol) {
+  return reinterpret_cast<Function>(dlsym(library, symbol));
+}
+
+// The root namespace of the library's recorder.
+void* root_of(void* library) {
+  const auto alloc = look_up<void* (*)()>(library, "stats_recorder_alloc");
+  const auto root = look_up<void* (*)(void*)>(library, "stats_recorder_global_ns");
+  return root(alloc());
+}
 
 template <int kNumber>
 void register_metric() {
@@ -77,16 +91,13 @@ void register_metric() {
 
 }  // namespace
 
-// Such handlers run within the recorder's own, which hold its lock.
+// These handlers run while the recorder's own hold its lock.
 SCENARIO(fork_with_handlers_from_before) {
   alarm(60);
   pthread_atfork(&register_metric<1>, &register_metric<2>, &register_metric<3>);
   void* library = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
-  const auto alloc = reinterpret_cast<void* (*)()>(dlsym(library, "stats_recorder_alloc"));
-  const auto root = reinterpret_cast<void* (*)(void*)>(dlsym(library, "stats_recorder_global_ns"));
-  g_register =
-      reinterpret_cast<void* (*)(void*, const char*, int)>(dlsym(library, "stats_register"));
-  g_root = root(alloc());
+  g_register = look_up<RegisterFunction>(library, "stats_register");
+  g_root = root_of(library);
   void* const before = g_register(g_root, "before", 5);
   const pid_t child = fork();
   if (child == 0) {
@@ -96,8 +107,7 @@ SCENARIO(fork_with_handlers_from_before) {
   if (child == 0) {
     _exit(is_right ? 0 : 1);
   }
-  int status = -1;
-  waitpid(child, &status, 0);
+  const int status = test::wait_for(child);
   return is_right && status == 0 ? 0 : 1;
 }
 
@@ -105,16 +115,13 @@ TEST(CircmetricsLibrary, ForkHandlersFromBeforeItWasLoadedMayRegisterMetrics) {
   EXPECT_TRUE(test::run_scenario("fork_with_handlers_from_before").exited_with(0));
 }
 
-// Threads that count still end later, and forks run its handlers.
+// A thread that has counted may end later, and a fork still runs the recorder's handlers.
 TEST(CircmetricsLibrary, StaysWhenItIsClosed) {
   void* library = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
-  const auto alloc = reinterpret_cast<void* (*)()>(dlsym(library, "stats_recorder_alloc"));
-  const auto root = reinterpret_cast<void* (*)(void*)>(dlsym(library, "stats_recorder_global_ns"));
-  const auto make =
-      reinterpret_cast<void* (*)(void*, const char*, int)>(dlsym(library, "stats_register"));
-  const auto add = reinterpret_cast<int (*)(void*, std::int64_t)>(dlsym(library, "stats_add64"));
-  void* counter = make(root(alloc()), "c", 5);
+  const auto make = look_up<RegisterFunction>(library, "stats_register");
+  const auto add = look_up<int (*)(void*, std::int64_t)>(library, "stats_add64");
+  void* counter = make(root_of(library), "c", 5);
   EXPECT_EQ(dlclose(library), 0);
   EXPECT_EQ(add(counter, 1), 0);
 }

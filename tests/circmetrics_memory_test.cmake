@@ -1,2 +1,2 @@
-# With the recorder's objects in it, the test's operator new is the recorder's too.
+# The test links the recorder's objects, so that its operator new serves them, too.
 target_link_libraries(circmetrics_memory_test PRIVATE circmetrics_objects)

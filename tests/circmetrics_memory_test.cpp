@@ -1,77 +1,27 @@
-// The recorder without memory: every allocation of its own fails once.
+// The recorder without memory, and what another thread or a clone does while it allocates.
 #include <circmetrics.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <limits>
-#include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <utility>
 
+#include "circmetrics_test/fixture.h"
+#include "support/no_memory.h"
+#include "support/processes.h"
 #include "support/thread_state.h"
 
+using circmetrics_test::append;
 using nlohmann::json;
 
 namespace {
 
-// How many more allocations succeed before one fails.
-constexpr int kUnlimited = std::numeric_limits<int>::max();
-int g_left = kUnlimited;
+constexpr const char* kNamespace = "a name too long for a string's own buffer";
 
-// Runs once, within the next allocation of this thread.
-thread_local void (*t_meanwhile)() = nullptr;
-
-bool may_allocate() { return g_left == kUnlimited || g_left-- != 0; }
-
-void* allocate(std::size_t size, std::size_t alignment) {
-  if (auto* const meanwhile = std::exchange(t_meanwhile, nullptr)) {
-    meanwhile();
-  }
-  const std::size_t whole = (size + alignment - 1) / alignment * alignment;
-  return may_allocate() ? std::aligned_alloc(alignment, whole) : nullptr;
-}
-
-void* allocate_or_throw(std::size_t size, std::size_t alignment) {
-  void* const allocated = allocate(size, alignment);
-  return allocated != nullptr ? allocated : throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  return allocate_or_throw(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-}
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return allocate_or_throw(size, static_cast<std::size_t>(alignment));
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-}
-void operator delete(void* allocated) noexcept { std::free(allocated); }
-void operator delete(void* allocated, std::size_t) noexcept { std::free(allocated); }
-void operator delete(void* allocated, std::align_val_t) noexcept { std::free(allocated); }
-void operator delete(void* allocated, std::size_t, std::align_val_t) noexcept {
-  std::free(allocated);
-}
-void operator delete(void* allocated, const std::nothrow_t&) noexcept { std::free(allocated); }
-
-namespace {
-
-constexpr const char* kNamespace = "a name that takes memory of its own";
-
-ssize_t append(void* closure, const void* bytes, size_t length) {
-  auto* const text = static_cast<std::string*>(closure);
-  text->append(static_cast<const char*>(bytes), length);
-  return static_cast<ssize_t>(length);
-}
-
-// Uses everything once, and counts what failed.
+// Calls each function once, and counts the calls that fail.
 class User {
  public:
   void* recorder = stats_recorder_alloc();
@@ -112,19 +62,18 @@ class User {
   double variable_ = 0.5;
   int failed_ = 0;
   int samples_ = 0;
-  std::string text_ = std::string(4096, ' ');  // takes a report without growing
+  std::string text_ = std::string(4096, ' ');  // so that a report doesn't allocate for it
 };
 
 }  // namespace
 
 TEST(CircmetricsWithoutMemory, RefusesWhatItHasNoMemoryForAndStaysWhole) {
-  int failures = 0;
-  for (int successes = 0; failures == successes; ++successes) {
+  std::size_t failures = 0;
+  for (std::size_t successes = 0; failures == successes; ++successes) {
     User user;
-    g_left = successes;
+    const test::FailingAllocation failing(successes);
     const int failed = user.use_everything();
-    const bool ran_out = g_left < 0;
-    g_left = kUnlimited;
+    const bool ran_out = test::FailingAllocation::end();
     EXPECT_EQ(failed, ran_out ? 1 : 0) << "after " << successes << " allocations";
     failures += ran_out ? 1 : 0;
     EXPECT_EQ(user.use_everything(), 0) << "after " << successes << " allocations";
@@ -134,9 +83,9 @@ TEST(CircmetricsWithoutMemory, RefusesWhatItHasNoMemoryForAndStaysWhole) {
 }
 
 TEST(CircmetricsWithoutMemory, MakesNoRecorder) {
-  g_left = 0;
+  const test::FailingAllocation failing(0);
   void* const recorder = stats_recorder_alloc();
-  g_left = kUnlimited;
+  test::FailingAllocation::end();
   EXPECT_EQ(recorder, nullptr);
 }
 
@@ -145,7 +94,7 @@ namespace {
 User* g_user = nullptr;
 pid_t g_clone = -1;
 
-// A clone of the process by the bare system call runs no fork handlers.
+// The bare system call clones the process without running fork handlers.
 void clone_and_use_everything() {
   g_clone = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
   if (g_clone == 0) {
@@ -157,51 +106,48 @@ void clone_and_use_everything() {
 
 }  // namespace
 
-// The allocation is that of a name: within the registration, with its lock held.
+// The allocation is for the name: in the middle of the registration, under its lock.
 TEST(CircmetricsClone, OfAProcessThatRegistersGoesOnWithEmptyNamespaces) {
   User user;
   g_user = &user;
   stats_register(user.root, "left behind", CIRCMETRICS_COUNTER);
-  t_meanwhile = &clone_and_use_everything;
+  test::during_allocation = &clone_and_use_everything;
   EXPECT_NE(stats_register_ns(user.recorder, user.root, "new"), nullptr);
-  int status = -1;
-  ASSERT_EQ(waitpid(g_clone, &status, 0), g_clone);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(test::wait_for(g_clone), 0);
 }
 
 namespace {
 
-// A second thread, started within an allocation of the first.
-std::optional<test::Watched> g_second;
-bool g_second_waited = false;
 std::string g_text;
 
 void report() { stats_recorder_output_json(g_user->recorder, 1, 0, &append, &g_text); }
 void register_counter() { stats_register(g_user->root, kNamespace, CIRCMETRICS_COUNTER); }
 
-template <void (*kFunction)()>
-void begin_beside() {
-  g_second.emplace(kFunction);
-  g_second->settle();
-  g_second_waited = !g_second->is_done();
+// Starts kSecond in another thread during an allocation of `first`. Returns whether kSecond
+// waits meanwhile.
+template <void (*kSecond)()>
+bool waits_for(void (*first)()) {
+  static std::optional<test::Watched> thread;
+  static bool waited;
+  waited = false;
+  User user;
+  g_user = &user;
+  test::during_allocation = [] {
+    thread.emplace(kSecond);
+    thread->settle();
+    waited = !thread->is_done();
+  };
+  first();
+  thread->join();
+  return waited;
 }
 
 }  // namespace
 
 TEST(CircmetricsLock, AReportWaitsForARegistration) {
-  User user;
-  g_user = &user;
-  t_meanwhile = &begin_beside<&report>;
-  register_counter();
-  g_second->join();
-  EXPECT_TRUE(g_second_waited);
+  EXPECT_TRUE(waits_for<&report>(&register_counter));
 }
 
 TEST(CircmetricsLock, ARegistrationWaitsWhileAReportCollectsTheNames) {
-  User user;
-  g_user = &user;
-  t_meanwhile = &begin_beside<&register_counter>;
-  report();
-  g_second->join();
-  EXPECT_TRUE(g_second_waited);
+  EXPECT_TRUE(waits_for<&register_counter>(&report));
 }

@@ -1,1 +1,4 @@
-target_link_libraries(circmetrics_test PRIVATE circmetrics)
+foreach(test
+    circmetrics_test circmetrics_fork_test circmetrics_histogram_test circmetrics_threads_test)
+  target_link_libraries(${test} PRIVATE circmetrics)
+endforeach()
