@@ -1,5 +1,5 @@
-// docs/formats.md prints real bytes: each of its hexdump blocks is made anew
-// here by the library and compared.
+// docs/formats.md shows real bytes: the library writes the files of its hexdump blocks, and
+// the tests compare them.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
@@ -14,6 +14,7 @@
 #include <regex>
 #include <string>
 
+#include "support/documents.h"
 #include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -23,19 +24,14 @@ namespace {
 using quorvane::util::RoBuffer;
 using test::Ran;
 
-// The block that "```hexdump NAME" opens, without the fences.
+// The block "```hexdump NAME", without the fences.
 std::string documented(const std::string& name) {
-  const std::string text = test::read_file(QV_SOURCE_DIR "/docs/formats.md");
-  const std::string opening = "```hexdump " + name + "\n";
-  const std::size_t begin = text.find(opening);
-  if (begin == std::string::npos) {
-    return "no block " + name;
-  }
-  const std::size_t first = begin + opening.size();
-  return text.substr(first, text.find("```\n", first) - first);
+  const std::string block =
+      test::fenced_block(test::read_file(QV_SOURCE_DIR "/docs/formats.md"), "```hexdump " + name);
+  return block.empty() ? "no block " + name : block;
 }
 
-// As hexdump -C prints it, but for the last line with the size.
+// What hexdump -C prints, without the last line, which has the size.
 std::string hexdump(const std::string& bytes) {
   std::string dump;
   char piece[24];

@@ -1,4 +1,4 @@
-// The programs of docs/guide.md work as they are printed.
+// The programs of docs/guide.md do what the page says.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,21 +6,21 @@
 #include <filesystem>
 #include <ostream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/documents.h"
+#include "support/lines.h"
 #include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-// A ```cpp block, and what the page says that it gives: ```text on standard
-// output, ```log in the log (whatever the time and the ids), ```json as its
-// statistics report.
+// A ```cpp block, and what its program gives by the page: ```text is its standard output,
+// ```log its log (but for the times and the ids), ```json its statistics report.
 struct Program {
-  std::string title;  // of its section
+  std::string title;  // of the section
   std::string source;
   std::string out;
   std::string log;
@@ -29,7 +29,7 @@ struct Program {
 
 void PrintTo(const Program& program, std::ostream* out) { *out << program.title; }
 
-// Where a block of this kind goes; null for one that is only read.
+// The string that receives a block of this kind; null for a kind without a check.
 std::string* place_of(const std::string& kind, std::vector<Program>& programs,
                       const std::string& title) {
   if (kind == "cpp") {
@@ -52,8 +52,7 @@ std::vector<Program> programs() {
   std::string title;
   std::string* block = nullptr;
   bool in_block = false;
-  std::istringstream lines(test::read_file(QV_SOURCE_DIR "/docs/guide.md"));
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : test::lines_of(test::read_file(QV_SOURCE_DIR "/docs/guide.md"))) {
     if (line.rfind(fence, 0) == 0) {
       in_block = !in_block;
       block = in_block ? place_of(line.substr(fence.size()), all, title) : nullptr;
@@ -66,7 +65,7 @@ std::vector<Program> programs() {
   return all;
 }
 
-// gtest wants names without blanks.
+// gtest allows letters, digits and underscores only.
 std::string name_of(const testing::TestParamInfo<Program>& info) {
   return std::regex_replace(info.param.title, std::regex("[^A-Za-z0-9]+"), "_");
 }
@@ -79,14 +78,10 @@ class Guide : public testing::TestWithParam<Program> {
  protected:
   Guide() { std::filesystem::create_directory(dir_.file("store")); }
 
-  // As README.md says, with this build's compiler and library.
   void compile() {
     test::write_file(dir_.file("program.cpp"), GetParam().source);
-    const std::string library = QV_BINARY_DIR "/lib";
     const std::string command =
-        std::string(QV_CXX_COMPILER " -std=c++20 -Wall -Wextra -Werror " QV_SANITIZE_FLAG) +
-        " -I'" QV_SOURCE_DIR "/util/include' '" + dir_.file("program.cpp") + "' -L'" + library +
-        "' -lQVUtil -pthread -Wl,-rpath,'" + library + "' -o '" + dir_.file("program") + "'";
+        test::compile_command(dir_.file("program.cpp"), dir_.file("program"), "-pthread");
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
   }
 
@@ -120,7 +115,7 @@ TEST_P(Guide, ProgramDoesWhatThePageShows) {
 
 INSTANTIATE_TEST_SUITE_P(Programs, Guide, testing::ValuesIn(programs()), name_of);
 
-// A page without programs, or one whose fences changed, would pass unseen.
+// Without this a page that lost its programs, or their fences, would pass.
 TEST(GuidePage, HasItsPrograms) {
   const auto all = programs();
   EXPECT_GE(all.size(), 6u);

@@ -1,4 +1,4 @@
-// README.md's first program works as it is printed.
+// README.md's first program does what the page says.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "support/documents.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -15,27 +16,13 @@ using testing::HasSubstr;
 
 const std::string README = QV_SOURCE_DIR "/README.md";
 
-std::string first_program() {
-  const std::string text = test::read_file(README);
-  const std::string opening = "```cpp\n";
-  const std::size_t begin = text.find(opening);
-  if (begin == std::string::npos) {
-    return "";
-  }
-  const std::size_t first = begin + opening.size();
-  return text.substr(first, text.find("```\n", first) - first);
-}
+std::string first_program() { return test::fenced_block(test::read_file(README), "```cpp"); }
 
 class Readme : public testing::Test {
  protected:
-  // As README.md says, with this build's compiler and library.
   void compile() {
     test::write_file(dir_.file("hello.cpp"), first_program());
-    const std::string library = QV_BINARY_DIR "/lib";
-    const std::string command =
-        std::string(QV_CXX_COMPILER " -std=c++20 -Wall -Wextra -Werror " QV_SANITIZE_FLAG) +
-        " -I'" QV_SOURCE_DIR "/util/include' '" + dir_.file("hello.cpp") + "' -L'" + library +
-        "' -lQVUtil -Wl,-rpath,'" + library + "' -o '" + hello_ + "'";
+    const std::string command = test::compile_command(dir_.file("hello.cpp"), hello_);
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
   }
 
