@@ -1,4 +1,4 @@
-// The example program as its users start it.
+// The dump example, run as a user runs it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// The example program as its users start it.
+// The identity example, run as a user runs it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quorvane/uuid.h>
@@ -53,7 +53,7 @@ TEST(IdentityExample, ShowsThatAChildsIdentityIsItsOwnAndItsParentsStays) {
                          all[2].uuid + "\nparent     " + all[0].uuid + "\n");
 }
 
-// What is refused outlives exec.
+// The refusal outlives exec.
 SCENARIO(without_children) {
   for (const long call : {SYS_clone, SYS_clone3}) {
     test::refuse(call, EAGAIN);
@@ -62,7 +62,7 @@ SCENARIO(without_children) {
   return 1;
 }
 
-// A leak checker needs a child of its own.
+// A leak checker forks, too.
 test::Environment without_leak_checks(test::Environment environment = {}) {
   const char* const set = std::getenv("ASAN_OPTIONS");
   environment["ASAN_OPTIONS"] = (set == nullptr ? "" : std::string(set) + ":") + "detect_leaks=0";

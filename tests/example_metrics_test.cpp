@@ -1,11 +1,11 @@
-// The example program of the statistics, as its users start it.
+// The statistics example, run as a user runs it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
+#include "support/lines.h"
 #include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -60,16 +60,14 @@ TEST_F(MetricsExample, PrintsItsReportOneMemberALine) {
             "}\n");
 }
 
-// The report that was asked for, and the one at exit.
+// The requested report, and the one at exit.
 TEST_F(MetricsExample, LeavesTheReportsInTheFile) {
   const auto ran = run({report_});
   EXPECT_TRUE(ran.exited_with(0));
-  std::istringstream file(test::read_file(report_));
-  std::string asked_for, at_exit, more;
-  ASSERT_TRUE(std::getline(file, asked_for) && std::getline(file, at_exit));
-  EXPECT_FALSE(std::getline(file, more));
-  EXPECT_EQ(json::parse(asked_for), json::parse(ran.out));
-  EXPECT_EQ(json::parse(at_exit)["log"], json::parse(ran.out)["log"]);
+  const auto lines = test::lines_of(test::read_file(report_));
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(json::parse(lines[0]), json::parse(ran.out));
+  EXPECT_EQ(json::parse(lines[1])["log"], json::parse(ran.out)["log"]);
 }
 
 TEST_F(MetricsExample, SaysThatItHasNoStatistics) {

@@ -1,4 +1,4 @@
-// The example program of the set of process ids, as its users start it.
+// The PID set example, run as a user runs it.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,7 +17,7 @@ TEST(PidSetExample, SeesWorkersComeAndGo) {
   const test::TempDir dir;
   const std::string path = dir.file("pids");
   const std::string most = std::to_string((getpagesize() - 8) / 4);
-  for (int run = 0; run < 2; ++run) {  // on a new file, and on one that is there
+  for (int run = 0; run < 2; ++run) {  // on a new file, then on the same file
     const auto ran = test::run_program(PROGRAM, {path, "2"});
     EXPECT_TRUE(ran.exited_with(0));
     EXPECT_EQ(ran.err, "");

@@ -1,4 +1,4 @@
-// The example program of the ring, as its users start it.
+// The ring example, run as a user runs it.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -19,7 +19,7 @@ TEST(RingExample, CountsPrimesOfTwoProducers) {
   EXPECT_EQ(ran.err, "");
 }
 
-// More findings than slots.
+// The producers find more primes than the ring has slots.
 TEST(RingExample, LosesNothingOnAFullRing) {
   EXPECT_EQ(test::run_program(PROGRAM, {"1", "100000"}).out,
             "producer 0 found 9592 primes\n9592 primes below 100000, sum 454396537\n");

@@ -1,4 +1,4 @@
-// The example program as its users start it.
+// The fingerprint example, run as a user runs it.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -23,6 +22,8 @@
 #include <string>
 #include <vector>
 
+#include "support/lines.h"
+#include "support/processes.h"
 #include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -32,7 +33,9 @@ namespace {
 using quorvane::util::RoBuffer;
 using test::Arguments;
 using test::Environment;
+using test::lines_of;
 using test::Ran;
+using test::wait_for;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -41,7 +44,7 @@ using testing::StartsWith;
 
 const std::string PROGRAM = QV_BINARY_DIR "/bin/fingerprint";
 
-// A tree of three files, one of them below a directory, and an empty root.
+// A tree of three files, one of them in a subdirectory, and an empty root.
 class Fingerprint : public testing::Test {
  protected:
   Fingerprint() {
@@ -58,7 +61,7 @@ class Fingerprint : public testing::Test {
     return test::run_program(PROGRAM, all);
   }
 
-  // As somebody whom permission bits stop, root included.
+  // Runs the program so that permission bits stop even root.
   Ran run_without_privileges() const {
     return test::run_scenario("without_privileges", {}, {PROGRAM, "--root", root_, tree_});
   }
@@ -69,11 +72,10 @@ class Fingerprint : public testing::Test {
   std::string store_ = root_ + "/fingerprint";
 };
 
-// The table's rows but for the time.
+// The rows of the table, without the time.
 std::map<std::string, std::uint64_t> table(const Ran& ran) {
   std::map<std::string, std::uint64_t> rows;
-  std::istringstream lines(ran.out);
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : lines_of(ran.out)) {
     const std::string name = line.substr(0, line.find("  "));
     if (name != "seconds") {
       rows[name] = std::stoull(line.substr(name.size()));
@@ -82,16 +84,7 @@ std::map<std::string, std::uint64_t> table(const Ran& ran) {
   return rows;
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// What the program itself says; the library's ERROR records go there too.
+// The program's own messages. Standard error has the library's ERROR records, too.
 std::vector<std::string> complaints(const Ran& ran) {
   std::vector<std::string> own;
   for (const std::string& line : lines_of(ran.err)) {
@@ -129,7 +122,7 @@ SCENARIO(print_store) {
   return cache.is_valid() ? 0 : 1;
 }
 
-// Goes on as the program that the arguments name.
+// Replaces this process by the program that the arguments name.
 int execute(const Arguments& arguments) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) {
@@ -150,8 +143,8 @@ SCENARIO(without_privileges) {
   return execute(arguments);
 }
 
-// No file may grow beyond the first argument; a write beyond it ends a process, or
-// fails when the second one says so.
+// The first argument limits the size of each file. A write beyond the limit kills the
+// process, or fails if the second argument is "fails".
 SCENARIO(with_small_files) {
   const rlim_t size = std::stoul(arguments.at(0));
   const rlimit limit{size, size};
@@ -188,8 +181,8 @@ bool has_open(const std::string& process, const std::string& path) {
   return false;
 }
 
-// Runs a program and sends it a signal once its worker reads the file. "group"
-// sends it to the worker as well, as a terminal does.
+// Runs a program and sends it a signal once its worker has the file open. With "group" the
+// worker gets the signal, too, as from a terminal.
 SCENARIO(interrupted) {
   const std::string& file = arguments.at(0);
   const bool group = arguments.at(1) == "group";
@@ -204,13 +197,10 @@ SCENARIO(interrupted) {
     worker = child_of(child);
   }
   kill(group ? -child : child, number);
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 124;
+  return wait_for(child);
 }
 
-// Runs a program with a terminal as its standard error and prints what the
-// terminal got.
+// Runs a program whose standard error is a terminal, and prints what the terminal received.
 SCENARIO(on_a_terminal) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
@@ -225,14 +215,12 @@ SCENARIO(on_a_terminal) {
           arguments[2].c_str(), nullptr);
     _exit(126);
   }
-  // Ends with EIO, when the child has closed the terminal's other side.
+  // Ends with EIO once the child has closed its side of the terminal.
   char shown[4096];
   for (ssize_t size = 0; (size = read(master, shown, sizeof(shown))) > 0;) {
     std::printf("%.*s", static_cast<int>(size), shown);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WEXITSTATUS(status);
+  return wait_for(child);
 }
 
 std::vector<std::string> stored(const std::string& root, const Arguments& kind = {}) {
@@ -429,14 +417,18 @@ TEST_F(Fingerprint, SymbolicLinksAreNotFollowed) {
   EXPECT_EQ(table(ran)["files"], 3U);
 }
 
+void expect_denied(const Ran& ran, const std::string& path) {
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.err, "fingerprint: " + path + ": Permission denied\n");
+  EXPECT_EQ(table(ran)["files"], 2U);
+  EXPECT_EQ(table(ran)["unreadable"], 1U);
+}
+
 TEST_F(Fingerprint, AnUnreadableDirectoryIsNamedAndTheRestIsDone) {
   chmod((tree_ + "/below").c_str(), 0);
   const Ran ran = run_without_privileges();
   chmod((tree_ + "/below").c_str(), 0700);
-  EXPECT_TRUE(ran.exited_with(1));
-  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/below: Permission denied\n");
-  EXPECT_EQ(table(ran)["files"], 2U);
-  EXPECT_EQ(table(ran)["unreadable"], 1U);
+  expect_denied(ran, tree_ + "/below");
   EXPECT_THAT(stored(root_), SizeIs(2));
 }
 
@@ -444,19 +436,13 @@ TEST_F(Fingerprint, WhatLiesInADirectoryThatCantBeSearchedIsNamed) {
   chmod((tree_ + "/below").c_str(), 0444);
   const Ran ran = run_without_privileges();
   chmod((tree_ + "/below").c_str(), 0700);
-  EXPECT_TRUE(ran.exited_with(1));
-  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/below/lines: Permission denied\n");
-  EXPECT_EQ(table(ran)["files"], 2U);
-  EXPECT_EQ(table(ran)["unreadable"], 1U);
+  expect_denied(ran, tree_ + "/below/lines");
 }
 
 TEST_F(Fingerprint, AnUnreadableFileIsNamedAndTheRestIsDone) {
   chmod((tree_ + "/abc").c_str(), 0);
   const Ran ran = run_without_privileges();
-  EXPECT_TRUE(ran.exited_with(1));
-  EXPECT_EQ(ran.err, "fingerprint: " + tree_ + "/abc: Permission denied\n");
-  EXPECT_EQ(table(ran)["files"], 2U);
-  EXPECT_EQ(table(ran)["unreadable"], 1U);
+  expect_denied(ran, tree_ + "/abc");
   EXPECT_THAT(stored(root_), SizeIs(2));
 }
 
@@ -515,7 +501,7 @@ TEST_F(Fingerprint, DigestsThatCouldNotBeStoredAreReported) {
   EXPECT_EQ(table(ran)["misses"], 1U);
 }
 
-// 60 files for three workers, of whose shares the store has room for one and a half.
+// 60 files for three workers. The store has room for half of their digests.
 class TooManyDigests : public Fingerprint {
  protected:
   TooManyDigests() {
@@ -561,7 +547,7 @@ struct Signal {
 
 class Interruption : public Fingerprint, public testing::WithParamInterface<Signal> {};
 
-// The last file takes for ever.
+// Reading the last file takes for ever.
 TEST_P(Interruption, EndsEarlyAndKeepsWhatWasDone) {
   const auto& [number, to] = GetParam();
   const std::string endless = tree_ + "/zz";

@@ -1,4 +1,4 @@
-// The pages of section 3 agree with the headers, and their examples compile.
+// The man pages of section 3 agree with the headers, and their examples compile.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,20 +7,20 @@
 #include <ostream>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/lines.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-// What a compiler can judge of a page.
+// What a compiler can check in a page.
 struct Page {
   std::string name;
   std::string includes;
-  std::string prototypes;  // that SYNOPSIS gives, asserted to be the header's
-  std::string examples;    // EXAMPLES, without the blocks of output
+  std::string prototypes;  // from SYNOPSIS, as assertions that the header has the same
+  std::string examples;    // from EXAMPLES, without the blocks of output
   std::set<std::string> functions;
 };
 
@@ -33,7 +33,7 @@ std::vector<std::string> arguments_of(const std::string& line) {
   for (std::sregex_iterator at(line.begin(), line.end(), argument), end; at != end; ++at) {
     all.push_back((*at)[1].matched ? (*at)[1] : (*at)[2]);
   }
-  all.erase(all.begin());  // the macro itself
+  all.erase(all.begin());  // the macro's name
   return all;
 }
 
@@ -69,7 +69,7 @@ class Synopsis {
   }
 
  private:
-  // A macro of the preprocessor has no type.
+  // A preprocessor macro has no type, and so no assertion.
   void end_function() {
     if (!type_.empty()) {
       page_.prototypes += "static_assert(std::is_same<decltype(" + name_ + "), " + type_ + "(" +
@@ -93,8 +93,7 @@ Page read_page(const std::filesystem::path& path) {
   std::string section;
   std::string block;
   bool in_block = false;
-  std::istringstream lines(test::read_file(path.string()));
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : test::lines_of(test::read_file(path.string()))) {
     if (line.rfind(".Sh ", 0) == 0) {
       section = line.substr(4);
     } else if (section == "SYNOPSIS") {
@@ -124,7 +123,7 @@ std::vector<Page> pages() {
   return all;
 }
 
-// Whether the compiler, with its options, takes `source` without a warning.
+// Whether the compiler accepts `source` without a warning.
 bool compiles(const std::string& compiler, const std::string& options, const std::string& source) {
   test::TempDir dir;
   test::write_file(dir.file("page"), source);
@@ -136,7 +135,7 @@ bool compiles(const std::string& compiler, const std::string& options, const std
 
 class ManPage : public testing::TestWithParam<Page> {};
 
-// Types alone: the attribute that lets compilers check formats is none of theirs.
+// Only types are compared: the attribute for checking formats isn't part of a type.
 TEST_P(ManPage, GivesTheTypesOfTheHeader) {
   const Page& page = GetParam();
   ASSERT_NE(page.includes, "");
@@ -146,7 +145,7 @@ TEST_P(ManPage, GivesTheTypesOfTheHeader) {
       << page.prototypes;
 }
 
-// With what the pages take for granted: a module and a size.
+// The function around the examples declares what they assume: a module and a size.
 TEST_P(ManPage, HasExamplesThatCompile) {
   const Page& page = GetParam();
   const bool makes_module = page.examples.find("*module =") != std::string::npos;
@@ -167,8 +166,8 @@ TEST(ManPages, HaveEveryExportedCFunction) {
     has_examples = has_examples || !page.examples.empty();
   }
   EXPECT_TRUE(has_examples);
-  std::istringstream symbols(test::read_file(QV_SOURCE_DIR "/util/QVUtil.symbols"));
-  for (std::string symbol; std::getline(symbols, symbol);) {
+  for (const std::string& symbol :
+       test::lines_of(test::read_file(QV_SOURCE_DIR "/util/QVUtil.symbols"))) {
     if (symbol.rfind("qv_", 0) == 0 && symbol.find('(') == std::string::npos) {
       EXPECT_EQ(described.count(symbol), 1u) << symbol;
     }
