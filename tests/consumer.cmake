@@ -1,4 +1,4 @@
-# A sanitized library needs sanitized programs.
+# The outside projects are built without sanitizers, and can't use a sanitized library.
 if(NOT QV_SANITIZE)
   set(qv_consumer ${CMAKE_CURRENT_SOURCE_DIR}/consumer/run)
   add_test(NAME Package.ServesOutsideProjects

@@ -22,7 +22,7 @@
 namespace quorvane {
 namespace mpsc {
 
-// Starts a ring elsewhere than at 0, and wakes its consumer for nothing.
+// Starts a ring at an index other than 0, and wakes its threads without cause.
 class RingProbe {
  public:
   static void start_at(Ring& ring, std::uint32_t first) {
@@ -40,7 +40,7 @@ class RingProbe {
     ring.data_.notify_one();
   }
   static std::uint32_t size(const Ring& ring) { return ring.size_; }
-  // Asks from a thread of its own: the caller may hold the lock.
+  // Tries the lock from another thread, since the caller may hold it.
   static bool is_held(Ring& ring, const std::condition_variable* condition) {
     std::mutex& mutex = condition == &ring.data_ ? ring.data_mutex_ : ring.space_mutex_;
     bool is_held = true;
@@ -57,7 +57,7 @@ class RingProbe {
 
 namespace {
 
-// What this thread's notifications are told to first.
+// Called before each notification of this thread.
 thread_local std::function<void(const std::condition_variable*)> g_before_notify;
 
 void tell(const std::condition_variable* condition) {
@@ -68,7 +68,7 @@ void tell(const std::condition_variable* condition) {
 
 }  // namespace
 
-// The library finds these two first.
+// These two replace the standard library's, for the library, too.
 void std::condition_variable::notify_one() noexcept {
   tell(this);
   pthread_cond_signal(native_handle());
@@ -94,7 +94,7 @@ static_assert(!std::is_copy_constructible_v<Ring>);
 
 constexpr unsigned int kUntouched = 12345;
 
-// The next `count` slots that an idle ring gives and takes back.
+// Passes `count` entries through an idle ring and returns their slots.
 Slots slots_through(Ring& ring, int count) {
   Slots slots;
   for (int i = 0; i < count; ++i) {
@@ -138,7 +138,7 @@ SCENARIO(makes_a_ring) {
 class BadRingSize : public testing::TestWithParam<const char*> {};
 
 TEST_P(BadRingSize, EndsTheProcessWithARecord) {
-  // The record doesn't ask for any level.
+  // The record is written at every level.
   for (const char* const level : {"DEBUG", "OFF"}) {
     const auto ran = test::run_scenario("makes_a_ring", {{"QV_LOG_LEVEL", level}}, {GetParam()});
     EXPECT_TRUE(ran.aborted());
@@ -158,7 +158,7 @@ TEST(RingModule, IsFoundUnderItsPath) {
   EXPECT_EQ(qv_module_find("quorvane/mpsc"), quorvane::mpsc::g_module.get());
 }
 
-// --- one thread, from several places in the run of the numbers ---
+// --- one thread, from several start indices ---
 
 class RingFrom : public testing::TestWithParam<std::uint32_t> {
  protected:
@@ -196,7 +196,7 @@ TEST_P(RingFrom, HoldsOneEntryLessThanItHasSlots) {
   unsigned int slot;
   while (slots.size() < 7 && ring_.rd_head(slot)) {
     slots.push_back(slot);
-    // A free slot alone wakes nobody: the ring must be drained.
+    // Freeing one slot wakes nobody: the ring must be drained.
     eighth.settle();
     EXPECT_FALSE(eighth.is_done());
     ring_.rd_advance();
@@ -270,8 +270,8 @@ TEST_P(RingFrom, PublishesInTheOrderOfTheReservations) {
 INSTANTIATE_TEST_SUITE_P(Start, RingFrom,
                          testing::Values(0u, 5u, 0x7ffffffcu, 0xfffffffbu, 0xffffffffu));
 
-// What a producer sees that has read the reserve index and is held up while
-// others' entries come and go. Asleep it would wait for entries that nobody owes.
+// A producer reads the reserve index and is delayed while entries of others come and go. If
+// it slept then, nobody might ever wake it.
 TEST_P(RingFrom, IsNotFullForAProducerThatWasOvertaken) {
   RingProbe::reserve_from(ring_, GetParam() - 1);
   Watched producer([this] { ring_.wr_reserve(); });
@@ -324,7 +324,7 @@ TEST(RingLock, IsNotTakenByACommitOnOtherEntries) {
   Ring ring(4);
   ring.wr_commit(ring.wr_reserve());
   const auto lock = ring.rd_lock();
-  ring.wr_commit(ring.wr_reserve());  // would wait for ever for a lock of its own thread
+  ring.wr_commit(ring.wr_reserve());  // would deadlock if it took the lock
   ring.rd_advance();
   EXPECT_FALSE(is_empty(ring));
 }
@@ -367,7 +367,7 @@ TEST(RingWait, SleepsOnceHoweverItIsWoken) {
 // --- streams ---
 
 #ifdef QV_SANITIZED
-constexpr std::uint32_t kEntries = 100'000;  // each access costs ten times as much
+constexpr std::uint32_t kEntries = 100'000;  // each access takes ten times as long
 #else
 constexpr std::uint32_t kEntries = 1'000'000;
 #endif
@@ -377,7 +377,7 @@ struct Entry {
   std::uint32_t number;
 };
 
-// Plain memory: only the ring orders the accesses.
+// The entries are plain memory: only the ring orders the accesses.
 class Stream {
  public:
   Stream(unsigned int size, std::uint32_t start) : ring_(size), entries_(size) {
@@ -392,8 +392,8 @@ class Stream {
     }
   }
 
-  // Takes `total` entries and counts those of each producer; an entry that isn't
-  // the next of its producer fails the test.
+  // Takes `total` entries and counts those of each producer. An entry that isn't its
+  // producer's next one fails the test.
   std::vector<std::uint32_t> consume(std::uint32_t producers, std::uint32_t total) {
     std::vector<std::uint32_t> next(producers);
     auto lock = ring_.rd_lock();
@@ -424,7 +424,7 @@ struct Traffic {
   std::uint32_t producers;
   unsigned int size;
   std::uint32_t entries = kEntries;
-  std::uint32_t crossed = 0;  // the number that the run passes half-way
+  std::uint32_t crossed = 0;  // the index that the ring passes half-way
 };
 
 void PrintTo(const Traffic& row, std::ostream* out) {
@@ -449,12 +449,12 @@ TEST_P(RingTraffic, ShowsEachEntryOnceAndEachProducersInOrder) {
   }
 }
 
-// As many slots as a program would take: few entries, since one producer that
-// loses its core at the wrong time makes all others spin.
+// A usual number of slots, but few entries: a producer that loses its core between reserve
+// and commit makes all others spin.
 INSTANTIATE_TEST_SUITE_P(Wide, RingTraffic,
                          testing::Values(Traffic{1, 1024}, Traffic{2, 1024, 10'000}));
 
-// On few slots most producers sleep, as the ring is full, instead of spinning.
+// With few slots the ring is full, and most producers sleep instead of spinning.
 INSTANTIATE_TEST_SUITE_P(Narrow, RingTraffic,
                          testing::Values(Traffic{1, 2, 50'000}, Traffic{2, 4},
                                          Traffic{4, 4, kEntries / 2},
@@ -462,8 +462,8 @@ INSTANTIATE_TEST_SUITE_P(Narrow, RingTraffic,
                                          Traffic{16, 4, kEntries / 2},
                                          Traffic{16, 4, kEntries / 2, 1u << 31}));
 
-// Two rings hand one token to and fro, so that either consumer sleeps, or is
-// about to, whenever its entry comes: a lost wake-up would hang the test.
+// Two threads pass one token back and forth through two rings, so that each consumer sleeps,
+// or is about to, when its entry arrives. A lost wake-up would hang the test.
 void pass_token(Ring& from, Ring& to, int rounds) {
   for (int round = 0; round < rounds; ++round) {
     auto lock = from.rd_lock();
@@ -471,7 +471,7 @@ void pass_token(Ring& from, Ring& to, int rounds) {
       from.rd_wait(lock);
     }
     from.rd_advance();
-    lock.unlock();  // nobody commits with a consumer's lock in hand
+    lock.unlock();  // a commit must not run under a consumer's lock
     to.wr_commit(to.wr_reserve());
   }
 }
@@ -504,7 +504,7 @@ TEST(RingTokens, WakeAConsumerThatIsFastAsleep) {
   EXPECT_TRUE(is_empty(ring));
 }
 
-// Whether the lock of each condition that `operation` notifies is held meanwhile.
+// For each notification in `operation`, whether the lock of its condition is held.
 std::vector<bool> locks_at_notifications(Ring& ring, const std::function<void()>& operation) {
   std::vector<bool> held;
   g_before_notify = [&](const std::condition_variable* condition) {
@@ -533,7 +533,7 @@ TEST(RingWakeUp, IsLeftOutWhereNobodyCanWait) {
               ElementsAre());
 }
 
-// All producers but the fastest sleep on the full ring, and are woken together.
+// Three producers sleep on the full ring, and all must wake.
 TEST(RingSpace, WakesAllProducersWhenItIsDrained) {
   Ring ring(4);
   for (int round = 0; round < 100; ++round) {

@@ -1,5 +1,4 @@
-/* The C interface from a C program: that it compiles, links and works is the
- * point. */
+/* A C program that uses the C interface: it must compile, link and work. */
 #include <quorvane/env_config.h>
 #include <quorvane/fault.h>
 #include <quorvane/log.h>
@@ -21,7 +20,7 @@ static bool finds_bytes(void) {
   return qv_find_sequence(text, 3, "bc", 2) == text + 1;
 }
 
-/* No file, no set. */
+/* Without a file there is no set. */
 static bool opens_no_set(void) {
   return qv_pidset_open("") == NULL && qv_pidset_open_fd(-1) == NULL &&
          qv_pidset_max_pid_count() > 0;

@@ -1,5 +1,5 @@
-// A metrics recorder for tests: a metric is its path, its type and what was
-// added to it; the report is a JSON list of "path/type=amount".
+// A metrics recorder for tests. It adds up the counters, and reports a JSON list of
+// "path/type=amount".
 #include <sys/types.h>
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// Part of the library in coverage builds only: saves the counters of a process
-// that aborts or leaves by _exit, which would otherwise be lost with it.
+// Part of the library in coverage builds only. Saves the counters of a process that aborts
+// or calls _exit, which would otherwise lose them.
 #include <signal.h>
 
 extern "C" void __gcov_dump();
@@ -15,7 +15,7 @@ void save(int signal_number) {
 }
 
 [[maybe_unused]] const auto g_aborts = signal(SIGABRT, &save);
-// What coverage_exit.cpp raises.
+// coverage_exit.cpp raises this.
 [[maybe_unused]] const auto g_leaves = signal(SIGRTMAX, &save);
 
 }  // namespace

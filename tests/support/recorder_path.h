@@ -1,3 +1,4 @@
+// Where programs find the recorder.
 #ifndef TESTS_SUPPORT_RECORDER_PATH_H_
 #define TESTS_SUPPORT_RECORDER_PATH_H_
 
@@ -6,8 +7,8 @@
 
 namespace test {
 
-// For LD_LIBRARY_PATH. The recorder lies beside the library, and is found there
-// unless a sanitizer calls dlopen in the library's place.
+// For LD_LIBRARY_PATH. The library finds the recorder in its own directory, but a
+// sanitizer's dlopen ignores the library's run path.
 #ifdef QV_SANITIZED
 inline const std::optional<std::string> kRecorderPath = QV_BINARY_DIR "/lib";
 #else
