@@ -1,5 +1,5 @@
-// Statistics and fork: children of a process that sets statistics up, that reports, that
-// is killed, and whose descriptors are no longer what they were.
+// Statistics and fork: the parent sets statistics up, reports, is killed, or loses its
+// descriptors.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "stats_test/fixture.h"
+#include "support/recorder_path.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/thread_state.h"
@@ -35,13 +36,13 @@ namespace {
 
 using StatsFork = Stats;
 
-// As the kernel tells it.
+// Absolute, as the kernel shows the path of a descriptor.
 const char* report_path() {
   static const std::string path = std::filesystem::absolute(std::getenv("QV_STATS_REPORT_FILE"));
   return path.c_str();
 }
 
-// Runs once, in the process that set it.
+// Runs once, when the fake recorder or the plugin is loaded.
 std::function<void()> g_on_load;
 
 void run_once(std::function<void()>& hook) {
@@ -50,7 +51,7 @@ void run_once(std::function<void()>& hook) {
   }
 }
 
-// A child that ends with 0 when `body` is true.
+// Forks a child that exits with 0 if `body` returns true.
 pid_t fork_child(const std::function<bool()>& body) {
   const pid_t child = fork();
   if (child == 0) {
@@ -63,7 +64,7 @@ pid_t fork_child(const std::function<bool()>& body) {
 
 bool ends_well(pid_t child) { return wait_for(child) == 0; }
 
-// Counts and reports, through the two descriptors that a process has of its file.
+// Counts and reports. Returns whether the process then has its two descriptors of the file.
 bool uses_statistics() {
   const qv_stats_handle_t counter = qv_stats_create_counter(module_of("child"), "n");
   if (counter == QV_STATS_INVALID_HANDLE) {
@@ -76,7 +77,7 @@ bool uses_statistics() {
 
 }  // namespace
 
-// The fake recorder and the plugin call these while they are loaded.
+// The fake recorder and the plugin call these when they are loaded.
 extern "C" __attribute__((visibility("default"))) void fake_on_load() { run_once(g_on_load); }
 extern "C" __attribute__((visibility("default"))) void stats_test_plugin_is_loaded() {
   run_once(g_on_load);
@@ -85,8 +86,8 @@ extern "C" __attribute__((visibility("default"))) void stats_test_plugin_is_unlo
 
 // -- A fork while statistics are set up
 
-// So many processes, in each of which one thread uses statistics first while another
-// forks, a little later each time. Prints how many hung or failed.
+// Forks as many processes as the argument says. In each, one thread uses statistics first
+// while another forks, a little later each time. Prints how many processes hung or failed.
 SCENARIO(fork_over_the_first_use) {
   const int rounds = std::stoi(arguments.at(0));
   int failed = 0;
@@ -125,13 +126,21 @@ TEST_F(StatsFork, OverTheFirstUseHangsNoOne) {
   }
 }
 
+namespace {
+
+void fork_a_child_that_uses_statistics() {
+  if (!ends_well(fork_child(&uses_statistics))) {
+    std::abort();
+  }
+}
+
+}  // namespace
+
 SCENARIO(fork_while_a_recorder_is_made) {
   alarm(100);
   set_on_alloc([] {
     set_on_alloc(nullptr);
-    if (!ends_well(fork_child(&uses_statistics))) {
-      std::abort();
-    }
+    fork_a_child_that_uses_statistics();
   });
   return uses_statistics() ? 0 : 1;
 }
@@ -143,11 +152,7 @@ TEST_F(StatsFork, ByARecorderThatIsMadeLeavesParentAndChildWithStatisticsOfTheir
 
 SCENARIO(fork_while_a_recorder_is_loaded) {
   alarm(100);
-  g_on_load = [] {
-    if (!ends_well(fork_child(&uses_statistics))) {
-      std::abort();
-    }
-  };
+  g_on_load = &fork_a_child_that_uses_statistics;
   return uses_statistics() ? 0 : 1;
 }
 
@@ -156,7 +161,7 @@ TEST_F(StatsFork, ByARecorderThatIsLoadedLeavesParentAndChildWithStatisticsOfThe
   EXPECT_EQ(reports(file()).size(), 3U);
 }
 
-// The child of such a fork goes on where its parent's thread was.
+// The child of such a fork goes on setting statistics up.
 SCENARIO(go_on_in_the_child) {
   static pid_t child = -1;
   alarm(100);
@@ -177,13 +182,12 @@ SCENARIO(go_on_in_the_child) {
 }
 
 TEST_F(StatsFork, ByARecorderMayGoOnInTheChild) {
-  const Environment fake{{"LD_LIBRARY_PATH", QV_FAKE_RECORDERS "/fake"}};
-  EXPECT_TRUE(run("go_on_in_the_child", fake, {"load"}).exited_with(0));
-  EXPECT_TRUE(run("go_on_in_the_child", fake, {"alloc"}).exited_with(0));
+  EXPECT_TRUE(run_with("fake", "go_on_in_the_child", {}, {"load"}).exited_with(0));
+  EXPECT_TRUE(run_with("fake", "go_on_in_the_child", {}, {"alloc"}).exited_with(0));
 }
 
-// The fork is over before the recorder is made: it doesn't wait for that. In the child
-// statistics are not set up, and nothing of its parent's attempt is left.
+// The fork doesn't wait for the recorder: it returns while the recorder is being made. The
+// child has no statistics yet, and no descriptor of its parent's attempt.
 SCENARIO(fork_beside_a_recorder_that_is_made) {
   static bool is_right = false;
   alarm(100);
@@ -220,7 +224,7 @@ TEST_F(StatsFork, BesideARecorderThatIsMadeLetsItUseTheLibrary) {
   EXPECT_TRUE(run_with("fake", "register_a_module_while_a_recorder_is_made").exited_with(0));
 }
 
-// The fork waits until the recorder is loaded, without keeping it from the library.
+// The fork waits until the recorder is loaded, which meanwhile may call the library.
 SCENARIO(fork_beside_a_recorder_that_is_loaded) {
   static std::optional<test::Watched> forking;
   static bool is_loaded = false;
@@ -243,8 +247,8 @@ TEST_F(StatsFork, BesideARecorderThatIsLoadedWaitsForIt) {
   EXPECT_EQ(reports(file()).size(), 3U);
 }
 
-// A plugin's constructor runs with the loader's lock held, for which the other thread
-// waits as it loads the recorder.
+// A plugin's constructor runs under the loader's lock. The other thread waits for that lock
+// to load the recorder.
 SCENARIO(fork_in_a_plugin_that_is_loaded) {
   static std::optional<test::Watched> first;
   static bool is_right = false;
@@ -264,7 +268,7 @@ TEST_F(StatsFork, InAPluginThatIsLoadedBesideTheFirstUseHangsNoOne) {
   EXPECT_EQ(reports(file()).size(), 3U);
 }
 
-// To open a FIFO waits for its reader.
+// Opening a FIFO for writing waits for a reader.
 SCENARIO(fork_while_a_fifo_has_no_reader) {
   alarm(100);
   const char* const fifo = report_path();
@@ -290,14 +294,14 @@ SCENARIO(fork_just_after_the_set_up) {
   return ends_well(fork_child(&uses_statistics)) ? 0 : 1;
 }
 
-#ifndef QV_SANITIZED  // their allocators don't survive a fork while a thread starts
+#ifndef QV_SANITIZED  // a sanitizer's allocator doesn't survive a fork while a thread starts
 TEST_F(StatsFork, JustAfterTheReportThreadStartedLeavesTheChildWithStatistics) {
   const Environment with_thread{{"QV_STATS_REPORT_PERIOD", "1000"}};
   EXPECT_TRUE(run("fork_just_after_the_set_up", with_thread).exited_with(0));
   EXPECT_EQ(reports(file()).size(), 2U);
 }
 
-// See Stats::run for why not with sanitizers.
+// A sanitizer's dlopen ignores the run path of the library.
 TEST_F(StatsFork, HandlersFromBeforeTheLibraryMayReportInTheChildOfAReportingProcess) {
   const Ran ran =
       test::run_program(QV_STATS_FORKER, {QV_LIBRARY}, {{"QV_STATS_REPORT_FILE", file()}});
@@ -306,12 +310,12 @@ TEST_F(StatsFork, HandlersFromBeforeTheLibraryMayReportInTheChildOfAReportingPro
 }
 #endif
 
-// -- Descriptors that are something else's
+// -- Descriptors that the program closed and used again
 
 namespace {
 
-// As a daemon does: closes all, and opens a file of its own under every number that
-// statistics had.
+// Closes the report file's descriptors, as a daemon does, and opens a file of its own under
+// each of their numbers.
 bool take_all_numbers(const std::string& own) {
   const std::set<int> numbers = descriptors_of(report_path());
   for (const int number : numbers) {
@@ -334,7 +338,7 @@ SCENARIO(report_after_the_numbers_are_taken) {
   alarm(100);
   const std::string& own = arguments.at(0);
   const bool in_child = arguments.at(1) == "child";
-  report_path();  // before it changes its directory
+  report_path();  // before the working directory changes
   get_singleton_module();
   const auto take_and_report = [&] {
     if (chdir("/") != 0 || !take_all_numbers(own)) {
@@ -363,16 +367,14 @@ TEST_F(StatsFork, LeavesAFileThatTookItsNumbersAloneAndOpensItsOwnAgain) {
   }
 }
 
-// The path is that of the start.
+// The path is relative to the working directory at the start.
 TEST_F(StatsFork, OpensARelativePathAgainWhereItWas) {
   const std::string program = std::filesystem::read_symlink("/proc/self/exe");
   const std::string command = "cd '" + dir_.path() + "' && exec '" + program +
                               "' --scenario report_after_the_numbers_are_taken '" +
                               dir_.file("own") + "' parent";
-  Environment environment{{"QV_STATS_REPORT_FILE", "report"}};
-#ifdef QV_SANITIZED
-  environment["LD_LIBRARY_PATH"] = QV_BINARY_DIR "/lib";
-#endif
+  const Environment environment{{"QV_STATS_REPORT_FILE", "report"},
+                                {"LD_LIBRARY_PATH", test::kRecorderPath}};
   EXPECT_TRUE(test::run_program("/bin/sh", {"-c", command}, environment).exited_with(0));
   EXPECT_EQ(reports(file()).size(), 4U);
 }
@@ -468,7 +470,7 @@ namespace {
 
 int g_forked[2];
 
-// Within a report another thread forks a child that sleeps, and the process is killed.
+// During a report, another thread forks a child that sleeps, and the process is killed.
 void fork_and_be_killed(FakeWrite write_piece, void* closure) {
   write_piece(closure, "[", 1);
   std::thread([] {
@@ -488,11 +490,10 @@ int be_killed_within_a_report(const std::function<void()>& before) {
   pipe2(g_forked, O_CLOEXEC);
   const pid_t process = fork();
   if (process == 0) {
-    set_on_alloc(nullptr);  // loads the recorder
+    set_on_alloc(nullptr);  // loads the recorder before calls are refused
     before();
     get_singleton_module();
-    set_output(&fork_and_be_killed);
-    get_singleton_module()->report_now();
+    report_with(&fork_and_be_killed);
     _exit(0);
   }
   close(g_forked[1]);
@@ -514,7 +515,7 @@ SCENARIO(be_killed_within_a_report) {
   return be_killed_within_a_report([] {});
 }
 
-// To be refused is all that root knows of a file's mode.
+// Root ignores the mode of a file, so the call itself is refused.
 SCENARIO(be_killed_within_a_report_of_a_file_that_cant_be_read) {
   return be_killed_within_a_report([] {
     test::refuse(SYS_openat, EACCES, test::When{2, O_RDONLY | O_CLOEXEC});
@@ -530,7 +531,7 @@ TEST_F(StatsFork, NeitherDoesOneWhoseFileMayOnlyBeWrittenTo) {
       run_with("fake", "be_killed_within_a_report_of_a_file_that_cant_be_read").exited_with(0));
 }
 
-// The line after what a killed process wrote is whole.
+// A killed process leaves half a line. The next report begins a new line.
 TEST_F(StatsFork, AReportAfterHalfALineBeginsALineOfItsOwn) {
   test::write_file(file(), "{\"ts\": 1, \"lo");
   EXPECT_TRUE(run("report_in_a_child_and_execute").exited_with(0));

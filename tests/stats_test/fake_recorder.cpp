@@ -1,6 +1,6 @@
-// A metrics recorder for tests: it prints each call, returns what tells the calls
-// apart, fails where the test wants it to, and leaves the report to the test.
-// Built once whole, and once without each of its functions.
+// A metrics recorder for tests. It prints each call, returns a different value from each
+// function, fails where the test says so, and leaves the report to the test. It is built
+// once complete, and once without each of its functions.
 #include "stats_test/fake_recorder.h"
 
 #include <cstdlib>
@@ -22,14 +22,14 @@ void print(const Parts&... parts) {
   [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
 }
 
-// Whether the test wants this call to fail: FAKE_REFUSES names a function, with
-// the last name that it is given behind a blank.
+// Whether the call must fail: FAKE_REFUSES holds the function's name without its prefix,
+// for register_ns followed by a blank and the namespace's name.
 bool refuses(const std::string& call) {
-  const char* wanted = std::getenv("FAKE_REFUSES");
-  return wanted != nullptr && call == wanted;
+  const char* refused = std::getenv("FAKE_REFUSES");
+  return refused != nullptr && call == refused;
 }
 
-// A handle is the path that it stands for.
+// A handle points to the path of its metric or namespace.
 void* handle(const std::string& path) {
   static std::deque<std::string>& paths = *new std::deque<std::string>;
   return &paths.emplace_back(path);
@@ -39,7 +39,7 @@ const std::string& path_of(void* handle) { return *static_cast<std::string*>(han
 
 }  // namespace
 
-// The program's, if it has one.
+// The program may define it.
 extern "C" void fake_on_load() __attribute__((weak));
 
 [[maybe_unused]] const bool g_loaded = (&fake_on_load != nullptr ? fake_on_load() : void(), true);

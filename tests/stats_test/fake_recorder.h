@@ -1,4 +1,4 @@
-// How a test writes the report in a fake recorder's place.
+// What a test and the fake recorder know of each other.
 #ifndef TESTS_STATS_TEST_FAKE_RECORDER_H_
 #define TESTS_STATS_TEST_FAKE_RECORDER_H_
 
@@ -11,14 +11,14 @@
 using FakeWrite = ssize_t (*)(void* closure, const void* bytes, std::size_t length);
 using FakeOutput = void (*)(FakeWrite write_piece, void* closure);
 
-// The recorder exports `void fake_set_output(FakeOutput)`: from now on `output`
-// writes the reports.
+// The recorder exports `void fake_set_output(FakeOutput)`. From then on, `output` writes
+// the reports.
 using FakeSetOutput = void (*)(FakeOutput output);
 
-// And `void fake_set_on_alloc(FakeHook)`: called when a recorder is made.
+// It also exports `void fake_set_on_alloc(FakeHook)`, whose hook runs when a recorder is made.
 using FakeHook = void (*)();
 using FakeSetOnAlloc = void (*)(FakeHook hook);
 
-// A program that exports `void fake_on_load()` has it called while the recorder is loaded.
+// If the program exports `void fake_on_load()`, the recorder calls it while it is loaded.
 
 #endif  // TESTS_STATS_TEST_FAKE_RECORDER_H_

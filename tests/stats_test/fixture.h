@@ -7,20 +7,21 @@
 #include <quorvane/module.h>
 #include <quorvane/stats.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "stats_test/fake_recorder.h"
+#include "support/lines.h"
+#include "support/processes.h"
+#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -35,10 +36,12 @@ using quorvane::module::Module;
 using quorvane::stats::CircMetricsModule;
 using quorvane::stats::get_singleton_module;
 using test::Environment;
+using test::lines_of;
 using test::Ran;
 using test::read_file;
 using test::run_scenario;
 using test::TempDir;
+using test::wait_for;
 using Lines = std::vector<std::string>;
 
 inline const std::string kOff = "INFO Statistics capture disabled.";
@@ -47,16 +50,7 @@ inline std::string capturing(const std::string& path) {
   return "INFO Capturing statistics measurements to " + path + ".";
 }
 
-inline Lines lines_of(const std::string& text) {
-  Lines lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// What the line reports; the line must be exactly one report.
+// The "log" member of a report line. A line that isn't exactly one report fails the test.
 inline json log_of(const std::string& line) {
   const json whole = json::parse(line);
   const std::string head = "{\"ts\": " + whole["ts"].dump() + ", \"log\":";
@@ -67,7 +61,7 @@ inline json log_of(const std::string& line) {
   return whole["log"];
 }
 
-// What each line of the report file says.
+// The "log" member of each line in a report file.
 inline std::vector<json> reports(const std::string& path) {
   const std::string text = read_file(path);
   EXPECT_TRUE(text.empty() || text.back() == '\n');
@@ -78,7 +72,7 @@ inline std::vector<json> reports(const std::string& path) {
   return logs;
 }
 
-// A report file of its own for each test, and statistics that write to it.
+// Gives each test a report file and runs scenarios that report to it.
 class Stats : public testing::Test {
  protected:
   std::string file() const { return dir_.file("report"); }
@@ -86,17 +80,14 @@ class Stats : public testing::Test {
   Ran run(const std::string& scenario, Environment environment = {},
           const test::Arguments& arguments = {}) const {
     environment.emplace("QV_STATS_REPORT_FILE", file());
-#ifdef QV_SANITIZED
-    // A sanitizer calls dlopen in the library's place, and so without its run path.
-    environment.emplace("LD_LIBRARY_PATH", QV_BINARY_DIR "/lib");
-#endif
+    environment.emplace("LD_LIBRARY_PATH", test::kRecorderPath);
     return run_scenario(scenario, environment, arguments);
   }
 
   Ran run_with(const std::string& recorder, const std::string& scenario,
-               Environment environment = {}) const {
+               Environment environment = {}, const test::Arguments& arguments = {}) const {
     environment["LD_LIBRARY_PATH"] = std::string(QV_FAKE_RECORDERS) + "/" + recorder;
-    return run(scenario, environment);
+    return run(scenario, environment, arguments);
   }
 
   TempDir dir_;
@@ -104,19 +95,40 @@ class Stats : public testing::Test {
 
 using CircMetrics = Stats;
 
-// A child of a process with several threads has lost all but one: what the others
-// held looks leaked, and the allocator's locks may be held for ever. Such a child
-// leaves the leak check to its parent.
+// A forked child has only the thread that forked. To a leak checker, what the other
+// threads held looks leaked, and their allocator locks may stay locked for ever. Such a
+// child leaves the leak check to its parent.
 inline bool g_leaves_leak_check = false;
 
 inline void* module_of(const char* path) { return quorvane::Module(path).get(); }
 
-inline std::size_t thread_count() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+// Creates a metric of each kind and returns how many handles are invalid, or 100 if that
+// contradicts get_singleton_module().
+inline int create_every_kind() {
+  static const int64_t integer = 0;  // static: the last report reads both, too
+  static const double real = 0;
+  void* module = module_of("m");
+  const qv_stats_handle_t handles[] = {qv_stats_create_gauge_int64(module, "i", &integer),
+                                       qv_stats_create_gauge_double(module, "d", &real),
+                                       qv_stats_create_counter(module, "c"),
+                                       qv_stats_create_histogram(module, "h")};
+  int invalid = 0;
+  for (const qv_stats_handle_t handle : handles) {
+    invalid += handle == UINT64_MAX ? 1 : 0;
+    if (handle == QV_STATS_INVALID_HANDLE) {
+      qv_stats_counter_inc(handle, 1);
+      qv_stats_hist_insert(handle, 1.0, 1);
+      qv_stats_hist_insert_fast(handle, 1, 0, 1);
+    }
+  }
+  if ((get_singleton_module() == nullptr) != (invalid == 4) ||
+      get_singleton_module() != get_singleton_module()) {
+    return 100;
+  }
+  return invalid;
 }
 
-// Waits until `condition` holds; a process that waits for ever fails its test.
+// Waits until `condition` holds. After 100 seconds the process ends, and its test fails.
 template <typename Condition>
 inline void wait_until(Condition condition) {
   alarm(100);
@@ -126,23 +138,7 @@ inline void wait_until(Condition condition) {
   alarm(0);
 }
 
-// Whether the thread is inside this system call.
-inline bool is_in_call(const std::string& task, long number) {
-  std::ifstream file("/proc/" + task + "/syscall");
-  long call = -1;
-  return (file >> call) && call == number;
-}
-
-inline std::string task_of_this_thread() {
-  return "self/task/" + std::to_string(syscall(SYS_gettid));
-}
-
-// Any clock's sleep, also one that the kernel interrupted and went on with.
-inline bool is_sleeping(const std::string& task) {
-  return is_in_call(task, SYS_nanosleep) || is_in_call(task, SYS_clock_nanosleep) ||
-         is_in_call(task, SYS_restart_syscall);
-}
-
+// The threads of this process.
 inline std::set<std::string> tasks() {
   std::set<std::string> ids;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -151,8 +147,22 @@ inline std::set<std::string> tasks() {
   return ids;
 }
 
-// A sanitizer starts a thread of its own beside a program's first one: let that be
-// this one, which is gone at the return.
+// Whether the thread is inside this system call.
+inline bool is_in_call(const std::string& task, long number) {
+  std::ifstream file("/proc/" + task + "/syscall");
+  long call = -1;
+  return (file >> call) && call == number;
+}
+
+// Whether the thread sleeps by any clock, or in a sleep that the kernel interrupted and
+// resumed.
+inline bool is_sleeping(const std::string& task) {
+  return is_in_call(task, SYS_nanosleep) || is_in_call(task, SYS_clock_nanosleep) ||
+         is_in_call(task, SYS_restart_syscall);
+}
+
+// A sanitizer starts a thread of its own together with the program's first one. Starts
+// that first one, and returns when it has ended.
 inline void start_sanitizers_thread() {
   std::string id;
   std::thread([&] { id = std::to_string(syscall(SYS_gettid)); }).join();
@@ -171,28 +181,26 @@ inline pid_t start_reporter() {
   return std::stoi(reporter);
 }
 
-// The fake recorder's report is what `output` writes. The recorder is the one
-// that this process's statistics load.
+// Has `output` write the reports of the fake recorder that this process's statistics use.
 inline void set_output(FakeOutput output) {
   void* library = dlopen("libcircmetrics.so", RTLD_LAZY | RTLD_NOLOAD);
   reinterpret_cast<FakeSetOutput>(dlsym(library, "fake_set_output"))(output);
 }
 
-inline void* load_recorder() { return dlopen(QV_BINARY_DIR "/lib/libcircmetrics.so", RTLD_LAZY); }
-
-inline int wait_for(pid_t child) {
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status;
+// Makes one report, which `output` writes.
+inline void report_with(FakeOutput output) {
+  set_output(output);
+  get_singleton_module()->report_now();
+  set_output(nullptr);
 }
 
-// Before statistics are on.
+// Has the fake recorder call `hook` when it is made. Call it before statistics are on.
 inline void set_on_alloc(FakeHook hook) {
   void* recorder = dlopen("libcircmetrics.so", RTLD_LAZY);
   reinterpret_cast<FakeSetOnAlloc>(dlsym(recorder, "fake_set_on_alloc"))(hook);
 }
 
-// The numbers that are open on the file.
+// The descriptors that are open on the file.
 inline std::set<int> descriptors_of(const std::string& path) {
   std::set<int> numbers;
   for (const auto& open : std::filesystem::directory_iterator("/proc/self/fd")) {

@@ -1,12 +1,11 @@
-// A program that registers fork handlers and then loads the library: its child handler
-// reports before the library's own handler has run, while a thread of the parent is in
-// the middle of a report.
+// Registers fork handlers and then loads the library. The child handler therefore reports
+// before the library's own handler runs. A thread of the parent is in the middle of a
+// report at that time.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +13,8 @@
 #include <fstream>
 #include <string>
 #include <thread>
+
+#include "support/processes.h"
 
 namespace {
 
@@ -39,14 +40,10 @@ int fork_while_reporting(const char* path) {
   while (tid == 0 || !is_waiting_for_a_file_lock(tid)) {
     std::this_thread::yield();
   }
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
+  const pid_t child = test::in_child([] { return 0; });
   flock(other, LOCK_UN);
   close(other);
-  int status = -1;
-  waitpid(child, &status, 0);
+  const int status = test::wait_for(child);
   reporter.join();
   return status;
 }

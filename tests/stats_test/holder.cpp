@@ -1,4 +1,4 @@
-// Needs the fake recorder, so that closing the recorder doesn't unload it.
+// Links the fake recorder, and so keeps it loaded when its handle is closed.
 extern "C" void* stats_recorder_alloc();
 
 extern "C" void* stats_test_hold();

@@ -1,5 +1,5 @@
-// A program that links nothing of ours and has no run path: it loads the library
-// by its path, counts once and ends.
+// Loads the library by its path, counts once and ends. The program itself links no part of
+// the library and has no run path.
 #include <dlfcn.h>
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// A library that tells the program when it is loaded and when it is unloaded.
+// Calls the program when the plugin is loaded and when it is unloaded.
 extern "C" void stats_test_plugin_is_loaded();
 extern "C" void stats_test_plugin_is_unloaded();
 
