@@ -1,4 +1,4 @@
-// The two files of a lazy store, built and taken apart by the tests themselves.
+// Builds and parses the two files of a lazy store, independently of the library.
 #ifndef TESTS_SUPPORT_LAZY_FILES_H_
 #define TESTS_SUPPORT_LAZY_FILES_H_
 
@@ -12,8 +12,8 @@
 
 namespace test {
 
-// The first line of the lazy store's checks, all of which are fixed numbers;
-// other checks of the caches lie further up in their sources.
+// The lowest line number of the lazy store's checks, whose numbers are pinned. The other
+// checks of the caches have lower ones.
 constexpr int kFirstLazyLine = 897;
 
 struct LazyFiles {
@@ -47,12 +47,12 @@ inline LazyFiles add_to(LazyFiles files, const std::vector<Entry>& entries) {
   return files;
 }
 
-// Both files with these entries in this order.
+// Both files, holding these entries in this order.
 inline LazyFiles lazy_files(const std::vector<Entry>& entries) {
   return add_to({header_bytes(2), header_bytes(2)}, entries);
 }
 
-// Those of the store "maps" in a root.
+// The files of the store "maps" in a root.
 inline LazyFiles read_lazy_files(const std::string& root) {
   return {read_file(root + "/key_maps"), read_file(root + "/val_maps")};
 }
@@ -61,15 +61,15 @@ inline void write_lazy_files(const std::string& root, const LazyFiles& files) {
   write_file(root + "/val_maps", files.val);
 }
 
-// What a reader of the two files must find: the entries before the first damage,
-// and the records of that damage (none when all is whole).
+// What a reader of the two files must find: the entries before the first damage, and the
+// records of that damage (none when the files are intact).
 struct LazyWalk {
-  std::vector<Entry> entries;  // without atoms from a scan for keys
+  std::vector<Entry> entries;  // a scan for keys leaves their atoms out
   std::vector<std::string> messages;
 };
 
-// A straightforward reader, which shares nothing with the library's. A load
-// looks into the value file, a scan for keys does not.
+// A plain reader that shares nothing with the library's. A load reads the value file, a scan
+// for keys doesn't.
 class LazyWalker {
  public:
   LazyWalker(const LazyFiles& files, std::string key_path, bool is_load)

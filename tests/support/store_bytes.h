@@ -1,5 +1,5 @@
-// The bytes of store files, built and taken apart by the tests themselves, and
-// the buffers and records that go with them.
+// Builds and parses the bytes of store files independently of the library, and the buffers
+// and records that go with them.
 #ifndef TESTS_SUPPORT_STORE_BYTES_H_
 #define TESTS_SUPPORT_STORE_BYTES_H_
 
@@ -50,7 +50,7 @@ inline std::string entry_bytes(const Entry& entry) {
   return "\xa5\xc3\xa5\xc3" + le64(entry.key.size()) + entry.key + value_bytes(entry.atoms);
 }
 
-// A basic store's file with these entries in this order.
+// A basic store's file, holding these entries in this order.
 inline std::string basic_file(const std::vector<Entry>& entries) {
   std::string bytes = header_bytes(1);
   for (const Entry& entry : entries) {
@@ -107,7 +107,7 @@ inline quorvane::cache::KeySet keys_of(const quorvane::cache::EntryMap& entries)
   return keys;
 }
 
-// "key=atom,atom" of each entry and a newline, in the order of the map.
+// A line "key=atom,atom" for each entry, in the order of the map.
 template <typename Entries>
 std::string listing(const Entries& entries) {
   std::string text;
@@ -130,16 +130,16 @@ inline std::string listing(const quorvane::cache::KeySet& keys) {
   return text;
 }
 
-// What a reader of a basic store's file must find: the entries before the first
-// damage, and the check that fails there ("" when the file is whole).
+// What a reader of a basic store's file must find: the entries before the first damage, and
+// the check that fails there ("" when the file is intact).
 struct Walk {
   std::vector<Entry> entries;
   std::vector<std::string> collisions;  // keys that occurred again
   std::string failed_check;
 };
 
-// A straightforward reader, which shares nothing with the library's. With `copying`
-// false it quotes the check of a reader that passes over the values.
+// A plain reader that shares nothing with the library's. Without `copying` it quotes the
+// check of a reader that skips the values.
 class FileWalker {
  public:
   FileWalker(const std::string& bytes, bool copying) : bytes_(bytes), copying_(copying) {}
@@ -241,7 +241,7 @@ inline Walk walk_basic_file(const std::string& bytes, bool copying = true) {
   return FileWalker(bytes, copying).walk();
 }
 
-// The record of a failed expectation or assertion, its line left out.
+// The record of a failed expectation or assertion, without its line.
 inline std::string expectation(const std::string& condition,
                                const std::string& source = "util/src/cache") {
   return "ERROR QV_FAULT_EXPECT: expectation (" + condition + ") failed (" + source + ")";
@@ -251,14 +251,17 @@ inline std::string assertion(const std::string& condition,
   return "ERROR QV_FAULT_ASSERT: assertion (" + condition + ") failed (" + source + ")";
 }
 
-// The same for a check whose line is a fixed number.
+// The record of a header with another magic number or version.
+inline const std::string kOtherHeader =
+    expectation("std::memcmp(hdr, &valid_hdr_, sizeof(valid_hdr_)) == 0");
+
+// The record of a failed expectation whose line is pinned.
 inline std::string expectation_at(const std::string& condition, int line) {
   return expectation(condition, "util/src/cache:" + std::to_string(line));
 }
 
-// The messages with a final "(util/src/cache:123)" turned into
-// "(util/src/cache)": a check's line is that of its site. Lines from `first_fixed`
-// on stay.
+// Turns a final "(util/src/cache:123)" into "(util/src/cache)", since most checks change their
+// lines with the source. Lines from `first_fixed` on stay.
 inline std::vector<std::string> without_lines(std::vector<std::string> messages,
                                               int first_fixed = std::numeric_limits<int>::max()) {
   for (std::string& message : messages) {
@@ -281,7 +284,7 @@ inline quorvane::module::Module* module_of(const char* path) {
   return static_cast<quorvane::module::Module*>(qv_module_find(path));
 }
 
-// A lock that counts, for stores whose files nobody else touches.
+// Counts its calls and excludes nobody: for stores whose files nobody else touches.
 class CountingLock : public quorvane::cache::Store::Lock {
  public:
   explicit CountingLock(bool valid = true) : valid_(valid) {}
