@@ -1,5 +1,4 @@
-// Appends that are killed: no kill makes a store unreadable or loses an entry that was
-// stored before.
+// Kills appends. No kill may make a store unreadable or lose an entry that was stored before.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
@@ -18,8 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/lock_probe.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::Cache;
@@ -27,12 +29,11 @@ using quorvane::cache::make_file_store;
 using quorvane::cache::StoreKind;
 using test::buffer;
 using test::buffers;
+using test::kHangSeconds;
 using test::Ran;
-using test::TempDir;
+using test::root_file;
 
 namespace {
-
-constexpr unsigned kHangSeconds = 60;
 
 StoreKind kind_of(const std::string& name) {
   return name == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
@@ -43,14 +44,13 @@ std::unique_ptr<Cache> open_cache(const std::string& kind) {
 }
 
 void unlink_store() {
-  const std::string root = getenv("QV_CACHE_STORE_ROOT");
-  for (const char* name : {"/maps", "/key_maps", "/val_maps"}) {
-    unlink((root + name).c_str());
+  for (const char* name : {"maps", "key_maps", "val_maps"}) {
+    unlink(root_file(name).c_str());
   }
 }
 
-// The entries of one append: larger together than a stream's buffer, so that they reach
-// the file in several writes.
+// The entries of one append. Together they exceed a stream's buffer, so they reach the file in
+// several writes.
 constexpr int kEntriesOfAnAppend = 40;
 
 std::string key_of(int append, int entry) {
@@ -70,7 +70,7 @@ void add_entries(Cache& cache, int append, std::size_t value_size) {
   }
 }
 
-// How many entries of an append the cache has; -1 when one has a wrong value.
+// How many entries of an append the cache has, or -1 if one has a wrong value.
 int count_entries(Cache& cache, int append, std::size_t value_size) {
   int count = 0;
   for (int entry = 0; entry < kEntriesOfAnAppend; ++entry) {
@@ -85,11 +85,10 @@ int count_entries(Cache& cache, int append, std::size_t value_size) {
   return count;
 }
 
-// Returns at some moment of an append, as far as one process can tell of another: as soon
-// as its note is there, and then up to 300 us later.
+// Returns at a random moment of another process's append: up to 300 us after its note appears.
 template <typename Random>
 void await_append(Random& random) {
-  const std::string lock = std::string(getenv("QV_CACHE_STORE_ROOT")) + "/lock_maps";
+  const std::string lock = root_file("lock_maps");
   struct stat status {};
   while (stat(lock.c_str(), &status) != 0 || status.st_size == 0) {
   }
@@ -103,8 +102,8 @@ void await_append(Random& random) {
 struct Tally {
   int kills = 0;
   int unreadable = 0;
-  int lost = 0;    // appends that had returned and aren't there in full
-  int halved = 0;  // killed appends of which a part is there
+  int lost = 0;    // appends that returned, but lack entries
+  int halved = 0;  // killed appends of which only a part is there
 
   void look_at(const std::string& kind, const std::vector<int>& stored, int killed,
                std::size_t value_size) {
@@ -124,8 +123,8 @@ struct Tally {
 
 // --- a kill at every system call ---
 
-// Runs `append` in a child that is killed at its system call stop number `stop`. False
-// when it ended before.
+// Runs `append` in a child and kills it at its system call stop number `stop`. False if the
+// child ended before.
 template <typename Append>
 bool is_killed_at(int stop, const Append& append) {
   const pid_t child = fork();
@@ -151,7 +150,7 @@ bool is_killed_at(int stop, const Append& append) {
 
 }  // namespace
 
-// Arguments: kind, what is there before ("nothing" or "entries"), the size of values.
+// Arguments: kind, what the store holds before ("nothing" or "entries"), size of the values.
 SCENARIO(kill_at_each_call) {
   const std::string& kind = arguments.at(0);
   const bool from_nothing = arguments.at(1) == "nothing";
@@ -177,8 +176,7 @@ SCENARIO(kill_at_each_call) {
   return 0;
 }
 
-// Arguments: kind, kills. Each child appends again and again, and says after each append
-// which it was.
+// Arguments: kind, kills. Each child appends in a loop and acknowledges each append by number.
 SCENARIO(kill_anywhere) {
   const std::string& kind = arguments.at(0);
   constexpr std::size_t kValueSize = 4000;
@@ -202,8 +200,7 @@ SCENARIO(kill_anywhere) {
     close(acknowledged[1]);
     await_append(random);
     kill(child, SIGKILL);
-    int status = 0;
-    waitpid(child, &status, 0);
+    test::wait_for(child);
     ++tally.kills;
     for (int append; read(acknowledged[0], &append, sizeof(append)) == sizeof(append);) {
       stored.push_back(append);
@@ -211,7 +208,7 @@ SCENARIO(kill_anywhere) {
     }
     close(acknowledged[0]);
     tally.look_at(kind, stored, next, kValueSize);
-    ++next;  // what was killed may be there in full
+    ++next;  // the killed append may be complete
     if (stored.size() > 10) {
       stored.clear();
       unlink_store();
@@ -221,9 +218,9 @@ SCENARIO(kill_anywhere) {
   return 0;
 }
 
-// Arguments: kind, kills. A thread appends again and again while the process forks a
-// child that only sleeps; then the process is killed, and the child lives on. Who opens
-// the store next must not wait for the child.
+// Arguments: kind, kills. One thread appends in a loop while another one forks a child that
+// only sleeps. Then the process is killed, and the child lives on. The next process that opens
+// the store must not wait for the child.
 SCENARIO(kill_beside_a_child) {
   const std::string& kind = arguments.at(0);
   constexpr std::size_t kValueSize = 4000;
@@ -231,40 +228,25 @@ SCENARIO(kill_beside_a_child) {
   Tally tally;
   for (int round = 0; round < std::stoi(arguments.at(1)); ++round) {
     unlink_store();
-    int pids[2];
-    if (pipe(pids) != 0) {
-      return 2;
-    }
-    const pid_t killed = fork();
-    if (killed == 0) {
+    test::PidPipe pids;
+    const pid_t killed = test::in_child([&] {
       std::thread([&] {
         for (int append = 0;; ++append) {
           add_entries(*open_cache(kind), append, kValueSize);
         }
       }).detach();
       await_append(random);
-      if (fork() == 0) {
-        const pid_t self = getpid();
-        static_cast<void>(!write(pids[1], &self, sizeof(self)));
-        for (;;) {
-          pause();
-        }
-      }
-      for (;;) {
-        pause();
-      }
-    }
-    pid_t sleeper = -1;
-    static_cast<void>(!read(pids[0], &sleeper, sizeof(sleeper)));
+      test::fork_sleeper(pids);
+      return test::sleep_until_killed();
+    });
+    const pid_t sleeper = pids.receive();
     kill(killed, SIGKILL);
-    waitpid(killed, nullptr, 0);
+    test::wait_for(killed);
     ++tally.kills;
     alarm(kHangSeconds);
     tally.look_at(kind, {}, 0, kValueSize);
     alarm(0);
     kill(sleeper, SIGKILL);
-    close(pids[0]);
-    close(pids[1]);
   }
   tally.print();
   return 0;
@@ -276,14 +258,10 @@ class AppendKills : public testing::TestWithParam<const char*> {
  protected:
   Ran run(const std::string& scenario, test::Arguments arguments) const {
     arguments.insert(arguments.begin(), GetParam());
-    return test::run_scenario(scenario,
-                              {{"QV_CACHE_STORE_ROOT", root_.path()},
-                               {"QV_CACHE_STORE_CLEANUP_THRESHOLD", "0"},
-                               {"QV_LOG_LEVEL", "WARN"}},
-                              arguments);
+    return root_.run_unlimited(scenario, arguments);
   }
 
-  // "kills N unreadable 0 lost 0 halved 0" with any N above `least`.
+  // "kills N unreadable 0 lost 0 halved 0" with an N of at least `least`.
   static void expect_no_harm(const Ran& ran, int least) {
     int kills = 0;
     char rest[64] = "";
@@ -292,8 +270,8 @@ class AppendKills : public testing::TestWithParam<const char*> {
     EXPECT_GE(kills, least);
   }
 
-  // The only records are those of appends that were undone, one for each at most. Returns
-  // how many there are.
+  // Expects no record but those of undone appends, at most one for each kill. Returns their
+  // number.
   std::size_t expect_only_undone(const Ran& ran) const {
     const std::string paths = std::string(GetParam()) == "basic"
                                   ? root_.file("maps")
@@ -310,7 +288,16 @@ class AppendKills : public testing::TestWithParam<const char*> {
     return messages.size();
   }
 
-  const TempDir root_;
+  // Kills 40 times, or as often as QV_TEST_KILLS says.
+  void expect_random_kills_harmless(const std::string& scenario) const {
+    const char* const kills = getenv("QV_TEST_KILLS");
+    const Ran ran = run(scenario, {kills == nullptr ? "40" : kills});
+    expect_no_harm(ran, 40);
+    const std::size_t undone = expect_only_undone(ran);
+    std::fprintf(stderr, "%s: %s, %zu appends undone\n", GetParam(), ran.out.c_str(), undone);
+  }
+
+  const test::StoreRoot root_;
 };
 
 TEST_P(AppendKills, AtAnyCallOfTheFirstAppendLeaveAStoreThatLoads) {
@@ -327,21 +314,12 @@ TEST_P(AppendKills, AtAnyCallOfAnAppendLeaveWhatWasStored) {
   EXPECT_GT(expect_only_undone(ran), 0u);
 }
 
-// QV_TEST_KILLS has more of them.
 TEST_P(AppendKills, AtAnyMomentLeaveWhatWasStored) {
-  const char* const kills = getenv("QV_TEST_KILLS");
-  const Ran ran = run("kill_anywhere", {kills == nullptr ? "40" : kills});
-  expect_no_harm(ran, 40);
-  const std::size_t undone = expect_only_undone(ran);
-  std::fprintf(stderr, "%s: %s, %zu appends undone\n", GetParam(), ran.out.c_str(), undone);
+  expect_random_kills_harmless("kill_anywhere");
 }
 
 TEST_P(AppendKills, LeaveNobodyWaitingForAChildThatLivesOn) {
-  const char* const kills = getenv("QV_TEST_KILLS");
-  const Ran ran = run("kill_beside_a_child", {kills == nullptr ? "40" : kills});
-  expect_no_harm(ran, 40);
-  const std::size_t undone = expect_only_undone(ran);
-  std::fprintf(stderr, "%s: %s, %zu appends undone\n", GetParam(), ran.out.c_str(), undone);
+  expect_random_kills_harmless("kill_beside_a_child");
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, AppendKills, testing::Values("basic", "lazy"),

@@ -1,4 +1,5 @@
-// Who holds a lock file and who waits for it, asked of the kernel.
+// Asks the kernel who holds a lock file and who waits for it, and lets processes signal each
+// other.
 #ifndef TESTS_SUPPORT_LOCK_PROBE_H_
 #define TESTS_SUPPORT_LOCK_PROBE_H_
 
@@ -10,32 +11,41 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <vector>
+
+#include "support/processes.h"
 
 namespace test {
 
-// Passed once, by any thread or process that shares it through fork.
-class Signpost {
- public:
-  Signpost() {
-    if (pipe2(fds_, O_CLOEXEC) != 0) {
+// Closes its ends.
+struct Pipe {
+  Pipe() {
+    if (pipe2(ends, O_CLOEXEC) != 0) {
       std::abort();
     }
   }
-  ~Signpost() {
-    close(fds_[0]);
-    close(fds_[1]);
+  ~Pipe() {
+    close(ends[0]);
+    close(ends[1]);
   }
-  Signpost(const Signpost&) = delete;
-  Signpost& operator=(const Signpost&) = delete;
+  Pipe(const Pipe&) = delete;
+  Pipe& operator=(const Pipe&) = delete;
 
+  int ends[2] = {-1, -1};
+};
+
+// Passed once, by any thread or by any process that shares it through fork.
+class Signpost {
+ public:
   void pass() {
-    if (write(fds_[1], "x", 1) != 1) {
+    if (write(pipe_.ends[1], "x", 1) != 1) {
       std::abort();
     }
   }
@@ -44,14 +54,63 @@ class Signpost {
 
  private:
   bool is_passed_within(int timeout) const {
-    pollfd entry{fds_[0], POLLIN, 0};
+    pollfd entry{pipe_.ends[0], POLLIN, 0};
     return poll(&entry, 1, timeout) == 1;
   }
 
-  int fds_[2] = {-1, -1};
+  Pipe pipe_;
 };
 
-// Whether a lock is held on the file, by anyone.
+// Passes the id of a process to another process.
+class PidPipe {
+ public:
+  void send(pid_t pid) {
+    if (write(pipe_.ends[1], &pid, sizeof(pid)) != sizeof(pid)) {
+      std::abort();
+    }
+  }
+  pid_t receive() const {
+    pid_t pid = -1;
+    if (read(pipe_.ends[0], &pid, sizeof(pid)) != sizeof(pid)) {
+      std::abort();
+    }
+    return pid;
+  }
+
+ private:
+  Pipe pipe_;
+};
+
+// Sleeps until a signal kills the process.
+[[noreturn]] inline int sleep_until_killed() {
+  for (;;) {
+    pause();
+  }
+}
+
+// Forks a child that sends its id and then sleeps until it is killed.
+inline void fork_sleeper(PidPipe& pids) {
+  in_child([&] {
+    pids.send(getpid());
+    return sleep_until_killed();
+  });
+}
+
+// The descriptors under which this process has the file open.
+inline std::vector<int> descriptors_of(const std::string& path) {
+  std::vector<int> found;
+  char target[4096];
+  for (int fd = 0; fd < 1024; ++fd) {
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t size = readlink(link.c_str(), target, sizeof(target));
+    if (size > 0 && path == std::string(target, static_cast<std::size_t>(size))) {
+      found.push_back(fd);
+    }
+  }
+  return found;
+}
+
+// Whether anyone holds a lock on the file.
 inline bool is_locked(const std::string& path) {
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
@@ -62,8 +121,7 @@ inline bool is_locked(const std::string& path) {
   return held;
 }
 
-// /proc/locks has a line "1: -> FLOCK ADVISORY WRITE 123 ..." for process 123
-// when it waits.
+// While process 123 waits, /proc/locks has a line "1: -> FLOCK ADVISORY WRITE 123 ...".
 inline bool kernel_lists_waiter(pid_t pid) {
   std::ifstream locks("/proc/locks");
   std::string line;
@@ -79,8 +137,8 @@ inline bool kernel_lists_waiter(pid_t pid) {
   return false;
 }
 
-// Whether a thread of the process sleeps for a while, as between two attempts to get a
-// store lock.
+// Whether a thread of the process sleeps for a set time, as it does between two attempts to
+// get a store lock.
 inline bool has_sleeper(pid_t pid) {
   std::error_code gone;
   const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task", gone);
@@ -94,8 +152,7 @@ inline bool has_sleeper(pid_t pid) {
   return false;
 }
 
-// Waits until the process waits for a lock (true), or `got_it` shows that it needn't
-// (false).
+// Returns true once the process waits for a lock, or false once `got_it` is passed.
 inline bool waits_for_lock(pid_t pid, const Signpost& got_it) {
   while (!got_it.is_passed()) {
     if (kernel_lists_waiter(pid) || has_sleeper(pid)) {
@@ -104,6 +161,16 @@ inline bool waits_for_lock(pid_t pid, const Signpost& got_it) {
     sched_yield();
   }
   return false;
+}
+
+// Prints whether process `pid` waits for a lock, whether it gets it before `release` (0 is
+// right), and whether it has it after `release`, which waits for its end.
+template <typename Release>
+void print_wait(pid_t pid, const Signpost& got_it, Release release) {
+  const bool waits = waits_for_lock(pid, got_it);
+  const bool passed_early = got_it.is_passed();
+  release();
+  std::printf("%d %d %d", waits, passed_early, got_it.is_passed());
 }
 
 }  // namespace test
