@@ -1,13 +1,19 @@
-#include <fcntl.h>
+// What all file stores share: the sequences under the lock, paths, the header, how they are made.
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <fstream>
+#include <memory>
 #include <stdexcept>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::CleanupController;
@@ -20,11 +26,9 @@ using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using quorvane::util::BufferReader;
 using quorvane::util::RoBuffer;
-using quorvane::util::RwBuffer;
 using test::buffer;
 using test::buffers;
 using test::expectation;
-using test::le64;
 using test::Ran;
 using test::run_scenario;
 using test::TempDir;
@@ -33,7 +37,7 @@ using Messages = std::vector<std::string>;
 
 namespace {
 
-// Records which steps a sequence takes, the lock's among them.
+// Records the steps of a sequence, the lock's among them.
 class StepLock : public Store::Lock {
  public:
   explicit StepLock(std::string& steps) : steps_(steps) {}
@@ -164,11 +168,11 @@ SCENARIO(scan_fails_after_load) {
   steps.taken();
   std::printf("%d ", steps.store.try_store_diff(kOneEntry));
   std::printf("%s\n", steps.taken().c_str());
-  // A load that fails leaves the count of the last one that succeeded.
+  // A failed load keeps the count of the last successful one.
   steps.store.load_succeeds = false;
   steps.store.try_load(out);
   std::printf("%d\n", steps.store.try_store_diff(kOneEntry));
-  // One that succeeds with nothing clears it.
+  // A load of no entries clears it.
   steps.store.load_succeeds = true;
   steps.store.content.clear();
   steps.store.try_load(out);
@@ -285,187 +289,11 @@ TEST(StoreHeader, OfSevenBytesIsTooShort) {
 TEST(StoreHeader, OfAnotherVersionIsPassedOverAndRefused) {
   const Ran ran = read_header(test::header_bytes(2));
   EXPECT_EQ(ran.out, "0 8");
-  EXPECT_EQ(without_lines(ran.messages()),
-            Messages{expectation("std::memcmp(hdr, &valid_hdr_, sizeof(valid_hdr_)) == 0")});
+  EXPECT_EQ(without_lines(ran.messages()), Messages{test::kOtherHeader});
 }
 
 TEST(StoreHeader, WithAnotherMagicNumberIsRefused) {
   EXPECT_EQ(read_header("\xa5\xc3\xa5\xc4" + test::le32(7)).out, "0 8");
-}
-
-// --- the pieces of an entry ---
-
-// Reads one piece from a file of bytes: what came out and how far it went.
-SCENARIO(read_piece) {
-  const std::string& piece = arguments.at(0);
-  const RoBuffer bytes = buffer(test::read_file(arguments.at(1)));
-  BufferReader reader = bytes.reader();
-  std::vector<RoBuffer> atoms;
-  if (piece == "magic") {
-    std::printf("%d", FileStoreSkeleton::read_magic_number(reader));
-  } else if (piece == "key") {
-    const RoBuffer key = FileStoreSkeleton::read_key(reader);
-    std::printf("%s:%zu", key.get_buffer() == nullptr ? "null" : test::bytes_of(key).c_str(),
-                key.get_size());
-  } else if (piece == "value") {
-    std::printf("%d", FileStoreSkeleton::read_val(reader, atoms));
-    for (const RoBuffer& atom : atoms) {
-      std::printf("[%s]", test::bytes_of(atom).c_str());
-    }
-  } else {
-    const bool skipped = FileStoreSkeleton::skip_val(reader);
-    std::printf("%d %zu", skipped, reader.position());
-  }
-  return 0;
-}
-
-Ran read_piece(const std::string& piece, const std::string& bytes) {
-  const TempDir dir;
-  test::write_file(dir.file("bytes"), bytes);
-  return run_scenario("read_piece", {}, {piece, dir.file("bytes")});
-}
-
-void expect_piece(const std::string& piece, const std::string& bytes, const std::string& out) {
-  const Ran ran = read_piece(piece, bytes);
-  EXPECT_EQ(ran.out, out);
-  EXPECT_EQ(ran.messages(), Messages{});
-}
-
-void expect_failure(const std::string& piece, const std::string& bytes, const std::string& out,
-                    const std::string& check) {
-  const Ran ran = read_piece(piece, bytes);
-  EXPECT_EQ(ran.out, out) << check;
-  EXPECT_EQ(without_lines(ran.messages()), Messages{expectation(check)});
-}
-
-TEST(StoreMagicNumber, IsFourBytesInLittleEndianOrder) {
-  EXPECT_EQ(quorvane::cache::QV_CACHE_STORE_MAGIC_NUMBER, 0xC3A5C3A5u);
-  expect_piece("magic", "\xa5\xc3\xa5\xc3", "1");
-  expect_failure("magic", "\xa5\xc3\xa5", "0", "freader.get(&magic_number)");
-  expect_failure("magic", "\xc3\xa5\xc3\xa5", "0", "magic_number == QV_CACHE_STORE_MAGIC_NUMBER");
-}
-
-TEST(StoreKey, IsItsSizeAndItsBytes) { expect_piece("key", le64(3) + "abcd", "abc:3"); }
-
-TEST(StoreKey, FailsAsAnEmptyBuffer) {
-  expect_failure("key", le64(3).substr(0, 7), "null:0", "freader.get(&key_size)");
-  expect_failure("key", le64(0) + "abc", "null:0", "key_size > 0");
-  for (const std::uint64_t size : {std::uint64_t{4}, std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
-    expect_failure("key", le64(size) + "abc", "null:0",
-                   "freader.get_raw(rvalbuf.get_buffer(), key_size)");
-  }
-}
-
-TEST(StoreValue, IsItsCountAndItsAtoms) {
-  expect_piece("value", test::value_bytes({"ab", "c"}) + "x", "1[ab][c]");
-  expect_piece("skip", test::value_bytes({"ab", "c"}) + "x", "1 27");
-}
-
-TEST(StoreValue, FailsWithoutItsCountOrAtoms) {
-  expect_failure("value", "1234567", "0", "freader.get(&num_val_atoms)");
-  expect_failure("value", le64(0), "0", "num_val_atoms > 0");
-  expect_failure("value", le64(2) + le64(1) + "a", "0[a]", "freader.get(&val_atom_size)");
-  expect_failure("value", le64(1) + le64(0), "0", "val_atom_size > 0");
-  expect_failure("value", le64(~std::uint64_t{0}) + le64(1) + "a", "0[a]",
-                 "freader.get(&val_atom_size)");
-}
-
-TEST(StoreValue, FailsWhenAnAtomIsLongerThanWhatRemains) {
-  for (const std::uint64_t size : {std::uint64_t{2}, std::uint64_t{1} << 63, ~std::uint64_t{0}}) {
-    expect_failure("value", le64(1) + le64(size) + "a", "0",
-                   "freader.get_raw(val_atom_buf.get_buffer(), val_atom_size)");
-    expect_failure("skip", le64(1) + le64(size) + "a", "0 16", "freader.buffer(val_atom_size)");
-  }
-}
-
-TEST(StoreValue, IsPassedOverWithTheSameChecks) {
-  expect_failure("skip", "1234567", "0 0", "freader.get(&num_val_atoms)");
-  expect_failure("skip", le64(0), "0 8", "num_val_atoms > 0");
-  expect_failure("skip", le64(2) + le64(1) + "a", "0 17", "freader.get(&val_atom_size)");
-  expect_failure("skip", le64(1) + le64(0), "0 16", "val_atom_size > 0");
-}
-
-TEST(StoreValue, EachAtomOwnsItsBytes) {
-  std::vector<RoBuffer> atoms;
-  {
-    RwBuffer bytes(test::value_bytes({"ab", "c"}).size());
-    bytes.writer().put_raw(test::value_bytes({"ab", "c"}).data(), bytes.get_size());
-    BufferReader reader = bytes.reader();
-    ASSERT_TRUE(FileStoreSkeleton::read_val(reader, atoms));
-    std::memset(bytes.get_buffer(), 'x', bytes.get_size());
-  }
-  ASSERT_EQ(atoms.size(), 2u);
-  EXPECT_EQ(test::bytes_of(atoms[0]), "ab");
-  EXPECT_EQ(test::bytes_of(atoms[1]), "c");
-}
-
-TEST(StoreValue, AKeyOwnsItsBytes) {
-  RoBuffer key;
-  {
-    RwBuffer bytes(11);
-    bytes.writer().put_raw((le64(3) + "abc").data(), 11);
-    BufferReader reader = bytes.reader();
-    key = FileStoreSkeleton::read_key(reader);
-    std::memset(bytes.get_buffer(), 'x', bytes.get_size());
-  }
-  EXPECT_EQ(test::bytes_of(key), "abc");
-}
-
-// Writes one piece into a buffer of the given size.
-SCENARIO(write_piece) {
-  RwBuffer bytes(std::stoul(arguments.at(1)));
-  quorvane::util::BufferWriter writer = bytes.writer();
-  const std::string& piece = arguments.at(0);
-  bool written = false;
-  if (piece == "magic") {
-    written = FileStoreSkeleton::write_magic_number(writer);
-  } else if (piece == "key") {
-    written = FileStoreSkeleton::write_key(writer, buffer("abc"));
-  } else {
-    written = FileStoreSkeleton::write_val(writer, buffers({"ab", "c"}));
-  }
-  if (written) {
-    test::write_file(arguments.at(2), test::bytes_of(bytes));
-  }
-  return 0;
-}
-
-void expect_written(const std::string& piece, const std::string& bytes) {
-  const TempDir dir;
-  const Ran ran =
-      run_scenario("write_piece", {}, {piece, std::to_string(bytes.size()), dir.file("bytes")});
-  EXPECT_EQ(test::read_file(dir.file("bytes")), bytes);
-  EXPECT_EQ(ran.messages(), Messages{});
-}
-
-void expect_no_room(const std::string& piece, std::size_t room, const std::string& check) {
-  const TempDir dir;
-  const Ran ran = run_scenario("write_piece", {}, {piece, std::to_string(room), dir.file("bytes")});
-  EXPECT_FALSE(test::exists(dir.file("bytes")));
-  EXPECT_EQ(without_lines(ran.messages()), Messages{expectation(check)});
-}
-
-TEST(StoreWriting, FillsABufferOfExactlyTheSize) {
-  expect_written("magic", "\xa5\xc3\xa5\xc3");
-  expect_written("key", le64(3) + "abc");
-  expect_written("value", test::value_bytes({"ab", "c"}));
-}
-
-TEST(StoreWriting, StopsWhereTheBufferEnds) {
-  expect_no_room("magic", 3, "fwriter.put(QV_CACHE_STORE_MAGIC_NUMBER)");
-  expect_no_room("key", 7, "fwriter.put(key.get_size())");
-  expect_no_room("key", 10, "fwriter.put_raw(key.get_buffer(), key.get_size())");
-  expect_no_room("value", 7, "fwriter.put(val.size())");
-  expect_no_room("value", 15, "fwriter.put(val_atom.get_size())");
-  expect_no_room("value", 17, "fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size())");
-  expect_no_room("value", 18, "fwriter.put(val_atom.get_size())");
-}
-
-TEST(StoreWriting, DoesNotMindSizesThatAReaderRefuses) {
-  RwBuffer bytes(8);
-  quorvane::util::BufferWriter writer = bytes.writer();
-  EXPECT_TRUE(FileStoreSkeleton::write_val(writer, {}));
-  EXPECT_EQ(test::bytes_of(bytes), le64(0));
 }
 
 // --- the file to append to ---
@@ -521,18 +349,17 @@ TEST(StoreFileToAppend, ReportsAHeaderThatCannotBeWritten) {
 // --- making a store ---
 
 SCENARIO(make_store) {
-  CleanupController controller(0);
-  const auto store = make_file_store(StoreKind::basic, "maps", &controller);
+  const auto store = test::maps_store(StoreKind::basic);
   std::printf("%s %d", store->type().c_str(), store->is_valid());
   return 0;
 }
 
 TEST(MakeFileStore, MakesAValidStoreWithALockOfItsName) {
-  const TempDir dir;
-  const Ran ran = run_scenario("make_store", {{"QV_CACHE_STORE_ROOT", dir.path()}});
+  const test::StoreRoot root;
+  const Ran ran = root.run("make_store");
   EXPECT_EQ(ran.out, "BasicStore 1");
-  EXPECT_TRUE(test::exists(dir.file("lock_maps")));
-  EXPECT_FALSE(test::exists(dir.file("maps")));
+  EXPECT_TRUE(test::exists(root.file("lock_maps")));
+  EXPECT_FALSE(test::exists(root.file("maps")));
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
@@ -546,7 +373,7 @@ TEST(MakeFileStore, MakesAnInvalidStoreOnARootThatDoesNotExist) {
   EXPECT_FALSE(test::exists(dir.file("none")));
 }
 
-// As a program may ask for that was compiled against a later version.
+// A program that was compiled against a later version may ask for one.
 TEST(MakeFileStore, MakesNoStoreOfAnUnknownKind) {
   CleanupController controller(0);
   EXPECT_EQ(make_file_store(static_cast<StoreKind>(2), "maps", &controller), nullptr);
