@@ -1,6 +1,5 @@
-// Damaged pairs of files: every way to cut or change one of the two gives exactly
-// the records of the first damage and a refusal, with no more memory than the
-// files themselves take.
+// Damaged pairs of files. However one of the two is cut or changed, the store logs exactly the
+// records of the first damage, refuses the files, and takes no more memory than their size.
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
 
@@ -14,7 +13,7 @@
 #include "support/lazy_files.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
-#include "support/temp_dir.h"
+#include "support/store_root.h"
 
 using quorvane::cache::CleanupController;
 using quorvane::cache::EntryMap;
@@ -22,20 +21,19 @@ using quorvane::cache::KeySet;
 using quorvane::cache::LazyLookupStore;
 using test::changed;
 using test::Entry;
+using test::expect_checked;
+using test::kHostileEntries;
 using test::lazy_files;
 using test::LazyFiles;
 using test::le64;
-using test::Ran;
-using test::TempDir;
+using test::print_checked;
+using test::root_file;
+using test::root_path;
+using test::run_hostile;
 
 namespace {
 
-const std::vector<Entry> kEntries{{"b", {"2", "three"}},
-                                  {"aa", {std::string(40, 'x')}},
-                                  {"some key", {"1", "22", "333"}},
-                                  {"some other key", {std::string(200, 'y'), "z"}}};
-
-// Where the numbers of the entries lie in the key file.
+// The offsets of the numbers in the key file.
 struct Fields {
   std::vector<std::size_t> magic_numbers;
   std::vector<std::size_t> numbers;  // key sizes, value offsets, counts, atom sizes
@@ -56,22 +54,19 @@ Fields fields_of(const std::vector<Entry>& entries) {
   return fields;
 }
 
-std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
-
 class Checker {
  public:
-  // A load may take `growth` times the size of its files.
+  // A load may take `growth` times the size of the files.
   explicit Checker(std::size_t growth = 1) : growth_(growth) {
-    check(lazy_files(kEntries), "the whole files");
+    check(lazy_files(kHostileEntries), "the whole files");
     checked_ = 0;
   }
 
-  // Loads and scans files of these bytes; says on standard output where either
-  // does something else than it must.
+  // Loads and scans files of these bytes. Prints any result that differs from the expected one.
   void check(const LazyFiles& files, const std::string& what) {
-    // Files written anew may wait for the disk.
-    std::remove((root_path() + "/key_maps").c_str());
-    std::remove((root_path() + "/val_maps").c_str());
+    // Rewriting a file may wait for the disk.
+    std::remove(root_file("key_maps").c_str());
+    std::remove(root_file("val_maps").c_str());
     test::write_lazy_files(root_path(), files);
     load(files, what + ", load");
     scan(files, what + ", scan");
@@ -90,7 +85,7 @@ class Checker {
       return store.try_nonlock_load(out);
     }();
     compare(walk, ok, what);
-    // The atoms of a failed load must not be looked at.
+    // The atoms of a failed load are dangling views.
     const EntryMap expected = test::entry_map(walk.entries);
     const bool same =
         ok ? test::listing(out) == test::listing(expected)
@@ -124,7 +119,7 @@ class Checker {
     }
   }
 
-  static std::string key_path() { return root_path() + "/key_maps"; }
+  static std::string key_path() { return root_file("key_maps"); }
 
   std::size_t growth_;
   CleanupController controller_{0};
@@ -133,47 +128,30 @@ class Checker {
   int checked_ = 0;
 };
 
-Ran run(const std::string& scenario, const test::Arguments& arguments = {}) {
-  const TempDir root;
-  return test::run_scenario(
-      scenario, {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "INFO"}}, arguments);
-}
-
-// Only as many cases as there must be, and no complaint.
-void expect_checked(const Ran& ran, std::size_t cases) {
-  EXPECT_TRUE(ran.exited_with(0)) << ran.status;
-  EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
-}
-
-int report(const Checker& checker) {
-  std::printf("%d checked", checker.checked());
-  return 0;
-}
-
 }  // namespace
 
 SCENARIO(cut_anywhere) {
   Checker checker;
-  const LazyFiles whole = lazy_files(kEntries);
+  const LazyFiles whole = lazy_files(kHostileEntries);
   for (std::size_t size = 1; size < whole.key.size(); ++size) {
     checker.check({whole.key.substr(0, size), whole.val}, "keys cut at " + std::to_string(size));
   }
   for (std::size_t size = 1; size < whole.val.size(); ++size) {
     checker.check({whole.key, whole.val.substr(0, size)}, "values cut at " + std::to_string(size));
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, AFileCutAtAnyByteFailsAtThePieceThatIsCut) {
-  const LazyFiles whole = lazy_files(kEntries);
-  expect_checked(run("cut_anywhere"), whole.key.size() - 1 + whole.val.size() - 1);
+  const LazyFiles whole = lazy_files(kHostileEntries);
+  expect_checked(run_hostile("cut_anywhere"), whole.key.size() - 1 + whole.val.size() - 1);
 }
 
 SCENARIO(changed_magic_numbers) {
   Checker checker;
-  const LazyFiles whole = lazy_files(kEntries);
-  std::vector<std::size_t> offsets{0, 4};  // those of the header, its version with them
-  for (const std::size_t offset : fields_of(kEntries).magic_numbers) {
+  const LazyFiles whole = lazy_files(kHostileEntries);
+  std::vector<std::size_t> offsets{0, 4};  // the magic number and the version of the header
+  for (const std::size_t offset : fields_of(kHostileEntries).magic_numbers) {
     offsets.push_back(offset);
   }
   for (const std::size_t offset : offsets) {
@@ -186,34 +164,34 @@ SCENARIO(changed_magic_numbers) {
     const std::string other(1, static_cast<char>(whole.val[at] ^ 1));
     checker.check({whole.key, changed(whole.val, at, other)}, "value at " + std::to_string(at));
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, AChangedMagicNumberOfAHeaderOrAKeyFails) {
-  expect_checked(run("changed_magic_numbers"), 4 * (2 + kEntries.size()) + 8);
+  expect_checked(run_hostile("changed_magic_numbers"), 4 * (2 + kHostileEntries.size()) + 8);
 }
 
 SCENARIO(changed_magic_numbers_of_values) {
   Checker checker;
-  LazyFiles files = lazy_files(kEntries);
+  LazyFiles files = lazy_files(kHostileEntries);
   std::size_t at = 8;
-  for (const Entry& entry : kEntries) {
+  for (const Entry& entry : kHostileEntries) {
     files.val = changed(files.val, at, "none");
     at += test::val_file_entry(entry).size();
   }
   checker.check(files, "no magic number");
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, TheMagicNumbersBetweenTheValuesAreNeverLookedAt) {
-  expect_checked(run("changed_magic_numbers_of_values"), 1);
+  expect_checked(run_hostile("changed_magic_numbers_of_values"), 1);
 }
 
 SCENARIO(changed_numbers) {
   constexpr std::uint64_t kTop = std::uint64_t{1} << 63;
   Checker checker;
-  const LazyFiles whole = lazy_files(kEntries);
-  for (const std::size_t at : fields_of(kEntries).numbers) {
+  const LazyFiles whole = lazy_files(kHostileEntries);
+  for (const std::size_t at : fields_of(kHostileEntries).numbers) {
     const std::uint64_t left = whole.key.size() - at - 8;
     for (const std::uint64_t value :
          {std::uint64_t{0}, std::uint64_t{7}, std::uint64_t{1} << 26, std::uint64_t{1} << 40, kTop,
@@ -224,11 +202,11 @@ SCENARIO(changed_numbers) {
                     std::to_string(value) + " at " + std::to_string(at));
     }
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, AChangedSizeCountOrOffsetFailsWithoutAskingForItsMemory) {
-  expect_checked(run("changed_numbers"), 17 * fields_of(kEntries).numbers.size());
+  expect_checked(run_hostile("changed_numbers"), 17 * fields_of(kHostileEntries).numbers.size());
 }
 
 SCENARIO(random_changes) {
@@ -237,8 +215,8 @@ SCENARIO(random_changes) {
   Checker checker;
   std::mt19937 random(static_cast<unsigned>(std::stoul(arguments.at(0))));
   for (int round = 0; round < kRounds; ++round) {
-    LazyFiles files = lazy_files(kEntries);
-    // Half of the rounds spare the headers, to get past them.
+    LazyFiles files = lazy_files(kHostileEntries);
+    // Every other round leaves the headers intact, to get past them.
     const std::size_t first = round % 2 == 0 ? 0 : 8;
     for (int change = 0; change < kChanges; ++change) {
       std::string& bytes = random() % 2 == 0 ? files.key : files.val;
@@ -246,19 +224,19 @@ SCENARIO(random_changes) {
     }
     checker.check(files, "round " + std::to_string(round));
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, SixtyFourChangedBytesGiveARefusalOrWhatTheFilesThenSay) {
   for (const char* seed : {"1", "2"}) {
-    expect_checked(run("random_changes", {seed}), 2000);
+    expect_checked(run_hostile("random_changes", {seed}), 2000);
   }
 }
 
-// One changed byte leaves more of the files' structure than 64 do.
+// One changed byte leaves more of the files' structure intact than 64.
 SCENARIO(single_changes) {
   Checker checker;
-  const LazyFiles whole = lazy_files(kEntries);
+  const LazyFiles whole = lazy_files(kHostileEntries);
   for (std::size_t at = 0; at < whole.key.size(); ++at) {
     for (const int flip : {0x01, 0x80, 0xff}) {
       const std::string other(1, static_cast<char>(whole.key[at] ^ flip));
@@ -266,11 +244,11 @@ SCENARIO(single_changes) {
                     std::to_string(flip) + " at " + std::to_string(at));
     }
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, OneChangedByteGivesARefusalOrWhatTheFilesThenSay) {
-  expect_checked(run("single_changes"), 3 * lazy_files(kEntries).key.size());
+  expect_checked(run_hostile("single_changes"), 3 * lazy_files(kHostileEntries).key.size());
 }
 
 // Repeated and reordered entries.
@@ -281,40 +259,40 @@ SCENARIO(shuffled_entries) {
   for (int round = 0; round < kRounds; ++round) {
     LazyFiles files = lazy_files({});
     for (int i = 0; i < 3; ++i) {
-      files = add_to(files, {kEntries[random() % kEntries.size()]});
+      files = add_to(files, {kHostileEntries[random() % kHostileEntries.size()]});
     }
     files.key += round % 3 == 0 ? "rest" : "";
     checker.check(files, "round " + std::to_string(round));
   }
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, ARepeatedKeyFailsWhereItIsRepeated) {
-  expect_checked(run("shuffled_entries"), 500);
+  expect_checked(run_hostile("shuffled_entries"), 500);
 }
 
-// A count may claim no more memory than the files have bytes for.
+// The store reserves no more memory than the files have bytes for, whatever a count claims.
 SCENARIO(many_small_atoms) {
   Checker checker(32);
   LazyFiles files = lazy_files({{"k", std::vector<std::string>(20000, "a")}});
   files.key = changed(files.key, 8 + 4 + 8 + 1 + 8, le64(std::uint64_t{1} << 33));
   checker.check(files, "count of 2^33");
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, ACountThatClaimsMoreAtomsThanTheKeyFileHoldsFailsAtItsEnd) {
-  expect_checked(run("many_small_atoms"), 1);
+  expect_checked(run_hostile("many_small_atoms"), 1);
 }
 
-// Sizes there are, but no bytes for them.
+// The key file holds the sizes of the atoms, but the value file lacks their bytes.
 SCENARIO(atoms_beyond_the_values) {
   Checker checker(2);
   LazyFiles files = lazy_files({{"k", std::vector<std::string>(200000, "a")}});
   files.val = files.val.substr(0, 100);
   checker.check(files, "100 bytes");
-  return report(checker);
+  return print_checked(checker);
 }
 
 TEST(HostileLazyStore, SizesThatTheValueFileHasNoBytesForAreNotMadeRoomFor) {
-  expect_checked(run("atoms_beyond_the_values"), 1);
+  expect_checked(run_hostile("atoms_beyond_the_values"), 1);
 }

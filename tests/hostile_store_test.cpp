@@ -1,5 +1,5 @@
-// Damaged files: every way to cut or change one gives exactly the records of the
-// first damage and a refusal, with no more memory than the file itself takes.
+// Damaged files. However a file is cut or changed, the store logs exactly the records of the
+// first damage, refuses the file, and takes no more memory than the size of the file.
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
 
@@ -13,6 +13,7 @@
 #include "support/no_memory.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::BasicStore;
@@ -23,22 +24,20 @@ using test::basic_file;
 using test::changed;
 using test::Entry;
 using test::entry_bytes;
+using test::expect_checked;
 using test::expectation;
 using test::GrowthLimit;
+using test::kHostileEntries;
 using test::le64;
 using test::LogTail;
-using test::Ran;
-using test::TempDir;
+using test::print_checked;
+using test::root_file;
+using test::run_hostile;
 using Messages = std::vector<std::string>;
 
 namespace {
 
-const std::vector<Entry> kEntries{{"b", {"2", "three"}},
-                                  {"aa", {std::string(40, 'x')}},
-                                  {"some key", {"1", "22", "333"}},
-                                  {"some other key", {std::string(200, 'y'), "z"}}};
-
-// Where the numbers of an entry lie in the file.
+// The place of a number in the file.
 struct Field {
   std::size_t offset;
   std::size_t remaining;  // bytes after the field, in the whole file
@@ -71,7 +70,7 @@ Fields fields_of(const std::vector<Entry>& entries) {
   return fields;
 }
 
-std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
+std::string maps_file() { return root_file("maps"); }
 
 Messages expected_messages(const test::Walk& walk, bool is_scan) {
   Messages messages;
@@ -91,14 +90,13 @@ Messages expected_messages(const test::Walk& walk, bool is_scan) {
 
 class Checker {
  public:
-  // A load may take `growth` times the size of its file.
+  // A load may take `growth` times the size of the file.
   explicit Checker(std::size_t growth = 1) : growth_(growth), controller_(0) {
-    load_bytes(basic_file(kEntries), "the whole file");
-    scan_bytes(basic_file(kEntries), "the whole file");
+    load_bytes(basic_file(kHostileEntries), "the whole file");
+    scan_bytes(basic_file(kHostileEntries), "the whole file");
   }
 
-  // Loads and scans a file of these bytes; says on standard output where either
-  // does something else than it must.
+  // Loads and scans a file of these bytes. Prints any result that differs from the expected one.
   void check(const std::string& bytes, const std::string& what) {
     load_bytes(bytes, what);
     scan_bytes(bytes, what);
@@ -136,7 +134,7 @@ class Checker {
   }
 
   bool run(const std::string& bytes, const std::function<bool(BasicStore&)>& operation) {
-    std::remove(maps_file().c_str());  // a file written anew may wait for the disk
+    std::remove(maps_file().c_str());  // rewriting a file may wait for the disk
     test::write_file(maps_file(), bytes);
     BasicStore store("maps", lock_, &controller_);
     const GrowthLimit limit(growth_ * bytes.size());
@@ -157,20 +155,7 @@ class Checker {
   int checked_ = 0;
 };
 
-Ran run(const std::string& scenario, const test::Arguments& arguments = {}) {
-  const TempDir root;
-  return test::run_scenario(
-      scenario, {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "INFO"}}, arguments);
-}
-
-// Only as many cases as there must be, and no complaint.
-void expect_checked(const Ran& ran, std::size_t cases) {
-  EXPECT_TRUE(ran.exited_with(0)) << ran.status;
-  EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
-}
-
-// The list of a file's entries takes no allocation that is larger than the file, at
-// whatever number of them it is damaged.
+// The list of a file's entries never takes an allocation that is larger than the file.
 SCENARIO(many_small_entries) {
   alarm(100);
   std::string bytes = basic_file({});
@@ -190,30 +175,29 @@ SCENARIO(many_small_entries) {
 }
 
 TEST(HostileStore, NoListOfEntriesIsLargerThanTheFile) {
-  EXPECT_TRUE(run("many_small_entries").exited_with(0));
+  EXPECT_TRUE(run_hostile("many_small_entries").exited_with(0));
 }
 
 }  // namespace
 
 SCENARIO(cut_anywhere) {
   Checker checker;
-  const std::string bytes = basic_file(kEntries);
+  const std::string bytes = basic_file(kHostileEntries);
   for (std::size_t size = 1; size < bytes.size(); ++size) {
     checker.check(bytes.substr(0, size), "cut at " + std::to_string(size));
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, AFileCutAtAnyByteFailsAtThePieceThatIsCut) {
-  expect_checked(run("cut_anywhere"), basic_file(kEntries).size() - 1);
+  expect_checked(run_hostile("cut_anywhere"), basic_file(kHostileEntries).size() - 1);
 }
 
 SCENARIO(changed_magic_numbers) {
   Checker checker;
-  const std::string bytes = basic_file(kEntries);
-  std::vector<std::size_t> offsets{0, 4};  // those of the header, its version with them
-  for (const Field& field : fields_of(kEntries).magic_numbers) {
+  const std::string bytes = basic_file(kHostileEntries);
+  std::vector<std::size_t> offsets{0, 4};  // the magic number and the version of the header
+  for (const Field& field : fields_of(kHostileEntries).magic_numbers) {
     offsets.push_back(field.offset);
   }
   for (const std::size_t offset : offsets) {
@@ -223,18 +207,17 @@ SCENARIO(changed_magic_numbers) {
                     "byte at " + std::to_string(offset + i));
     }
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, AChangedMagicNumberFails) {
-  expect_checked(run("changed_magic_numbers"), 4 * (2 + kEntries.size()));
+  expect_checked(run_hostile("changed_magic_numbers"), 4 * (2 + kHostileEntries.size()));
 }
 
 SCENARIO(changed_numbers) {
   Checker checker;
-  const std::string bytes = basic_file(kEntries);
-  const Fields fields = fields_of(kEntries);
+  const std::string bytes = basic_file(kHostileEntries);
+  const Fields fields = fields_of(kHostileEntries);
   for (const auto* kind : {&fields.sizes, &fields.counts}) {
     for (const Field& field : *kind) {
       for (const std::uint64_t value :
@@ -246,13 +229,12 @@ SCENARIO(changed_numbers) {
       }
     }
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, AChangedSizeOrCountFailsWithoutAskingForItsMemory) {
-  const Fields fields = fields_of(kEntries);
-  expect_checked(run("changed_numbers"), 8 * (fields.sizes.size() + fields.counts.size()));
+  const Fields fields = fields_of(kHostileEntries);
+  expect_checked(run_hostile("changed_numbers"), 8 * (fields.sizes.size() + fields.counts.size()));
 }
 
 SCENARIO(random_changes) {
@@ -261,43 +243,41 @@ SCENARIO(random_changes) {
   Checker checker;
   std::mt19937 random(static_cast<unsigned>(std::stoul(arguments.at(0))));
   for (int round = 0; round < kRounds; ++round) {
-    std::string bytes = basic_file(kEntries);
-    // Half of the rounds spare the header, to get past it.
+    std::string bytes = basic_file(kHostileEntries);
+    // Every other round leaves the header intact, to get past it.
     const std::size_t first = round % 2 == 0 ? 0 : 8;
     for (int change = 0; change < kChanges; ++change) {
       bytes[first + random() % (bytes.size() - first)] = static_cast<char>(random());
     }
     checker.check(bytes, "round " + std::to_string(round));
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, SixtyFourChangedBytesGiveARefusalOrWhatTheFileThenSays) {
   for (const char* seed : {"1", "2"}) {
-    expect_checked(run("random_changes", {seed}), 2000);
+    expect_checked(run_hostile("random_changes", {seed}), 2000);
   }
 }
 
-// One changed byte leaves more of a file's structure than 64 do.
+// One changed byte leaves more of the file's structure intact than 64.
 SCENARIO(single_changes) {
   Checker checker;
-  const std::string bytes = basic_file(kEntries);
+  const std::string bytes = basic_file(kHostileEntries);
   for (std::size_t at = 0; at < bytes.size(); ++at) {
     for (const int flip : {0x01, 0x80, 0xff}) {
       checker.check(changed(bytes, at, std::string(1, static_cast<char>(bytes[at] ^ flip))),
                     std::to_string(flip) + " at " + std::to_string(at));
     }
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, OneChangedByteGivesARefusalOrWhatTheFileThenSays) {
-  expect_checked(run("single_changes"), 3 * basic_file(kEntries).size());
+  expect_checked(run_hostile("single_changes"), 3 * basic_file(kHostileEntries).size());
 }
 
-// Repeated and reordered pieces.
+// Repeated and reordered entries.
 SCENARIO(shuffled_entries) {
   constexpr int kRounds = 500;
   Checker checker;
@@ -305,30 +285,28 @@ SCENARIO(shuffled_entries) {
   for (int round = 0; round < kRounds; ++round) {
     std::string bytes = basic_file({});
     for (int i = 0; i < 6; ++i) {
-      bytes += entry_bytes(kEntries[random() % kEntries.size()]);
+      bytes += entry_bytes(kHostileEntries[random() % kHostileEntries.size()]);
     }
     checker.check(bytes + (round % 3 == 0 ? "rest" : ""), "round " + std::to_string(round));
   }
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, RepeatedEntriesAreReportedOneByOne) {
-  expect_checked(run("shuffled_entries"), 500);
+  expect_checked(run_hostile("shuffled_entries"), 500);
 }
 
-// A tiny atom takes more room in memory than in the file, but no more of them are
-// made room for than the file can hold, whatever the count claims.
+// A tiny atom takes more memory than space in the file. But the store reserves memory for no
+// more atoms than the file can hold, whatever the count claims.
 SCENARIO(many_small_atoms) {
   Checker checker(32);
   const std::vector<Entry> entries{{"k", std::vector<std::string>(20000, "a")}};
   std::string bytes = basic_file(entries);
   bytes = changed(bytes, 8 + 4 + 8 + 1, le64(std::uint64_t{1} << 33));
   checker.check(bytes, "count of 2^33");
-  std::printf("%d checked", checker.checked());
-  return 0;
+  return print_checked(checker);
 }
 
 TEST(HostileStore, ACountThatClaimsMoreAtomsThanTheFileHoldsFailsAtItsEnd) {
-  expect_checked(run("many_small_atoms"), 1);
+  expect_checked(run_hostile("many_small_atoms"), 1);
 }

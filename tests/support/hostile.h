@@ -1,21 +1,26 @@
-// For tests that feed a store damaged files, thousands of them in one scenario.
+// For tests that feed a store thousands of damaged files in one scenario.
 #ifndef TESTS_SUPPORT_HOSTILE_H_
 #define TESTS_SUPPORT_HOSTILE_H_
 
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include "support/log_records.h"
+#include "support/scenario.h"
+#include "support/store_bytes.h"
+#include "support/store_root.h"
 
 namespace test {
 
-// The records that this scenario logged since the last call.
+// Returns the records that this scenario has logged since the last call.
 class LogTail {
  public:
   LogTail() : file_(getenv("QV_LOG_FILE")) {}
@@ -33,11 +38,11 @@ class LogTail {
   std::ifstream file_;
 };
 
-// Lets the process grow by no more than `bytes` and what a page table costs.
+// Limits the growth of the process to `bytes` and some slack for page tables.
 class GrowthLimit {
  public:
   explicit GrowthLimit([[maybe_unused]] std::size_t bytes) {
-#ifndef QV_SANITIZED  // whose runtimes reserve address space as they go
+#ifndef QV_SANITIZED  // the runtimes reserve address space at any time
     std::size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     constexpr std::size_t slack = 512 * 1024;
@@ -55,8 +60,32 @@ class GrowthLimit {
   }
 };
 
+// The entries of the intact files.
+inline const std::vector<Entry> kHostileEntries{{"b", {"2", "three"}},
+                                                {"aa", {std::string(40, 'x')}},
+                                                {"some key", {"1", "22", "333"}},
+                                                {"some other key", {std::string(200, 'y'), "z"}}};
+
 inline std::string changed(std::string bytes, std::size_t offset, const std::string& by) {
   return bytes.replace(offset, by.size(), by);
+}
+
+// Runs a scenario in an empty root.
+inline Ran run_hostile(const std::string& scenario, const Arguments& arguments = {}) {
+  return StoreRoot().run(scenario, arguments, "INFO");
+}
+
+// Ends a scenario: prints how many cases its checker has checked.
+template <typename Checker>
+int print_checked(const Checker& checker) {
+  std::printf("%d checked", checker.checked());
+  return 0;
+}
+
+// Expects exactly this many cases, and no complaint.
+inline void expect_checked(const Ran& ran, std::size_t cases) {
+  EXPECT_TRUE(ran.exited_with(0)) << ran.status;
+  EXPECT_EQ(ran.out, std::to_string(cases) + " checked");
 }
 
 }  // namespace test
