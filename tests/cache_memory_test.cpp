@@ -1,12 +1,11 @@
-// Caches without memory: each allocation of an operation fails in turn, alone or with
-// all that follow it.
+// Caches without memory. Each allocation of an operation fails in turn, alone or with all later
+// ones.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,10 +15,10 @@
 #include "support/no_memory.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::Cache;
-using quorvane::cache::CleanupController;
 using quorvane::cache::make_file_store;
 using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
@@ -29,13 +28,15 @@ using test::buffer;
 using test::buffers;
 using test::Entry;
 using test::FailingAllocation;
+using test::no_limit;
 using test::Ran;
+using test::StoreRoot;
 using test::TempDir;
 using Messages = std::vector<std::string>;
 
 namespace {
 
-// Longer than what a string holds without an allocation.
+// Too long for a string that allocates nothing.
 const std::string kName = "maps-with-a-name-that-takes-memory-of-its-own";
 
 const std::vector<Entry> kOld{
@@ -53,28 +54,21 @@ std::string all_entries() {
   return listing_of(all);
 }
 
-CleanupController& no_limit() {
-  static CleanupController& controller = *new CleanupController(0);
-  return controller;
-}
-
 Afterwards afterwards_of(const std::string& name) {
   return name == "fail" ? Afterwards::fail : Afterwards::succeed;
 }
 
-// What a scenario is to do, by its arguments.
+// What a scenario does, parsed from its arguments.
 struct Case {
   explicit Case(const test::Arguments& arguments)
       : kind(arguments.at(0) == "lazy" ? StoreKind::lazy_lookup : StoreKind::basic),
         afterwards(afterwards_of(arguments.at(1))),
         has_files(arguments.at(2) == "files") {}
 
-  static std::string file(const std::string& prefix) {
-    return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/" + prefix + kName;
-  }
+  static std::string file(const std::string& prefix) { return test::root_file(prefix + kName); }
 
-  // Has the root as it is before an operation.
-  void lay_files() const {
+  // Resets the root to what it holds before an operation.
+  void reset_files() const {
     for (const char* prefix : {"", "key_", "val_"}) {
       std::remove(file(prefix).c_str());
     }
@@ -102,7 +96,7 @@ struct Case {
   const bool has_files;
 };
 
-// Says what went wrong, and after how many allocations. A test expects no output.
+// Prints what went wrong after how many allocations. The tests expect no output.
 void check(bool holds, const char* what, std::size_t successes) {
   if (!holds) {
     std::printf("%s after %zu allocations\n", what, successes);
@@ -112,19 +106,17 @@ void check(bool holds, const char* what, std::size_t successes) {
 const std::string kNoStore = "WARN Couldn't make a store for " + kName + " cache: std::bad_alloc";
 const std::string kCreationFailed = "ERROR Couldn't create " + kName + " cache";
 
-bool tells_of_a_failure(const Messages& messages) {
+bool reports_failure(const Messages& messages) {
   return std::any_of(messages.begin(), messages.end(), [](const std::string& message) {
     return message.rfind(kCreationFailed, 0) == 0;
   });
 }
 
-// By the kind of store, what becomes of later allocations, and what is stored.
+// Parameters: the kind of store, what later allocations do, whether the store has files.
 class CacheWithoutMemory : public testing::TestWithParam<std::vector<std::string>> {
  protected:
   void expect_none_wrong(const std::string& scenario) const {
-    const TempDir root;
-    const Ran ran =
-        test::run_scenario(scenario, {{"QV_CACHE_STORE_ROOT", root.path()}}, GetParam());
+    const Ran ran = StoreRoot().run(scenario, GetParam());
     EXPECT_TRUE(ran.exited_with(0)) << ran.status;
     EXPECT_EQ(ran.out, "");
   }
@@ -155,14 +147,14 @@ SCENARIO(construct_without_memory) {
   bool failed = true;
   std::size_t successes = 0;
   for (; failed; ++successes) {
-    tested.lay_files();
+    tested.reset_files();
     std::unique_ptr<Store> store = tested.make_store();
     log.next();
     FailingAllocation failing(successes, tested.afterwards);
     Cache cache(kName, std::move(store), true);
     failed = FailingAllocation::end();
     check(failed || cache.is_valid(), "invalid", successes);
-    check(cache.is_valid() || tells_of_a_failure(log.next()), "silent", successes);
+    check(cache.is_valid() || reports_failure(log.next()), "silent", successes);
     check(test::listing(cache) == (cache.is_valid() ? tested.expected() : ""), "half", successes);
     check(cache.is_valid() || cache.get_value(buffer("b")) == nullptr, "found", successes);
     check(tested.stored() == tested.expected(), "lost", successes);
@@ -184,7 +176,7 @@ SCENARIO(make_a_store_without_memory) {
   bool failed = true;
   std::size_t successes = 0;
   for (; failed; ++successes) {
-    tested.lay_files();
+    tested.reset_files();
     log.next();
     FailingAllocation failing(successes, tested.afterwards);
     const std::unique_ptr<Store> store = tested.make_store();
@@ -218,9 +210,7 @@ SCENARIO(no_store_for_lack_of_memory) {
 }
 
 TEST(CacheWithoutAStore, ForLackOfMemoryIsAsIfNoneHadBeenAskedFor) {
-  const TempDir root;
-  const Ran ran =
-      test::run_scenario("no_store_for_lack_of_memory", {{"QV_CACHE_STORE_ROOT", root.path()}});
+  const Ran ran = StoreRoot().run("no_store_for_lack_of_memory");
   EXPECT_EQ(ran.out, "0 1 1");
   EXPECT_EQ(ran.messages(),
             (Messages{kNoStore, kNoStore, "INFO Created " + kName + " cache with no store"}));
@@ -234,7 +224,7 @@ SCENARIO(destroy_without_memory) {
   bool failed = true;
   std::size_t successes = 0;
   for (; failed; ++successes) {
-    tested.lay_files();
+    tested.reset_files();
     auto cache = std::make_unique<Cache>(kName, tested.make_store(), false);
     for (const Entry& entry : kNew) {
       cache->add_value(buffer(entry.key), buffers(entry.atoms));
@@ -259,7 +249,7 @@ TEST_P(CacheWithoutMemory, StoresAllOrNothingOfWhatWasAdded) {
 SCENARIO(add_without_memory) {
   const Case tested(arguments);
   test::LogTail log;
-  tested.lay_files();
+  tested.reset_files();
   Cache cache(kName, tested.make_store(), false);
   const std::size_t before = cache.size();
   const RoBuffer key = buffer("key");
@@ -286,7 +276,7 @@ TEST_P(CacheWithoutMemory, TakesAnEntryOrRefusesItWithOneWarning) {
   expect_none_wrong("add_without_memory");
 }
 
-// The first look-up of the process, which makes the counters.
+// The first look-up of the process makes the counters.
 SCENARIO(first_look_up_without_memory) {
   Cache cache("maps", nullptr, true);
   cache.add_value(buffer("k"), buffers({"v"}));
@@ -300,7 +290,7 @@ SCENARIO(first_look_up_without_memory) {
   return 0;
 }
 
-// How many first look-ups lacked memory; each found what is there.
+// Expects that each first look-up works, and returns how many of them lacked memory.
 std::size_t failing_look_ups(const test::Environment& environment, const std::string& afterwards) {
   for (std::size_t successes = 0;; ++successes) {
     const Ran ran = test::run_scenario("first_look_up_without_memory", environment,
@@ -313,7 +303,7 @@ std::size_t failing_look_ups(const test::Environment& environment, const std::st
   }
 }
 
-// With a recorder that shares the C++ runtime of this program, as the real one doesn't.
+// The recorder shares the C++ runtime of this program, which the real one doesn't.
 TEST(CacheLookUpWithoutMemory, TheFirstFindsWhatIsThereWhetherItIsCountedOrNot) {
   for (const char* afterwards : {"succeed", "fail"}) {
     failing_look_ups({}, afterwards);

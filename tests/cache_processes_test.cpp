@@ -1,18 +1,15 @@
-// Many processes on one cache, forks beside busy threads, and caches that are
-// used before and after main.
-#include <fcntl.h>
+// Many processes on one cache, forks while other threads are busy, and caches that are used
+// before and after main.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <thread>
@@ -20,37 +17,36 @@
 
 #include "support/lazy_files.h"
 #include "support/lock_probe.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::Cache;
-using quorvane::cache::CleanupController;
 using quorvane::cache::make_file_store;
 using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using test::basic_file;
 using test::buffer;
 using test::buffers;
+using test::in_child;
+using test::kHangSeconds;
 using test::Ran;
-using test::TempDir;
+using test::StoreRoot;
+using test::wait_for;
 using Messages = std::vector<std::string>;
 
 namespace {
 
-// Of the first look-up of a process; at the library's own level.
+// The record of the first look-up of a process without statistics. It ignores QV_LOG_LEVEL.
 const std::string kStatisticsOff = "INFO Statistics capture disabled.";
 
 constexpr int kProcesses = 8;
 constexpr int kRounds = 50;
 constexpr int kKeysPerRound = 6;
 
-CleanupController& no_limit() {
-  static CleanupController& controller = *new CleanupController(0);
-  return controller;
-}
-
-// Which store a scenario uses.
+// The kind of store that a scenario uses.
 constexpr const char* kKindVariable = "QVTEST_STORE_KIND";
 const std::string kLazy = "lazy";
 
@@ -60,39 +56,23 @@ StoreKind kind() {
 }
 
 std::unique_ptr<Cache> maps_cache() {
-  return std::make_unique<Cache>("maps", make_file_store(kind(), "maps", &no_limit()), false);
+  return std::make_unique<Cache>("maps", test::maps_store(kind()), false);
 }
 
-// Without an entry, but with the files that its kind needs.
+// A store without entries, but with the files that its kind needs.
 std::unique_ptr<Store> store_with_lock(const std::shared_ptr<Store::Lock>& lock) {
   if (kind() == StoreKind::basic) {
-    return std::make_unique<quorvane::cache::BasicStore>("maps", lock, &no_limit());
+    return std::make_unique<quorvane::cache::BasicStore>("maps", lock, &test::no_limit());
   }
-  make_file_store(kind(), "maps", &no_limit());
-  return std::make_unique<quorvane::cache::LazyLookupStore>("maps", lock, &no_limit());
+  test::maps_store(kind());
+  return std::make_unique<quorvane::cache::LazyLookupStore>("maps", lock, &test::no_limit());
 }
 
 bool add(Cache& cache, const std::string& key, const std::string& value) {
   return cache.add_value(buffer(key), buffers({value}));
 }
 
-int ended(pid_t child) {
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
-
-// Forks; the child runs `body` and leaves with its result, without exit handlers.
-template <typename Body>
-pid_t in_child(Body body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(body());
-  }
-  return child;
-}
-
-// What several processes wait for together.
+// Where several processes wait for each other.
 class SharedBarrier {
  public:
   explicit SharedBarrier(unsigned processes)
@@ -110,8 +90,8 @@ class SharedBarrier {
   pthread_barrier_t* barrier_;
 };
 
-// How often each key occurs in the file of keys, which must be whole.
-std::map<std::string, int> occurrences(const std::string& kind, const TempDir& root) {
+// How often each key occurs in the file that holds the keys, which must be intact.
+std::map<std::string, int> occurrences(const std::string& kind, const StoreRoot& root) {
   std::map<std::string, int> times;
   const auto count = [&times](const std::vector<test::Entry>& entries) {
     for (const test::Entry& entry : entries) {
@@ -134,7 +114,7 @@ std::map<std::string, int> occurrences(const std::string& kind, const TempDir& r
   return times;
 }
 
-void expect_files_of(const std::string& kind, const TempDir& root,
+void expect_files_of(const std::string& kind, const StoreRoot& root,
                      const std::vector<test::Entry>& entries) {
   if (kind == kLazy) {
     EXPECT_EQ(test::read_lazy_files(root.path()), test::lazy_files(entries));
@@ -143,20 +123,30 @@ void expect_files_of(const std::string& kind, const TempDir& root,
   }
 }
 
-// By the kind of store.
+// Parameter: the kind of store.
 class OfEitherKind : public testing::TestWithParam<const char*> {
  protected:
-  Ran run(const std::string& scenario, const TempDir& root, const test::Environment& more = {},
+  Ran run(const std::string& scenario, const StoreRoot& root, test::Environment more = {},
           const test::Arguments& arguments = {}) const {
-    test::Environment environment{{"QV_CACHE_STORE_ROOT", root.path()},
-                                  {"QV_LOG_LEVEL", "WARN"},
-                                  {kKindVariable, GetParam()}};
-    environment.insert(more.begin(), more.end());
-    return test::run_scenario(scenario, environment, arguments);
+    more.emplace(kKindVariable, GetParam());
+    return root.run(scenario, arguments, "WARN", more);
   }
 };
 
-class CacheProcesses : public OfEitherKind {};
+class CacheProcesses : public OfEitherKind {
+ protected:
+  void expect_every_key_once(const std::string& how) const {
+    const StoreRoot root;
+    const Ran ran = run("overlapping_adders", root, {}, {how});
+    EXPECT_TRUE(ran.exited_with(0));
+    EXPECT_EQ(ran.messages(), Messages{});
+    const std::map<std::string, int> times = occurrences(GetParam(), root);
+    EXPECT_EQ(times.size(), static_cast<std::size_t>(kRounds * kKeysPerRound));
+    for (const auto& [key, count] : times) {
+      EXPECT_EQ(count, 1) << key;
+    }
+  }
+};
 class CacheFork : public OfEitherKind {};
 class CacheOutsideMain : public OfEitherKind {};
 
@@ -170,8 +160,8 @@ INSTANTIATE_TEST_SUITE_P(, CacheOutsideMain, testing::Values("basic", "lazy"), n
 
 // --- many processes ---
 
-// Every process adds some of the keys of each round, and each key is added by
-// several. With a barrier all of them load before any of them stores.
+// Each process adds some of the keys of each round, and several processes add each key. With a
+// barrier, all of them load before any of them stores.
 int add_for_all_rounds(int process, SharedBarrier* barrier) {
   for (int round = 0; round < kRounds; ++round) {
     auto cache = maps_cache();
@@ -205,34 +195,16 @@ SCENARIO(overlapping_adders) {
   }
   int failures = 0;
   for (const pid_t child : children) {
-    failures += ended(child) != 0;
+    failures += wait_for(child) != 0;
   }
   return failures;
 }
 
-void expect_every_key_once(const std::string& kind, const TempDir& root) {
-  const std::map<std::string, int> times = occurrences(kind, root);
-  EXPECT_EQ(times.size(), static_cast<std::size_t>(kRounds * kKeysPerRound));
-  for (const auto& [key, count] : times) {
-    EXPECT_EQ(count, 1) << key;
-  }
-}
-
 TEST_P(CacheProcesses, ThatStoreAtTheSameTimeLeaveEachKeyOnce) {
-  const TempDir root;
-  const Ran ran = run("overlapping_adders", root, {}, {"together"});
-  EXPECT_TRUE(ran.exited_with(0));
-  EXPECT_EQ(ran.messages(), Messages{});
-  expect_every_key_once(GetParam(), root);
+  expect_every_key_once("together");
 }
 
-TEST_P(CacheProcesses, ThatLoadWhileOthersStoreLeaveEachKeyOnce) {
-  const TempDir root;
-  const Ran ran = run("overlapping_adders", root, {}, {"apart"});
-  EXPECT_TRUE(ran.exited_with(0));
-  EXPECT_EQ(ran.messages(), Messages{});
-  expect_every_key_once(GetParam(), root);
-}
+TEST_P(CacheProcesses, ThatLoadWhileOthersStoreLeaveEachKeyOnce) { expect_every_key_once("apart"); }
 
 // --- forks ---
 
@@ -248,17 +220,17 @@ SCENARIO(fork_with_a_cache) {
   add(*cache, "both", "parent");
   add(*cache, "parent", "1");
   if (arguments.at(0) == "child first") {
-    ended(child);
+    wait_for(child);
     cache.reset();
     return 0;
   }
   cache.reset();
-  return ended(child);
+  return wait_for(child);
 }
 
 TEST_P(CacheFork, WhatParentAndChildAddIsStoredOnce) {
   for (const char* order : {"child first", "any order"}) {
-    const TempDir root;
+    const StoreRoot root;
     const Ran ran = run("fork_with_a_cache", root, {}, {order});
     EXPECT_TRUE(ran.exited_with(0));
     EXPECT_EQ(ran.messages(), Messages{});
@@ -271,8 +243,7 @@ TEST_P(CacheFork, WhatParentAndChildAddIsStoredOnce) {
 SCENARIO(child_stores_while_parent_holds_the_lock) {
   const auto lock = std::make_shared<quorvane::cache::StoreFLock>("maps");
   auto cache = std::make_unique<Cache>("maps", store_with_lock(lock), false);
-  const std::string file = std::string(getenv("QV_CACHE_STORE_ROOT")) +
-                           (kind() == StoreKind::basic ? "/maps" : "/val_maps");
+  const std::string file = test::root_file(kind() == StoreKind::basic ? "maps" : "val_maps");
   const std::string before = test::read_file(file);
   add(*cache, "key", "1");
   test::Signpost stored;
@@ -285,21 +256,20 @@ SCENARIO(child_stores_while_parent_holds_the_lock) {
   const bool waits = test::waits_for_lock(child, stored);
   const bool wrote_early = test::read_file(file) != before;
   lock->unlock();
-  const int status = ended(child);
+  const int status = wait_for(child);
   std::printf("%d %d %d", waits, wrote_early, status);
   return 0;
 }
 
 TEST_P(CacheFork, AChildStoresOnlyOnceItsParentReleasesTheLock) {
-  const TempDir root;
+  const StoreRoot root;
   EXPECT_EQ(run("child_stores_while_parent_holds_the_lock", root).out, "1 0 0");
   expect_files_of(GetParam(), root, {{"key", {"1"}}});
 }
 
 constexpr int kForks = 200;
-constexpr unsigned kHangSeconds = 60;
 
-// Threads that look up, add, log and load for as long as it takes.
+// Threads that look up, add, log and load until the object is destroyed.
 class BusyThreads {
  public:
   explicit BusyThreads(Cache& cache) {
@@ -308,7 +278,7 @@ class BusyThreads {
       QV_LOG(static_cast<quorvane::module::Module*>(qv_module_find("util/src/cache")), INFO,
              "busy");
     });
-#ifndef QV_SANITIZED  // whose allocators a fork may catch locked
+#ifndef QV_SANITIZED  // a fork may leave the sanitizers' allocators locked
     start([&cache](int i) { add(cache, "k" + std::to_string(i % 500), "busy"); });
     start([](int) { maps_cache(); });
 #endif
@@ -353,7 +323,7 @@ SCENARIO(forks_beside_busy_threads) {
   {
     const BusyThreads busy(*cache);
     for (int i = 0; i < kForks; ++i) {
-      failures += ended(in_child([&] { return use_the_copy(cache, i); })) != 0;
+      failures += wait_for(in_child([&] { return use_the_copy(cache, i); })) != 0;
     }
   }
   std::printf("%d", failures);
@@ -361,7 +331,7 @@ SCENARIO(forks_beside_busy_threads) {
 }
 
 TEST_P(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("forks_beside_busy_threads", root);
   EXPECT_EQ(ran.out, "0");
   EXPECT_TRUE(ran.exited_with(0));
@@ -376,8 +346,8 @@ TEST_P(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
   }
 }
 
-// The first look-up of a process makes the counters; here a fork may catch
-// another thread at it.
+// The first look-up of a process makes the counters. Here a fork may interrupt another thread
+// that makes them.
 SCENARIO(first_lookups_beside_a_fork) {
   Cache cache("volatile", nullptr, true);
   std::thread other([&] { cache.get_value(buffer("k")); });
@@ -386,11 +356,11 @@ SCENARIO(first_lookups_beside_a_fork) {
     return cache.get_value(buffer("k")) == nullptr ? 0 : 1;
   });
   other.join();
-  return ended(child) == 0 ? 0 : 1;
+  return wait_for(child) == 0 ? 0 : 1;
 }
 
 TEST_P(CacheFork, AFirstLookUpBesideAForkHangsNobody) {
-  const TempDir root;
+  const StoreRoot root;
   for (int i = 0; i < 20; ++i) {
     const Ran ran = run("first_lookups_beside_a_fork", root);
     EXPECT_TRUE(ran.exited_with(0)) << i << ran.err;
@@ -407,7 +377,7 @@ SCENARIO(exec_with_a_cache) {
 }
 
 TEST_P(CacheProcesses, ThatBecomeAnotherProgramLeaveItNoFileOfTheStore) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("exec_with_a_cache", root);
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_NE(ran.out.find("/dev/null"), std::string::npos);
@@ -421,7 +391,7 @@ bool is_asked_for(const char* what) {
   return asked != nullptr && std::string(asked) == what;
 }
 
-// In the static initialisers, and then held until the static destructors.
+// Makes a cache in a static initialiser and holds it until its static destructor.
 struct StaticUse {
   StaticUse() {
     if (is_asked_for("static")) {
@@ -441,7 +411,7 @@ struct StaticUse {
 };
 StaticUse g_static_use;
 
-// Makes and uses a cache only when main is over.
+// Makes and uses a cache only after main.
 struct LateUse {
   ~LateUse() {
     if (is_asked_for("destructor")) {
@@ -459,7 +429,7 @@ SCENARIO(use_outside_main) {
 }
 
 TEST_P(CacheOutsideMain, ACacheHeldInAStaticObjectStoresAtTheEnd) {
-  const TempDir root;
+  const StoreRoot root;
   for (int i = 0; i < 2; ++i) {
     const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", "static"}});
     EXPECT_TRUE(ran.exited_with(0));
@@ -471,7 +441,7 @@ TEST_P(CacheOutsideMain, ACacheHeldInAStaticObjectStoresAtTheEnd) {
 
 TEST_P(CacheOutsideMain, ACacheWorksInAnExitHandlerAndInAStaticDestructor) {
   for (const char* when : {"atexit", "destructor"}) {
-    const TempDir root;
+    const StoreRoot root;
     const Ran ran = run("use_outside_main", root, {{"QVTEST_LATE_USE", when}});
     EXPECT_TRUE(ran.exited_with(0)) << when;
     EXPECT_EQ(ran.messages(), Messages{}) << when;
@@ -479,7 +449,7 @@ TEST_P(CacheOutsideMain, ACacheWorksInAnExitHandlerAndInAStaticDestructor) {
   }
 }
 
-// The default controller, the counters and the log are still there as well.
+// The default controller, the counters and the log still work at exit.
 SCENARIO(defaults_at_exit) {
   std::atexit([] {
     Cache cache("maps", make_file_store(kind(), "maps"), false);
@@ -490,7 +460,7 @@ SCENARIO(defaults_at_exit) {
 }
 
 TEST_P(CacheOutsideMain, TheDefaultControllerIsThereAtExit) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("defaults_at_exit", root,
                       {{"QV_CACHE_STORE_CLEANUP_THRESHOLD", "1000"}, {"QV_LOG_LEVEL", "INFO"}});
   EXPECT_EQ(ran.out, "1");

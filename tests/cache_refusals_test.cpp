@@ -1,9 +1,10 @@
-// What the kernel can refuse a store: room, a writable root, descriptors, the
-// mapping, the file's size.
+// Stores to which the kernel refuses room, a writable root, descriptors, the mapping or the
+// file's size.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -19,37 +20,29 @@
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::Cache;
-using quorvane::cache::CleanupController;
-using quorvane::cache::make_file_store;
 using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using test::basic_file;
 using test::buffer;
 using test::buffers;
-using test::Entry;
 using test::expectation;
+using test::kEntries;
 using test::Ran;
-using test::TempDir;
+using test::root_path;
+using test::StoreRoot;
 using test::without_lines;
 using Messages = std::vector<std::string>;
 
 namespace {
 
-const std::vector<Entry> kEntries{{"b", {"2", "3"}}, {"aa", {"1"}}};
+std::unique_ptr<Store> maps_store() { return test::maps_store(StoreKind::basic); }
 
-std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
-
-std::unique_ptr<Store> maps_store() {
-  static CleanupController& no_limit = *new CleanupController(0);
-  return make_file_store(StoreKind::basic, "maps", &no_limit);
-}
-
-Ran run(const std::string& scenario, const TempDir& root, const test::Arguments& arguments = {}) {
-  return test::run_scenario(
-      scenario, {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "WARN"}}, arguments);
+Ran run(const std::string& scenario, const StoreRoot& root, const test::Arguments& arguments = {}) {
+  return root.run(scenario, arguments, "WARN");
 }
 
 void limit_file_size(rlim_t bytes) {
@@ -58,8 +51,8 @@ void limit_file_size(rlim_t bytes) {
   setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-// The records of an append that the disk had no room for: which errno the second
-// one then shows is what the failed write left.
+// Expects the records of an append for which the disk had no room. The error text of the
+// removal is arbitrary: the failed write left its errno.
 void expect_lost(const Messages& messages, const std::string& maps, bool at_write) {
   Messages expected;
   if (at_write) {
@@ -86,10 +79,10 @@ void expect_lost(const Messages& messages, const std::string& maps, bool at_writ
 
 // --- no room ---
 
-// Adds values of the given size on a root that has less room.
+// Arguments: what limits the room, and the size of a value that exceeds it.
 SCENARIO(append_without_room) {
   const std::string mounted = root_path() + "/small";
-  // Whoever may not mount has the size limit instead.
+  // A process that can't mount gets a size limit instead.
   if (arguments.at(0) == "size limit" ||
       mount("tmpfs", mounted.c_str(), "tmpfs", 0, "size=64k") != 0) {
     limit_file_size(64 * 1024);
@@ -110,7 +103,7 @@ SCENARIO(append_without_room) {
 }
 
 void expect_no_room(const std::string& how) {
-  const TempDir root;
+  const StoreRoot root;
   ASSERT_EQ(mkdir(root.file("small").c_str(), 0755), 0);
   const Ran ran = run("append_without_room", root, {how, "100000"});
   EXPECT_TRUE(ran.exited_with(0));
@@ -126,8 +119,8 @@ TEST(CacheRefusals, AFileSizeLimitCostsTheWholeFileAndTheNextCacheIsEmpty) {
   expect_no_room("size limit");
 }
 
-// So little that the stream keeps it: the kernel refuses only the flush.
-SCENARIO(refused_flush) {
+// The entry fits into the stream's buffer, so the kernel refuses only the flush.
+int append_with_a_refused_flush() {
   {
     Cache cache("maps", maps_store(), false);
     cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
@@ -136,8 +129,10 @@ SCENARIO(refused_flush) {
   return 0;
 }
 
+SCENARIO(refused_flush) { return append_with_a_refused_flush(); }
+
 TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheFlushCostsTheWholeFile) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const Ran ran = run("refused_flush", root);
   EXPECT_TRUE(ran.exited_with(0));
@@ -145,7 +140,7 @@ TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheFlushCostsTheWholeFile) {
   expect_lost(without_lines(ran.messages()), root.file("maps"), false);
 }
 
-// Only a file system at the other end of a wire does this.
+// Only a network file system does this.
 SCENARIO(refused_close) {
   {
     Cache cache("maps", maps_store(), false);
@@ -156,14 +151,14 @@ SCENARIO(refused_close) {
 }
 
 TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheCloseCostsTheWholeFile) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("refused_close", root);
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_FALSE(test::exists(root.file("maps")));
   expect_lost(without_lines(ran.messages()), root.file("maps"), false);
 }
 
-// The file stays open: nobody gets its number.
+// The file stays open, so its descriptor isn't reused.
 SCENARIO(refused_close_of_a_mapping) {
   {
     Cache cache("maps", maps_store(), false);
@@ -174,7 +169,7 @@ SCENARIO(refused_close_of_a_mapping) {
 }
 
 TEST(CacheRefusals, AMappingThatCannotBeClosedIsReportedAndTheAppendGoesOn) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const Ran ran = run("refused_close_of_a_mapping", root);
   EXPECT_TRUE(ran.exited_with(0));
@@ -185,7 +180,7 @@ TEST(CacheRefusals, AMappingThatCannotBeClosedIsReportedAndTheAppendGoesOn) {
 }
 
 TEST(CacheRefusals, AHeaderThatCannotBeWrittenIsReported) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("refused_flush", root);
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_FALSE(test::exists(root.file("maps")));
@@ -196,11 +191,11 @@ TEST(CacheRefusals, AHeaderThatCannotBeWrittenIsReported) {
   expect_lost(messages, root.file("maps"), false);
 }
 
-// --- a root that can't be written to ---
+// --- a read-only root ---
 
 SCENARIO(read_only_root) {
   const std::string mounted = root_path() + "/small";
-  // Whoever may not mount has the refusal instead.
+  // A process that can't mount gets a refusal instead.
   if (arguments.at(0) == "refusal" ||
       mount("tmpfs", mounted.c_str(), "tmpfs", MS_RDONLY, "size=64k") != 0) {
     test::refuse(SYS_openat, EROFS, test::When{2, O_RDWR | O_CREAT | O_CLOEXEC});
@@ -219,7 +214,7 @@ SCENARIO(read_only_root) {
 
 TEST(CacheRefusals, AReadOnlyRootGivesNoLockAndSoNoValidStore) {
   for (const char* how : {"mount", "refusal"}) {
-    const TempDir root;
+    const StoreRoot root;
     ASSERT_EQ(mkdir(root.file("small").c_str(), 0755), 0);
     const Ran ran = run("read_only_root", root, {how});
     EXPECT_EQ(ran.out, "0 1 1") << how;
@@ -232,7 +227,7 @@ TEST(CacheRefusals, AReadOnlyRootGivesNoLockAndSoNoValidStore) {
 
 // --- no descriptors ---
 
-// By refusal, since a sanitizer's runtime ends the process at a limit.
+// Refuses to open files: at a real limit, a sanitizer's runtime would end the process.
 void leave_no_descriptor() { test::refuse(SYS_openat, EMFILE); }
 
 SCENARIO(no_descriptor_for_the_lock) {
@@ -243,7 +238,7 @@ SCENARIO(no_descriptor_for_the_lock) {
 }
 
 TEST(CacheRefusals, WithoutADescriptorForTheLockTheStoreIsInvalid) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("no_descriptor_for_the_lock", root);
   EXPECT_EQ(ran.out, "1");
   EXPECT_EQ(ran.messages(), Messages{"WARN Cache store " + root.file("lock_maps") +
@@ -259,7 +254,7 @@ SCENARIO(no_descriptor_for_the_file) {
 }
 
 TEST(CacheRefusals, WithoutADescriptorForTheFileTheLoadFails) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const Ran ran = run("no_descriptor_for_the_file", root);
   EXPECT_EQ(ran.out, "0");
@@ -278,7 +273,7 @@ SCENARIO(no_descriptor_for_the_append) {
 }
 
 TEST(CacheRefusals, WithoutADescriptorForTheAppendTheFileIsGivenUp) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = run("no_descriptor_for_the_append", root);
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(without_lines(ran.messages()),
@@ -289,7 +284,7 @@ TEST(CacheRefusals, WithoutADescriptorForTheAppendTheFileIsGivenUp) {
 }
 
 TEST(CacheRefusals, WithoutADescriptorForTheScanALoadedFileIsLeftAlone) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const Ran ran = run("no_descriptor_for_the_append", root);
   EXPECT_TRUE(ran.exited_with(0));
@@ -302,8 +297,7 @@ TEST(CacheRefusals, WithoutADescriptorForTheScanALoadedFileIsLeftAlone) {
 
 // --- refused calls ---
 
-// Refuses what the argument names, once the store has its lock and its pages are
-// in memory.
+// Argument: the call that the kernel refuses once the store has its lock.
 SCENARIO(refused_load) {
   std::unique_ptr<Store> store = maps_store();
   const std::string& what = arguments.at(0);
@@ -320,13 +314,13 @@ SCENARIO(refused_load) {
   return 0;
 }
 
-Ran refused_load(const TempDir& root, const std::string& what) {
+Ran refused_load(const StoreRoot& root, const std::string& what) {
   test::write_file(root.file("maps"), basic_file(kEntries));
   return run("refused_load", root, {what});
 }
 
 TEST(CacheRefusals, AMappingThatIsRefusedFailsTheLoad) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = refused_load(root, "mmap");
   EXPECT_EQ(ran.out, "0");
   EXPECT_EQ(without_lines(ran.messages()),
@@ -335,7 +329,7 @@ TEST(CacheRefusals, AMappingThatIsRefusedFailsTheLoad) {
 }
 
 TEST(CacheRefusals, ASizeThatIsRefusedFailsTheLoad) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = refused_load(root, "fstat");
   EXPECT_EQ(ran.out, "0");
   EXPECT_EQ(
@@ -346,7 +340,7 @@ TEST(CacheRefusals, ASizeThatIsRefusedFailsTheLoad) {
 }
 
 TEST(CacheRefusals, ALockThatIsRefusedEndsTheProcess) {
-  const TempDir root;
+  const StoreRoot root;
   const Ran ran = refused_load(root, "flock");
   EXPECT_TRUE(ran.aborted());
   EXPECT_EQ(without_lines(ran.messages()), Messages{test::assertion("flock_ret == 0")});
@@ -358,20 +352,15 @@ TEST(CacheRefusals, ALockThatIsRefusedEndsTheProcess) {
 SCENARIO(unremovable) {
   test::refuse(SYS_unlink, EBUSY);
   test::refuse(SYS_unlinkat, EBUSY);
-  {
-    Cache cache("maps", maps_store(), false);
-    cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
-    test::refuse_writes_to_the_next_file();
-  }
-  return 0;
+  return append_with_a_refused_flush();
 }
 
 TEST(CacheRefusals, AFileThatCannotBeRemovedIsReportedAsRemoved) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const Ran ran = run("unremovable", root);
   EXPECT_TRUE(test::exists(root.file("maps")));
-  // The record of a removal that failed belongs to the one that succeeded.
+  // The library logs a removal error only if the removal succeeded.
   EXPECT_EQ(without_lines(ran.messages()),
             (Messages{expectation("!fbuffer_corrupted && file.good()"),
                       "WARN Cache file " + root.file("maps") +

@@ -1,9 +1,9 @@
+// When a controller cleans a resource, and where the default one gets its threshold from.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
 #include <quorvane/module.h>
 #include <quorvane/store.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,9 +13,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
-#include "support/temp_dir.h"
+#include "support/store_root.h"
 #include "support/thread_state.h"
 
 using quorvane::cache::CleanableResource;
@@ -78,6 +79,8 @@ TEST(CleanupController, TicketsOfManyThreadsAreDistinct) {
   EXPECT_EQ(controller.get_ticket(), 1000u);
 }
 
+// Arguments: threshold, usage before and after a cleaning. Prints how often the resource was
+// measured and cleaned.
 SCENARIO(process_usages) {
   CleanupController controller(std::stoull(arguments.at(0)));
   FakeResource resource(std::stoull(arguments.at(1)), std::stoull(arguments.at(2)));
@@ -86,32 +89,31 @@ SCENARIO(process_usages) {
   return 0;
 }
 
+void expect_processed(const test::Arguments& arguments, const std::string& counts,
+                      const Messages& messages) {
+  const Ran ran = run_scenario("process_usages", {}, arguments);
+  EXPECT_EQ(ran.out, counts);
+  EXPECT_EQ(ran.messages(), messages);
+}
+
 TEST(CleanupController, WithoutAThresholdNothingIsMeasured) {
-  const Ran ran = run_scenario("process_usages", {}, {"0", "1000000", "0"});
-  EXPECT_EQ(ran.out, "0 0");
-  EXPECT_EQ(ran.messages(), Messages{});
+  expect_processed({"0", "1000000", "0"}, "0 0", {});
 }
 
 TEST(CleanupController, ExactlyTheThresholdIsNotCleaned) {
-  const Ran ran = run_scenario("process_usages", {}, {"100", "100", "0"});
-  EXPECT_EQ(ran.out, "1 0");
-  EXPECT_EQ(ran.messages(), Messages{"TRACE Cache store usage is 100 / 100 bytes."});
+  expect_processed({"100", "100", "0"}, "1 0", {"TRACE Cache store usage is 100 / 100 bytes."});
 }
 
 TEST(CleanupController, OneByteMoreIsCleanedAndMeasuredAgain) {
-  const Ran ran = run_scenario("process_usages", {}, {"100", "101", "0"});
-  EXPECT_EQ(ran.out, "2 1");
-  EXPECT_EQ(ran.messages(),
-            (Messages{"TRACE Cache store usage is 101 / 100 bytes.",
-                      "TRACE Cache store usage is 0 / 100 bytes.", "INFO Cache store cleaned."}));
+  expect_processed({"100", "101", "0"}, "2 1",
+                   {"TRACE Cache store usage is 101 / 100 bytes.",
+                    "TRACE Cache store usage is 0 / 100 bytes.", "INFO Cache store cleaned."});
 }
 
 TEST(CleanupController, WhatCleaningLeavesIsRecordedAndNotCleanedAgain) {
-  const Ran ran = run_scenario("process_usages", {}, {"100", "500", "300"});
-  EXPECT_EQ(ran.out, "2 1");
-  EXPECT_EQ(ran.messages(),
-            (Messages{"TRACE Cache store usage is 500 / 100 bytes.",
-                      "TRACE Cache store usage is 300 / 100 bytes.", "INFO Cache store cleaned."}));
+  expect_processed({"100", "500", "300"}, "2 1",
+                   {"TRACE Cache store usage is 500 / 100 bytes.",
+                    "TRACE Cache store usage is 300 / 100 bytes.", "INFO Cache store cleaned."});
 }
 
 TEST(CleanupController, TheTotalIsTheSumOfWhatWasLastMeasured) {
@@ -138,7 +140,7 @@ TEST(CleanupController, TheStoreThatCrossesTheThresholdIsTheOneCleaned) {
   controller.process(second, small);
   EXPECT_EQ(large.cleaned, 0);
   EXPECT_EQ(small.cleaned, 1);
-  // The cleaned store's slot holds 0 now: 90 + 10 fit again.
+  // The cleaned store counts 0 now, so 90 + 10 is within the threshold.
   small.usage = 10;
   controller.process(second, small);
   EXPECT_EQ(small.cleaned, 1);
@@ -160,7 +162,8 @@ TEST(CleanupController, ATicketThatWasNotHandedOutEndsTheProcess) {
 
 // --- the default controller ---
 
-// Says from which usage on the default controller cleans.
+// Argument: a usage. Prints whether there is one default controller, and how often it cleaned
+// a resource of that usage and one of a byte more.
 SCENARIO(default_controller) {
   CleanupController* controller = FileStoreSkeleton::get_default_cleanup_controller();
   const std::uint64_t usage = std::stoull(arguments.at(0));
@@ -236,9 +239,9 @@ TEST(DefaultCleanupController, ReadsTheEnvironmentOnce) {
   EXPECT_EQ(run_scenario("environment_changes_late").out, "0");
 }
 
-// The log is a pipe that takes nothing more until the fork is over.
+// The log is a full pipe, so its writer waits during the fork.
 SCENARIO(fork_beside_a_record_that_waits) {
-  alarm(60);
+  alarm(test::kHangSeconds);
   int ends[2];
   if (pipe(ends) != 0) {
     return 2;
@@ -257,14 +260,10 @@ SCENARIO(fork_beside_a_record_that_waits) {
   const std::uint64_t ticket = controller.get_ticket();
   test::Watched measuring([&] { controller.update_and_check_usage(ticket, resource); });
   measuring.settle();
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(0);
-  }
-  waitpid(child, nullptr, 0);
+  test::wait_for(test::in_child([] { return 0; }));
   const bool waited = !measuring.is_done();
   signal(SIGPIPE, SIG_IGN);
-  close(ends[0]);  // who writes now is refused
+  close(ends[0]);  // fails the write
   measuring.join();
   return waited ? 0 : 1;
 }

@@ -1,20 +1,19 @@
-// What the kernel can refuse a lazy store: room, descriptors, the mappings, the
-// files' sizes; and what a process leaves that is killed in the midst of an append.
+// Lazy stores to which the kernel refuses room, descriptors, the mappings or the files' sizes,
+// and what a process leaves that is killed during an append.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,10 +23,10 @@
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 
 using quorvane::cache::Cache;
 using quorvane::cache::CleanupController;
-using quorvane::cache::make_file_store;
 using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using test::buffer;
@@ -35,16 +34,16 @@ using test::buffers;
 using test::Entry;
 using test::expectation;
 using test::expectation_at;
+using test::kEntries;
 using test::lazy_files;
 using test::lazy_lines;
 using test::LazyFiles;
 using test::LazyRoot;
 using test::Ran;
+using test::root_file;
 using Messages = std::vector<std::string>;
 
 namespace {
-
-const std::vector<Entry> kEntries{{"b", {"2", "3"}}, {"aa", {"1"}}};
 
 const std::string kWriteOfKey = expectation_at(
     "key_file .write(reinterpret_cast<const char *>( key_fbuffer.get_buffer()), "
@@ -59,21 +58,19 @@ const std::string kNotStored =
 const std::string kDiffLost = expectation("store_->try_store_diff(diff_map_)");
 const std::string kNoCache = "ERROR Couldn't create maps cache with LazyLookupStore store type";
 
-std::unique_ptr<Store> maps_store() {
-  static CleanupController& no_limit = *new CleanupController(0);
-  return make_file_store(StoreKind::lazy_lookup, "maps", &no_limit);
-}
+std::unique_ptr<Store> maps_store() { return test::maps_store(StoreKind::lazy_lookup); }
 
 void limit_file_size(rlim_t bytes) {
   const rlimit limit{bytes, bytes};
   setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-// An append opens the key file, then the value file.
+// In the order in which an append opens them.
 enum File { KEY_FILE, VAL_FILE };
 
 File file_named(const std::string& name) { return name == "key" ? KEY_FILE : VAL_FILE; }
 
+// The messages `before`, then those of an append that loses the files.
 Messages lost_messages(const LazyRoot& root, const Messages& before) {
   Messages messages = before;
   messages.push_back(kNotStored);
@@ -84,7 +81,7 @@ Messages lost_messages(const LazyRoot& root, const Messages& before) {
   return messages;
 }
 
-// A scenario in which the files are lost: with these records, and the process goes on.
+// Expects that a scenario logs `before`, loses the files and exits normally.
 void expect_lost(const std::string& scenario, const test::Arguments& arguments,
                  const Messages& before) {
   const LazyRoot root(lazy_files(kEntries));
@@ -120,9 +117,9 @@ TEST(LazyStoreRefusals, AKeyBeyondTheSizeLimitCostsBothFiles) {
 }
 
 SCENARIO(append_to_a_full_disk) {
-  const std::string mounted = std::string(getenv("QV_CACHE_STORE_ROOT")) + "/small";
+  const std::string mounted = root_file("small");
   mkdir(mounted.c_str(), 0755);
-  // Whoever may not mount has the size limit instead.
+  // A process that can't mount gets a size limit instead.
   if (mount("tmpfs", mounted.c_str(), "tmpfs", 0, "size=64k") != 0) {
     signal(SIGXFSZ, SIG_IGN);
     limit_file_size(64 * 1024);
@@ -151,7 +148,7 @@ TEST(LazyStoreRefusals, AFullDiskCostsBothFilesAndTheNextCacheIsEmpty) {
   EXPECT_EQ(lazy_lines(ran), (Messages{kWriteOfValue, kNotStored, kDiffLost}));
 }
 
-// So little that the streams keep it: the kernel refuses only the flush.
+// The entry fits into the streams' buffers, so the kernel refuses only the flush.
 SCENARIO(refused_flush) {
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("a"), buffers({std::string(200, 'x')}));
@@ -164,7 +161,7 @@ TEST(LazyStoreRefusals, ARefusalThatShowsOnlyAtTheFlushOfEitherFileCostsBoth) {
   expect_lost("refused_flush", {"key"}, {});
 }
 
-// Only a file system at the other end of a wire does this.
+// Only a network file system does this.
 SCENARIO(refused_close) {
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("a"), buffers({"1"}));
@@ -178,7 +175,7 @@ TEST(LazyStoreRefusals, ARefusalThatShowsOnlyAtTheCloseCostsBothFiles) {
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_TRUE(root.has_neither());
   const std::string not_closed = expectation("::close(fd_) == 0", "util/src/mmapped_file:75");
-  // The mappings of the scan and of the values can't be closed either.
+  // Closing the mappings of the scan and of the values fails too.
   Messages expected = lost_messages(root, {not_closed});
   expected.push_back(not_closed);
   EXPECT_EQ(test::without_errno(ran.messages()).size(), expected.size());
@@ -191,8 +188,8 @@ SCENARIO(refused_close_of_one) {
   quorvane::cache::LazyLookupStore store("maps", std::make_shared<test::CountingLock>(),
                                          &controller);
   const auto diff = test::entry_map({{"a", {"1"}}});
-  // A sanitizer asks the kernel about each type once, through a pipe, which must not get
-  // the refused descriptor.
+  // A sanitizer checks each type once and opens a pipe for that. This append makes it do so
+  // before a descriptor is refused.
   store.try_nonlock_append({}, {});
   test::refuse(SYS_close, EDQUOT,
                test::When{0, test::next_descriptor(file_named(arguments.at(0)))});
@@ -207,7 +204,7 @@ TEST(LazyStoreRefusals, ACloseThatIsRefusedForOneOfTheFilesCostsBoth) {
     EXPECT_EQ(ran.out, "0") << file;
     EXPECT_TRUE(root.has_neither()) << file;
     Messages expected = lost_messages(root, {});
-    expected.pop_back();  // the cache's
+    expected.pop_back();  // the one of a cache
     EXPECT_EQ(test::without_errno(ran.messages()), expected) << file;
   }
 }
@@ -230,16 +227,15 @@ TEST(LazyStoreRefusals, AMappingThatCannotBeClosedIsReportedAndTheAppendGoesOn) 
 }
 
 SCENARIO(refused_header) {
-  auto lock = maps_store();  // so that the lock file is there
-  std::remove((std::string(getenv("QV_CACHE_STORE_ROOT")) + "/key_maps").c_str());
-  std::remove((std::string(getenv("QV_CACHE_STORE_ROOT")) + "/val_maps").c_str());
-  // The new store's lock is the first that is opened.
+  auto lock = maps_store();  // creates the lock file
+  std::remove(root_file("key_maps").c_str());
+  std::remove(root_file("val_maps").c_str());
+  // The new store opens its lock file first.
   const test::When to_it{0, test::next_descriptor(1 + file_named(arguments.at(0)))};
   test::refuse(SYS_write, ENOSPC, to_it);
   test::refuse(SYS_writev, ENOSPC, to_it);
   std::unique_ptr<Store> store = maps_store();
-  // A sanitizer asks the kernel things through a pipe, which must not get the
-  // refused descriptor.
+  // A sanitizer may open a pipe, which must not get the refused descriptor.
   while (open("/dev/null", O_RDONLY | O_CLOEXEC) < static_cast<int>(to_it.value)) {
   }
   std::printf("%d", Cache("maps", std::move(store), false).is_valid());
@@ -261,7 +257,7 @@ TEST(LazyStoreRefusals, AHeaderThatCannotBeWrittenLeavesNoHalfOfAPair) {
 
 // --- files that can't be opened or mapped ---
 
-// By refusal, since a sanitizer's runtime ends the process at a limit.
+// Refuses to open files: at a real limit, a sanitizer's runtime would end the process.
 void leave_no_descriptor() { test::refuse(SYS_openat, EMFILE); }
 
 SCENARIO(no_descriptor_for_the_append) {
@@ -291,8 +287,7 @@ TEST(LazyStoreRefusals, WithoutADescriptorForTheAppendEmptyFilesAreLeftAlone) {
   EXPECT_EQ(root.files(), lazy_files({}));
 }
 
-// Loads after the kernel began to refuse a call on the first or the second of the
-// two files.
+// Arguments: the call that the kernel refuses during a load, and on which file.
 SCENARIO(refused_load) {
   std::unique_ptr<Store> store = maps_store();
   const std::string& what = arguments.at(0);
@@ -362,17 +357,16 @@ TEST(LazyStoreRefusals, FilesThatCannotBeRemovedAreReportedAsRemoved) {
   const LazyRoot root(lazy_files(kEntries));
   const Ran ran = root.run("unremovable", {}, "WARN");
   EXPECT_EQ(root.files(), lazy_files(kEntries));
-  // The record of a removal that failed belongs to the one that succeeded.
+  // The library logs a removal error only if the removal succeeded.
   EXPECT_EQ(lazy_lines(ran), (Messages{kNotStored, root.removed(), kDiffLost}));
 }
 
-// --- killed in the midst of an append ---
+// --- killed during an append ---
 
-// The kernel kills whoever writes beyond the limit: here the first byte to the
+// The kernel kills a process that writes beyond the limit: here, at the first byte for the
 // longer of the two files.
 SCENARIO(killed_at_the_longer_file) {
-  const std::string root = getenv("QV_CACHE_STORE_ROOT");
-  const LazyFiles files = test::read_lazy_files(root);
+  const LazyFiles files = test::read_lazy_files(test::root_path());
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("new"), buffers({"value"}));
   cache.add_value(buffer("another"), buffers({"of", "two"}));
@@ -399,8 +393,8 @@ TEST(LazyStoreKilled, BeforeTheValuesLeavesBothFilesAsTheyWere) {
   EXPECT_EQ(root.files(), before);
 }
 
-// Many entries, so that both streams write in the midst of them. The kernel cuts
-// the values at the limit, and then kills.
+// So many entries that both streams write before the last one. The kernel makes a short write
+// of the values at the limit, and then kills.
 SCENARIO(killed_amid_many_values) {
   Cache cache("maps", maps_store(), false);
   for (int i = 0; i < 2000; ++i) {

@@ -1,15 +1,13 @@
-// How serious each check of the caches and stores is: which of them the module
-// still reports when its threshold goes down.
+// The severity of each check of the caches and stores: which of them the module still reports
+// at a lower threshold.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "support/lazy_files.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::BasicStore;
@@ -26,7 +25,6 @@ using quorvane::cache::EntryMap;
 using quorvane::cache::FileStoreSkeleton;
 using quorvane::cache::KeySet;
 using quorvane::cache::LazyLookupStore;
-using quorvane::util::RoBuffer;
 using quorvane::util::RwBuffer;
 using test::basic_file;
 using test::buffer;
@@ -36,7 +34,7 @@ using test::header_bytes;
 using test::le32;
 using test::le64;
 using test::Ran;
-using test::TempDir;
+using test::root_path;
 using Messages = std::vector<std::string>;
 
 namespace {
@@ -44,11 +42,12 @@ namespace {
 const std::string kMagic = le32(test::kStoreMagic);
 const test::Entry kEntry{"k", {"v"}};
 
-std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
+std::string maps_file() { return test::root_file("maps"); }
 
-struct Maps {
+template <typename StoreType>
+struct AnyMaps {
   CleanupController controller{0};
-  BasicStore store{"maps", std::make_shared<test::CountingLock>(), &controller};
+  StoreType store{"maps", std::make_shared<test::CountingLock>(), &controller};
 
   void load() {
     EntryMap out;
@@ -59,6 +58,8 @@ struct Maps {
     store.try_nonlock_load_new_keys(keys);
   }
 };
+using Maps = AnyMaps<BasicStore>;
+using LazyMaps = AnyMaps<LazyLookupStore>;
 
 void load(const std::string& bytes) {
   test::write_file(maps_file(), bytes);
@@ -76,7 +77,7 @@ void write_entry(std::size_t room) {
   BasicStore::write_entry(writer, buffer("abc"), buffers({"ab"}));
 }
 
-// Fails each check on decoding and encoding once.
+// Fails each check of the decoding and encoding once.
 void fail_at_every_piece() {
   load("1234567");
   load(header_bytes(2));
@@ -123,7 +124,7 @@ const Messages kPieces{
     "fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size())",
 };
 
-// Fails each check on the files themselves once.
+// Fails each check of the files themselves once.
 void fail_at_every_file() {
   test::write_file(maps_file(), basic_file({kEntry}));
   Maps maps;
@@ -147,7 +148,7 @@ const Messages kFilesSeverity2{"file.is_open()", "file.is_open()"};
 const Messages kFilesSeverity3{"file_exists(fpath_)", "file_exists(fpath_)",
                                "stat(fpath_.c_str(), &st) == 0"};
 
-// A cache that loaded an entry from a file that someone restarts then.
+// Fails each check of the caches once. One loads an entry from a file that is then restarted.
 void fail_at_every_sequence() {
   const auto lock = std::make_shared<test::CountingLock>();
   CleanupController controller(0);
@@ -166,22 +167,6 @@ void fail_at_every_sequence() {
 }
 
 // --- the lazy store ---
-
-struct LazyMaps {
-  CleanupController controller{0};
-  LazyLookupStore store{"maps", std::make_shared<test::CountingLock>(), &controller};
-
-  void load() {
-    EntryMap out;
-    store.try_nonlock_load(out);
-  }
-  void scan() {
-    KeySet keys;
-    store.try_nonlock_load_new_keys(keys);
-  }
-};
-
-std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
 
 void lazy_load(const std::string& key_bytes, const std::string& val_bytes = header_bytes(2)) {
   test::write_lazy_files(root_path(), {key_bytes, val_bytes});
@@ -239,7 +224,7 @@ const Messages kLazyPieces{
     "fwriter.put_raw(val_atom.get_buffer(), val_atom.get_size())",
 };
 
-// Appends an entry that the size of a file allows no more.
+// Appends an entry that exceeds the size limit of a file.
 void lazy_append_without_room(const test::Entry& entry) {
   test::write_lazy_files(root_path(), test::lazy_files({}));
   LazyMaps().store.try_nonlock_append(test::entry_map({entry}), {});
@@ -307,13 +292,11 @@ SCENARIO(fail_everywhere) {
 }
 
 Ran fail_everywhere(const std::string& what, int log_level, int abort_level = 0) {
-  const TempDir root;
-  return test::run_scenario("fail_everywhere",
-                            {{"QV_CACHE_STORE_ROOT", root.path()}, {"QV_LOG_LEVEL", "ERROR"}},
-                            {what, std::to_string(log_level), std::to_string(abort_level)});
+  return test::StoreRoot().run(
+      "fail_everywhere", {what, std::to_string(log_level), std::to_string(abort_level)}, "ERROR");
 }
 
-// The records of checks, in the order of their texts.
+// The records of the failed checks, sorted.
 Messages checks_reported(const std::string& what, int log_level) {
   Messages checks;
   for (const std::string& message :
@@ -326,41 +309,33 @@ Messages checks_reported(const std::string& what, int log_level) {
   return checks;
 }
 
-Messages expected(const std::vector<Messages>& lists) {
-  Messages all;
-  for (const Messages& list : lists) {
-    for (const std::string& condition : list) {
-      all.push_back(expectation(condition));
+// Expects that a threshold of 0 reports nothing, and that each higher one adds the checks of
+// its severity: `by_severity` begins with those of severity 1.
+void expect_severities(const std::string& what, const std::vector<Messages>& by_severity) {
+  Messages expected;
+  EXPECT_EQ(checks_reported(what, 0), expected);
+  int level = 0;
+  for (const Messages& conditions : by_severity) {
+    for (const std::string& condition : conditions) {
+      expected.push_back(expectation(condition));
     }
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(checks_reported(what, ++level), expected) << level;
   }
-  std::sort(all.begin(), all.end());
-  return all;
 }
 
-TEST(StoreSeverity, OfEveryPieceIs1) {
-  EXPECT_EQ(checks_reported("pieces", 0), Messages{});
-  EXPECT_EQ(checks_reported("pieces", 1), expected({kPieces}));
-}
+TEST(StoreSeverity, OfEveryPieceIs1) { expect_severities("pieces", {kPieces}); }
 
 TEST(StoreSeverity, OfTheFilesIsLessTheMoreOrdinaryTheCaseIs) {
-  EXPECT_EQ(checks_reported("files", 0), Messages{});
-  EXPECT_EQ(checks_reported("files", 1), expected({kFilesSeverity1}));
-  EXPECT_EQ(checks_reported("files", 2), expected({kFilesSeverity1, kFilesSeverity2}));
-  EXPECT_EQ(checks_reported("files", 3),
-            expected({kFilesSeverity1, kFilesSeverity2, kFilesSeverity3}));
+  expect_severities("files", {kFilesSeverity1, kFilesSeverity2, kFilesSeverity3});
 }
 
 TEST(StoreSeverity, OfEveryPieceOfALazyStoreIs1) {
-  EXPECT_EQ(checks_reported("lazy pieces", 0), Messages{});
-  EXPECT_EQ(checks_reported("lazy pieces", 1), expected({kLazyPieces}));
+  expect_severities("lazy pieces", {kLazyPieces});
 }
 
 TEST(StoreSeverity, OfALazyStoresFilesIsThatOfABasicStores) {
-  EXPECT_EQ(checks_reported("lazy files", 0), Messages{});
-  EXPECT_EQ(checks_reported("lazy files", 1), expected({kLazyFilesSeverity1}));
-  EXPECT_EQ(checks_reported("lazy files", 2), expected({kLazyFilesSeverity1, kLazyFilesSeverity2}));
-  EXPECT_EQ(checks_reported("lazy files", 3),
-            expected({kLazyFilesSeverity1, kLazyFilesSeverity2, kLazyFilesSeverity3}));
+  expect_severities("lazy files", {kLazyFilesSeverity1, kLazyFilesSeverity2, kLazyFilesSeverity3});
 }
 
 TEST(StoreSeverity, OfAHeaderThatCannotBeWrittenIs1) {
@@ -377,10 +352,7 @@ TEST(StoreSeverity, OfTheSequencesIsThatOfTheirUse) {
   const Messages severity2{"loaded_map_last_size_ == 0 || new_keys_loaded", "threshold_env"};
   const Messages severity3{"fallback_to_volatile || (store != nullptr && store->is_valid())",
                            "store_->try_load(loaded_map_)"};
-  EXPECT_EQ(checks_reported("sequences", 0), Messages{});
-  EXPECT_EQ(checks_reported("sequences", 1), expected({severity1}));
-  EXPECT_EQ(checks_reported("sequences", 2), expected({severity1, severity2}));
-  EXPECT_EQ(checks_reported("sequences", 3), expected({severity1, severity2, severity3}));
+  expect_severities("sequences", {severity1, severity2, severity3});
 }
 
 TEST(StoreSeverity, IsWhatEndsTheProcessToo) {

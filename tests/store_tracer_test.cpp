@@ -1,4 +1,4 @@
-// What the stores tell the product's tracer, which this program brings along.
+// What the stores report to the program's tracer. This program defines one.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <quorvane/file_store.h>
@@ -15,6 +15,8 @@
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
+#include "support/store_maps.h"
+#include "support/store_root.h"
 #include "support/temp_dir.h"
 
 using quorvane::cache::BasicStore;
@@ -24,13 +26,13 @@ using quorvane::cache::KeySet;
 using quorvane::cache::LazyLookupStore;
 using test::basic_file;
 using test::entry_bytes;
+using test::kEntries;
 using test::Ran;
-using test::TempDir;
+using test::StoreRoot;
 
 namespace {
 
-// Prints "event/category(bytes)"; the two reports of an operation come from one
-// store and share their record.
+// The two reports of an operation come from the same store and share a record.
 const void* g_store = nullptr;
 const _qv_trace_rpc_t* g_record = nullptr;
 
@@ -39,7 +41,7 @@ constexpr unsigned kEnd = 1544;
 
 }  // namespace
 
-// The library finds this one when it is loaded.
+// Prints "event/category(bytes)". The library finds this function when it is loaded.
 void qvtracer::util::write_trace(const _qv_trace_rpc_t* rpc, _qv_trace_rpc_t* record,
                                  unsigned int event, unsigned int op, const void* a, const void* b,
                                  const void* c, const void* d) {
@@ -57,10 +59,7 @@ void qvtracer::util::write_trace(const _qv_trace_rpc_t* rpc, _qv_trace_rpc_t* re
 
 namespace {
 
-const std::vector<test::Entry> kEntries{{"b", {"2", "3"}}, {"aa", {"1"}}};
 const test::Entry kForeign{"foreign", {"1", "22"}};
-
-std::string maps_file() { return std::string(getenv("QV_CACHE_STORE_ROOT")) + "/maps"; }
 
 std::string reports(unsigned category, std::size_t bytes) {
   const auto report = [&](unsigned event, std::size_t size) {
@@ -70,16 +69,7 @@ std::string reports(unsigned category, std::size_t bytes) {
   return report(kStart, 0) + report(kEnd, bytes);
 }
 
-// What another process does.
-void others_append(const BasicStore&) {
-  test::write_file(maps_file(), test::read_file(maps_file()) + entry_bytes(kForeign));
-}
-void others_append(const LazyLookupStore&) {
-  const std::string root = getenv("QV_CACHE_STORE_ROOT");
-  test::write_lazy_files(root, test::add_to(test::read_lazy_files(root), {kForeign}));
-}
-
-// Takes the steps that the arguments name, each with its reports in brackets.
+// Takes the steps that the arguments name, and prints the reports of each in brackets.
 template <typename Store>
 int take(const test::Arguments& arguments) {
   CleanupController controller(0);
@@ -96,16 +86,16 @@ int take(const test::Arguments& arguments) {
     } else if (step == "append") {
       store.try_nonlock_append(test::entry_map(kEntries), test::key_set({"b"}));
     } else if (step == "others append") {
-      others_append(store);
+      test::Maps<Store>::others_append({kForeign});
     } else if (step == "refuse writes" || step == "refuse writes to the second file") {
       test::refuse_writes_to_the_next_file(step == "refuse writes" ? 0 : 1);
     } else {
-      test::write_file(maps_file(), step);
+      test::write_file(test::root_file("maps"), step);
     }
     std::printf("]");
   }
-  // A sanitizer asks the kernel about types that end here, through a pipe that must not
-  // get a refused descriptor.
+  // A sanitizer checks the types that are destroyed here and opens a pipe for that, which must
+  // not get a refused descriptor.
   for (int taken = 0; taken < 2; ++taken) {
     [[maybe_unused]] const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
   }
@@ -115,27 +105,27 @@ int take(const test::Arguments& arguments) {
 SCENARIO(traced_steps) { return take<BasicStore>(arguments); }
 SCENARIO(traced_lazy_steps) { return take<LazyLookupStore>(arguments); }
 
-std::string steps(const TempDir& root, const test::Arguments& arguments,
+std::string steps(const StoreRoot& root, const test::Arguments& arguments,
                   const std::string& scenario = "traced_steps") {
-  const Ran ran = test::run_scenario(scenario, {{"QV_CACHE_STORE_ROOT", root.path()}}, arguments);
+  const Ran ran = root.run(scenario, arguments);
   EXPECT_TRUE(ran.exited_with(0));
   return ran.out;
 }
 
 TEST(StoreTracer, HearsOfALoadWithTheSizeOfTheFile) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   EXPECT_EQ(steps(root, {"load"}), "[" + reports(11, basic_file(kEntries).size()) + "]");
 }
 
 TEST(StoreTracer, HearsOfALoadThatFindsDamage) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries) + "damage");
   EXPECT_EQ(steps(root, {"load"}), "[" + reports(11, basic_file(kEntries).size() + 6) + "]");
 }
 
 TEST(StoreTracer, HearsOfAScanWithTheBytesThatAreNew) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_file(root.file("maps"), basic_file(kEntries));
   const std::string loaded = "[" + reports(11, basic_file(kEntries).size()) + "]";
   EXPECT_EQ(steps(root, {"scan"}), loaded);
@@ -145,26 +135,26 @@ TEST(StoreTracer, HearsOfAScanWithTheBytesThatAreNew) {
 }
 
 TEST(StoreTracer, HearsOfAnAppendWithTheBytesThatItAdded) {
-  const TempDir root;
+  const StoreRoot root;
   const std::string added = "[" + reports(12, entry_bytes({"aa", {"1"}}).size()) + "]";
   EXPECT_EQ(steps(root, {"append", "append"}), added + added);
   EXPECT_EQ(test::read_file(root.file("maps")),
             basic_file({{"aa", {"1"}}}) + entry_bytes({"aa", {"1"}}));
 }
 
-// The stream keeps so little until its flush; the count is made after that. The first
-// append has the sanitizers know its types.
+// The stream buffers the entry until its flush, and the bytes are counted after that. The
+// first append has the sanitizers check its types.
 TEST(StoreTracer, HearsOfNoBytesOfAnAppendThatIsRefusedAtItsFlush) {
-  const TempDir root;
+  const StoreRoot root;
   const std::string added = "[" + reports(12, entry_bytes({"aa", {"1"}}).size()) + "]";
   EXPECT_EQ(steps(root, {"append", "refuse writes", "append"}),
             added + "[][" + reports(12, 0) + "]");
 }
 
 TEST(StoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
-  const TempDir root;
+  const StoreRoot root;
   EXPECT_EQ(steps(root, {"load", "scan"}), "[][]");
-  const TempDir none;
+  const StoreRoot none;
   EXPECT_EQ(
       test::run_scenario("traced_steps", {{"QV_CACHE_STORE_ROOT", none.file("none")}}, {"append"})
           .out,
@@ -176,12 +166,12 @@ TEST(StoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
 
 // --- the lazy store ---
 
-std::string lazy_steps(const TempDir& root, const test::Arguments& arguments) {
+std::string lazy_steps(const StoreRoot& root, const test::Arguments& arguments) {
   return steps(root, arguments, "traced_lazy_steps");
 }
 
 TEST(LazyStoreTracer, HearsOfALoadWithTheSizeOfTheKeyFile) {
-  const TempDir root;
+  const StoreRoot root;
   test::LazyFiles files = test::lazy_files(kEntries);
   test::write_lazy_files(root.path(), files);
   EXPECT_EQ(lazy_steps(root, {"load"}), "[" + reports(11, files.key.size()) + "]");
@@ -191,7 +181,7 @@ TEST(LazyStoreTracer, HearsOfALoadWithTheSizeOfTheKeyFile) {
 }
 
 TEST(LazyStoreTracer, HearsOfAScanWithTheBytesOfTheKeyFileThatAreNew) {
-  const TempDir root;
+  const StoreRoot root;
   test::write_lazy_files(root.path(), test::lazy_files(kEntries));
   const std::string loaded = "[" + reports(11, test::lazy_files(kEntries).key.size()) + "]";
   EXPECT_EQ(lazy_steps(root, {"scan"}), loaded);
@@ -201,7 +191,7 @@ TEST(LazyStoreTracer, HearsOfAScanWithTheBytesOfTheKeyFileThatAreNew) {
 }
 
 TEST(LazyStoreTracer, HearsOfAnAppendWithTheBytesThatItAddedToBothFiles) {
-  const TempDir root;
+  const StoreRoot root;
   const test::Entry added{"aa", {"1"}};
   const std::size_t size =
       test::key_file_entry(added, 0).size() + test::val_file_entry(added).size();
@@ -215,19 +205,19 @@ TEST(LazyStoreTracer, HearsOfNoBytesOfTheFileThatIsRefusedAtItsFlush) {
   const std::size_t key_size = test::key_file_entry(entry, 0).size();
   const std::size_t val_size = test::val_file_entry(entry).size();
   const std::string added = "[" + reports(12, key_size + val_size) + "]";
-  const TempDir root;
-  // Without the values no key is written.
+  const StoreRoot root;
+  // No key is written without its value.
   EXPECT_EQ(lazy_steps(root, {"append", "refuse writes to the second file", "append"}),
             added + "[][" + reports(12, 0) + "]");
-  const TempDir other;
+  const StoreRoot other;
   EXPECT_EQ(lazy_steps(other, {"append", "refuse writes", "append"}),
             added + "[][" + reports(12, val_size) + "]");
 }
 
 TEST(LazyStoreTracer, HearsOfNoOperationThatDoesNotGetToTheFilesContent) {
-  const TempDir root;
+  const StoreRoot root;
   EXPECT_EQ(lazy_steps(root, {"load", "scan"}), "[][]");
-  const TempDir none;
+  const StoreRoot none;
   EXPECT_EQ(test::run_scenario("traced_lazy_steps", {{"QV_CACHE_STORE_ROOT", none.file("none")}},
                                {"append"})
                 .out,
