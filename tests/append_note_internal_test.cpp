@@ -1,4 +1,4 @@
-// The note of an append: its bytes, and what undoing it does to files.
+// The note of an append: its bytes, and what undoing the append does to files.
 #include <farmhash.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -29,7 +29,7 @@ std::string bytes_of(const AppendNote& note) {
   return bytes;
 }
 
-// As another process reads it.
+// The note as another process reads it.
 AppendNote read_again(const AppendNote& note, const TempDir& dir) {
   return AppendNote::decode(dir.path(), bytes_of(note)).value();
 }
@@ -123,7 +123,7 @@ TEST(AppendNoteUndo, DeletesTheRestOfFilesThatWereBeingDeleted) {
   EXPECT_FALSE(test::exists(dir.file("b")));
 }
 
-// An immutable file's case, say: its own owner may not write to it.
+// Even the owner of an immutable file can't write to it.
 SCENARIO(undo_that_is_refused) {
   AppendNote note(arguments.at(0));
   note.add(arguments.at(0) + "/a");
@@ -175,7 +175,7 @@ TEST(AppendNoteBytes, GiveTheSameNoteAgain) {
   EXPECT_EQ(read_again(note, dir).paths(), note.paths());
 }
 
-// Any byte that is changed, cut off or added makes it nonsense.
+// A byte that is changed, cut off or added invalidates the note.
 TEST(AppendNoteBytes, ThatAreDamagedGiveNoNote) {
   const TempDir dir;
   write_file(dir.file("key_maps"), "1");
@@ -190,7 +190,7 @@ TEST(AppendNoteBytes, ThatAreDamagedGiveNoNote) {
   EXPECT_FALSE(AppendNote::decode(dir.path(), std::string(4096, '\0')));
 }
 
-// The bytes of a note that somebody has made up, checksum included.
+// The bytes of a forged note with a valid checksum.
 std::string made_up(const std::string& name) {
   const auto raw = [](auto number) {
     return std::string(reinterpret_cast<const char*>(&number), sizeof(number));

@@ -34,7 +34,7 @@ TEST(LoadedIndex, FindsAnEmptyKey) {
   EXPECT_EQ(value_of(index, "b"), "null");
 }
 
-// Found by following hashes of hashes until two met.
+// The keys were found by hashing hashes until two of them collided.
 void expect_told_apart(const std::string& one, const std::string& other) {
   ASSERT_EQ(util::Hash64(one), util::Hash64(other));
   const EntryMap map_of_one = test::entry_map({{one, {"1"}}});
@@ -55,7 +55,7 @@ TEST(LoadedIndex, TellsKeysOfOneHashAndTwoSizesApart) {
   expect_told_apart("k26ead66949f22622", "a4f928b2c1fefc35");
 }
 
-// Keys whose hashes are so large that they belong into the last slot.
+// Keys with hashes so large that their slot is the last one.
 std::vector<std::string> keys_of_the_last_slot(std::size_t count) {
   std::vector<std::string> keys;
   for (int i = 0; keys.size() < count; ++i) {

@@ -26,7 +26,7 @@ std::string waiting(const std::string& rest) {
 
 }  // namespace
 
-// Arguments: who holds the lock, and how many records to wait for.
+// Arguments: the holder of the lock, and the number of records to wait for.
 SCENARIO(wait_for_records) {
   const pid_t holder = std::stoi(arguments.at(0));
   int asked = 0;
