@@ -297,7 +297,7 @@ class AppendKills : public testing::TestWithParam<const char*> {
     std::fprintf(stderr, "%s: %s, %zu appends undone\n", GetParam(), ran.out.c_str(), undone);
   }
 
-  const test::StoreRoot root_;
+  const test::StoreRoot root_{};
 };
 
 TEST_P(AppendKills, AtAnyCallOfTheFirstAppendLeaveAStoreThatLoads) {
