@@ -1,6 +1,5 @@
-// Finding an id among 1000, compared with a vectorised scan of the same array for an equal
-// one. Adding an id to them and removing it again, compared with the same locks around a
-// memmove at the known position.
+// Compares finding an id among 1000 with a vectorised scan of the same array, and adding
+// and removing an id with a memmove at its known position under the same locks.
 #include <benchmark/benchmark.h>
 #include <quorvane/pidset.h>
 #include <sys/file.h>

@@ -1,5 +1,5 @@
-# Run by cpack between laying out the files and packing them: what a Debian package
-# holds beside the files of `cmake --install`, and its pages compressed.
+# cpack runs this before it packs the installed files. Adds what else a Debian package
+# holds, and compresses the changelog, the manual pages and the documents.
 set(source ${CMAKE_CURRENT_LIST_DIR}/..)
 set(plain OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
@@ -14,6 +14,6 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   file(GLOB pages ${share}/man/man*/* ${doc}/*.md)
   execute_process(COMMAND gzip -9n ${doc}/changelog ${pages} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()
-# Directories are made as the umask allows.
+# The modes of the directories depend on the umask.
 execute_process(COMMAND find ${CPACK_TEMPORARY_INSTALL_DIRECTORY} -type d -exec chmod 755 {} +
   COMMAND_ERROR_IS_FATAL ANY)

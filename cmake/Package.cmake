@@ -1,7 +1,7 @@
-# What `cmake --install` lays out, and the Debian packages that `cpack` makes of
+# What `cmake --install` installs, and the Debian packages that `cpack` makes of
 # it: libqvutil1 (component runtime), libqvutil-dev (devel), libcircmetrics
 # (recorder). Configured with -DCMAKE_INSTALL_PREFIX=/usr, the libraries go where
-# Debian has them, below the name of the architecture.
+# Debian has them, in a directory named after the architecture.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS QVUtil EXPORT QVUtilTargets
@@ -17,7 +17,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/QVUtilConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/QVUtilConfig.cmake ${PROJECT_BINARY_DIR}/QVUtilConfigVersion.cmake
   DESTINATION ${qv_cmake_dir} COMPONENT devel)
 
-# Relative to the file itself, so that an unpacked tree works wherever it lies.
+# Relative to the file itself, so that an unpacked tree works wherever it is.
 file(RELATIVE_PATH QV_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" QV_PC_PREFIX "${QV_PC_PREFIX}")
 configure_file(cmake/qvutil.pc.in ${PROJECT_BINARY_DIR}/qvutil.pc @ONLY)
@@ -26,7 +26,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qvutil.pc DESTINATION ${CMAKE_INSTALL_LIBDIR
 
 file(GLOB qv_man3 CONFIGURE_DEPENDS docs/man/*.3)
 file(GLOB qv_man7 CONFIGURE_DEPENDS docs/man/*.7)
-# A page describes a family: under the name of each of its functions lies a link.
+# A page describes a family of functions. Each further function gets a page that links to it.
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${qv_man3})
 foreach(page ${qv_man3})
   get_filename_component(family ${page} NAME_WE)
@@ -62,8 +62,8 @@ set(qv_runtime libqvutil${PROJECT_VERSION_MAJOR})
 set(qv_control ${PROJECT_BINARY_DIR}/debian)
 file(WRITE ${qv_control}/shlibs
   "libQVUtil ${PROJECT_VERSION_MAJOR} ${qv_runtime} (>= ${PROJECT_VERSION})\n")
-# Once for all packages of an installation, in the right order; the scripts that
-# cpack adds call ldconfig for each.
+# Runs ldconfig once for all packages of an installation, in the right order; the
+# scripts that cpack adds would run it for each package.
 file(WRITE ${qv_control}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${qv_control}/shlibs ${qv_control}/triggers)
 set(CPACK_DEBIAN_RECORDER_PACKAGE_CONTROL_EXTRA ${qv_control}/triggers)
@@ -77,7 +77,7 @@ share through files.")
 
 set(CPACK_DEBIAN_DEVEL_PACKAGE_NAME libqvutil-dev)
 set(CPACK_DEBIAN_DEVEL_PACKAGE_SECTION libdevel)
-# Boost for its header of UUIDs, which <quorvane/uuid.h> shows.
+# Boost for its UUID header, which <quorvane/uuid.h> includes.
 set(CPACK_DEBIAN_DEVEL_PACKAGE_DEPENDS "${qv_runtime} (= ${PROJECT_VERSION}), libboost-dev")
 set(CPACK_DEBIAN_DEVEL_DESCRIPTION "utility library for processes that fork (development files)
 Headers for C++17 and C11, the CMake package QVUtil, the pkg-config module

@@ -1,8 +1,8 @@
 # Every target compiles without these warnings.
 add_library(qv_warnings INTERFACE)
 target_compile_options(qv_warnings INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
-# gcc 12 reports overlapping copies inside its own operator+ of text and std::string
-# (its bug 105651).
+# gcc 12 wrongly reports overlapping copies inside its own operator+ of a C string and a
+# std::string (its bug 105651).
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   target_compile_options(qv_warnings INTERFACE -Wno-restrict)
 endif()

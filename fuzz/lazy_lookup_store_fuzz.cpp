@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t kHeader = 8;
 
-// How many bytes a key file of these entries has, after reading all of them.
+// The size of a key file that holds these entries. Reads them to their last byte.
 std::size_t key_file_size(const EntryMap& entries, std::size_t val_file_size) {
   std::size_t size = kHeader;
   for (const auto& [key, value] : entries) {

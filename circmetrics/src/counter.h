@@ -41,8 +41,8 @@ class Counter final : public Metric {
     TsanMark owner_wrote;  // set whenever `owned` is written
   };
 
-  // In one instruction: a signal handler of this thread may add too, and its addition
-  // would be lost between a load and a store.
+  // In one instruction: an addition by a signal handler of this thread would be lost if it
+  // came between a load and a store.
   void add_owned(std::size_t slot, std::uint64_t amount) {
     std::atomic<std::uint64_t>& sum = shards_[slot].owned;
     shards_[slot].owner_wrote.set();

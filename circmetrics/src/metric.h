@@ -17,7 +17,7 @@ class Metric {
 
   int type() const { return type_; }
 
-  // Writes the present value as one JSON value.
+  // Writes the current value as one JSON value.
   virtual void write(JsonWriter& json) const = 0;
 
  protected:

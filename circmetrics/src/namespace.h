@@ -24,8 +24,8 @@ class Namespace {
 
   // The contents in the order of a report. A namespace begins with a step that has its
   // name and no metric, and ends with a step that has neither. `slashes` is how many to
-  // append to the name to make it unique. Valid until the process ends, also without the
-  // lock.
+  // append to the name to make it unique. The steps stay valid until the process ends, even
+  // without the lock.
   struct Step {
     const std::string* name;
     std::size_t slashes;
@@ -34,7 +34,7 @@ class Namespace {
   std::vector<Step> steps() const;
 
  private:
-  struct Entry {  // at least one of the two
+  struct Entry {  // has at least one of the two
     std::unique_ptr<Namespace> inner;
     std::unique_ptr<Metric> metric;
   };

@@ -10,13 +10,13 @@
 
 namespace circmetrics {
 
-// Guards every namespace of every recorder; updates of metrics don't take it. A fork
-// waits until it is free. The forking thread bypasses it meanwhile, so that fork handlers
-// registered before this library was loaded may use the recorder.
+// Guards every namespace of every recorder; updates of metrics don't take it. A fork holds
+// it, and the forking thread bypasses it meanwhile, so that fork handlers registered before
+// this library was loaded may use the recorder.
 //
 // A child that ran no fork handlers (of a raw clone, or of a fork that had begun before
 // this library was loaded) may find the lock held by a thread that doesn't exist in the
-// child, and the namespaces half changed. They then all become empty; metrics that
+// child, and the namespaces half changed. All namespaces then become empty; metrics that
 // were registered can still be updated.
 class RegistrationLock {
  public:
@@ -40,7 +40,7 @@ class Recorder {
   // Gives every recorder a new empty root and leaks the old one, which may be half changed.
   static void abandon_all();
 
-  // The present state. Takes the lock to collect the names.
+  // The current state. Takes the lock to collect the names.
   std::string to_json() const;
 
  private:

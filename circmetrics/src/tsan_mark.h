@@ -1,11 +1,11 @@
-// Shows ThreadSanitizer what a write in assembly hides from it.
+// Shows ThreadSanitizer the writes that are made in assembly, which it can't see.
 #ifndef CIRCMETRICS_SRC_TSAN_MARK_H_
 #define CIRCMETRICS_SRC_TSAN_MARK_H_
 
 namespace circmetrics {
 
-// Beside a variable that is written in assembly: set() where that is written. Does nothing
-// in other builds.
+// Goes next to a variable that is written in assembly: call set() at each write. Does
+// nothing in other builds.
 class TsanMark {
  public:
 #ifdef __SANITIZE_THREAD__
@@ -15,7 +15,7 @@ class TsanMark {
     }
   }
 
-  // Ends the checks: in a child the threads that are gone would count as running.
+  // Ends the checks in a child: threads that exist only in its parent would count as running.
   static void stop_in_child() { is_in_child_ = true; }
 
  private:

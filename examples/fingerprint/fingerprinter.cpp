@@ -27,7 +27,7 @@ constexpr std::array<std::uint8_t, 32> STRONG_OF_NOTHING = {
 constexpr std::array<std::uint8_t, 16> FAST_OF_NOTHING = {};
 
 // Fills the chunk, unless the file ends first: the digest depends on where chunks end,
-// so a short read must not end one. Returns -1 with errno set.
+// so a short read must not end one. -1 with errno on an error.
 ssize_t read_chunk(int fd, std::uint8_t* out) {
   std::size_t filled = 0;
   while (filled < CHUNK_SIZE) {

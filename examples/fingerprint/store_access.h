@@ -29,7 +29,7 @@ std::string store_files(const Options& options);
 // The total size of the store's files; 0 when there are none.
 std::uint64_t store_size(const Options& options);
 
-// How many bytes a store of this kind grows by with an entry.
+// How many bytes an entry adds to a store of this kind.
 std::uint64_t size_in_store(quorvane::cache::StoreKind kind, const quorvane::util::RoBuffer& key,
                             const std::vector<quorvane::util::RoBuffer>& value);
 

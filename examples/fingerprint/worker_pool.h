@@ -28,7 +28,7 @@ class WorkerPool {
   // Asks the workers to end early. Later calls do nothing.
   void interrupt();
 
-  // Returns when all workers have ended; until then calls `tick` now and then. False when
+  // Returns when all workers have ended; meanwhile calls `tick` now and then. False when
   // a worker failed.
   bool wait(const std::function<void()>& tick);
 

@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
   }
   work_in_threads(metrics, static_cast<unsigned>(threads));
   g_load = static_cast<double>(threads) / 64;
-  // Other programs rely on QV_STATS_REPORT_PERIOD and the report at exit.
+  // Programs usually rely on QV_STATS_REPORT_PERIOD and the report at exit instead.
   statistics->report_now();
   return print_last_report(argv[1]) ? 0 : 1;
 }

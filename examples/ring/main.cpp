@@ -13,7 +13,7 @@
 namespace {
 
 // An entry. The ring only hands out slot numbers; the array of entries is the program's.
-// A producer ends with the prime 0.
+// A producer's last entry has the prime 0.
 struct Finding {
   unsigned producer;
   std::uint32_t prime;
@@ -33,8 +33,8 @@ bool is_prime(std::uint32_t number) {
   return number >= 2;
 }
 
-// Do nothing slow between the reservation and the commit: meanwhile the commits of other
-// producers spin.
+// Do nothing slow between the reservation and the commit: other producers' commits spin
+// meanwhile.
 void hand_over(const Finding& finding) {
   const auto reservation = g_ring.wr_reserve();
   g_findings[g_ring.wr_slot(reservation)] = finding;
@@ -65,7 +65,7 @@ std::vector<Total> consume(unsigned producers) {
     unsigned slot;
     while (g_ring.rd_head(slot)) {
       const Finding finding = g_findings[slot];
-      g_ring.rd_advance();  // the slot is a producer's again
+      g_ring.rd_advance();  // from now on a producer may reuse the slot
       running -= finding.prime == 0 ? 1 : 0;
       totals[finding.producer].count += finding.prime == 0 ? 0 : 1;
       totals[finding.producer].sum += finding.prime;

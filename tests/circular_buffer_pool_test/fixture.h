@@ -18,12 +18,12 @@ using quorvane::util::RwBuffer;
 
 inline unsigned long page() { return static_cast<unsigned long>(sysconf(_SC_PAGESIZE)); }
 
-// Where the next range of a pool starts that has lent nothing.
+// Where the next range starts in a pool that has lent nothing.
 inline unsigned char* position(CircularBufferPool& pool) {
   return pool.allocate(0, nullptr).get_buffer();
 }
 
-// Lends a range and releases it as the oldest, so that the next one starts `size` further.
+// Lends a range and releases it as the oldest, so that the next one starts `size` further on.
 inline void skip(CircularBufferPool& pool, unsigned long size) {
   pool.allocate(size, nullptr).set_pool_release_is_free(true);
 }

@@ -16,13 +16,13 @@ struct LogRecord {
   std::string message;
 };
 
-// Parses one line, which ends in a newline. Nothing unless it is exactly a record.
+// Parses one line, which ends in a newline. Returns nothing unless it is exactly one record.
 std::optional<LogRecord> parse_record(const std::string& line);
 
-// Parses all lines of `text`. A line that is no record fails the test.
+// Parses all lines of `text`. A line that isn't a record fails the test.
 std::vector<LogRecord> parse_records(const std::string& text);
 
-// "LEVEL message" of each.
+// "LEVEL message" of each record.
 std::vector<std::string> level_and_message(const std::vector<LogRecord>& records);
 
 }  // namespace test

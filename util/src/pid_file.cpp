@@ -23,8 +23,8 @@ char g_path[PATH_MAX];
 // clone finds its parent's id here, and so leaves the file alone.
 std::atomic<pid_t> g_owner{0};
 
-// -1 also when the path had to be cut: no path is that long, and the record of the failure
-// is cut before its end would show it.
+// -1 also when the path doesn't fit: open would refuse one that long, and a record is too
+// short to show its end.
 int open_file(const char* root, pid_t pid) {
   // No separator between root and name.
   // Kept: docs/compatibility.md
@@ -61,7 +61,8 @@ bool set_up() {
 
 [[maybe_unused]] const bool g_is_set_up = set_up();
 
-// Exit handlers registered before this library was loaded run after its own, and may fork.
+// Exit handlers registered before this library was loaded run after its own, and may fork:
+// this removes the file of such a child.
 __attribute__((destructor)) void remove_late_childs_file() { qv_remove_sigquit_pidfile(); }
 
 }  // namespace

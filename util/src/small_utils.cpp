@@ -11,7 +11,7 @@ std::atomic<std::uint64_t> g_events{0};
 
 void* qv_find_sequence(const void* haystack, size_t haystack_len, const void* needle,
                        size_t needle_len) {
-  // memmem may not be given a null pointer, whatever the lengths.
+  // memmem must not be given a null pointer, whatever the lengths.
   if (needle_len == 0) {
     return const_cast<void*>(haystack);
   }

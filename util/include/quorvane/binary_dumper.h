@@ -1,5 +1,5 @@
 /// \file
-/// Dumps of raw bytes for inspection, each into a numbered file of its own.
+/// Dumps raw bytes for inspection, each time into the next numbered file.
 ///
 /// Thread-safety: any thread may dump at any time. Fork-safety: parent and child number
 /// their dumps alike after a fork; see BinaryDumper.
@@ -20,7 +20,7 @@ namespace util {
 /// it through the module "util/src/fatbin_parser". If the module's level hides the
 /// record, the dump is written all the same.
 ///
-/// Invariant: no number is used twice, modulo 2^32.
+/// Invariant: a number repeats only after 2^32 dumps.
 /// Thread-safety: any thread may dump at any time. Fork-safety: parent and child use the
 /// same numbers after a fork and so overwrite each other's dumps; give the child a dumper
 /// with another prefix or directory. Not in signal handlers.
@@ -36,16 +36,16 @@ class QV_EXPORT BinaryDumper {
                qv_log_level_t level);
   /// All defaults, with records at INFO.
   BinaryDumper() : BinaryDumper(nullptr, nullptr, nullptr, nullptr, QV_LOG_LEVEL_INFO) {}
-  /// Leaves the files.
+  /// Keeps the files.
   ~BinaryDumper();
   BinaryDumper(const BinaryDumper&) = delete;
   BinaryDumper& operator=(const BinaryDumper&) = delete;
 
-  /// Logs the dump, then writes `size` bytes into the next file, over any file
-  /// of that name. Null data takes no number and gives another record instead. A file that
+  /// Logs the dump, then writes `size` bytes into the next file, replacing any file
+  /// of that name. Null data takes no number and logs a different record. A file that
   /// can't be opened takes its number and gives a second record. Bytes that don't fit on
   /// the disk are lost without a record. The path has room for four digits: from number
-  /// 10000 on, each further digit costs it one character at its end.
+  /// 10000 on, each further digit cuts one character off its end.
   void dump(const void* data, std::size_t size);
 
   // End of the public interface.

@@ -43,8 +43,8 @@ class LockWait;
 /// other, even in one process, and so do threads that use one object.
 ///
 /// The file is empty except while an append runs. A process that is killed during an append
-/// leaves a note there, with which the next process to take the lock undoes the append; it
-/// logs one WARN record.
+/// leaves a note there. The next process to take the lock uses the note to undo the append,
+/// and logs one WARN record.
 ///
 /// Invariant: at most one thread of all processes holds the lock.
 /// Thread-safety: any thread may lock and unlock; one thread moves and destroys.
@@ -63,13 +63,13 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool is_valid() const override;
 
   /// Waits without a time limit. After 5 s, and then once a minute, a WARN record names the
-  /// lock, and its holder if /proc/locks shows it. The file locked is the one that has the
-  /// name at the end of the wait: one that was deleted or replaced excludes nobody. An
-  /// invalid lock aborts, and so does any error except EINTR: nobody may touch the files
-  /// without the lock.
+  /// lock, and its holder if /proc/locks shows it. Locks the file that has the name at
+  /// the end of the wait, since a deleted or replaced one excludes nobody. Aborts if the
+  /// lock is invalid, and on any error except EINTR: nobody may touch the files without
+  /// the lock.
   void lock() override;
 
-  /// Releases the lock. An invalid lock aborts.
+  /// Releases the lock. Aborts if it is invalid.
   void unlock() override;
 
   // End of the public interface.
@@ -109,9 +109,9 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::uint64_t device_ = 0;                 // of the file that fd_ was opened on
   std::uint64_t inode_ = 0;
   bool is_inherited_ = false;       // this object was inherited through a fork
-  bool holds_store_ = false;        // the file is that of a store: it takes no notes
+  bool holds_store_ = false;        // the file is also a store's: it takes no notes
   bool note_stays_ = false;         // the file holds an old note that can't be cleared
-  StoreFLock* previous_ = nullptr;  // all locks of the process
+  StoreFLock* previous_ = nullptr;  // in the list of all locks
   StoreFLock* next_ = nullptr;
 };
 
@@ -120,7 +120,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
 ///
 /// Invariant: nothing touches a file without the lock.
 /// Thread-safety: any thread may call try_load and try_store_diff, which exclude each
-/// other; the caller of another operation that touches files holds the lock. Fork-safety:
+/// other; the caller of another operation that touches files must hold the lock. Fork-safety:
 /// a child may use its copy, whose lock excludes the parent.
 class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
  public:
@@ -176,8 +176,8 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   static bool write_val(util::BufferWriter& fwriter, const std::vector<util::RoBuffer>& val);
   ///@}
 
-  /// Opens `path` for appending, and writes the header if the file is new or empty. Ask
-  /// the stream for the result; a severity 1 check reports a failure.
+  /// Opens `path` for appending, and writes the header if the file is new or empty. The
+  /// stream's state is the result; a severity 1 check reports a failure.
   std::ofstream cache_file_prepare_to_append(std::string path) const;
 
  protected:
@@ -245,8 +245,8 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   std::uint64_t file_last_size_ = 0;
 };
 
-/// Two files per cache: one of keys, each with the position of its value, and one of value
-/// bytes only, which stays mapped as long as the store lives.
+/// Two files per cache: one of keys, each with the offset of its value, and one of values
+/// only, which stays mapped as long as the store lives.
 ///
 /// Loading copies the keys only. The loaded atoms, and all copies of their buffers, are
 /// views of the mapping: they dangle once the store, or the cache that owns it, is
@@ -337,8 +337,8 @@ enum class StoreKind { basic, lazy_lookup };
 
 /// Makes a store of this kind for the cache `name`, with a lock of the same name in the
 /// root. A null `controller` means the process's default one; any other must outlive the
-/// store. An unusable root gives a store that is not valid. A lazy store for which neither
-/// file exists gets both, without entries, and may wait for the lock meanwhile. Returns
+/// store. An unusable root gives a store that is not valid. Creates both files of a lazy
+/// store, without entries, if neither exists, and may wait for the lock to do so. Returns
 /// null, after one WARN record, when there is no memory for the store; null for an unknown
 /// kind as well. Any thread; safe in a child of fork.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,

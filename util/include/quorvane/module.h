@@ -7,8 +7,8 @@
 ///
 /// Thread-safety: any thread may create, find and commit; the second of two threads that
 /// commit the same path aborts. Routing changes only the caller's own module.
-/// Fork-safety: a child may use everything here, whatever other threads of its parent did
-/// at the fork. Signal handlers: qv_module_find only.
+/// Fork-safety: a child may use everything here, whatever other threads of its parent were
+/// doing at the fork. Signal handlers: qv_module_find only.
 #ifndef QUORVANE_MODULE_H_
 #define QUORVANE_MODULE_H_
 
@@ -40,20 +40,20 @@ QV_EXPORT void* qv_module_create(void);
 
 /** Adds the route `path`, which it copies: components separated by "/". A path with a
  * leading "/" or an empty component in the middle is malformed. A trailing "/" and the
- * empty path are well-formed. A malformed path isn't added, nor one for which there is no
- * memory; the library's internal module then logs a WARN record. Null arguments are
- * ignored. Only for a module that isn't committed yet, by its owner, one thread at a
- * time. */
+ * empty path are well-formed. A malformed path isn't added, nor is one for which there is
+ * no memory; the library's internal module then logs a WARN record. Null arguments are
+ * ignored. Only the owner of a module that isn't committed yet may call this, one
+ * thread at a time. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
-/** Registers the module under each of its routes and takes it over. A route that is
+/** Registers the module under each of its routes and takes ownership. A route that is
  * already registered, or that the module has twice, logs an ERROR record through this
  * module, whatever its level, and aborts. A module without routes is destroyed. Without
  * memory the library's internal module logs a WARN record, and the module stays the
  * caller's, unregistered. A null module is ignored. Any thread. */
 QV_EXPORT void qv_module_commit(void* module);
 
-/** The module registered under exactly this route; null without one, and for a null
+/** The module registered under exactly this route; null if there is none, and for a null
  * path. Takes no lock and allocates nothing. The registry keeps the module until the
  * process ends. Any thread. */
 QV_EXPORT void* qv_module_find(const char* path);
@@ -93,8 +93,7 @@ struct QV_EXPORT Module {
   static Module* get_internal();
 };
 
-/// A registry, which maps routes to modules. The process has one of its own, behind the
-/// qv_module functions.
+/// A registry, which maps routes to modules. The qv_module functions use the process's own.
 ///
 /// Invariant: a module is registered under all of its routes, or under none.
 /// Thread-safety: any thread may create, find and commit; a search takes no lock, and
@@ -108,8 +107,8 @@ class QV_EXPORT Lookup {
   Lookup(const Lookup&) = delete;
   Lookup& operator=(const Lookup&) = delete;
 
-  /// A new module, as qv_module_create makes it. Whoever destroys it uncommitted deletes
-  /// its `routes` as well. Throws std::bad_alloc without memory.
+  /// A new module, as qv_module_create makes it. Whoever destroys it uncommitted must
+  /// delete its `routes` as well. Throws std::bad_alloc without memory.
   std::unique_ptr<Module> create_module();
 
   /// Adds a route as qv_module_route does. Throws std::bad_alloc without memory.
@@ -127,13 +126,13 @@ class QV_EXPORT Lookup {
  private:
   using Map = std::unordered_map<std::string, std::shared_ptr<Module>>;
 
-  // One registered route as readers see it; immutable once they do.
+  // One registered route as readers see it; immutable once it is published.
   struct Node {
     const Map::value_type* entry;
     const Node* next;
   };
 
-  friend void* ::qv_module_find(const char* path);  // finds without a copy of the path
+  friend void* ::qv_module_find(const char* path);  // looks up without copying the path
   Module* find_route(std::string_view path) const;
 
   Map map_;
@@ -152,10 +151,11 @@ class QV_EXPORT Lookup {
 /// its copy and make new ones.
 class QV_EXPORT Module {
  public:
-  /// Finds the module of this path, or creates, routes and commits one. Two threads that
-  /// do the latter for one path at the same time may abort, as in qv_module_commit. A
-  /// malformed path gives a WARN record and a module of its own that nobody can find.
-  /// Without memory the handle is to the library's internal module.
+  /// Finds the module of this path, or creates, routes and commits one. If two threads
+  /// create one for the same path at the same time, the process may abort, as in
+  /// qv_module_commit. A malformed path gives a WARN record and a module of its own that
+  /// nobody can find.
+  /// Without memory the handle refers to the library's internal module.
   explicit Module(const char* path);
 
   ///@{ The module; never null.
