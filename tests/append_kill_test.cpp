@@ -103,7 +103,7 @@ struct Tally {
   int kills = 0;
   int unreadable = 0;
   int lost = 0;    // appends that returned, but lack entries
-  int halved = 0;  // killed appends of which only a part is there
+  int halved = 0;  // killed appends that left only some of their entries
 
   void look_at(const std::string& kind, const std::vector<int>& stored, int killed,
                std::size_t value_size) {
@@ -123,8 +123,8 @@ struct Tally {
 
 // --- a kill at every system call ---
 
-// Runs `append` in a child and kills it at its system call stop number `stop`. False if the
-// child ended before.
+// Runs `append` in a child and kills the child at its system call stop number `stop`. Returns
+// false if the child ends first.
 template <typename Append>
 bool is_killed_at(int stop, const Append& append) {
   const pid_t child = fork();
@@ -208,7 +208,7 @@ SCENARIO(kill_anywhere) {
     }
     close(acknowledged[0]);
     tally.look_at(kind, stored, next, kValueSize);
-    ++next;  // the killed append may be complete
+    ++next;  // the killed append may have stored its entries
     if (stored.size() > 10) {
       stored.clear();
       unlink_store();
@@ -218,8 +218,8 @@ SCENARIO(kill_anywhere) {
   return 0;
 }
 
-// Arguments: kind, kills. One thread appends in a loop while another one forks a child that
-// only sleeps. Then the process is killed, and the child lives on. The next process that opens
+// Arguments: kind, kills. One thread appends in a loop while another forks a child that only
+// sleeps. Then the process is killed, and the child lives on. The next process that opens
 // the store must not wait for the child.
 SCENARIO(kill_beside_a_child) {
   const std::string& kind = arguments.at(0);

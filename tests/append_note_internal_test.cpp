@@ -104,7 +104,7 @@ TEST(AppendNoteUndo, LeavesAFileThatSomebodyElseCreated) {
   }
 }
 
-// The process was killed between the creation and the second note.
+// The process was killed after it created the file and before it wrote its second note.
 TEST(AppendNoteUndo, DeletesAnEmptyFileThatItKnowsToHaveBeenMissing) {
   const TempDir dir;
   const AppendNote note = note_of(dir, {"a"});

@@ -128,7 +128,7 @@ TEST(BasicStoreAppend, AnEntryThatCannotBeWrittenCostsTheWholeFile) {
   EXPECT_EQ(messages[3], root.removed());
 }
 
-// A value that claims more bytes than there is memory.
+// A value that claims to be larger than the memory.
 SCENARIO(append_unallocatable) {
   test::no_memory_from = kNoMemoryFrom;
   Cache cache("maps", test::maps_store(StoreKind::basic), false);

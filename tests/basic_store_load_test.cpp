@@ -136,7 +136,7 @@ TEST(BasicStoreLoad, APipeInTheFilesPlaceFailsAndIsNotWaitedFor) {
   EXPECT_EQ(without_lines(ran.messages()), Messages{expectation("file.is_open()")});
 }
 
-// The pieces of an entry share one allocation of up to 4096 bytes.
+// The pieces of an entry share one allocation if the entry has up to 4096 bytes.
 TEST(BasicStoreLoad, ReadsSmallAndLargeEntriesAlike) {
   const std::string key(10, 'k');
   for (const std::size_t total : {4095u, 4096u, 4097u, 10000u}) {

@@ -133,7 +133,7 @@ SCENARIO(scan_of_damage) {
   const std::string whole = test::read_file(root_file("maps"));
   test::write_file(root_file("maps"), whole + entry_bytes({"new", {"1"}}) + "damage");
   maps.scan();
-  // The failed scan hasn't moved the last size: the next one finds the new entry again.
+  // The failed scan left the last size as it was, so the next scan finds the new entry again.
   test::write_file(root_file("maps"), whole + entry_bytes({"new", {"1"}}));
   maps.scan();
   return 0;
@@ -159,7 +159,7 @@ TEST(BasicStoreScan, OfADamagedFileIsSilentAtOff) {
 SCENARIO(scan_of_collisions) {
   Maps maps;
   maps.load();
-  // A scan doesn't know the loaded keys, only those of the new part.
+  // A scan compares the new keys with each other only, not with the loaded ones.
   maps.others_append({{"b", {"x"}}, {"twice", {"1"}}, {"twice", {"2"}}});
   maps.scan();
   return 0;

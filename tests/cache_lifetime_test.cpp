@@ -1,4 +1,4 @@
-// How a cache begins and ends: what it makes of its store, and what it stores.
+// The construction and destruction of a cache: how it loads its store, and what it stores.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <unistd.h>
@@ -63,7 +63,7 @@ SCENARIO(no_store) {
 TEST(CacheConstruction, WithoutAStoreOrFallbackACacheIsInvalidInSilence) {
   const Ran ran = run_scenario("no_store");
   EXPECT_EQ(ran.out, "0 0 0 null 1");
-  // No look-up has made the counters: no record says that statistics are off.
+  // Look-ups in an invalid cache make no counters, so no record says that statistics are off.
   EXPECT_EQ(ran.messages(), Messages{});
 }
 
@@ -246,7 +246,7 @@ TEST(CacheConstruction, AFailedLoadIsReportedAlsoOfAStoreThatCannotNameItself) {
 }
 
 // The thread is cancelled inside the constructor. A fork must not wait for the mutex of the
-// cache that was never made.
+// unfinished cache.
 SCENARIO(cancelled_construction) {
   alarm(test::kHangSeconds);
   alignas(Cache) static unsigned char place[sizeof(Cache)];

@@ -36,7 +36,7 @@ using Messages = std::vector<std::string>;
 
 namespace {
 
-// Too long for a string that allocates nothing.
+// Too long for a string to hold without an allocation.
 const std::string kName = "maps-with-a-name-that-takes-memory-of-its-own";
 
 const std::vector<Entry> kOld{
@@ -96,7 +96,7 @@ struct Case {
   const bool has_files;
 };
 
-// Prints what went wrong after how many allocations. The tests expect no output.
+// Prints what went wrong, and after how many allocations. The tests expect no output.
 void check(bool holds, const char* what, std::size_t successes) {
   if (!holds) {
     std::printf("%s after %zu allocations\n", what, successes);
@@ -112,7 +112,8 @@ bool reports_failure(const Messages& messages) {
   });
 }
 
-// Parameters: the kind of store, what later allocations do, whether the store has files.
+// Parameters: the kind of store, what the allocations after the failed one do, whether the store
+// has files.
 class CacheWithoutMemory : public testing::TestWithParam<std::vector<std::string>> {
  protected:
   void expect_none_wrong(const std::string& scenario) const {
@@ -303,7 +304,7 @@ std::size_t failing_look_ups(const test::Environment& environment, const std::st
   }
 }
 
-// The recorder shares the C++ runtime of this program, which the real one doesn't.
+// Unlike the real recorder, this one shares the C++ runtime of the program.
 TEST(CacheLookUpWithoutMemory, TheFirstFindsWhatIsThereWhetherItIsCountedOrNot) {
   for (const char* afterwards : {"succeed", "fail"}) {
     failing_look_ups({}, afterwards);

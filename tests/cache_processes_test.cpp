@@ -39,7 +39,7 @@ using Messages = std::vector<std::string>;
 
 namespace {
 
-// The record of the first look-up of a process without statistics. It ignores QV_LOG_LEVEL.
+// The first look-up of a process without statistics logs this, whatever QV_LOG_LEVEL says.
 const std::string kStatisticsOff = "INFO Statistics capture disabled.";
 
 constexpr int kProcesses = 8;
@@ -72,7 +72,7 @@ bool add(Cache& cache, const std::string& key, const std::string& value) {
   return cache.add_value(buffer(key), buffers({value}));
 }
 
-// Where several processes wait for each other.
+// A barrier that several processes share.
 class SharedBarrier {
  public:
   explicit SharedBarrier(unsigned processes)
@@ -161,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(, CacheOutsideMain, testing::Values("basic", "lazy"), n
 // --- many processes ---
 
 // Each process adds some of the keys of each round, and several processes add each key. With a
-// barrier, all of them load before any of them stores.
+// barrier, all processes load before any of them stores.
 int add_for_all_rounds(int process, SharedBarrier* barrier) {
   for (int round = 0; round < kRounds; ++round) {
     auto cache = maps_cache();
@@ -346,8 +346,8 @@ TEST_P(CacheFork, NoChildHangsWhateverTheOtherThreadsDidAtTheFork) {
   }
 }
 
-// The first look-up of a process makes the counters. Here a fork may interrupt another thread
-// that makes them.
+// The first look-up of a process makes the counters. Here a fork may happen while another thread
+// makes them.
 SCENARIO(first_lookups_beside_a_fork) {
   Cache cache("volatile", nullptr, true);
   std::thread other([&] { cache.get_value(buffer("k")); });

@@ -51,8 +51,8 @@ void limit_file_size(rlim_t bytes) {
   setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-// Expects the records of an append for which the disk had no room. The error text of the
-// removal is arbitrary: the failed write left its errno.
+// Expects the records of an append for which the disk had no room. Ignores the error text of
+// the removal: its errno is left over from the failed write.
 void expect_lost(const Messages& messages, const std::string& maps, bool at_write) {
   Messages expected;
   if (at_write) {
@@ -140,7 +140,7 @@ TEST(CacheRefusals, ARefusalThatShowsOnlyAtTheFlushCostsTheWholeFile) {
   expect_lost(without_lines(ran.messages()), root.file("maps"), false);
 }
 
-// Only a network file system does this.
+// Only a network file system refuses a close in this way.
 SCENARIO(refused_close) {
   {
     Cache cache("maps", maps_store(), false);
@@ -297,7 +297,7 @@ TEST(CacheRefusals, WithoutADescriptorForTheScanALoadedFileIsLeftAlone) {
 
 // --- refused calls ---
 
-// Argument: the call that the kernel refuses once the store has its lock.
+// Argument: the call that the kernel refuses once the store is made.
 SCENARIO(refused_load) {
   std::unique_ptr<Store> store = maps_store();
   const std::string& what = arguments.at(0);

@@ -109,7 +109,7 @@ TEST(CacheLookUp, AValueStaysWhereItIs) {
   EXPECT_EQ(test::bytes_of(added->at(0)), "4");
 }
 
-// No file holds an empty key, but a store of the program may.
+// No file holds an empty key, but a program's own store may.
 TEST(CacheLookUp, FindsAnEmptyKeyHoweverManyEntriesThereAre) {
   Script script;
   script.content.push_back({"", {"empty"}});
@@ -358,7 +358,7 @@ TEST(CacheThreads, LookUpsAgreeHoweverOftenTheyAreMade) {
   EXPECT_EQ(wrong, 0);
 }
 
-// Each thread counts for itself, so that only the publication of the index orders them.
+// Each thread counts for itself, so that only the publication of the index orders the threads.
 TEST(CacheThreads, LookUpsAgreeWhileOneOfThemBuildsTheIndex) {
   Script script;
   const std::vector<RoBuffer> keys = fill(script, 2000);

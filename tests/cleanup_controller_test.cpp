@@ -163,7 +163,7 @@ TEST(CleanupController, ATicketThatWasNotHandedOutEndsTheProcess) {
 // --- the default controller ---
 
 // Argument: a usage. Prints whether there is one default controller, and how often it cleaned
-// a resource of that usage and one of a byte more.
+// a resource with that usage and a resource with one byte more.
 SCENARIO(default_controller) {
   CleanupController* controller = FileStoreSkeleton::get_default_cleanup_controller();
   const std::uint64_t usage = std::stoull(arguments.at(0));
@@ -263,7 +263,7 @@ SCENARIO(fork_beside_a_record_that_waits) {
   test::wait_for(test::in_child([] { return 0; }));
   const bool waited = !measuring.is_done();
   signal(SIGPIPE, SIG_IGN);
-  close(ends[0]);  // fails the write
+  close(ends[0]);  // makes the write fail
   measuring.join();
   return waited ? 0 : 1;
 }

@@ -85,7 +85,7 @@ class Checker {
       return store.try_nonlock_load(out);
     }();
     compare(walk, ok, what);
-    // The atoms of a failed load are dangling views.
+    // The atoms of a failed load are dangling views, so only the keys are compared.
     const EntryMap expected = test::entry_map(walk.entries);
     const bool same =
         ok ? test::listing(out) == test::listing(expected)
@@ -233,7 +233,7 @@ TEST(HostileLazyStore, SixtyFourChangedBytesGiveARefusalOrWhatTheFilesThenSay) {
   }
 }
 
-// One changed byte leaves more of the files' structure intact than 64.
+// One changed byte leaves more of the files' structure intact than 64 changed bytes do.
 SCENARIO(single_changes) {
   Checker checker;
   const LazyFiles whole = lazy_files(kHostileEntries);
@@ -271,7 +271,7 @@ TEST(HostileLazyStore, ARepeatedKeyFailsWhereItIsRepeated) {
   expect_checked(run_hostile("shuffled_entries"), 500);
 }
 
-// The store reserves no more memory than the files have bytes for, whatever a count claims.
+// The store reserves memory for no more atoms than the key file can hold, whatever a count claims.
 SCENARIO(many_small_atoms) {
   Checker checker(32);
   LazyFiles files = lazy_files({{"k", std::vector<std::string>(20000, "a")}});

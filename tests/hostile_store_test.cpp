@@ -155,7 +155,7 @@ class Checker {
   int checked_ = 0;
 };
 
-// The list of a file's entries never takes an allocation that is larger than the file.
+// No allocation for the list of a file's entries is larger than the file.
 SCENARIO(many_small_entries) {
   alarm(100);
   std::string bytes = basic_file({});
@@ -260,7 +260,7 @@ TEST(HostileStore, SixtyFourChangedBytesGiveARefusalOrWhatTheFileThenSays) {
   }
 }
 
-// One changed byte leaves more of the file's structure intact than 64.
+// One changed byte leaves more of the file's structure intact than 64 changed bytes do.
 SCENARIO(single_changes) {
   Checker checker;
   const std::string bytes = basic_file(kHostileEntries);
@@ -296,7 +296,7 @@ TEST(HostileStore, RepeatedEntriesAreReportedOneByOne) {
   expect_checked(run_hostile("shuffled_entries"), 500);
 }
 
-// A tiny atom takes more memory than space in the file. But the store reserves memory for no
+// A tiny atom takes more room in memory than in the file. But the store reserves memory for no
 // more atoms than the file can hold, whatever the count claims.
 SCENARIO(many_small_atoms) {
   Checker checker(32);

@@ -99,7 +99,7 @@ TEST(LazyStoreEntry, AtomsAreViewsAndNotCopies) {
   EXPECT_EQ(test::bytes_of(val[2]), "ccc");
 }
 
-// Each buffer lacks room for another piece of an entry.
+// Each buffer is too small for a different piece of an entry.
 SCENARIO(pieces_without_room) {
   const auto value = buffers({"ab", "c"});
   for (const std::size_t size : {3u, 14u, 22u, 30u, 38u}) {
@@ -146,7 +146,7 @@ SCENARIO(damaged_positions) {
 
 TEST(LazyStoreEntry, DamagedPositionsFailAtTheFirstDamage) {
   const Ran ran = test::run_scenario("damaged_positions");
-  // A reader that skips the sizes doesn't see that one is 0.
+  // A reader that skips the sizes doesn't notice a size of 0.
   EXPECT_EQ(ran.out, "00 00 00 00 00 01 ");
   const std::string too_many =
       expectation_at("key_freader.buffer(num_val_atoms * sizeof(std::size_t))", 963);

@@ -150,7 +150,7 @@ TEST(LazyStoreCache, AppendSkipsAKeyThatAnotherCacheStoredFirst) {
 SCENARIO(restarted_files_of_a_loaded_cache) {
   Cache cache("maps", test::maps_store(StoreKind::lazy_lookup), false);
   cache.add_value(buffer("k"), buffers({"v"}));
-  // As another process that cleans does. The mapped bytes stay.
+  // Restarts the files, as a process that cleans does. The cache's mapping keeps the old bytes.
   std::remove(root_file("key_maps").c_str());
   std::remove(root_file("val_maps").c_str());
   test::write_lazy_files(root_path(), lazy_files({}));

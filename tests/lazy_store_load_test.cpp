@@ -99,7 +99,7 @@ TEST(LazyStoreLoad, AnEmptyValueFileCannotBeMappedAndFails) {
                       expectation_at("val_file_.is_open()", 1169)}));
 }
 
-// The store reports files as corrupted only for damaged entries.
+// Only damaged entries are reported as corruption; a header of another version isn't.
 TEST(LazyStoreLoad, AHeaderOfAnotherVersionInEitherFileFails) {
   for (const bool is_key : {true, false}) {
     LazyFiles files = lazy_files(kEntries);
@@ -148,7 +148,7 @@ TEST(LazyStoreLoad, AnEmptyKeyInAWholeFileFails) {
             (Messages{root.opened_key(), expectation("key_size > 0"), root.corrupted()}));
 }
 
-// Keys share allocations of up to 2048 bytes.
+// Keys share allocations of up to 2048 bytes; a larger key has its own.
 TEST(LazyStoreLoad, ReadsSmallAndLargeKeysAlike) {
   std::vector<Entry> entries;
   std::string expected = "load 1\n";
@@ -255,7 +255,7 @@ TEST(LazyStoreLoad, OfDamageOrCollisionsIsSilentAtOff) {
   }
 }
 
-// It would leave the atoms of the first load dangling.
+// A second load would leave the atoms of the first one dangling.
 SCENARIO(load_twice) {
   Maps maps;
   maps.load();

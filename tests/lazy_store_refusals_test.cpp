@@ -161,7 +161,7 @@ TEST(LazyStoreRefusals, ARefusalThatShowsOnlyAtTheFlushOfEitherFileCostsBoth) {
   expect_lost("refused_flush", {"key"}, {});
 }
 
-// Only a network file system does this.
+// Only a network file system refuses a close in this way.
 SCENARIO(refused_close) {
   Cache cache("maps", maps_store(), false);
   cache.add_value(buffer("a"), buffers({"1"}));
@@ -204,7 +204,7 @@ TEST(LazyStoreRefusals, ACloseThatIsRefusedForOneOfTheFilesCostsBoth) {
     EXPECT_EQ(ran.out, "0") << file;
     EXPECT_TRUE(root.has_neither()) << file;
     Messages expected = lost_messages(root, {});
-    expected.pop_back();  // the one of a cache
+    expected.pop_back();  // only a cache logs kDiffLost
     EXPECT_EQ(test::without_errno(ran.messages()), expected) << file;
   }
 }
@@ -287,7 +287,7 @@ TEST(LazyStoreRefusals, WithoutADescriptorForTheAppendEmptyFilesAreLeftAlone) {
   EXPECT_EQ(root.files(), lazy_files({}));
 }
 
-// Arguments: the call that the kernel refuses during a load, and on which file.
+// Arguments: the call that the kernel refuses during a load, and the file that it concerns.
 SCENARIO(refused_load) {
   std::unique_ptr<Store> store = maps_store();
   const std::string& what = arguments.at(0);
@@ -363,8 +363,8 @@ TEST(LazyStoreRefusals, FilesThatCannotBeRemovedAreReportedAsRemoved) {
 
 // --- killed during an append ---
 
-// The kernel kills a process that writes beyond the limit: here, at the first byte for the
-// longer of the two files.
+// The kernel kills a process that writes beyond the limit: here, at the first byte that is
+// appended to the longer of the two files.
 SCENARIO(killed_at_the_longer_file) {
   const LazyFiles files = test::read_lazy_files(test::root_path());
   Cache cache("maps", maps_store(), false);
@@ -393,8 +393,8 @@ TEST(LazyStoreKilled, BeforeTheValuesLeavesBothFilesAsTheyWere) {
   EXPECT_EQ(root.files(), before);
 }
 
-// So many entries that both streams write before the last one. The kernel makes a short write
-// of the values at the limit, and then kills.
+// Enough values for many writes of their stream. At the limit the kernel makes a short write,
+// and kills the process at the next one.
 SCENARIO(killed_amid_many_values) {
   Cache cache("maps", maps_store(), false);
   for (int i = 0; i < 2000; ++i) {

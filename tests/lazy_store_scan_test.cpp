@@ -117,7 +117,7 @@ SCENARIO(scan_of_damage) {
   const LazyFiles whole = test::read_lazy_files(root_path());
   test::write_lazy_files(root_path(), {whole.key + "damage", whole.val});
   maps.scan();
-  // The failed scan hasn't moved the last size: the next one finds the new entry again.
+  // The failed scan left the last size as it was, so the next scan finds the new entry again.
   test::write_lazy_files(root_path(), whole);
   maps.scan();
   return 0;
@@ -134,7 +134,7 @@ TEST(LazyStoreScan, ADamageFailsAndLeavesTheLastSizeAsItWas) {
 SCENARIO(scan_of_collisions) {
   Maps maps;
   maps.load();
-  // A scan doesn't know the loaded keys, only those of the new part.
+  // A scan compares the new keys with each other only, not with the loaded ones.
   Maps::others_append({{"b", {"x"}}, {"twice", {"1"}}, {"twice", {"2"}}, {"last", {"3"}}});
   maps.scan();
   return 0;

@@ -55,7 +55,7 @@ TEST(LoadedIndex, TellsKeysOfOneHashAndTwoSizesApart) {
   expect_told_apart("k26ead66949f22622", "a4f928b2c1fefc35");
 }
 
-// Keys with hashes so large that their slot is the last one.
+// Keys whose hashes are so large that they map to the last slot.
 std::vector<std::string> keys_of_the_last_slot(std::size_t count) {
   std::vector<std::string> keys;
   for (int i = 0; keys.size() < count; ++i) {

@@ -239,8 +239,8 @@ TEST(StoreFLockFiles, AnAppendWritesNothingIntoAFileThatHasTakenTheLocksNumber) 
   }
 }
 
-// Does what a daemon does: closes all descriptors and leaves the directory that its root is
-// relative to.
+// Does what a daemon does: closes the lock's descriptor and leaves the directory that the root
+// is relative to.
 SCENARIO(daemon_with_a_relative_root) {
   if (chdir(test::root_path().c_str()) != 0) {
     return 2;
@@ -313,7 +313,7 @@ SCENARIO(turn_during_an_unlock) {
   std::thread second([&] {
     lock.lock();
     g_second_has_it = true;
-    // No unlock: that call is intercepted too.
+    // Doesn't unlock: that call would be intercepted, too.
   });
   test::refuse_after(SYS_flock, 0, test::When{1, LOCK_UN}, &look_for_the_second_thread);
   lock.unlock();

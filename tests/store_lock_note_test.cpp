@@ -45,8 +45,8 @@ void add_one(const std::string& key, std::size_t size) {
   basic_cache()->add_value(buffer(key), buffers({std::string(size, 'v')}));
 }
 
-// Has the kernel kill a child in the middle of its append, where the file grows beyond the
-// limit.
+// Forks a child that the kernel kills in the middle of its append, where the file would grow
+// beyond the limit.
 int killed_in_an_append() {
   return test::wait_for(test::in_child([] {
     const rlimit limit{10000, 10000};
@@ -108,7 +108,7 @@ TEST(StoreFLockNote, ThatMakesNoSenseIsClearedInSilence) {
 }
 
 // The reader of the note can't write to the lock file. If it appended, the next process would
-// undo that.
+// undo its append.
 SCENARIO(append_beside_a_note_that_stays) {
   add_one("first", 1);
   killed_in_an_append();
@@ -135,7 +135,7 @@ TEST(StoreFLockNote, ThatCannotBeClearedKeepsItsReaderFromAppending) {
             test::basic_file({{"first", {"v"}}, {"third", {"v"}}}));
 }
 
-// The child can write to the lock file, but has no descriptor for the store's file.
+// The child can write to the lock file, but has no descriptor left for the store's file.
 SCENARIO(load_without_descriptors) {
   add_one("first", 1);
   killed_in_an_append();

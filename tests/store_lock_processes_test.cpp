@@ -40,8 +40,8 @@ namespace {
 // The flags that a child reopens its lock file with.
 constexpr std::uint32_t kReopen = O_RDWR | O_CLOEXEC;
 
-// Forks a child that runs `take` while this process holds `lock`, and prints how it waited
-// and how it ended.
+// Forks a child that runs `take` while this process holds `lock`, and prints how the child
+// waited and how it ended.
 template <typename Take>
 void print_wait_of_child(StoreFLock& lock, const Signpost& got_it, Take take) {
   const pid_t child = test::in_child(take);

@@ -47,7 +47,7 @@ void use_up_descriptors() {
   }
 }
 
-// Keeps a child that is forked after it from reopening the lock file.
+// Obstructs the ways in which a child that is forked later reopens the lock file.
 void make_opening_hard(const std::string& obstacle) {
   if (obstacle == "no descriptors") {
     use_up_descriptors();

@@ -132,7 +132,7 @@ SCENARIO(moved_lock) {
     second.lock();
     std::printf("%d ", test::is_locked(root_file("lock_maps")));
   }
-  // The lock ended with its descriptor.
+  // The destructor closed the descriptor, which released the lock.
   std::printf("%d %zu", test::is_locked(root_file("lock_maps")),
               descriptors_of(root_file("lock_maps")).size());
   return 0;

@@ -1,5 +1,5 @@
-// The severity of each check of the caches and stores: which of them the module still reports
-// at a lower threshold.
+// The severity of each check of the caches and stores: which checks the module still reports at
+// a lower threshold.
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
@@ -148,7 +148,7 @@ const Messages kFilesSeverity2{"file.is_open()", "file.is_open()"};
 const Messages kFilesSeverity3{"file_exists(fpath_)", "file_exists(fpath_)",
                                "stat(fpath_.c_str(), &st) == 0"};
 
-// Fails each check of the caches once. One loads an entry from a file that is then restarted.
+// Fails each check of the caches once. One cache has loaded an entry when its file is restarted.
 void fail_at_every_sequence() {
   const auto lock = std::make_shared<test::CountingLock>();
   CleanupController controller(0);

@@ -143,7 +143,7 @@ TEST(StoreTracer, HearsOfAnAppendWithTheBytesThatItAdded) {
 }
 
 // The stream buffers the entry until its flush, and the bytes are counted after that. The
-// first append has the sanitizers check its types.
+// first append makes a sanitizer check the types before writes are refused.
 TEST(StoreTracer, HearsOfNoBytesOfAnAppendThatIsRefusedAtItsFlush) {
   const StoreRoot root;
   const std::string added = "[" + reports(12, entry_bytes({"aa", {"1"}}).size()) + "]";

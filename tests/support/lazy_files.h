@@ -12,8 +12,8 @@
 
 namespace test {
 
-// The lowest line number of the lazy store's checks, whose numbers are pinned. The other
-// checks of the caches have lower ones.
+// The lowest line number of the lazy store's checks, whose line numbers are pinned. The other
+// checks of the caches have lower line numbers.
 constexpr int kFirstLazyLine = 897;
 
 struct LazyFiles {

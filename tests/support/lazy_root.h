@@ -41,7 +41,7 @@ class LazyRoot : public StoreRoot {
   }
 };
 
-// The messages of a run. Of the checks, only the lazy store's own keep their lines.
+// The messages of a run. Only the lazy store's own checks keep their line numbers.
 inline std::vector<std::string> lazy_lines(const Ran& ran) {
   return without_lines(ran.messages(), kFirstLazyLine);
 }

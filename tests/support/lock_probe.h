@@ -24,7 +24,7 @@
 
 namespace test {
 
-// Closes its ends.
+// A pipe whose ends are closed with the object.
 struct Pipe {
   Pipe() {
     if (pipe2(ends, O_CLOEXEC) != 0) {
@@ -163,8 +163,8 @@ inline bool waits_for_lock(pid_t pid, const Signpost& got_it) {
   return false;
 }
 
-// Prints whether process `pid` waits for a lock, whether it gets it before `release` (0 is
-// right), and whether it has it after `release`, which waits for its end.
+// Prints whether process `pid` waits for a lock, and whether `got_it` is passed before `release`
+// (it must not be) and after it. `release` waits until the waiter has ended.
 template <typename Release>
 void print_wait(pid_t pid, const Signpost& got_it, Release release) {
   const bool waits = waits_for_lock(pid, got_it);

@@ -19,7 +19,7 @@ inline thread_local std::size_t no_memory_from = kEnoughMemory;
 // Runs once, inside this thread's next allocation.
 inline thread_local void (*during_allocation)() = nullptr;
 
-// Whether the allocations after the one that fails succeed.
+// What the allocations after the failed one do.
 enum class Afterwards { succeed, fail };
 
 // Makes one allocation of this thread fail, or that one and all later ones. A thread may
@@ -81,7 +81,7 @@ inline void* allocate_or_throw(std::size_t size, std::size_t alignment) {
 
 }  // namespace test
 
-// Not inlined: the compiler would warn of memory from new that free releases.
+// Not inlined: the compiler would warn that free releases memory from new.
 __attribute__((noinline)) void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return test::allocate(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
 }

@@ -260,8 +260,8 @@ inline std::string expectation_at(const std::string& condition, int line) {
   return expectation(condition, "util/src/cache:" + std::to_string(line));
 }
 
-// Turns a final "(util/src/cache:123)" into "(util/src/cache)", since most checks change their
-// lines with the source. Lines from `first_fixed` on stay.
+// Turns a final "(util/src/cache:123)" into "(util/src/cache)", since the line numbers of most
+// checks change with the source. Keeps line numbers from `first_fixed` on.
 inline std::vector<std::string> without_lines(std::vector<std::string> messages,
                                               int first_fixed = std::numeric_limits<int>::max()) {
   for (std::string& message : messages) {

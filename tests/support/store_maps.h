@@ -74,7 +74,7 @@ inline const std::string kLoaded = "load 1\nb=2,3\naa=1\n";
 
 // --- the scenarios that both kinds share ---
 
-// Any argument has every check logged.
+// With any argument, logs every failed check.
 template <typename StoreType>
 int load_maps(const Arguments& arguments) {
   if (!arguments.empty()) {
@@ -86,7 +86,7 @@ int load_maps(const Arguments& arguments) {
   return 0;
 }
 
-// Any argument has every check logged.
+// With any argument, logs every failed check.
 template <typename StoreType>
 int scan_maps(const Arguments& arguments) {
   if (!arguments.empty()) {
@@ -108,7 +108,7 @@ int scan_maps_twice() {
   return 0;
 }
 
-// Any argument has every check logged.
+// With any argument, logs every failed check.
 template <typename StoreType>
 int print_usage(const Arguments& arguments) {
   if (!arguments.empty()) {

@@ -19,7 +19,7 @@ namespace test {
 // The seconds after which a scenario that hangs is killed.
 constexpr unsigned kHangSeconds = 60;
 
-// Has the default controller never clean.
+// Keeps the default controller from cleaning.
 inline const Environment kUnlimited{{"QV_CACHE_STORE_CLEANUP_THRESHOLD", "0"}};
 
 // What a store holds when its content doesn't matter, in the order of the file.
