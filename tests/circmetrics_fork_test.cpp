@@ -29,8 +29,8 @@ TEST(Circmetrics, AChildOfABusyProcessGoesOn) {
   std::thread busy([&] {
     for (int index = 0; !stop; ++index) {
 #ifdef QV_SANITIZED
-      // Takes the lock but no memory: a sanitizer's allocator doesn't survive a fork while
-      // it is in use.
+      // Takes the lock, but allocates nothing: a sanitizer's allocator doesn't survive a fork
+      // while it is in use.
       stats_register(recorder.root, "0", CIRCMETRICS_COUNTER);
 #else
       stats_register(recorder.root, std::to_string(index % 500).c_str(), CIRCMETRICS_COUNTER);
@@ -111,7 +111,7 @@ TEST(Circmetrics, LosesNoUpdateInAChildOfManyThreads) {
   EXPECT_EQ(recorder.state()["c"], 1 + kThreads);
 }
 
-#ifndef QV_SANITIZED  // ThreadSanitizer allows no new threads there
+#ifndef QV_SANITIZED  // ThreadSanitizer allows no new threads in such a child
 TEST(Circmetrics, AChildsNewThreadDoesNotGetThePlaceOfTheOneThatForked) {
   const Recorder recorder;
   void* counter = stats_register(recorder.root, "c", CIRCMETRICS_COUNTER);
@@ -160,7 +160,7 @@ SCENARIO(report_that_crashes) {
 }
 
 // At a fork, ThreadSanitizer starts a thread and so allocates memory. It would report that
-// as an unsafe call of the handler.
+// as an unsafe call by the handler.
 TEST(Circmetrics, AReportThatCrashesLetsItsHandlerForkAndLeavesTheChildFree) {
   const test::Ran ran =
       test::run_scenario("report_that_crashes", {{"TSAN_OPTIONS", "report_signal_unsafe=0"}});

@@ -156,7 +156,7 @@ TEST(Circmetrics, RanksAreExactWhereDoublesSkipNumbers) {
 TEST(Circmetrics, RanksAreRightWhereTheirNumeratorsAreBeyond64Bits) {
   const Recorder recorder;
   void* histogram = stats_register(recorder.root, "h", CIRCMETRICS_HISTOGRAM);
-  constexpr std::uint64_t kHalf = 15'000'000'000'000'000;  // times 999 twice is 1.6 * 2^64
+  constexpr std::uint64_t kHalf = 15'000'000'000'000'000;  // 999 * 2 * kHalf is 1.6 * 2^64
   record_many(histogram, 1, kHalf);
   record_many(histogram, 2, kHalf);
   const json state = recorder.state()["h"];

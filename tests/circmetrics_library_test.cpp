@@ -115,7 +115,7 @@ TEST(CircmetricsLibrary, ForkHandlersFromBeforeItWasLoadedMayRegisterMetrics) {
   EXPECT_TRUE(test::run_scenario("fork_with_handlers_from_before").exited_with(0));
 }
 
-// A thread that has counted may end later, and a fork still runs the recorder's handlers.
+// After the close, a thread that counted still ends, and a fork still runs the recorder's handlers.
 TEST(CircmetricsLibrary, StaysWhenItIsClosed) {
   void* library = dlopen(kLibrary.c_str(), RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();

@@ -106,7 +106,7 @@ void clone_and_use_everything() {
 
 }  // namespace
 
-// The allocation is for the name: in the middle of the registration, under its lock.
+// The allocation is for the name, in the middle of the registration and under the lock.
 TEST(CircmetricsClone, OfAProcessThatRegistersGoesOnWithEmptyNamespaces) {
   User user;
   g_user = &user;

@@ -208,7 +208,7 @@ TEST(Circmetrics, ThreadsMayRegisterWhileOthersReport) {
   std::atomic<int> registered{0};
   std::thread registering([&] {
     for (int index = 0; index < 3000; ++index) {
-      // From both ends, so that the tree is rebalanced often.
+      // Names from both ends, so that the tree is rebalanced often.
       const std::string name = std::to_string(index % 2 == 0 ? 10000 + index : 30000 - index);
       ASSERT_NE(stats_register(recorder.root, name.c_str(), CIRCMETRICS_COUNTER), nullptr);
       ++registered;

@@ -22,7 +22,7 @@
 namespace quorvane {
 namespace mpsc {
 
-// Starts a ring at an index other than 0, and wakes its threads without cause.
+// Starts a ring at an index other than 0, and wakes its threads spuriously.
 class RingProbe {
  public:
   static void start_at(Ring& ring, std::uint32_t first) {
@@ -68,7 +68,7 @@ void tell(const std::condition_variable* condition) {
 
 }  // namespace
 
-// These two replace the standard library's, for the library, too.
+// These two replace the standard library's functions, in the library, too.
 void std::condition_variable::notify_one() noexcept {
   tell(this);
   pthread_cond_signal(native_handle());
@@ -246,7 +246,7 @@ TEST_P(RingFrom, PublishesInTheOrderOfTheReservations) {
   const Reservation first = ring_.wr_reserve();
   const Reservation second = ring_.wr_reserve();
   Watched later([&] { ring_.wr_commit(second); });
-  // The spin computes and never sleeps, however long it takes.
+  // The producer spins without sleeping, however long it takes.
   const long slept = test::sleeps(later.tid());
   const long ticks = test::computed_ticks(later.tid());
   bool is_always_empty = true;
@@ -270,8 +270,8 @@ TEST_P(RingFrom, PublishesInTheOrderOfTheReservations) {
 INSTANTIATE_TEST_SUITE_P(Start, RingFrom,
                          testing::Values(0u, 5u, 0x7ffffffcu, 0xfffffffbu, 0xffffffffu));
 
-// A producer reads the reserve index and is delayed while entries of others come and go. If
-// it slept then, nobody might ever wake it.
+// A producer reads the reserve index and is delayed while entries of other producers come and
+// go. If it slept then, nobody might ever wake it.
 TEST_P(RingFrom, IsNotFullForAProducerThatWasOvertaken) {
   RingProbe::reserve_from(ring_, GetParam() - 1);
   Watched producer([this] { ring_.wr_reserve(); });
@@ -504,7 +504,7 @@ TEST(RingTokens, WakeAConsumerThatIsFastAsleep) {
   EXPECT_TRUE(is_empty(ring));
 }
 
-// For each notification in `operation`, whether the lock of its condition is held.
+// Returns, for each notification in `operation`, whether its condition's lock is held.
 std::vector<bool> locks_at_notifications(Ring& ring, const std::function<void()>& operation) {
   std::vector<bool> held;
   g_before_notify = [&](const std::condition_variable* condition) {

@@ -40,7 +40,7 @@ TEST(Once, RunsAgainAfterAThrow) {
 }
 
 // In the next three tests only the Once orders one thread's write before another's read.
-// ThreadSanitizer checks that it does.
+// ThreadSanitizer checks that order.
 
 TEST(Once, PublishesWhatTheFunctionWroteToThoseWhoSeeThatItHasRun) {
   Once once;

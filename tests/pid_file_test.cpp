@@ -48,10 +48,10 @@ std::string path_of(pid_t pid) {
 
 std::string content_of(pid_t pid) { return std::to_string(pid) + "\n"; }
 
-// Whether the process has its whole file.
+// Whether the process's pid file is there and complete.
 bool is_announced(pid_t pid) { return read_file(path_of(pid)) == content_of(pid); }
 
-// Starts a child that ends as programs do, with exit handlers.
+// Starts a child that ends with exit, which runs exit handlers.
 pid_t start_child(const std::function<bool()>& work) {
   const pid_t child = fork();
   if (child == 0) {
@@ -187,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(Ways, SuddenEnd, testing::Values("_exit", "quick_exit",
 SCENARIO(removes_its_file_twice) {
   qv_remove_sigquit_pidfile();
   const bool is_gone = !exists(path_of(getpid()));
-  // By now the file is another owner's.
+  // Now the file belongs to another owner.
   test::write_file(path_of(getpid()), "mine");
   qv_remove_sigquit_pidfile();
   return is_gone && read_file(path_of(getpid())) == "mine" ? 0 : 1;
@@ -431,7 +431,7 @@ SCENARIO(forks_at_exit) {
 TEST_F(PidFile, OfAChildForkedByAnExitHandlerGoesToo) {
   const Ran ran = run("forks_at_exit");
   EXPECT_TRUE(ran.exited_with(0));
-  // The parent ended without running its own handlers.
+  // The parent ended with _exit, so the library didn't remove the parent's file.
   EXPECT_THAT(left(), ElementsAre("qv." + std::to_string(ran.pid)));
 }
 
@@ -591,8 +591,8 @@ TEST_F(PidFile, WithANameThatIsTooLongIsReportedAndTheProcessGoesOn) {
   EXPECT_EQ(longer.log.size(), 4096U);
 }
 
-// Executes tells_of_its_file with a pid file in the directory of the first argument, whose
-// path has as many bytes as the second one says.
+// Executes tells_of_its_file with a pid file in the directory that the first argument names.
+// The second argument is the length of the file's path in bytes.
 SCENARIO(has_a_path_of) {
   const std::string name = "qv." + std::to_string(getpid());
   const std::size_t length = std::stoul(arguments.at(1)) - name.size();

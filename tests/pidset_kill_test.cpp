@@ -138,14 +138,14 @@ class KilledPidSet : public PidSet, public testing::WithParamInterface<Change> {
 };
 
 #ifdef QV_SANITIZED
-// The checks of each access turn a hundred instructions into thousands.
+// A sanitizer's checks of each access turn a hundred instructions into thousands.
 constexpr bool kStopsAtEachInstruction = false;
 #else
 constexpr bool kStopsAtEachInstruction = true;
 #endif
 
-// Where it doesn't stop at each instruction, it stops at each change of the page. Between
-// two changes the page is the same.
+// A sanitizer build stops the writer at each change of the page, not at each instruction:
+// between two changes the page is the same.
 TEST_P(KilledPidSet, KeepsEveryIdWhereverItsWriterStops) {
   const Change& change = GetParam();
   const Ids others = without(change.before, change.id);
@@ -172,7 +172,7 @@ TEST_P(KilledPidSet, KeepsEveryIdWhereverItsWriterStops) {
   EXPECT_EQ(qv_pidset_contains(open_set(path_).get(), change.id), change.is_addition);
 }
 
-// A writer that is killed between two of its stores leaves such a page.
+// A writer that is killed between two of its stores leaves a page with a repeated id.
 TEST_F(PidSet, MendsARepeatedIdWithTheNextChange) {
   Ids killed = counted_ids(capacity() - 1);
   killed.insert(killed.begin() + 700, killed[700]);
@@ -199,7 +199,7 @@ TEST_F(PidSet, MendsARepeatedIdInSetsOfEverySize) {
   }
 }
 
-// No kill leaves this many.
+// No kill leaves this many repeated ids.
 TEST_F(PidSet, MendsAllRepeatedIds) {
   const Set set = set_of({3, 3, 5, 5, 5, 7, 9, 9});
   EXPECT_EQ(qv_pidset_add(set.get(), 8), 0);

@@ -196,9 +196,9 @@ TEST_F(PidSet, SharesItsLockWithAChildsInheritedHandle) {
   EXPECT_FALSE(test::is_locked(path_));
 }
 
-// A thread on the same handle plays the other process, because ThreadSanitizer takes an
-// access through another mapping for one to other memory. Ids that are added at the end
-// overwrite none that counts, so the reader needs no lock.
+// A thread on the same handle plays the other process: to ThreadSanitizer, two mappings of the
+// page would be different memory. An id that is added at the end overwrites no counted id, so
+// the reader needs no lock.
 TEST_F(PidSet, CountsNoIdBeforeItIsThere) {
   const Set set = open_set(path_);
   const auto last = static_cast<std::int32_t>(capacity());

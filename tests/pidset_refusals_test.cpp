@@ -22,7 +22,7 @@
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
-// While it is true, the library gets no memory.
+// While this is true, the library gets no memory.
 static bool g_no_memory = false;
 
 #ifdef QV_SANITIZED
@@ -155,7 +155,7 @@ TEST_F(PidSet, OpensNothingWithoutMemory) {
   EXPECT_EQ(bytes(), page_bytes({}));
 }
 
-// Nothing notices a refused mapping until it is accessed.
+// The library doesn't notice a refused mapping: the first access ends the process.
 TEST_F(PidSet, EndsTheProcessWhenTheMappingIsRefused) {
   for (const std::string& content : {std::string(), page_bytes({1})}) {
     test::write_file(path_, content);

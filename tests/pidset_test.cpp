@@ -249,7 +249,7 @@ TEST_F(PidSet, FindsNothingInAnEmptySet) {
   const Set set = set_of({});
   for (const std::int32_t id : {kLeast, 0, kGreatest}) {
     EXPECT_EQ(qv_pidset_ge_index(set.get(), id), -1);
-    EXPECT_FALSE(qv_pidset_contains(set.get(), id));  // there are zeros in the page
+    EXPECT_FALSE(qv_pidset_contains(set.get(), id));  // the unused part of the page holds zeros
   }
 }
 
@@ -268,7 +268,7 @@ TEST_F(PidSet, FindsEachIdInSetsOfEverySize) {
   }
 }
 
-// Nothing checks the order of a page that other means have written.
+// The library doesn't check the order of the ids in a page that it didn't write.
 TEST_F(PidSet, ScansFromTheFront) {
   Ids ids(40, 1);
   ids[3] = 9;

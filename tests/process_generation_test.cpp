@@ -18,7 +18,7 @@ namespace {
 using quorvane::process_generation;
 
 // Only the generation's own synchronisation orders the first thread's write of the word
-// before the second one's read. ThreadSanitizer checks that it does.
+// before the second one's read. ThreadSanitizer checks that order.
 SCENARIO(asks_after_another_thread) {
   std::atomic<bool> has_asked{false};
   std::uint64_t first = 0;

@@ -189,7 +189,7 @@ TEST_F(CircMetrics, AChildsReportWaitsForItsParents) {
   EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));
 }
 
-// As a child that has become another user may.
+// A child that has become another user may be allowed only to read the file.
 TEST_F(CircMetrics, TheReportOfAChildThatMayOpenTheFileOnlyForReadingWaitsAsWell) {
   EXPECT_TRUE(run_with("fake", "fork_during_a_report", {{"REFUSED", ""}}).exited_with(0));
   EXPECT_EQ(reports(file()), (std::vector<json>{json::array({1}), json::object(), json::array()}));

@@ -113,7 +113,7 @@ SCENARIO(fork_over_the_first_use) {
   return 0;
 }
 
-// QV_TEST_FORKS asks for a longer campaign.
+// QV_TEST_FORKS sets another number of forks.
 TEST_F(StatsFork, OverTheFirstUseHangsNoOne) {
   const char* const forks = std::getenv("QV_TEST_FORKS");
   const std::string rounds = forks != nullptr ? forks : "60";
@@ -186,8 +186,8 @@ TEST_F(StatsFork, ByARecorderMayGoOnInTheChild) {
   EXPECT_TRUE(run_with("fake", "go_on_in_the_child", {}, {"alloc"}).exited_with(0));
 }
 
-// The fork doesn't wait for the recorder: it returns while the recorder is being made. The
-// child has no statistics yet, and no descriptor of its parent's attempt.
+// The fork doesn't wait for the recorder, but returns while the recorder is being made. The
+// child has no statistics yet, and no descriptor from its parent's attempt.
 SCENARIO(fork_beside_a_recorder_that_is_made) {
   static bool is_right = false;
   alarm(100);
@@ -224,7 +224,7 @@ TEST_F(StatsFork, BesideARecorderThatIsMadeLetsItUseTheLibrary) {
   EXPECT_TRUE(run_with("fake", "register_a_module_while_a_recorder_is_made").exited_with(0));
 }
 
-// The fork waits until the recorder is loaded, which meanwhile may call the library.
+// The fork waits until the recorder is loaded. Meanwhile, the recorder may call the library.
 SCENARIO(fork_beside_a_recorder_that_is_loaded) {
   static std::optional<test::Watched> forking;
   static bool is_loaded = false;
@@ -338,7 +338,7 @@ SCENARIO(report_after_the_numbers_are_taken) {
   alarm(100);
   const std::string& own = arguments.at(0);
   const bool in_child = arguments.at(1) == "child";
-  report_path();  // before the working directory changes
+  report_path();  // resolves it before the working directory changes
   get_singleton_module();
   const auto take_and_report = [&] {
     if (chdir("/") != 0 || !take_all_numbers(own)) {
@@ -531,7 +531,7 @@ TEST_F(StatsFork, NeitherDoesOneWhoseFileMayOnlyBeWrittenTo) {
       run_with("fake", "be_killed_within_a_report_of_a_file_that_cant_be_read").exited_with(0));
 }
 
-// A killed process leaves half a line. The next report begins a new line.
+// A killed process may leave half a line. The next report begins a new line.
 TEST_F(StatsFork, AReportAfterHalfALineBeginsALineOfItsOwn) {
   test::write_file(file(), "{\"ts\": 1, \"lo");
   EXPECT_TRUE(run("report_in_a_child_and_execute").exited_with(0));

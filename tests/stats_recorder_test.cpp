@@ -45,7 +45,7 @@ INSTANTIATE_TEST_SUITE_P(, MissingSymbol,
                                          "stats_recorder_output_json"),
                          [](const auto& tested) { return std::string(tested.param); });
 
-// The fake recorder has a function of this name, too, and calls it.
+// The fake recorder also has a function of this name, and must call its own.
 extern "C" __attribute__((visibility("default"))) const char* fake_name() { return "the program"; }
 
 #ifndef QV_SANITIZED  // a sanitizer forbids the dlopen flag that this needs
@@ -201,8 +201,8 @@ TEST_F(CircMetrics, OpensAndClosesWithoutAWord) {
   EXPECT_FALSE(test::exists(file()));
 }
 
-// The holder keeps the recorder loaded, but no handle to it is open any more: closing it
-// again fails.
+// The holder keeps the recorder loaded. The module's handle is closed here, so the module fails
+// to close it again.
 SCENARIO(fail_to_unload) {
   dlopen(QV_FAKE_RECORDERS "/libstats_test_holder.so", RTLD_LAZY);
   void* handle = dlopen(QV_FAKE_RECORDERS "/fake/libcircmetrics.so", RTLD_LAZY);

@@ -46,8 +46,8 @@ foreach(test
     stats_timing_test)
   add_dependencies(${test} ${stats_test_needs}
     stats_test_holder stats_test_plugin stats_test_loader stats_test_forker)
-  # Plugins and recorders call functions of the program. Functions that a recorder shares with
-  # the program by name must stay apart.
+  # Plugins and recorders call functions of the program. A recorder must still call its own
+  # functions where the program has some of the same names.
   set_target_properties(${test} PROPERTIES ENABLE_EXPORTS ON)
   target_compile_definitions(${test} PRIVATE
     QV_FAKE_RECORDERS="${CMAKE_BINARY_DIR}/stats_test"

@@ -73,8 +73,7 @@ TEST_F(Stats, ARecorderThatCantBeMadeTurnsStatisticsOffWithTwoWarnings) {
 TEST_F(Stats, NoThreadIsStartedWithoutARecorder) {
   const Ran ran = run_with("fake", "create_every_kind",
                            {{"FAKE_REFUSES", "alloc"}, {"QV_STATS_REPORT_PERIOD", "1"}});
-  EXPECT_TRUE(ran.exited_with(4))
-      << "a report thread that was started would have made the process abort";
+  EXPECT_TRUE(ran.exited_with(4)) << "a report thread would have made the process abort";
 }
 
 SCENARIO(silence_and_use) {

@@ -254,7 +254,7 @@ TEST_F(Stats, NothingIsReportedAfterTheLastReport) {
   EXPECT_EQ(reports(file()).size(), 1U);
 }
 
-// Goes on until the report thread has slept through another period at least.
+// Goes on until the report thread has slept through at least one more period.
 SCENARIO(outlast_a_period) {
   static pid_t reporter = start_reporter();
   alarm(100);

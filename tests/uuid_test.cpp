@@ -269,7 +269,7 @@ uuid steady_identity() {
 }
 
 // Prints how many different identities a child, two grandchildren, another child and the
-// parent have. The child that has the first grandchild fails if its own changes.
+// parent have. The parent of the first grandchild fails if its own identity changes.
 int count_identities(pid_t (*make_child)(), bool parent_asks_first) {
   std::set<uuid> all{uuid{}};
   uuid mine{};
@@ -307,7 +307,7 @@ TEST(Identity, OfAChildThatNoForkHandlerSawIsItsOwn) {
   EXPECT_EQ(run_scenario("counts_identities", {}, {"clone", "not asked"}).out, "4");
 }
 
-// The refusal outlives exec, so it is in force when the library is loaded.
+// The refusal survives exec, so it applies when the library is loaded.
 SCENARIO(loads_without_wiping) {
   test::refuse(SYS_madvise, EINVAL, test::When{2, MADV_WIPEONFORK});
   execl("/proc/self/exe", "uuid_test", "--scenario", "counts_identities", "fork",
@@ -399,7 +399,7 @@ TEST(UuidGenerate, HangsNoChildForkedBesideThreadsThatGenerate) {
 
 // ----------------------------------------------------- when the kernel refuses
 
-// "threw" when the generator's own exception arrives with its errno.
+// "threw" if the generator's own exception arrives with the errno of the refusal.
 template <typename Function>
 std::string outcome(const Function& function) {
   try {

@@ -42,8 +42,8 @@ inline void add_ones(void* counter, int count) {
   }
 }
 
-// So many additions that two threads which share a cell would lose some. A sanitizer is
-// slower, and reports the race.
+// So many additions that two threads that share a cell would lose some. A sanitizer build is
+// slower, but reports the race.
 #ifdef QV_SANITIZED
 constexpr int kEnoughToCollide = 100000;
 #else

@@ -34,8 +34,8 @@ using Set = std::unique_ptr<qv_pidset_t, Closer>;
 
 inline Set open_set(const std::string& path) { return Set(qv_pidset_open(path.c_str())); }
 
-// The page of a set that says `count` and begins with these ids, even those beyond the
-// count.
+// The page of a set whose count is `count` and whose ids are these, including those beyond
+// the count.
 inline std::string page_bytes(std::uint64_t count, const Ids& ids) {
   std::string bytes = test::le64(count);
   for (const std::int32_t id : ids) {

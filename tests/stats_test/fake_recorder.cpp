@@ -1,6 +1,6 @@
 // A metrics recorder for tests. It prints each call, returns a different value from each
 // function, fails where the test says so, and leaves the report to the test. It is built
-// once complete, and once without each of its functions.
+// once complete, and nine times without one of its nine functions.
 #include "stats_test/fake_recorder.h"
 
 #include <cstdlib>
@@ -22,8 +22,8 @@ void print(const Parts&... parts) {
   [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
 }
 
-// Whether the call must fail: FAKE_REFUSES holds the function's name without its prefix,
-// for register_ns followed by a blank and the namespace's name.
+// Whether the call must fail: FAKE_REFUSES holds the function's name without its prefix. For
+// register_ns, a space and the namespace's name follow.
 bool refuses(const std::string& call) {
   const char* refused = std::getenv("FAKE_REFUSES");
   return refused != nullptr && call == refused;

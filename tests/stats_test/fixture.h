@@ -96,8 +96,8 @@ class Stats : public testing::Test {
 using CircMetrics = Stats;
 
 // A forked child has only the thread that forked. To a leak checker, what the other
-// threads held looks leaked, and their allocator locks may stay locked for ever. Such a
-// child leaves the leak check to its parent.
+// threads held looks leaked, and an allocator lock that they held stays locked for ever. Such
+// a child leaves the leak check to its parent.
 inline bool g_leaves_leak_check = false;
 
 inline void* module_of(const char* path) { return quorvane::Module(path).get(); }
@@ -162,7 +162,7 @@ inline bool is_sleeping(const std::string& task) {
 }
 
 // A sanitizer starts a thread of its own together with the program's first one. Starts
-// that first one, and returns when it has ended.
+// that first thread, and returns when it has ended.
 inline void start_sanitizers_thread() {
   std::string id;
   std::thread([&] { id = std::to_string(syscall(SYS_gettid)); }).join();
