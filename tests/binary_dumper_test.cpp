@@ -59,7 +59,7 @@ void dump(BinaryDumper& dumper, const std::string& bytes) {
 
 // --------------------------------------------------------------- names and numbers
 
-// Dumps twice with a dumper of the four arguments, where "null" is a null pointer.
+// Dumps twice with a dumper made from the four arguments, where "null" is a null pointer.
 SCENARIO(dumps_twice) {
   const auto argument = [&](std::size_t i) {
     return arguments.at(i) == "null" ? nullptr : arguments.at(i).c_str();
@@ -190,7 +190,7 @@ SCENARIO(dumps_ten_thousand_and_one) {
   return 0;
 }
 
-// The path has room for four digits.
+// The path buffer has room for four digits.
 TEST_F(Dumper, CutsTheNameOfTheTenThousandAndFirstDump) {
   const Ran ran = run_scenario("dumps_ten_thousand_and_one", {}, {dir_.path()});
   EXPECT_TRUE(ran.exited_with(0));
@@ -261,7 +261,7 @@ TEST_F(Dumper, ReportsAFileThatCannotBeOpenedAndTakesItsNumber) {
 #ifndef QV_SANITIZED
 // A sanitizer ends a process whose allocation fails.
 
-// The string whose number is the first argument is too long to be copied.
+// The first argument says which of the four strings is too long to copy.
 SCENARIO(dumps_without_memory) {
   const std::size_t place = std::stoul(arguments.at(0));
   const std::string text(64 * 1024 * 1024, 'x');
@@ -453,7 +453,7 @@ TEST_F(Dumper, GivesEachDumpOfEightThreadsANumberAndAFileOfItsOwn) {
 
 constexpr const char* kAroundMainEnv = "QV_TEST_AROUND_MAIN";
 
-// Dumps before main, and when it is destroyed, after the exit handlers of main.
+// Dumps before main, and in its destructor, which runs after the exit handlers of main.
 class AroundMain {
  public:
   AroundMain() { dump_if_asked("before main"); }

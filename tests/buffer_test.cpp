@@ -206,7 +206,7 @@ SCENARIO(lent_bytes_become_read_only) {
   return 0;
 }
 
-// The buffer releases no bytes at null, which isn't where the lent bytes end.
+// The emptied buffer releases no bytes at null, but the pool expects the end of the lent bytes.
 TEST(RwBuffer, EndsTheProcessWhenItsLentBytesWereTakenFromIt) {
   const auto ran = test::run_scenario("lent_bytes_become_read_only");
   EXPECT_TRUE(ran.aborted());

@@ -35,7 +35,7 @@ thread_local const std::function<void()>* g_before_notify = nullptr;
 
 }  // namespace
 
-// Takes precedence over the one of the standard library.
+// Replaces the standard library's function, in the library, too.
 void std::condition_variable::notify_all() noexcept {
   if (const auto* const function = std::exchange(g_before_notify, nullptr)) {
     (*function)();
@@ -184,7 +184,7 @@ TEST(CircularBufferPool, WaitsForRoomThatFreeMakes) {
   oldest.reset();
   waiter.result().set_pool_release_is_free(true);
   EXPECT_EQ(waiter.result().get_buffer(), base);
-  rest = RwBuffer(0);  // the older of the two goes first
+  rest = RwBuffer(0);  // the oldest range must be freed first
 }
 
 TEST(CircularBufferPool, WaitsForRoomThatDeallocateMakes) {
@@ -233,7 +233,7 @@ TEST(CircularBufferPool, WakesEveryWaiterWithOneRelease) {
   }
   EXPECT_EQ(first.get_buffer(), base);
   EXPECT_EQ(second.get_buffer(), base + 64);
-  second = RwBuffer(0);  // newest first
+  second = RwBuffer(0);  // the newest range must be released first
 }
 
 TEST(CircularBufferPool, GivesTheLockUpBeforeItWakesTheWaiters) {

@@ -180,9 +180,9 @@ TEST_F(TracedPool, ReportsTheStartOfAnAllocationBeforeItTakesTheLock) {
   EXPECT_TRUE(is_nested);
 }
 
-// Whether another thread's allocation waits, for each report of the operation while it is
-// made. The other threads' empty buffers are released before the next operation: a release
-// must find the head of the ring where its allocation left it.
+// For each report of the operation except the start of an allocation: whether another thread's
+// allocation waits meanwhile. The other threads' empty buffers are released before the next
+// operation: a release must find the head of the ring where its allocation left it.
 std::vector<bool> waits_of_others(CircularBufferPool& pool,
                                   const std::function<void()>& operation) {
   std::vector<std::unique_ptr<Allocator>> others;

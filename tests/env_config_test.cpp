@@ -22,8 +22,8 @@ using testing::IsEmpty;
 
 constexpr const char* kName = "QV_TEST_VALUE";
 
-// Reads the variable with the reader that the first argument names and the default of the
-// second, and prints the result.
+// Reads the variable with the reader that the first argument names and the default that the
+// second one gives, and prints the result.
 SCENARIO(reads) {
   const std::string& reader = arguments.at(0);
   const std::string& fallback = arguments.at(1);
@@ -183,7 +183,7 @@ TEST(EnvConfig, AStaleRangeErrorDoesNotConcernABoolean) {
   EXPECT_THAT(ran.messages(), IsEmpty());
 }
 
-// An out-of-range number leaves ERANGE in errno, and its warning doesn't clear it.
+// An out-of-range number leaves ERANGE in errno, and the warning doesn't clear it.
 SCENARIO(reads_an_out_of_range_number_and_then_a_good_one) {
   errno = 0;
   const int first = qv_env_config_get_int(kName, 7);

@@ -53,7 +53,7 @@ TEST(IdentityExample, ShowsThatAChildsIdentityIsItsOwnAndItsParentsStays) {
                          all[2].uuid + "\nparent     " + all[0].uuid + "\n");
 }
 
-// The refusal outlives exec.
+// The refusal survives exec.
 SCENARIO(without_children) {
   for (const long call : {SYS_clone, SYS_clone3}) {
     test::refuse(call, EAGAIN);

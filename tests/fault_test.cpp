@@ -300,7 +300,7 @@ TEST(FaultAssertion, QuotesAPercentSign) {
 
 // ---------------------------------------------------------------- stack traces
 
-// Not at null, which sanitizers check for.
+// Doesn't write to null, which sanitizers check for.
 __attribute__((noinline)) void die_by_wild_write() {
   volatile int* volatile nowhere = reinterpret_cast<volatile int*>(16);
   *nowhere = 1;
@@ -329,7 +329,7 @@ TEST_P(StackPrint, NamesTheSignalAndTheFramesOnStandardErrorAndAborts) {
   EXPECT_TRUE(ran.aborted());
   const std::string head = "Error: signal 11:\n";
   ASSERT_EQ(ran.err.substr(0, head.size()), head);
-  // A line "object(symbol+offset)[address]" each for the handler, the faulting code and
+  // One line "object(symbol+offset)[address]" each for the handler, the faulting code and
   // its callers.
   const std::string frames = ran.err.substr(head.size());
   EXPECT_THAT(frames, testing::HasSubstr("libQVUtil"));

@@ -215,7 +215,7 @@ SCENARIO(on_a_terminal) {
           arguments[2].c_str(), nullptr);
     _exit(126);
   }
-  // Ends with EIO once the child has closed its side of the terminal.
+  // The read fails with EIO once the child has closed its side of the terminal.
   char shown[4096];
   for (ssize_t size = 0; (size = read(master, shown, sizeof(shown))) > 0;) {
     std::printf("%.*s", static_cast<int>(size), shown);

@@ -81,7 +81,7 @@ quorvane::util::RoBuffer bytes(const char* text) {
   return quorvane::util::RoBuffer::copy(text, std::strlen(text));
 }
 
-// Locks guarded mutexes of each kind, and makes and destroys some. Whether that worked.
+// Locks guarded mutexes of each kind, and makes and destroys some. Returns whether that worked.
 bool use_library() {
   static std::atomic<int> calls{0};
   const std::string name = "test/" + std::to_string(calls++);
@@ -160,8 +160,8 @@ int wait_for_all() {
   return failed;
 }
 
-// The handler of the first argument forks once. Its child uses the library, and then ends
-// or goes on with the fork that runs the handler.
+// The handler that the first argument names forks once. Its child uses the library, and then
+// either ends or goes on with the fork that runs the handler.
 SCENARIO(a_handler_forks) {
   alarm(kHangSeconds);
   const quorvane::Module module("test/nested");
@@ -327,7 +327,7 @@ SCENARIO(adds_without_memory) {
   std::thread(add).join();
   const Handlers handlers([&](const std::string&) { add(); });
   int failed = 0;
-  unguarded.lock();  // no fork waits for it
+  unguarded.lock();  // the fork doesn't wait for it
   const pid_t process = fork();
   unguarded.unlock();
   {

@@ -84,7 +84,7 @@ class Busy {
 
 constexpr int kForks = 200;
 
-// Stops at the first failure, because that child may have hung for long.
+// Stops at the first failure: a child that hangs takes kHangSeconds to fail.
 template <typename Body>
 bool all_children_succeed(Body body) {
   for (int i = 0; i < kForks; ++i) {
@@ -102,7 +102,7 @@ void expect_success(const std::string& scenario) {
 
 }  // namespace
 
-// --- after their end ---
+// --- after the objects are destroyed ---
 
 SCENARIO(fork_after_the_end) {
   alarm(kHangSeconds);
@@ -123,7 +123,7 @@ TEST(ForkGuard, IsRemovedWithWhatItGuards) {
   }
 }
 
-// --- while they are in use ---
+// --- while the objects are in use ---
 
 bool use_a_new_cache() {
 #ifndef QV_SANITIZED  // a fork may find the sanitizer's allocator locked

@@ -17,8 +17,8 @@
 
 namespace {
 
-// A ```cpp block, and what its program gives by the page: ```text is its standard output,
-// ```log its log (but for the times and the ids), ```json its statistics report.
+// A ```cpp block, and what the page shows of its program: ```text is its standard output,
+// ```log its log (the times and the ids may differ), ```json its statistics report.
 struct Program {
   std::string title;  // of the section
   std::string source;
@@ -115,7 +115,7 @@ TEST_P(Guide, ProgramDoesWhatThePageShows) {
 
 INSTANTIATE_TEST_SUITE_P(Programs, Guide, testing::ValuesIn(programs()), name_of);
 
-// Without this a page that lost its programs, or their fences, would pass.
+// Without this test, a page that lost its programs, or their fences, would pass.
 TEST(GuidePage, HasItsPrograms) {
   const auto all = programs();
   EXPECT_GE(all.size(), 6u);

@@ -1,4 +1,4 @@
-// The rules of the tree that a compiler alone doesn't hold.
+// The rules of the tree that a compiler doesn't check.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -161,7 +161,7 @@ std::vector<std::string> includes_of(const fs::path& file) {
   return names;
 }
 
-// Whether the name is one of our own headers, under any of its spellings.
+// Whether the name is that of one of our own headers, however an include spells it.
 bool is_ours(const std::string& name) {
   return name.rfind("quorvane/", 0) == 0 || fs::exists(kUtil / name) ||
          fs::exists(kUtil / "src" / name);
@@ -237,8 +237,8 @@ TEST(Floors, EveryUnitOfTheCacheHasOneInsideIt) {
   }
 }
 
-// A unit uses those below it: it neither includes their equals and betters nor names their
-// classes.
+// A unit uses only the units below it: it neither includes the headers of others nor names
+// their classes.
 TEST(Floors, NoUnitOfTheCacheKnowsWhatIsNotBelowIt) {
   int arrows = 0;
   for (const fs::path& file : sources_below(kUtil / "src" / "cache")) {
@@ -314,7 +314,7 @@ TEST(FloorsPicture, HasNoArrowInTheCacheThatRunsUpwards) {
   for (std::sregex_iterator it(cache.begin(), cache.end(), arrow), end; it != end; ++it) {
     for (const std::string& from : words_of((*it)[1])) {
       for (const std::string& to : words_of((*it)[2])) {
-        if (to != "helpers") {  // what most units use
+        if (to != "helpers") {  // most units use these
           EXPECT_TRUE(cache_floor_of(to)) << to << " is no unit";
           EXPECT_LT(cache_floor_of(to), cache_floor_of(from)) << from << " -> " << to;
           ++arrows;
@@ -369,7 +369,7 @@ std::string version() {
   return std::regex_search(text, match, project) ? match[1].str() : "";
 }
 
-// CHANGELOG.md is history.
+// CHANGELOG.md keeps the version of every release, so it isn't searched.
 TEST(Version, StandsInOnePlace) {
   ASSERT_NE(version(), "");
   const CommandResult places = run(
@@ -384,8 +384,8 @@ TEST(Version, StandsInOnePlace) {
 #ifndef QV_SANITIZED
 // A sanitizer adds symbols of its own.
 
-// One list for every compiler: what it inlines or not is its own affair, so the
-// weak copies of inline functions don't count. Each with its version: NAME@@VERSION.
+// Each symbol with its version: NAME@@VERSION. Compilers differ in what they inline, so weak
+// copies of inline functions don't count: one list serves every compiler.
 std::vector<std::string> versioned_symbols() {
   const CommandResult result =
       run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/libQVUtil.so");
@@ -420,7 +420,7 @@ TEST(ExportedSymbols, AreTheListInTheRepository) {
     list += name + "\n";
   }
   EXPECT_EQ(list, test::read_file(kUtil / "QVUtil.symbols"))
-      << "when the change is meant, apply the difference to util/QVUtil.symbols";
+      << "if the change is intended, apply the difference to util/QVUtil.symbols";
 }
 
 TEST(ExportedSymbols, CarryTheVersionOfTheirFirstRelease) {

@@ -35,7 +35,7 @@ pid_t raw_clone() {
   return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
 }
 
-// Runs `work` in a child. 0 if it exits with 0, 1 otherwise.
+// Runs `work` in a child. Returns 0 if the child exits with 0, 1 otherwise.
 int in_child(pid_t (*make_child)(), const std::function<int()>& work) {
   const pid_t child = make_child();
   if (child == 0) {
@@ -136,7 +136,7 @@ TEST(ForkedLog, AChildOfAThreadIsItsOwnMainThread) {
 }
 
 #ifndef QV_SANITIZED
-// ThreadSanitizer refuses threads in the child of a process with threads.
+// ThreadSanitizer allows no new threads in the child of a process with several threads.
 SCENARIO(logs_in_a_thread_of_a_child) {
   log_ids("parent");
   return in_child(&fork, [] {
@@ -161,7 +161,7 @@ TEST(ForkedLog, SiblingsForkedBeforeAnyRecordHaveTheirIds) {
   expect_right_ids(run_scenario("logs_first_in_children"), {"one", "two", "parent"});
 }
 
-// ------------------------------------- when the kernel doesn't help to tell a child
+// -------------------------------------- when the kernel doesn't help to detect a fork
 
 // The refusal survives exec, so it applies when the library is loaded.
 SCENARIO(loads_without_wiping) {
@@ -200,7 +200,7 @@ std::string name_of(const char* kind, int number) {
   return std::string("test/") + kind + "/" + std::to_string(number);
 }
 
-// Does all that a child may do. The alarm ends it if it hangs.
+// Does all that a child may do. The alarm ends a child that hangs.
 int use_all(int round) {
   alarm(kHangSeconds);
   const quorvane::Module fresh(name_of("child", round).c_str());
@@ -283,7 +283,7 @@ TEST(ForkedLog, NoChildHangsWhateverItsParentsThreadsDid) {
   EXPECT_EQ(ran.err, "");
 }
 
-// Nothing that exit runs, such as static destructors, may wait for a lost thread.
+// Nothing that exit runs, such as static destructors, may wait for a thread of the parent.
 SCENARIO(children_exit_beside_busy_threads) {
   int failed = 0;
   {
@@ -313,7 +313,7 @@ TEST(ForkedLog, NoChildHangsAtItsExit) {
   EXPECT_EQ(ran.err, "");
 }
 
-// What a crash reporter does: it forks a program that takes the report.
+// Does what a crash reporter does: forks a child to take the report. Prints whether that worked.
 void fork_and_tell(int) {
   const pid_t child = test::in_child([] { return 0; });
   const char* const told = test::wait_for(child) == 0 ? "reported" : "failed";
@@ -356,7 +356,7 @@ SCENARIO(reports_a_check_under_a_mutex_from_a_fork) {
 }
 
 TEST(ForkedLog, AHandlerOfAbortMayFork) {
-  // ThreadSanitizer allocates in a child and would report that as the handler's doing.
+  // ThreadSanitizer allocates in a child and would blame the handler for that.
   const test::Environment environment{
       {"TSAN_OPTIONS", test::with_option("TSAN_OPTIONS", "report_signal_unsafe=0")}};
   const Ran collision = run_scenario("reports_a_collision_from_a_fork", environment);

@@ -62,8 +62,8 @@ using testing::ElementsAre;
 
 // ----------------------------------------------------------------- the outlet
 
-// Prints "fd error_fd level flags". fd is "file" if it is above 2. The flags are the
-// lasting ones, and "not inherited" if exec closes the file.
+// Prints "fd error_fd level flags". fd is "file" if it is above 2. The flags are those that
+// the descriptor keeps after open, and "not inherited" if exec closes it.
 SCENARIO(tells_its_outlet) {
   const LoggingModuleData* outlet = get_singleton_outlet();
   const int flags = outlet->fd < 0 ? 0 : fcntl(outlet->fd, F_GETFL);
@@ -95,7 +95,7 @@ std::string failed_to_open(const std::string& path) {
   return "QVUtil: Failed to open requested log file " + path + ".\n";
 }
 
-// Expects the outcome of logs_at_every_level_by_macro where the log can't be opened.
+// Expects the outcome of logs_at_every_level_by_macro when the log can't be opened.
 void expect_errors_on_standard_error(const Ran& ran, const std::string& path) {
   EXPECT_EQ(ran.out, "1");
   const std::string line = failed_to_open(path);

@@ -29,7 +29,7 @@
 
 namespace {
 
-// The time that gettimeofday tells this thread, unless null.
+// The time that gettimeofday gives this thread, unless null.
 thread_local const timeval* t_fake_time = nullptr;
 thread_local int t_time_calls = 0;
 
@@ -39,7 +39,7 @@ std::atomic<long> g_allocations{0};
 
 extern "C" int gettimeofday(timeval* __restrict now, void* __restrict zone) noexcept {
   ++t_time_calls;
-  errno = EOVERFLOW;  // any call may change errno, but a record must not
+  errno = EOVERFLOW;  // any call may change errno, but logging must not
   if (t_fake_time != nullptr) {
     *now = *t_fake_time;
     return 0;
@@ -47,7 +47,7 @@ extern "C" int gettimeofday(timeval* __restrict now, void* __restrict zone) noex
   return static_cast<int>(syscall(SYS_gettimeofday, now, zone));
 }
 
-// Not inlined: the compiler would warn of a new that free releases.
+// Not inlined: the compiler would warn that free releases memory from new.
 __attribute__((noinline)) void* operator new(std::size_t size) {
   g_allocations.fetch_add(1);
   if (void* memory = std::malloc(size)) {
@@ -372,7 +372,7 @@ TEST(LogRecord, AllocatesNothingNotEvenAThreadsFirst) {
   EXPECT_EQ(file.take().size(), 2U);
 }
 
-// Otherwise a thread's first record would allocate its thread-local data.
+// With dynamic thread-local storage, a thread's first record would allocate.
 TEST(LogRecord, AllocatesNothingInALibraryThatWasLoadedLater) {
   const Ran ran = test::run_program(QV_LOG_LOADER, {QV_LIBRARY});
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;

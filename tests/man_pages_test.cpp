@@ -19,7 +19,7 @@ namespace {
 struct Page {
   std::string name;
   std::string includes;
-  std::string prototypes;  // from SYNOPSIS, as assertions that the header has the same
+  std::string prototypes;  // from SYNOPSIS, as assertions on the types in the header
   std::string examples;    // from EXAMPLES, without the blocks of output
   std::set<std::string> functions;
 };

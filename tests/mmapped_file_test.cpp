@@ -51,7 +51,7 @@ bool is_closed(const MMappedFile& file) {
   return !file.is_open() && file.data() == MAP_FAILED && file.size() == 0;
 }
 
-// A scenario's first argument is a path, the next two are the module's thresholds.
+// A scenario's first argument is a path; the next two are the module's thresholds.
 void set_thresholds(const test::Arguments& arguments) {
   auto* const module =
       static_cast<quorvane::module::Module*>(qv_module_find("util/src/mmapped_file"));
@@ -169,7 +169,7 @@ TEST(MMappedFile, GivesMappingAndDescriptorBackWhenClosedOrDestroyed) {
   EXPECT_EQ(next_descriptor(), descriptor);
 }
 
-// Succeeds if opening the path of the first argument leaves everything closed.
+// Succeeds if an attempt to open the first argument leaves the file and its descriptor closed.
 SCENARIO(open_a_path) {
   set_thresholds(arguments);
   const auto descriptor = next_descriptor();
@@ -315,7 +315,7 @@ SCENARIO(close_a_mapping_that_munmap_refuses) {
   const auto descriptor = next_descriptor();
   MMappedFile file;
   open_to_read(file, arguments.at(0));
-  // Refuses by length, so that only this mapping stays.
+  // Refuses by length, so that only the unmapping of this file fails.
   test::refuse(SYS_munmap, EINVAL,
                test::When{1, static_cast<std::uint32_t>(kPagesOfRefused * page())});
   file.close();

@@ -383,7 +383,7 @@ SCENARIO(declares_handles_of_malformed_paths) {
   for (const char* path : {"/a", "/a", "b//c"}) {
     handles.emplace_back(path);
   }
-  // Overwrites what a destroyed module would leave.
+  // Overwrites what a destroyed module would leave behind.
   for (int i = 0; i < 100; ++i) {
     qv_module_commit(create());
   }

@@ -31,7 +31,7 @@ using test::Ran;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Another group than this process's. Root may give a file to any group, others to theirs.
+// A group other than this process's. Root may give a file to any group, others only to their own.
 gid_t another_group() {
   if (geteuid() == 0) {
     return getegid() == 65534 ? 65533 : 65534;
@@ -121,7 +121,7 @@ constexpr int kNotSecure = 2;
 
 bool is_secure() { return getauxval(AT_SECURE) != 0; }
 
-// From here on the records go to standard output.
+// Sends the records to standard output from here on.
 void show_records() {
   get_singleton_outlet()->fd = STDOUT_FILENO;
   static_cast<quorvane::module::Module*>(qv_module_find("util/src/cache"))->level =

@@ -19,7 +19,8 @@ namespace {
 using test::Ran;
 using testing::ElementsAre;
 
-// Executes the scenario of the second argument without the descriptors of the first.
+// Executes the scenario that the second argument names, with the descriptors in the first one
+// closed.
 SCENARIO(starts_without) {
   for (const char digit : arguments.at(0)) {
     close(digit - '0');
@@ -31,8 +32,8 @@ SCENARIO(starts_without) {
 
 bool is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// Opens files that the library keeps open, prints and logs, all with the descriptors of
-// the first argument closed. A file that took their place would get the program's output.
+// Opens files that the library keeps open, prints and logs, all with the descriptors in the
+// first argument closed. A file that took one of their numbers would get the program's output.
 SCENARIO(prints_and_logs) {
   quorvane::util::MMappedFile file;
   file.open(arguments.at(1), O_RDWR, 0, PROT_READ | PROT_WRITE, MAP_SHARED);

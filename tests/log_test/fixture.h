@@ -34,7 +34,7 @@ inline void log_to(quorvane::logging::LoggingModuleData& outlet, qv_log_level_t 
   va_end(args);
 }
 
-// A descriptor that keeps writes apart, so that a record in two writes is noticed.
+// A descriptor that keeps writes apart, so that a test notices a record in two writes.
 class Writes {
  public:
   Writes() {

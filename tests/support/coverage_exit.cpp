@@ -1,5 +1,5 @@
-// Part of the test programs in coverage builds only. Replaces the system's _exit: has the
-// library, where it is loaded, save its counters first (coverage.cpp).
+// Part of the test programs in coverage builds only. Replaces the system's _exit: if the library
+// is loaded, it saves its counters first (coverage.cpp).
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>

@@ -7,8 +7,8 @@
 #include "support/scenario.h"
 
 // ThreadSanitizer reads these options before it starts. A child of fork lacks its parent's
-// threads, which is no leak, and pages that can't be locked under a test's memory limit
-// don't matter. By default ThreadSanitizer would also delay each exit by a second.
+// threads, which is no leak. To keep its memory out of core dumps, ThreadSanitizer would call
+// madvise, which a test may refuse. By default it would also delay each exit by a second.
 extern "C" const char* __tsan_default_options();
 const char* __tsan_default_options() {
   return "report_thread_leaks=0:use_madv_dontdump=0:atexit_sleep_ms=50";

@@ -40,7 +40,7 @@ void install(long number, std::uint32_t answer, const std::vector<When>& conditi
     program.push_back(
         {static_cast<std::uint16_t>(code), yes, no, static_cast<std::uint32_t>(operand)});
   };
-  // Falls through to the next instruction or jumps to the one that allows the call.
+  // Falls through to the next instruction, or jumps to the instruction that allows the call.
   const auto go_on_if = [&](std::uint32_t value, bool negate) {
     const auto away = static_cast<unsigned char>(allow - program.size() - 1);
     add(BPF_JMP | BPF_JEQ | BPF_K, value, negate ? away : 0, negate ? 0 : away);

@@ -1,4 +1,4 @@
-// A directory that its object removes, and functions for whole files.
+// A temporary directory that is removed with its object, and functions for whole files.
 #ifndef TESTS_SUPPORT_TEMP_DIR_H_
 #define TESTS_SUPPORT_TEMP_DIR_H_
 
