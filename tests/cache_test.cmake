@@ -1,4 +1,4 @@
-# A metrics recorder that says what was counted, found before the real one.
+# A metrics recorder that reports what was counted. The library finds it before the real one.
 add_library(cache_test_recorder SHARED support/counting_recorder.cpp)
 set_target_properties(cache_test_recorder PROPERTIES
   OUTPUT_NAME circmetrics

@@ -121,7 +121,7 @@ TEST(GuidePage, HasItsPrograms) {
   EXPECT_GE(all.size(), 6u);
   for (const Program& program : all) {
     EXPECT_FALSE(program.out.empty() && program.log.empty() && program.report.empty())
-        << program.title << " shows nothing";
+        << program.title << " shows no result of its program";
   }
 }
 

@@ -124,7 +124,7 @@ TEST(Headers, ServeAProgramInC) {
 
 // ---------------------------------------------------------------------- floors
 
-// The floor of a file in util/, or nothing for one that has none yet.
+// The floor of a file in util/, or nothing for a file that has none yet.
 std::optional<int> floor_of(const fs::path& file) {
   static const std::map<std::string, int> floors{{"export", 0},        {"process_generation", 0},
                                                  {"fork_guard", 0},    {"descriptor", 0},
@@ -169,7 +169,7 @@ bool is_ours(const std::string& name) {
 
 TEST(Floors, EveryFileHasOne) {
   for (const fs::path& file : sources_below(kUtil)) {
-    EXPECT_TRUE(floor_of(file)) << file << " needs a floor";
+    EXPECT_TRUE(floor_of(file)) << file << " has no floor";
   }
 }
 
@@ -233,7 +233,7 @@ std::set<std::string> words_of_code(const fs::path& file) {
 
 TEST(Floors, EveryUnitOfTheCacheHasOneInsideIt) {
   for (const fs::path& file : sources_below(kUtil / "src" / "cache")) {
-    EXPECT_TRUE(cache_floor_of(file.stem())) << file << " needs a floor";
+    EXPECT_TRUE(cache_floor_of(file.stem())) << file << " has no floor";
   }
 }
 
@@ -315,7 +315,7 @@ TEST(FloorsPicture, HasNoArrowInTheCacheThatRunsUpwards) {
     for (const std::string& from : words_of((*it)[1])) {
       for (const std::string& to : words_of((*it)[2])) {
         if (to != "helpers") {  // most units use these
-          EXPECT_TRUE(cache_floor_of(to)) << to << " is no unit";
+          EXPECT_TRUE(cache_floor_of(to)) << to << " is not a unit of the cache";
           EXPECT_LT(cache_floor_of(to), cache_floor_of(from)) << from << " -> " << to;
           ++arrows;
         }

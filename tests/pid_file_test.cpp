@@ -143,7 +143,7 @@ TEST_F(PidFile, IsNoneWithoutARoot) {
   }
 }
 
-// -------------------------------------------------------------------- the end of it
+// ------------------------------------------------------------------------ its removal
 
 void end_by(const std::string& way) {
   if (way == "exit") {

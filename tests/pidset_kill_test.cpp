@@ -167,8 +167,8 @@ TEST_P(KilledPidSet, KeepsEveryIdWhereverItsWriterStops) {
     spoilt += can_be_changed() ? 0 : 1;
   }
   RecordProperty("stops", stops);
-  EXPECT_EQ(lost, 0) << "of " << stops;
-  EXPECT_EQ(spoilt, 0) << "of " << stops;
+  EXPECT_EQ(lost, 0) << "of " << stops << " stops";
+  EXPECT_EQ(spoilt, 0) << "of " << stops << " stops";
   EXPECT_EQ(qv_pidset_contains(open_set(path_).get(), change.id), change.is_addition);
 }
 

@@ -86,8 +86,9 @@ extern "C" __attribute__((visibility("default"))) void stats_test_plugin_is_unlo
 
 // -- A fork while statistics are set up
 
-// Forks as many processes as the argument says. In each, one thread uses statistics first
-// while another forks, a little later each time. Prints how many processes hung or failed.
+// Forks as many processes as the argument says. In each, one thread uses statistics for the
+// first time while another forks, a little later in each process. Prints how many processes hung
+// or failed.
 SCENARIO(fork_over_the_first_use) {
   const int rounds = std::stoi(arguments.at(0));
   int failed = 0;
@@ -161,7 +162,7 @@ TEST_F(StatsFork, ByARecorderThatIsLoadedLeavesParentAndChildWithStatisticsOfThe
   EXPECT_EQ(reports(file()).size(), 3U);
 }
 
-// The child of such a fork goes on setting statistics up.
+// The child of a fork by the recorder goes on setting statistics up.
 SCENARIO(go_on_in_the_child) {
   static pid_t child = -1;
   alarm(100);

@@ -68,7 +68,8 @@ TEST_P(GoodPeriod, StartsAThreadThatDoesNotReportAtOnce) {
   const Ran ran = run("start_and_count_threads", {{"QV_STATS_REPORT_PERIOD", GetParam()}});
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_EQ(ran.messages(), Lines{capturing(file())});
-  EXPECT_EQ(reports(file()), std::vector<json>{json::object()}) << "the last report only";
+  EXPECT_EQ(reports(file()), std::vector<json>{json::object()})
+      << "only the last report is expected";
 }
 
 INSTANTIATE_TEST_SUITE_P(, GoodPeriod,

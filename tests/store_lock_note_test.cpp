@@ -174,7 +174,7 @@ TEST(StoreFLockNote, IsNotWrittenIntoTheFileOfAStore) {
   EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"first", {"v"}}}));
 }
 
-// A full disk may refuse the note. The append is tried all the same.
+// A full disk may refuse the note. The append goes ahead without it.
 SCENARIO(append_without_a_note) {
   test::refuse(SYS_pwrite64, ENOSPC);
   add_one("first", 1);

@@ -42,7 +42,7 @@ class LogTail {
 class GrowthLimit {
  public:
   explicit GrowthLimit([[maybe_unused]] std::size_t bytes) {
-#ifndef QV_SANITIZED  // the runtimes reserve address space at any time
+#ifndef QV_SANITIZED  // a sanitizer may reserve address space at any time
     std::size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     constexpr std::size_t slack = 512 * 1024;

@@ -22,7 +22,7 @@ void refuse(long number, int error, std::optional<When> when = std::nullopt,
             std::optional<When> also = std::nullopt);
 
 // The same, but the calling thread first runs `meanwhile` in a signal handler. A process
-// can use it for one system call only.
+// can use this function for one system call only.
 void refuse_after(long number, int error, When when, void (*meanwhile)());
 
 // The descriptor that the next file gets, after `skipped` others.

@@ -51,7 +51,7 @@ inline long sleeps(pid_t tid) {
   return count;
 }
 
-// A thread that runs one function and whose state can be watched meanwhile.
+// A thread that runs one function, and whose state can be watched while it does.
 class Watched {
  public:
   explicit Watched(std::function<void()> function)
