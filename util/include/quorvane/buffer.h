@@ -34,8 +34,8 @@ class RwBuffer;
 /// are independent objects. Fork-safety: as for the bytes; see RoBuffer and RwBuffer.
 class QV_EXPORT BufferBase {
  public:
-  /// The first byte; null in a buffer that was made empty by default or by a move. Not
-  /// to be read from when the size is 0.
+  /// The first byte; null in a buffer that was made empty by default or by a move. Don't
+  /// read from it when the size is 0.
   const unsigned char* get_buffer() const { return data_; }
 
   /// How many bytes there are.
@@ -65,7 +65,7 @@ class QV_EXPORT BufferBase {
   ///@}
   ~BufferBase() = default;
 
-  std::shared_ptr<unsigned char> owner_;  ///< keeps the bytes; null: something else does
+  std::shared_ptr<unsigned char> owner_;  ///< keeps the bytes alive; null: something else does
   unsigned char* data_ = nullptr;         ///< the first byte
   std::size_t size_ = 0;                  ///< in bytes
 };
@@ -80,7 +80,7 @@ class QV_EXPORT RoBuffer : public BufferBase {
   RoBuffer() = default;
 
   /// Takes over the bytes of `other` and leaves it empty. The conversion is implicit, so
-  /// that returning a filled buffer makes it a key. Bytes lent by a pool can't be taken
+  /// that a function can return a filled buffer as a key. Bytes lent by a pool can't be taken
   /// over: destroying such an `other`, or assigning to it, aborts.
   RoBuffer(RwBuffer&& other) noexcept;
 
@@ -129,8 +129,8 @@ class QV_EXPORT RwBuffer : public BufferBase {
   /// The first byte, to write to.
   unsigned char* get_buffer() { return data_; }
 
-  /// How to return lent bytes: true as the pool's oldest (free), false, the default, as
-  /// its newest (deallocate). Moves with the bytes. Means nothing for heap bytes.
+  /// How to return lent bytes: as the pool's oldest (free) if true, as its newest
+  /// (deallocate) if false, the default. Moves with the bytes. Means nothing for heap bytes.
   void set_pool_release_is_free(bool is_free) { pool_release_is_free_ = is_free; }
 
   /// A writer at position 0. This buffer must outlive it.

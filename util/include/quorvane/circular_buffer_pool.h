@@ -6,7 +6,7 @@
 /// contiguous all the same. Ranges are returned from the newest end (deallocate) or from
 /// the oldest (free); any other order aborts.
 ///
-/// Thread-safety: every operation; one mutex guards the two counters.
+/// Thread-safety: any thread may call every operation; one mutex guards the two counters.
 /// Fork-safety: the region is shared memory, while counters and mutex are copied. After
 /// a fork either the parent or the child may use a pool, and the child only if no other
 /// thread was using it at the fork.
@@ -37,7 +37,7 @@ namespace util {
 class QV_EXPORT CircularBufferPool {
  public:
   /// A region of `size` bytes, a multiple of the page size and not 0. Any other size
-  /// aborts, and so does a kernel that refuses the memory.
+  /// aborts, and so does a refusal of memory by the kernel.
   explicit CircularBufferPool(unsigned long size);
 
   /// Unmaps the region. Every buffer must have been returned.
@@ -52,7 +52,7 @@ class QV_EXPORT CircularBufferPool {
   RwBuffer allocate(unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
   /// Takes back the newest range, and wakes every waiter. `ptr` is its start, and `size`
-  /// is what was asked for or what was lent. Any other range aborts. RwBuffer calls this;
+  /// is the size that was asked for or that was lent. Any other range aborts. RwBuffer calls this;
   /// a range must not be returned twice.
   void deallocate(void* ptr, unsigned long size, const _qv_trace_rpc_t* rpc) noexcept;
 
@@ -86,10 +86,10 @@ class QV_EXPORT CircularBufferPool {
   // Bytes ever lent, less those taken back by deallocate. Written under the mutex;
   // atomic, since allocate reports it to the tracer before it takes the mutex.
   std::atomic<std::uint64_t> head_{0};
-  // Both counters modulo length_: a division takes as long as a lock.
+  // Both counters modulo length_, kept because a division takes as long as a lock.
   std::uint64_t tail_offset_ = 0;
   std::uint64_t head_offset_ = 0;
-  std::uint64_t waiters_ = 0;  // sleeping allocators, for a release to wake
+  std::uint64_t waiters_ = 0;  // threads that sleep in allocate until a release wakes them
 };
 
 }  // namespace util

@@ -6,7 +6,7 @@
 /// library's internal module. A set-user-id program, whose environment its caller chooses
 /// (secure_getenv(3)), always gets the defaults. `name` must not be null. Nothing throws.
 ///
-/// Thread-safety: any thread, as long as none changes the environment meanwhile
+/// Thread-safety: any thread, as long as no thread changes the environment meanwhile
 /// (getenv(3)). Fork-safety: safe in a child. Not in signal handlers.
 #ifndef QUORVANE_ENV_CONFIG_H_
 #define QUORVANE_ENV_CONFIG_H_

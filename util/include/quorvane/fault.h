@@ -10,16 +10,16 @@
 /// - In qv_fault_expect the comparisons are unsigned, and a negative number becomes 2^31 or
 ///   more, which is above any usual severity. With a negative fault_log_level every failed
 ///   check is logged; with a negative fault_abort_level every failed check aborts. A
-///   severity of -1 is the least serious one. A module at any level except OFF logs, even
-///   at a negative one.
+///   severity of -1 is the least serious one. A module at any level except OFF logs,
+///   even at a negative level.
 /// - In the C++ macros the comparisons are signed. With a negative fault_log_level no check
 ///   of severity 0 or more is logged; with a negative fault_abort_level none aborts. A
 ///   severity of -1 is more serious than 0. Only a module above OFF logs, so one at a
 ///   negative level doesn't.
 ///
 /// Thread-safety: any thread; checks keep no state. Fork-safety: safe in a child. Signal
-/// handlers: a check that holds does nothing; one that fails must not run there, since it
-/// logs.
+/// handlers: a check that holds does nothing; a check must not fail there, since it would
+/// log.
 #ifndef QUORVANE_FAULT_H_
 #define QUORVANE_FAULT_H_
 
@@ -41,7 +41,7 @@ QV_EXPORT bool qv_fault_expect(void* module, unsigned severity, bool condition, 
                                ...) __attribute__((format(printf, 4, 5)));
 
 /** Makes SIGSEGV print "Error: signal 11:" and up to 64 stack frames on standard error,
- * and abort. Replaces the handler of SIGSEGV that the program has; children inherit it.
+ * and abort. Replaces the program's own SIGSEGV handler; children inherit the new one.
  * The handler runs on the stack of the failing thread, so an overflow of that stack is
  * not reported. Call this once, from any thread, not in a signal handler. */
 QV_EXPORT void qv_enable_stack_print_on_segfault(void);

@@ -41,8 +41,8 @@ typedef enum qv_log_level_t {
  * A record goes to the outlet's `fd`, and at the levels ERROR and OFF to its `error_fd`
  * too. Descriptor 0 counts as none and gets nothing. A write to -1 is tried and fails. A
  * failed write drops the record, and a short one isn't continued; one that a signal
- * interrupts is repeated. A record is at most 4096 bytes: a longer message is cut, and so
- * is one at the point where it can't be formatted (a %ls that has no conversion, say).
+ * interrupts is repeated. A record is at most 4096 bytes: a longer message is cut. A
+ * message that can't be formatted (a %ls that has no conversion, say) is cut at that point.
  * Keeps errno. Any thread; safe in a child of fork; not in a signal handler (the message
  * goes through vsnprintf). */
 QV_EXPORT void qv_log_do(void* module, qv_log_level_t level, unsigned long reserved,
@@ -135,12 +135,12 @@ QV_EXPORT void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const ch
 /// $HOME/.quorvane/qv_Global.HOST.log, else "". An empty variable counts as unset, and a
 /// host name of more than 63 bytes as none. Always "" in a set-user-id program, whose
 /// environment its caller chooses (secure_getenv(3)). Creates no directory. Any thread,
-/// as long as none changes the environment meanwhile.
+/// as long as no thread changes the environment meanwhile.
 QV_EXPORT std::string get_default_log_path();
 
 /// Returns the outlet, which the first call sets up from the environment. A log file that
-/// can't be opened gives one line on standard error. Its descriptor survives an exec and
-/// is never 0, 1 or 2, even where these are closed. Any thread; safe in a child of fork.
+/// can't be opened gives one line on standard error. The file's descriptor survives an exec
+/// and is never 0, 1 or 2, even where these are closed. Any thread; safe in a child of fork.
 QV_EXPORT LoggingModuleData* get_singleton_outlet();
 
 }  // namespace logging

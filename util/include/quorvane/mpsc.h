@@ -20,7 +20,7 @@
 ///   }
 /// \endcode
 ///
-/// Thread-safety: any number of threads may call the wr_ operations, one thread the rd_
+/// Thread-safety: any number of threads may call the wr_ operations, but only one the rd_
 /// operations.
 /// Fork-safety: none; only the process that made a ring can use it.
 ///
@@ -62,7 +62,7 @@ QV_EXPORT extern Module g_module;
 ///
 /// Invariant, modulo 2^32: read index <= commit index <= reserve index <= read index +
 /// size - 1.
-/// Thread-safety: any number of threads may call the wr_ operations, one thread the rd_
+/// Thread-safety: any number of threads may call the wr_ operations, but only one the rd_
 /// operations; join all of them before the ring is destroyed. Fork-safety: none; only the
 /// process that made a ring can use it. Not in signal handlers.
 ///
@@ -101,7 +101,7 @@ class QV_EXPORT Ring {
   std::unique_lock<std::mutex> rd_lock();
 
   /// Sleeps if the ring is empty. May return without an entry: ask rd_head again. `lock`
-  /// is that of rd_lock(), held; it is released during the sleep. The consumer only.
+  /// is the result of rd_lock(), held; it is released during the sleep. The consumer only.
   void rd_wait(std::unique_lock<std::mutex>& lock);
 
   /// Stores the slot of the oldest entry in `slot` and returns true. Without an entry it

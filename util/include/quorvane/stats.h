@@ -100,7 +100,7 @@ namespace stats {
 class ReportFile;
 
 /// The binding to the recorder. A process has one of its own, from the first use of
-/// statistics until it ends; see get_singleton_module.
+/// statistics until the process ends; see get_singleton_module.
 ///
 /// Invariant: a usable module has a recorder and a report file, and stays usable.
 /// Thread-safety: any thread may call every function; reports exclude each other.
@@ -116,22 +116,22 @@ class QV_EXPORT CircMetricsModule {
   CircMetricsModule(void* handle, std::chrono::duration<long> period, const char* path);
 
   /// Closes the file and the recorder library; WARN records report failures, among them
-  /// that there is no file to close. Only for a module without a report thread: a running
-  /// one aborts the process.
+  /// that there is no file to close. Destroy only a module without a report thread: a
+  /// running one makes the destructor abort.
   ~CircMetricsModule();
   CircMetricsModule(const CircMetricsModule&) = delete;
   CircMetricsModule& operator=(const CircMetricsModule&) = delete;
 
-  /// Whether it has a recorder and a report file. The functions below, except report_now,
-  /// are only for a module that has.
+  /// Whether it has a recorder and a report file. Call the functions below, except
+  /// report_now, only on a usable module.
   bool is_usable() const { return recorder_ != nullptr; }
 
   /// Appends one line to the report file, waiting for its lock. Reports no failure. Does
   /// nothing when the module isn't usable, and after the process's last report.
   void report_now();
 
-  /// What the report thread runs: report_now() after every period, for ever; without a
-  /// pause when the period is negative.
+  /// What the report thread runs: report_now() after every period, for ever; a
+  /// negative period means no pause.
   [[noreturn]] void report_thr();
 
   /// The recorder's namespace that the module's first route spells, made when it isn't

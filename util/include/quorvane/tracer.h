@@ -5,7 +5,7 @@
 /// executable, a linked library or LD_PRELOAD), the library calls it; otherwise a report
 /// costs the test of a pointer.
 ///
-/// Thread-safety: the tracer's part; the library calls it in any thread, also with the
+/// Thread-safety: up to the tracer; the library calls it in any thread, also with the
 /// mutex of a buffer pool or the lock of a store held. Fork-safety: the library calls it
 /// in children as well.
 #ifndef QUORVANE_TRACER_H_
