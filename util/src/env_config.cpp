@@ -20,7 +20,7 @@ void warn(const char* type, const char* name, const char* value) {
          "Unexpected value for %s environment variable \"%s\": \"%s\"", type, name, value);
 }
 
-// Doesn't clear errno first: a stale ERANGE refuses the value.
+// Doesn't clear errno first: with a stale ERANGE every value is refused.
 // Kept: docs/compatibility.md
 template <typename Number>
 bool convert(Number (*read)(const char*, char**, int), const char* value, Number& out) {

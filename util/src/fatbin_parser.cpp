@@ -30,7 +30,7 @@ char* own(const char* text, const char* fallback) {
 // Kept: docs/compatibility.md
 constexpr std::size_t kFixedPart = 6;
 
-// 0 when there was no memory for one of them: such a dumper opens no file.
+// 0 when there was no memory for one of the strings: such a dumper opens no file.
 std::uint32_t path_size(const char* directory, const char* prefix, const char* suffix) {
   if (directory == nullptr || prefix == nullptr || suffix == nullptr) {
     return 0;
@@ -76,7 +76,7 @@ void BinaryDumper::dump(const void* data, std::size_t size) {
   }
   const int number = static_cast<int>(counter_.fetch_add(1));
   char* const path = make_path(path_size_, directory_, prefix_, number, suffix_);
-  // Before the file is opened, and with the low half of the size.
+  // Logged before the file is opened, with the low half of the size.
   // Kept: docs/compatibility.md
   if (path != nullptr && logs_at(level_)) {
     qv_log_do(g_module.get(), level_, 0, "Dumping %s #%04d of size %d to %s", name_, number,
@@ -86,7 +86,7 @@ void BinaryDumper::dump(const void* data, std::size_t size) {
   std::free(path);
   if (file == nullptr) {
     if (logs_at(level_)) {
-      // At the level of every record of this dumper.
+      // At the level of all records of this dumper, although it is a failure.
       // Kept: docs/compatibility.md
       qv_log_do(g_module.get(), level_, 0, "Dump failed!  Can't open file.");
     }

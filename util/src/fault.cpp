@@ -23,7 +23,7 @@ void print_stack_and_abort(int signal_number) {
   std::abort();
 }
 
-// A failed check may hold locks of its component, which a fork would wait for.
+// The caller of a failed check may hold locks that a fork would wait for.
 [[noreturn]] void abort_for_good() {
   quorvane::fork_guard::give_up();
   std::abort();

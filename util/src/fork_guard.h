@@ -2,7 +2,7 @@
 //
 // A fork waits until every guarded mutex is free, so the child finds all of them unlocked
 // and what they protect consistent. Guard only mutexes that are held briefly, never during
-// a wait or foreign code, and of which no thread holds two at a time.
+// a wait or foreign code. No thread may hold two of them at a time.
 #ifndef QUORVANE_SRC_FORK_GUARD_H_
 #define QUORVANE_SRC_FORK_GUARD_H_
 
@@ -33,14 +33,15 @@ class Lock {
   std::mutex* mutex_;  // null: not locked here
 };
 
-// How many forks of this process have begun. No fork begins while a guarded mutex is held:
-// if the number is unchanged then, no child has inherited what was opened since.
+// How many forks of this process have begun. No fork begins while a guarded mutex is held.
+// So if a caller that holds one reads the same number as earlier, no child has inherited what
+// the caller opened in between.
 std::uint64_t forks_begun();
 
-// Opens what children must not share, such as a lock, which would last until the last
-// process that shares it closes it. `open` returns a descriptor or -1; `keep` stores it
-// where the child's fork handler finds it. A fork in between doesn't wait; the file is
-// opened again then. True when a descriptor was kept, false with errno.
+// Opens a descriptor that children must not share: a lock on a shared one lasts until the
+// last process closes it. `open` returns a descriptor or -1; `keep` stores it where the
+// child's fork handler finds it. A fork in between doesn't wait; this function then closes
+// the descriptor and opens another. True when a descriptor was kept, false with errno.
 template <typename Open, typename Keep>
 bool open_unshared(std::mutex& guarded, const Open& open, const Keep& keep) {
   for (;;) {

@@ -65,9 +65,9 @@ struct Kept {
   std::array<char, 48> ids{};   // "Z, 1234, 1240, \""
 };
 
-// Initial-exec: in the memory that every thread starts with. The loader reserves some
-// hundred bytes of that for libraries that are loaded later; if this one is, a thread's
-// first record would otherwise allocate.
+// Initial-exec puts it in the memory that every thread starts with, where the loader reserves
+// a few hundred bytes for libraries that are loaded later. Otherwise, if this library is
+// loaded later, a thread's first record would allocate.
 __attribute__((tls_model("initial-exec"))) thread_local Kept t_kept;
 
 // UTC by arithmetic: gmtime_r takes a lock, which may be held at a fork.
@@ -211,7 +211,7 @@ void logv_do(LoggingModuleData& outlet, qv_log_level_t level, const char* format
   errno = caller_errno;  // for %m
   record.append_message(format, args);
   record.write_to(outlet.fd);
-  // OFF goes there as well. One file for both descriptors gets the record twice.
+  // OFF goes there as well. A file that both descriptors are open on gets the record twice.
   // Kept: docs/compatibility.md
   if (level == QV_LOG_LEVEL_ERROR || level == QV_LOG_LEVEL_OFF) {
     record.write_to(outlet.error_fd);

@@ -49,8 +49,8 @@ Ring::Reservation Ring::wr_reserve() {
         return {reserve + 1};
       }
     } else if (static_cast<std::int32_t>(used) < 0) {
-      // Since the reserve index was read, other producers have reserved slots and the
-      // consumer has gone past it.
+      // Since this thread read the reserve index, other producers have reserved slots and
+      // the consumer has gone past that index.
       reserve = reserve_index_.load();
     } else if (read_index_.load() == read) {
       std::unique_lock<std::mutex> lock(space_mutex_);
@@ -90,8 +90,8 @@ void Ring::rd_wait(std::unique_lock<std::mutex>& lock) {
 }
 
 // Reads the producers' cache line only when the entries already seen there are used up.
-// The number seen belongs to the read index of that moment, since a consumer may remove
-// entries without asking for the head.
+// The number of entries seen is valid only with the read index of that moment: a consumer
+// may remove entries without asking for the head.
 bool Ring::rd_head(unsigned int& slot) {
   const std::uint32_t read = read_index_.load();
   if (known_from_ != read || known_ == 0) {

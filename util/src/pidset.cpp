@@ -74,10 +74,10 @@ inline FourIds load(const std::int32_t* ids) {
   return four;
 }
 
-// All ones in the place of each id that is less than the one of `bound`.
+// All ones in each lane whose id is less than the bound.
 inline FourIds less(const std::int32_t* ids, FourIds bound) { return bound > load(ids); }
 
-// All ones in the place of each id that is equal to the next one.
+// All ones in each lane whose id is equal to the next id.
 inline FourIds repeated(const std::int32_t* ids) { return load(ids) == load(ids + 1); }
 
 // The index of the first id not less than `pid`, or `count`. Scans from the front, 16 ids
@@ -169,7 +169,7 @@ std::size_t first_repeated(const std::int32_t* ids, std::size_t count) {
   return static_cast<std::size_t>(std::adjacent_find(ids + index, ids + count) - ids);
 }
 
-// Takes the lock, and removes the second copy of an id that a killed process has left.
+// Takes the lock, and removes the second copy of an id, if a killed process left one.
 int lock_for_change(qv_pidset_t* set) {
   // Not repeated when a signal interrupts it.
   // Kept: docs/compatibility.md
@@ -205,7 +205,7 @@ qv_pidset_t* qv_pidset_open_fd(int fd) {
   if (is_new && ftruncate(fd, static_cast<off_t>(page)) != 0) {
     return give_up(fd);
   }
-  // Pages that can be written can be read. A refused mapping isn't null and goes unnoticed
+  // A writable page can also be read. A refused mapping isn't null and goes unnoticed
   // here: the first access ends the process.
   // Kept: docs/compatibility.md
   void* const map = mmap(nullptr, page, PROT_WRITE, MAP_SHARED, fd, 0);

@@ -19,7 +19,7 @@ Generation g_last{0};
 void forget_in_child() { g_fallback.store(0, std::memory_order_relaxed); }
 
 // A word that the kernel sets to 0 in every child. If the kernel can't, a fork handler
-// does, which a raw clone doesn't run.
+// does, except in a raw clone, which runs no handlers.
 Generation* make_word() {
   const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

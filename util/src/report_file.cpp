@@ -121,8 +121,8 @@ void ReportFile::in_child() {
   set_number(-1);
 }
 
-// Atomic: a fork may come at any moment, and in the child the number is either open on id_
-// or -1.
+// Atomic: a fork may come at any moment, and in the child the number must be either open on
+// id_ or -1.
 int ReportFile::number() const {
   return std::atomic_ref<int>(number_).load(std::memory_order_acquire);
 }

@@ -17,7 +17,7 @@ namespace stats {
 //
 // A child may write through its parent's descriptor. But a shared lock would exclude
 // neither of them, and would outlive a parent that is killed: so the child's fork handler
-// opens a descriptor of its own to lock through, and closes its parent's. A file that isn't
+// opens a descriptor of its own to lock through, and closes the inherited one. A file that isn't
 // on disk stays shared, and so does its lock: opening a FIFO again could block, and opening
 // it for reading would hide from a writer that its reader has gone.
 //
@@ -46,7 +46,8 @@ class ReportFile {
   void unlock();
   void give_up() { is_given_up_ = true; }
 
-  // Whether the file ends within a line, whose writer was killed. Call it with the lock held.
+  // Whether the last line is incomplete, as a killed writer leaves it. Call it with the lock
+  // held.
   bool ends_within_a_line() const;
 
   // What the fork handler does with every file.

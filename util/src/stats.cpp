@@ -102,7 +102,7 @@ CircMetricsModule::CircMetricsModule(void* handle, std::chrono::duration<long> p
   }
 }
 
-// A running report thread aborts: report_thread_ isn't joined.
+// Aborts if a report thread is running: report_thread_ isn't joined.
 // Kept: docs/compatibility.md
 CircMetricsModule::~CircMetricsModule() {
   if (file_ == nullptr || file_->close() != 0) {
@@ -231,7 +231,7 @@ void CircMetricsModule::report_last() {
 
 constinit std::atomic<CircMetricsModule*> g_instance{nullptr};
 
-// What the process does with its module when it sets it up, forks and ends.
+// What the process does with its module at set-up, at a fork and at its end.
 struct ProcessHooks {
   static void set_up(std::unique_ptr<CircMetricsModule> module) {
     ReportFile* const file = module->file_;
@@ -253,8 +253,8 @@ struct ProcessHooks {
 
 namespace {
 
-// At load, so that every fork runs the handlers. After fork_guard's, which the order of
-// linking ensures: handlers run in reverse order, and a fork that waits for a recorder to
+// Registered at load, so that every fork runs the handlers, and after fork_guard's, which the
+// order of linking ensures: handlers run in reverse order, and a fork that waits for a recorder to
 // be loaded must not yet hold the mutexes that the recorder may need.
 [[maybe_unused]] const int g_registered = pthread_atfork(
     &fork_gate::before_fork, &fork_gate::after_fork_in_parent, &ProcessHooks::after_fork_in_child);
@@ -278,7 +278,7 @@ std::chrono::duration<long> report_period() {
   return std::chrono::duration<long>(seconds);
 }
 
-// Two waits, of a second at most, keep children safe. Forks wait for dlopen, so that a child
+// Two waits, each of a second at most, keep children safe. Forks wait for dlopen, so that a child
 // finds the loader's state consistent. And the recorder stays unused until the forks that
 // began before it was loaded are over, since these don't run its fork handlers.
 void* load_recorder() {
@@ -291,7 +291,7 @@ void* load_recorder() {
   return library;
 }
 
-// Makes the module for the process. A child that is forked meanwhile closes its file.
+// Makes the module for the process. A child that is forked meanwhile closes the report file.
 std::unique_ptr<CircMetricsModule> make_module(void* library, std::chrono::duration<long> period,
                                                const char* path) {
   struct SettingUp {

@@ -23,8 +23,8 @@ using boost::uuids::uuid;
 
 constexpr std::size_t kPageSize = 4096;
 
-// A page of its own that the kernel sets to 0 in every child, where that means an identity
-// that isn't made yet. The halves are atomic, since a fork may come while another thread
+// Has a page of its own, which the kernel sets to 0 in every child: all zeros mean that the
+// identity isn't made yet. The halves are atomic, since a fork may come while another thread
 // writes them.
 class alignas(kPageSize) Identity {
  public:
@@ -54,7 +54,8 @@ constinit Identity g_identity;
 
 void forget_in_child() { new (&g_identity) Identity; }
 
-// If the kernel can't wipe the page, a fork handler does, which a raw clone doesn't run.
+// If the kernel can't wipe the page, a fork handler does, except in a raw clone, which runs
+// no handlers.
 bool renew_in_children() {
   const bool is_page = sysconf(_SC_PAGESIZE) == static_cast<long>(kPageSize);
   return (is_page && madvise(&g_identity, sizeof(g_identity), MADV_WIPEONFORK) == 0) ||
@@ -68,7 +69,7 @@ bool renew_in_children() {
 uuid uuid_generate() { return boost::uuids::random_generator()(); }
 
 uuid uuid_parse(const char* text) {
-  // A malformed text can't be told from that of the nil UUID.
+  // The result doesn't tell a malformed text from the text of the nil UUID.
   // Kept: docs/compatibility.md
   try {
     return text == nullptr ? uuid{} : boost::uuids::string_generator()(text);

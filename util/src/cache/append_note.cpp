@@ -110,8 +110,8 @@ std::string_view AppendNote::name_of(const File& file) const {
   return std::string_view(file.path).substr(directory_.size() + 1);
 }
 
-// Under some umasks even its owner can't open a new file for writing again. Such a file is
-// deleted here and created by the append.
+// Under some umasks even the owner can't reopen a new file for writing. Such a file is
+// deleted here, and the append creates it.
 void AppendNote::create_missing() {
   for (File& file : files_) {
     if (!file.existed) {
@@ -164,8 +164,8 @@ AppendNote::Undone AppendNote::File::undo(bool delete_it) const noexcept {
   if (lstat(path.c_str(), &now) != 0) {
     return errno == ENOENT ? Undone::nothing : Undone::failed;
   }
-  // Without an id, the process was killed between the creation and the second note. The
-  // file was still empty then.
+  // No id means that the process was killed between creating the file and writing the
+  // second note. The file was still empty then.
   const bool is_same = id == descriptor::FileId{} ? now.st_size == 0 : descriptor::id_of(now) == id;
   if (!S_ISREG(now.st_mode) || !is_same) {
     return Undone::nothing;

@@ -1,5 +1,5 @@
 // The note that an append leaves in the lock file while it runs, so that another process
-// can undo it if this one is killed.
+// can undo the append if this one is killed.
 #ifndef QUORVANE_SRC_CACHE_APPEND_NOTE_H_
 #define QUORVANE_SRC_CACHE_APPEND_NOTE_H_
 
@@ -26,8 +26,8 @@ class AppendNote {
   // regular file.
   void add(const std::string& path);
 
-  // Creates the missing files, empty, so that the note can identify them. For a file that
-  // can't be created, the append fails when it opens it.
+  // Creates the missing files, empty, so that the note can identify them. If a file
+  // can't be created, the append fails later, when it opens that file.
   void create_missing();
   bool has_missing() const;
 
@@ -39,14 +39,14 @@ class AppendNote {
 
   // Restores the files: truncates those that have grown and deletes the new ones. If a file
   // that existed is gone, the append had failed and was deleting its files, so this deletes
-  // the others too. Leaves a file alone that was replaced in the meantime. `failed` means
-  // that the kernel refused, and that the note must stay. Allocates nothing.
+  // the others too. Leaves alone a file that was replaced in the meantime. `failed` means
+  // that the kernel refused and that the note must stay. Allocates nothing.
   Undone undo() const noexcept;
 
   // The files' paths, separated by commas.
   std::string paths() const;
 
-  // Writes the note to `bytes`, whose memory is enough for the same note the second time.
+  // Writes the note to `bytes`. Encoding the same note there again needs no more memory.
   // decode() returns nothing for bytes that are not a note.
   void encode(std::string& bytes) const;
   static std::optional<AppendNote> decode(std::string directory, std::string_view bytes);

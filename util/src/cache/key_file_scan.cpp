@@ -22,8 +22,8 @@ std::size_t number_at(const unsigned char* bytes) {
   return number;
 }
 
-// Whether the positions are complete and lie between the offset `first` and the end of the
-// value file.
+// Whether the positions are complete and the value is between the offset `first` and the end
+// of the value file.
 bool pass_positions(util::BufferReader& key_freader, std::size_t first, std::size_t val_file_size) {
   const unsigned char* const fixed = key_freader.buffer(2 * sizeof(std::size_t));
   if (fixed == nullptr) {

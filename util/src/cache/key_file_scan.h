@@ -13,7 +13,7 @@ namespace cache {
 // Puts all entries from `key_freader`'s position to its end into the empty `map`. Inserts
 // them in key order, which is many times faster than in file order. The atoms are views
 // of `val_fbuffer`, whose first value is at the offset `first_value`. When anything is
-// wrong, does nothing and returns false: then read the entries one by one, to report what.
+// wrong, does nothing and returns false: the caller then reads entry by entry to report it.
 bool insert_whole_key_file(util::BufferReader key_freader, const util::RoBuffer& val_fbuffer,
                            std::size_t first_value, EntryMap& map);
 

@@ -14,7 +14,7 @@ namespace quorvane {
 namespace cache {
 
 // Copies many keys into one allocation, a slab, which lives until its last key is gone. Slabs
-// are small, so that a key that a program keeps holds little else in memory.
+// are small, so that a key kept by a program keeps little else in memory.
 // Thread-safety: one thread at a time.
 class KeySlabs {
  public:

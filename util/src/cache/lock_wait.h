@@ -27,9 +27,10 @@ class LockWait {
                     Duration interval = std::chrono::minutes(1))
       : path_(path), due_(first), interval_(interval) {}
 
-  // Call it after a failed attempt. Sleeps for an eighth of the time waited so far, 10 ms at
-  // most. Logs a WARN record when that time reaches `first`, and then once every `interval`.
-  // The record names the lock file and, unless it is 0, the process that `holder` returns.
+  // Call it after a failed attempt. Sleeps for an eighth of the time waited so far, but for
+  // 50 us to 10 ms. Logs a WARN record when that time reaches `first`, and then once every
+  // `interval`. The record names the lock file and, unless it is 0, the process that `holder`
+  // returns.
   void pause(const std::function<pid_t()>& holder);
 
  private:

@@ -12,8 +12,8 @@ namespace cache {
 
 class StoreFLock;
 
-// Construct it before the change, while holding the store lock. If that is a lock file, a
-// note in it tells the next process how to undo the change, should this one be killed.
+// Construct it before the change, while holding the store lock. If that is a StoreFLock, a
+// note in its file tells the next process how to undo the change, should this one be killed.
 // Without a call of end(), for example when an exception is thrown, the destructor undoes
 // the change.
 class NotedChange {

@@ -18,8 +18,8 @@ inline std::string lock_file_name(const std::string& name) {
   return name.empty() ? "lock" : "lock_" + name;
 }
 
-// Maps a whole file for reading. On failure `file` stays closed. A pipe in the place of the
-// file is a failure too, and not waited for.
+// Maps a whole file for reading. On failure `file` stays closed. A pipe in the file's
+// place is a failure too; the call doesn't wait for its writer.
 void map_whole(util::MMappedFile& file, const std::string& path);
 
 // Writes all of `buffer` with one call. Ask the stream for the result.
