@@ -7,7 +7,7 @@
  * Names: any bytes. Bytes that are not UTF-8 are reported as U+FFFD, so names that
  * differ only in such bytes become two members with the same key. Within a namespace a
  * name denotes at most one metric and one namespace: registering either again returns
- * the same one, registering the metric with another type returns null.
+ * the same one; registering the metric with another type returns null.
  *
  * Lifetime: recorders, namespaces and metrics live until the process ends.
  *
@@ -18,7 +18,8 @@
  * max may include the sample although its count doesn't. Fork handlers may use
  * everything. A child that ran no fork handlers (a raw clone) while another thread
  * was registering something finds empty namespaces; its metrics still work.
- * Signal handlers: only stats_add64, once the thread has called it outside of one.
+ * Signal handlers may call only stats_add64, in a thread that has called it before
+ * outside of a handler.
  * No function throws. */
 #ifndef CIRCMETRICS_H_
 #define CIRCMETRICS_H_
@@ -77,7 +78,7 @@ CIRCMETRICS_EXPORT void* stats_register_ns(void* recorder, void* parent, const c
 CIRCMETRICS_EXPORT void* stats_register(void* ns, const char* name, int type);
 
 /** Makes a gauge of this type read the variable at `address` at every output. The
- * variable must stay there. With null the gauge observes nothing again. Returns 0; or
+ * variable must stay there. With a null `address` the gauge observes nothing. Returns 0; or
  * -1, changing nothing, when the metric is null or of another type. */
 CIRCMETRICS_EXPORT int stats_observe(void* metric, int type, const void* address);
 
@@ -98,13 +99,13 @@ CIRCMETRICS_EXPORT int stats_set_hist_intscale(void* metric, int64_t value, int3
                                                uint32_t count);
 
 /** Writes the recorder's present state as one JSON object through `write`, in one or more
- * pieces. A namespace is an object of its members, sorted by name. A namespace with the
- * name of a metric follows that metric, under its name and a "/", or as many of them
- * as make the name unique. `version` is the version of the layout and must be 1:
+ * pieces. A namespace is an object of its members, sorted by name. A namespace that has
+ * the name of a metric follows that metric; its key is the name and as many "/" as make
+ * the key unique. `version` is the version of the layout and must be 1:
  * compact, on one line, without a newline at the end. `flags` must be 0: counters and
- * histograms show everything since the start, and nothing is reset. With other values it
- * returns -1 and writes nothing. No lock is held while `write` runs, so it may call every
- * function here. When it takes less than it is offered, it is offered the rest again.
+ * histograms show everything since the start, and nothing is reset. With other values the
+ * function returns -1 and writes nothing. No lock is held while `write` runs, so it may call every
+ * function here. When `write` takes less than it is offered, it is offered the rest next.
  * Returns 0, or -1 as soon as `write` takes nothing or fails. */
 CIRCMETRICS_EXPORT int stats_recorder_output_json(void* recorder, int version, int flags,
                                                   circmetrics_write write, void* closure);

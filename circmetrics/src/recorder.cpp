@@ -70,7 +70,7 @@ RegistrationLock::~RegistrationLock() {
 
 constinit std::atomic<Recorder*> Recorder::newest_{nullptr};
 
-// Takes no lock: a fork that is under way may hold it while it waits for this thread.
+// Takes no lock: a fork under way may hold the lock while it waits for this thread.
 Recorder* Recorder::make() {
   auto* const made = new (std::nothrow) Recorder;
   if (made != nullptr) {
@@ -94,8 +94,8 @@ std::vector<Namespace::Step> Recorder::steps() const {
   return root_.steps();
 }
 
-// Reads the metrics without the lock: reading a gauge whose variable is gone may crash,
-// and the handler of that signal may fork.
+// Reads the metrics without the lock: reading a gauge whose variable is gone may raise
+// SIGSEGV, and the handler of that signal may fork.
 std::string Recorder::to_json() const {
   JsonWriter json;
   json.begin_object();

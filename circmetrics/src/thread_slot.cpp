@@ -43,7 +43,7 @@ struct SlotOwners {
     return ThreadSlot::kCount + 1 + sharer % ThreadSlot::kCount;
   }
 
-  // The thread shares a slot from now on: destructors that run later may still count.
+  // The thread shares a slot from now on: destructors that run later may still update metrics.
   static void at_thread_exit(void*) {
     const unsigned owned = ThreadSlot::t_number;
     ThreadSlot::t_number = share();
@@ -70,7 +70,8 @@ const bool g_may_own = SlotOwners::prepare();
 
 }  // namespace
 
-// Shares a slot first: what follows may allocate, and the program's allocator may count.
+// Shares a slot first: the calls below may allocate, and the program's allocator may update
+// metrics.
 unsigned ThreadSlot::obtain() {
   t_number = SlotOwners::share();
   const unsigned owned = g_may_own ? SlotOwners::take() : 0;
