@@ -1,4 +1,4 @@
-// A lazy store compared with a basic one of the same entries: loading, looking up, and what
+// A lazy store compared with a basic one that has the same entries: loading, looking up, and what
 // mapping all values costs when they are in the page cache and when they aren't.
 #include <fcntl.h>
 #include <malloc.h>

@@ -1,5 +1,5 @@
-// What a UUID adds to getting 16 random bytes from the kernel, and the process's identity
-// to the load and the copy that it can't avoid.
+// What a UUID costs on top of 16 random bytes from the kernel, and what the process's
+// identity costs on top of the load and the copy that it can't avoid.
 #include <quorvane/uuid.h>
 #include <sys/random.h>
 
