@@ -13,7 +13,7 @@ void complain(const std::string& what);
 // "PATH: No such file or directory", with errno's text.
 std::string with_errno(const std::string& path, int error);
 
-// On a terminal, shows `text` in place of the previous one; otherwise does nothing.
+// On a terminal, shows `text` in place of the previous text; otherwise does nothing.
 void show_progress(const std::string& text);
 
 }  // namespace fingerprint

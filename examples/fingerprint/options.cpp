@@ -60,7 +60,7 @@ std::string unknown_option(char** argv) {
   return optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
 }
 
-// Takes the option's value, optarg. Returns the complaint that goes before it, or null.
+// Takes the option's value, optarg. Returns null, or the complaint to print before the value.
 const char* take_value(int option_name, Options& out) {
   switch (option_name) {
     case 's':

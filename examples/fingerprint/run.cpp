@@ -19,8 +19,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Worker `number` takes every jobs-th file: an even share, and the same one in every run.
-// The parent loads the cache once; each worker has its own copy, which appends what was
-// added to the store when it is destroyed.
+// The parent loads the cache once; each worker has its own copy, whose destructor appends
+// the worker's additions to the store.
 void do_share(const Tree& tree, unsigned number, const Options& options, OpenedCache& opened,
               Counts& counts) {
   Fingerprinter fingerprinter(*opened.cache, options.kind, counts);

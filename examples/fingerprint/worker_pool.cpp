@@ -60,7 +60,7 @@ WorkerPool::~WorkerPool() {
 }
 
 bool WorkerPool::start(unsigned jobs, const std::function<void(unsigned)>& work) {
-  // Otherwise every worker would write what is buffered now.
+  // Otherwise every worker would write out its copy of what is buffered now.
   std::fflush(nullptr);
   for (unsigned number = 0; number < jobs; ++number) {
     const pid_t worker = fork();

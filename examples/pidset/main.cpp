@@ -1,5 +1,5 @@
 // pidset: worker processes add their ids to a set that all of them share, and the parent
-// prints which of them are in it.
+// prints which workers are in it.
 //
 //   pidset FILE [WORKERS]
 #include <fcntl.h>
@@ -39,7 +39,7 @@ qv_pidset_t* open_set(const char* path) {
   return set;
 }
 
-// Reports on `ready` whether it was added, and stays until `quit` is closed.
+// Reports on `ready` whether its id was added, and stays until `quit` is closed.
 int work(const char* path, int ready, int quit) {
   // A handle of its own: an inherited one would share the parent's lock.
   qv_pidset_t* const set = open_set(path);
