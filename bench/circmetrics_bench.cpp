@@ -1,8 +1,8 @@
 // What an update of a counter and of a histogram costs, compared with prometheus-cpp.
 //
-// Its histogram counts between fixed bounds; here they give the recorder's accuracy of 1 %
-// over six decades. Its summary offers the recorder's percentiles for any values, by
-// merging samples under a lock.
+// The peer's histogram counts between fixed bounds; here they give the recorder's accuracy
+// of 1 % over six decades. The peer's summary offers percentiles for any values, as the
+// recorder does, by merging samples under a lock.
 #include <benchmark/benchmark.h>
 #include <circmetrics.h>
 #include <prometheus/counter.h>

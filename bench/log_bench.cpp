@@ -1,6 +1,6 @@
 // A record of a 90-byte message, compared with one bare write of the same bytes and with
-// a logger that flushes its file after every record; and what a call below the module's
-// level costs.
+// a logger that flushes its file after every record; and what a call costs that the
+// module's level suppresses.
 #include <fcntl.h>
 #include <quorvane/log.h>
 #include <quorvane/module.h>
