@@ -13,7 +13,7 @@ constexpr timespec kPause{0, 50'000};
 
 std::atomic<int> g_closed{0};
 
-// The unfinished forks that began before wait_for_earlier_forks, which stops the count.
+// The unfinished forks that began before wait_for_earlier_forks, which ends the counting.
 std::atomic<int> g_earlier_forks{0};
 std::atomic<bool> g_is_over{false};
 

@@ -66,9 +66,9 @@ Ring::Reservation Ring::wr_reserve() {
 // consistent: either the producer sees that the consumer has nothing left, or the consumer
 // sees the entry before it sleeps.
 //
-// The lock waits for a consumer that has seen nothing and is about to sleep. It is
-// released last, so that the producer no longer uses the condition when the woken consumer
-// goes on.
+// Taking the lock waits for a consumer that has seen nothing and is about to sleep. The lock
+// is released last, so that the producer no longer uses the condition variable when the woken
+// consumer goes on.
 void Ring::wr_commit(const Reservation& reservation) {
   const std::uint32_t before = reservation.value - 1;
   while (commit_index_.load() != before) {

@@ -13,8 +13,8 @@ namespace quorvane {
 // Unlike the guard of a local static, it survives a fork while another thread runs the
 // function: the child, which doesn't have that thread, runs the function again. Unlike
 // std::once_flag, it lets ThreadSanitizer see the order. An exception of the function
-// reaches the caller that ran it, and the next caller runs it again. The function must
-// tolerate that, wherever it was cut short.
+// reaches the caller that ran the function, and the next caller runs it again. The function
+// must tolerate a second run, wherever the first was cut short.
 class Once {
  public:
   // Returns once the function has run. Any thread; costs one load afterwards.

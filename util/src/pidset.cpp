@@ -136,7 +136,7 @@ void insert(qv_pidset_t* set, std::size_t count, std::size_t index, std::int32_t
   }
 }
 
-// Copies each later id one place down before it is overwritten. The last one is there
+// Copies each later id one place down before it is overwritten. The last id is there
 // twice when the count drops; its second copy stays in the page.
 // Kept: docs/compatibility.md
 void erase(qv_pidset_t* set, std::size_t count, std::size_t index) {

@@ -175,7 +175,8 @@ bool ReportFile::make_ours() {
   return is_open() || reopen();
 }
 
-// Opens none if the file may not be read; the lock then goes through the other descriptor.
+// Opens none if this process may not read the file; the lock then goes through the
+// descriptor to write through.
 void ReportFile::open_lock_fd() {
   fork_guard::open_unshared(
       g_files_mutex,

@@ -36,8 +36,8 @@ class QV_EXPORT MMappedFile {
   /// `prot` and `flags`. Ask is_open() for the result. A file that is missing, empty or
   /// refused by the kernel leaves the object closed, after a severity 3 check; the reason
   /// is logged at ERROR when fstat fails and at DEBUG when mmap fails. A success is logged
-  /// at DEBUG. The descriptor is never 0, 1 or 2, and survives an exec without O_CLOEXEC
-  /// in `oflag`. Call it on a closed object only; an open one would leak.
+  /// at DEBUG. The descriptor is never 0, 1 or 2; without O_CLOEXEC in `oflag` it
+  /// survives an exec. Call it on a closed object only; an open one would leak.
   void open(const std::string& path, int oflag, unsigned int mode, int prot, int flags);
 
   /// Whether it has a descriptor and a mapping.

@@ -23,7 +23,7 @@ struct ScannedEntry {
   bool operator<(const ScannedEntry& other) const;
 
   // Copies an entry of a basic store. The buffers of a small entry share one allocation. In a
-  // larger one each has its own, so that no buffer keeps much else in memory.
+  // larger entry each buffer has its own, so that no buffer keeps much else in memory.
   std::pair<util::RoBuffer, std::vector<util::RoBuffer>> copy() const;
 };
 
@@ -33,7 +33,7 @@ using PassValue = std::function<bool(util::BufferReader&)>;
 // PassValue for a basic store's file.
 bool pass_basic_value(util::BufferReader& freader);
 
-// Reads entries up to the end or the first damaged one, at whose start it leaves `freader`.
+// Reads entries up to the end or up to the first damaged one, and leaves `freader` there.
 // Returns them sorted by key; entries with the same key keep their order.
 std::vector<ScannedEntry> scan_entries(util::BufferReader& freader, const PassValue& pass_value);
 
