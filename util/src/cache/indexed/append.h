@@ -1,0 +1,61 @@
+// Appends entries to an indexed store.
+#ifndef QUORVANE_SRC_CACHE_INDEXED_APPEND_H_
+#define QUORVANE_SRC_CACHE_INDEXED_APPEND_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <quorvane/store.h>
+
+#include "src/cache/indexed/data_writer.h"
+#include "src/cache/indexed/pair.h"
+#include "src/cache/indexed/paths.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+// One append to a pinned pair that is the present one. The store lock is held.
+//
+// A kill leaves, at each moment, one of these: bytes behind `covered`, which the next append
+// cuts off; or entries between `indexed` and `covered`, for which it finishes the slots.
+class Append {
+ public:
+  enum class Result {
+    stored,
+    index_is_full,  // nothing is changed: make a larger index and try again
+    failed          // nothing is stored; errno
+  };
+
+  Append(const Paths& paths, Pair& pair) : paths_(paths), pair_(pair) {}
+
+  // Finishes what a killed process has begun. Call it first. False with errno.
+  bool recover();
+
+  // Stores the entries whose keys are not stored. May throw std::bad_alloc, and has then
+  // stored nothing.
+  Result run(const EntryMap& diff);
+
+ private:
+  struct Slot {
+    std::uint64_t hash;
+    std::uint64_t offset;
+  };
+
+  void count_entries();
+  bool write(const std::vector<EntryMap::const_iterator>& entries);
+  bool write_batch(std::uint64_t start, std::uint64_t& end, std::string& batch);
+  void publish(std::uint64_t end);
+
+  const Paths& paths_;
+  Pair& pair_;
+  DataWriter writer_;
+  std::vector<Slot> slots_;
+};
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_CACHE_INDEXED_APPEND_H_

@@ -1,0 +1,57 @@
+// The data file of an indexed store.
+#ifndef QUORVANE_SRC_CACHE_INDEXED_DATA_FILE_H_
+#define QUORVANE_SRC_CACHE_INDEXED_DATA_FILE_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "src/cache/indexed/entry.h"
+#include "src/cache/indexed/mapping.h"
+#include "src/cache/indexed/status.h"
+#include "src/descriptor.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+// A data file that is mapped for reading. Keeps no descriptor: a program that closes those
+// that it doesn't know can't harm it.
+// Thread-safety: any thread may read; one thread opens, and one retires. Fork-safety: a child
+// may use its copy.
+class DataFile {
+ public:
+  Status open(const std::string& path);
+
+  std::uint64_t identity() const { return header_.identity; }
+  std::uint32_t version() const { return header_.version; }  // of a file of another version too
+  const descriptor::FileId& id() const { return id_; }
+
+  // The file's present size in bytes; 0 when its name belongs to another file or to none.
+  std::uint64_t size() const;
+
+  // How far the mapping reaches: a file that has grown beyond it has to be opened again.
+  std::uint64_t mapped_size() const { return mapping_.size(); }
+
+  // The entry at `offset`. `end` is where the known part of the file ends, at most at the
+  // end of the mapping.
+  std::optional<Entry> entry_at(std::uint64_t offset, std::uint64_t end) const;
+
+  // Asks the kernel to read the bytes ahead.
+  void prefetch(std::uint64_t offset, std::uint64_t size) const;
+
+  // Lets go of the file: look-ups under way find zeros.
+  void retire() { mapping_.empty(); }
+
+ private:
+  std::string path_;
+  descriptor::FileId id_;
+  DataHeader header_{};
+  Mapping mapping_;
+};
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_CACHE_INDEXED_DATA_FILE_H_

@@ -1,0 +1,121 @@
+#include "src/cache/indexed/index_file.h"
+
+#include <farmhash.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "src/cache/indexed/open_file.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+namespace {
+
+std::uint64_t checksum_of(const IndexPage& page) {
+  return ::util::Fingerprint64(reinterpret_cast<const char*>(&page), offsetof(IndexPage, checksum));
+}
+
+// Zeros where the kernel doesn't tell: an index then outlives a reboot.
+void read_boot_id(unsigned char (&id)[16]) {
+  std::memset(id, 0, sizeof(id));
+  std::array<char, 64> text{};
+  const OpenFile file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
+  const ssize_t size = file.fd() < 0 ? -1 : read(file.fd(), text.data(), text.size());
+  if (size > 0) {
+    const auto hash = ::util::Fingerprint128(text.data(), static_cast<std::size_t>(size));
+    std::memcpy(id, &hash, sizeof(id));
+  }
+}
+
+// Clears `writable` when the file can only be read.
+int open_index(const std::string& path, bool& writable) {
+  const int how = O_CLOEXEC | O_NONBLOCK;
+  const int fd = open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | how);
+  if (fd >= 0 || !writable || (errno != EACCES && errno != EROFS)) {
+    return fd;
+  }
+  writable = false;
+  return open(path.c_str(), O_RDONLY | how);
+}
+
+bool is_power_of_two(std::uint64_t number) { return number != 0 && (number & (number - 1)) == 0; }
+
+}  // namespace
+
+IndexPage page_for(const DataFile& data, std::uint64_t slots) {
+  IndexPage page{};
+  page.magic = kIndexMagic;
+  page.version = kVersion;
+  page.identity = data.identity();
+  page.device = data.id().device;
+  page.inode = data.id().inode;
+  read_boot_id(page.boot_id);
+  page.slots = slots;
+  page.checksum = checksum_of(page);
+  return page;
+}
+
+Status IndexFile::open(const std::string& path, const DataFile& data, bool may_write) {
+  writable_ = may_write;
+  const OpenFile file(open_index(path, writable_));
+  if (file.fd() < 0) {
+    return errno == ENOENT || errno == ENOTDIR ? Status::missing : Status::refused;
+  }
+  struct stat status;
+  if (fstat(file.fd(), &status) != 0) {
+    return Status::refused;
+  }
+  id_ = descriptor::id_of(status);
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  if (!S_ISREG(status.st_mode) || size < kIndexPageSize ||
+      pread(file.fd(), &page_, sizeof(page_), 0) != static_cast<ssize_t>(sizeof(page_)) ||
+      page_.magic != kIndexMagic) {
+    return Status::stale;
+  }
+  if (page_.version != kVersion) {
+    return Status::other_version;
+  }
+  const IndexPage expected = page_for(data, page_.slots);
+  if (std::memcmp(&page_, &expected, offsetof(IndexPage, covered)) != 0 ||
+      !is_power_of_two(page_.slots) ||
+      page_.slots != (size - kIndexPageSize) / sizeof(std::uint64_t) ||
+      size % sizeof(std::uint64_t) != 0) {
+    return Status::stale;
+  }
+  if (!mapping_.map(file.fd(), size, size, writable_)) {
+    return Status::refused;
+  }
+  const std::uint64_t now_covered = covered();
+  return now_covered >= kFirstEntry && now_covered <= data.size() && indexed() <= now_covered &&
+                 entries() < page_.slots
+             ? Status::fits
+             : Status::stale;
+}
+
+std::uint64_t IndexFile::slot(std::uint64_t at) const {
+  auto* const slots = reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
+  return std::atomic_ref<std::uint64_t>(slots[at]).load(std::memory_order_acquire);
+}
+
+void IndexFile::set_slot(std::uint64_t at, std::uint64_t slot) const {
+  auto* const slots = reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
+  std::atomic_ref<std::uint64_t>(slots[at]).store(slot, std::memory_order_release);
+}
+
+std::uint64_t IndexFile::load(std::uint64_t IndexPage::*word) const {
+  return std::atomic_ref<std::uint64_t>(page()->*word).load(std::memory_order_acquire);
+}
+
+void IndexFile::store(std::uint64_t IndexPage::*word, std::uint64_t value) const {
+  std::atomic_ref<std::uint64_t>(page()->*word).store(value, std::memory_order_release);
+}
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane

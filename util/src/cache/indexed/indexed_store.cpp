@@ -1,0 +1,328 @@
+#include "src/cache/indexed/indexed_store.h"
+
+#include <sys/stat.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "src/cache/checks.h"
+#include "src/cache/indexed/append.h"
+#include "src/cache/indexed/index_builder.h"
+#include "src/cache/indexed/scan.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+namespace {
+
+class Locked {
+ public:
+  explicit Locked(Store::Lock& lock) : lock_(lock) { lock_.lock(); }
+  ~Locked() { lock_.unlock(); }
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+
+ private:
+  Store::Lock& lock_;
+};
+
+class Pinned {
+ public:
+  explicit Pinned(Pair& pair) : pair_(pair), is_pinned_(pair.pin()) {}
+  ~Pinned() {
+    if (is_pinned_) {
+      pair_.unpin();
+    }
+  }
+  Pinned(const Pinned&) = delete;
+  Pinned& operator=(const Pinned&) = delete;
+
+  explicit operator bool() const { return is_pinned_; }
+
+ private:
+  Pair& pair_;
+  const bool is_pinned_;
+};
+
+bool has_id(const std::string& path, const descriptor::FileId& id) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && descriptor::id_of(status) == id;
+}
+
+// In ticks of the kernel, which cost a look-up almost nothing to ask for.
+std::uint64_t coarse_time() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
+         static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+}  // namespace
+
+IndexedStore::IndexedStore(const std::string& root, const std::string& name,
+                           std::shared_ptr<Store::Lock> lock)
+    : paths_(root, name), lock_(std::move(lock)) {}
+
+IndexedStore::~IndexedStore() {
+  for (Pair* pair = present(); pair != nullptr;) {
+    const std::unique_ptr<Pair> owned(pair);
+    pair = pair->replaced;
+  }
+}
+
+std::string IndexedStore::type() const { return "IndexedStore"; }
+
+bool IndexedStore::is_valid() const { return lock_ != nullptr && lock_->is_valid(); }
+
+// --- opening ---
+
+bool IndexedStore::try_load(EntryMap& out) {
+  out.clear();
+  auto pair = std::make_unique<Pair>();
+  if (pair->open(paths_.data, paths_.index, true) == Status::fits) {
+    return attach(std::move(pair), present());
+  }
+  const Locked locked(*lock_);
+  return open_locked();
+}
+
+// With the lock: opens the files and creates what is missing.
+bool IndexedStore::open_locked() {
+  Status status = Status::missing;
+  for (int attempts = 0; attempts < 3; ++attempts) {  // the data, its index, and both opened
+    auto pair = std::make_unique<Pair>();
+    status = pair->open(paths_.data, paths_.index, true);
+    if (status == Status::fits) {
+      return attach(std::move(pair), present());
+    }
+    if (!create_or_rebuild(*pair, status)) {
+      return false;
+    }
+  }
+  QV_LOG(g_module, ERROR, "Couldn't open %s: it doesn't stay as it was written",
+         paths_.index.c_str());
+  return false;
+}
+
+bool IndexedStore::create_or_rebuild(const Pair& pair, Status status) {
+  const bool is_data_open = pair.data.mapped_size() != 0;
+  if (!is_data_open && status == Status::missing) {
+    if (DataWriter::create(paths_.data)) {
+      return true;
+    }
+    status = Status::refused;
+  }
+  if (is_data_open && (status == Status::missing || status == Status::stale)) {
+    return build_index(pair.data, pair.data.size(), true, 0);
+  }
+  return report(pair, status, is_data_open ? paths_.index : paths_.data);
+}
+
+// Always false.
+bool IndexedStore::report(const Pair& pair, Status status, const std::string& path) const {
+  switch (status) {
+    case Status::other_version:
+      QV_LOG(g_module, ERROR, "%s has version %u of its format, this library knows version %u",
+             path.c_str(),
+             pair.data.mapped_size() != 0 ? pair.index.version() : pair.data.version(), kVersion);
+      break;
+    case Status::refused:
+      QV_LOG(g_module, ERROR, "Couldn't open %s: %s", path.c_str(), std::strerror(errno));
+      break;
+    default:
+      QV_LOG(g_module, ERROR, "%s is damaged at offset 0: no header", path.c_str());
+      break;
+  }
+  return false;
+}
+
+bool IndexedStore::build_index(const DataFile& data, std::uint64_t limit, bool check,
+                               std::uint64_t more) {
+  IndexBuilder builder(data);
+  const ScanResult result = builder.collect(limit, check);
+  if (result.is_damaged) {
+    QV_LOG(g_module, ERROR, "%s is damaged at offset %lu: no whole entry, but others follow",
+           paths_.data.c_str(), result.end);
+    return false;
+  }
+  if (!builder.write(paths_.new_index, more) ||
+      std::rename(paths_.new_index.c_str(), paths_.index.c_str()) != 0) {
+    QV_LOG(g_module, ERROR, "Couldn't make %s: %s", paths_.index.c_str(), std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+// Makes the pair the present one, unless another thread has replaced `replaced` first.
+bool IndexedStore::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
+  pair->replaced = replaced;
+  if (present_.compare_exchange_strong(replaced, pair.get(), std::memory_order_acq_rel)) {
+    Pair* const old = pair->replaced;
+    pair.release();
+    if (old != nullptr) {
+      old->retire();
+    }
+  }
+  return true;
+}
+
+// --- looking up ---
+
+bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
+  const std::uint64_t hash = hash_of(key.get_buffer(), key.get_size());
+  for (;;) {
+    Pair* const pair = present();
+    if (pair == nullptr) {
+      return false;
+    }
+    bool outgrown = false;
+    const auto found = pair->find(key, hash, outgrown);
+    if (found) {
+      auto copy = found->entry.copy_value();
+      if (copy) {
+        value = std::move(*copy);
+        return true;
+      }
+    }
+    if (may_look_again(pair, outgrown)) {
+      continue;
+    }
+    if (found) {
+      QV_LOG(g_module, WARN, "The entry at offset %lu of %s is damaged, and so is not found",
+             found->offset, paths_.data.c_str());
+    }
+    return false;
+  }
+}
+
+// After a miss: whether there is another pair to look into.
+bool IndexedStore::may_look_again(Pair* seen, bool outgrown) {
+  if (present() != seen) {
+    return true;
+  }
+  const bool is_suspect = outgrown || seen->index.is_moving() || has_time_passed();
+  return is_suspect && (outgrown || !is_present(*seen)) && open_again(seen);
+}
+
+// Files that were deleted or replaced by hand carry no mark, so the names are looked at from
+// time to time.
+bool IndexedStore::has_time_passed() {
+  const std::uint64_t now = coarse_time();
+  if (looked_at_.load(std::memory_order_relaxed) == now) {
+    return false;  // not stored: threads that miss would pass the line around
+  }
+  looked_at_.store(now, std::memory_order_relaxed);
+  return true;
+}
+
+bool IndexedStore::is_present(const Pair& pair) const {
+  return has_id(paths_.index, pair.index.id()) && has_id(paths_.data, pair.data.id());
+}
+
+// Without the lock. False when there is no whole pair at the moment: the next miss tries again.
+bool IndexedStore::open_again(Pair* seen) {
+  auto pair = std::make_unique<Pair>();
+  return pair->open(paths_.data, paths_.index, true) == Status::fits &&
+         attach(std::move(pair), seen);
+}
+
+std::uint64_t IndexedStore::entries() {
+  const Pair* const pair = present();
+  return pair == nullptr ? 0 : pair->index.entries();
+}
+
+void IndexedStore::prefetch(const util::RoBuffer* keys, std::size_t count) {
+  constexpr std::uint64_t kAhead = 4096;
+  const Pair* const pair = present();
+  for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
+    const std::uint64_t hash = hash_of(keys[i].get_buffer(), keys[i].get_size());
+    const std::uint64_t slots = pair->index.slots();
+    for (std::uint64_t at = hash & (slots - 1);; at = (at + 1) & (slots - 1)) {
+      const std::uint64_t slot = pair->index.slot(at);
+      if (slot == 0) {
+        break;
+      }
+      if (has_tag(slot, hash)) {
+        pair->data.prefetch(offset_in(slot), kAhead);
+        break;
+      }
+    }
+  }
+}
+
+bool IndexedStore::try_read_all(EntryMap& out) {
+  const auto add = [&out](const Entry& entry, std::uint64_t) {
+    if (auto value = entry.copy_value()) {
+      out.emplace(util::RoBuffer::copy(entry.key(), entry.key_size()), std::move(*value));
+    }
+  };
+  for (Pair* pair = present(); pair != nullptr;) {
+    const std::uint64_t covered = pair->index.covered();
+    const bool has_all = covered <= pair->data.mapped_size();
+    const ScanResult result = scan(pair->data, covered, true, add);
+    if (present() == pair && (has_all || !open_again(pair))) {
+      return has_all && result.end == covered;
+    }
+    pair = present();  // the other one was replaced meanwhile, and perhaps emptied
+  }
+  return false;
+}
+
+// --- storing ---
+
+bool IndexedStore::try_store_diff(const EntryMap& diff) {
+  const Locked locked(*lock_);
+  return store_locked(diff);
+}
+
+bool IndexedStore::store_locked(const EntryMap& diff) {
+  for (int attempts = 0; attempts < 3; ++attempts) {
+    Pair* const pair = present();
+    const bool fits =
+        pair != nullptr && is_present(*pair) && pair->index.covered() <= pair->data.mapped_size();
+    if (!fits && !open_locked()) {
+      return false;
+    }
+    Pair& present_pair = *present();
+    const Pinned pinned(present_pair);
+    if (!pinned) {
+      continue;  // another thread has just replaced it
+    }
+    Append append(paths_, present_pair);
+    if (!append.recover()) {
+      break;
+    }
+    const Append::Result result = append.run(diff);
+    if (result == Append::Result::stored) {
+      return true;
+    }
+    if (result == Append::Result::failed || !grow(present_pair, diff.size())) {
+      break;
+    }
+  }
+  QV_LOG(g_module, WARN, "Couldn't append to %s: %s", paths_.data.c_str(), std::strerror(errno));
+  return false;
+}
+
+// Readers of the old index find the mark and then the new one.
+bool IndexedStore::grow(Pair& pair, std::uint64_t more) {
+  IndexBuilder builder(pair.data);
+  const std::uint64_t covered = pair.index.covered();
+  if (builder.collect(covered, false).end != covered) {
+    errno = EBADMSG;
+    return false;
+  }
+  if (!builder.write(paths_.new_index, more)) {
+    return false;
+  }
+  pair.index.set_moving(true);
+  return std::rename(paths_.new_index.c_str(), paths_.index.c_str()) == 0;
+}
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane

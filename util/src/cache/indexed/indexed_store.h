@@ -1,0 +1,77 @@
+// A store that is opened without reading its entries.
+#ifndef QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_
+#define QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <quorvane/store.h>
+
+#include "src/cache/indexed/pair.h"
+#include "src/cache/indexed/paths.h"
+#include "src/cache/lookup_store.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+// Two files: one of entries, to which processes only append, and its index, a hash table that
+// is mapped. Look-ups take no lock and find what any process has stored by then.
+//
+// Invariant: an index never leads to an entry that is not whole, and what is in a data file
+// stays there.
+// Thread-safety: any thread may call everything but the constructor and destructor.
+// Fork-safety: a child may use its copy; its lock excludes the parent.
+class IndexedStore : public LookupStore {
+ public:
+  // The store `name` in the directory `root`. It shares `lock`.
+  IndexedStore(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock);
+  ~IndexedStore() override;
+  IndexedStore(const IndexedStore&) = delete;
+  IndexedStore& operator=(const IndexedStore&) = delete;
+
+  std::string type() const override;
+  bool is_valid() const override;
+
+  // Stores the entries whose keys are not stored yet. False, with nothing of `diff` stored and
+  // one WARN record, when that is impossible.
+  bool try_store_diff(const EntryMap& diff) override;
+
+  // Opens the files and clears `out`. Takes the lock only to create a missing file or an index
+  // that doesn't fit. False, after one ERROR record, when the data can't be used.
+  bool try_load(EntryMap& out) override;
+
+  bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) override;
+  std::uint64_t entries() override;
+  void prefetch(const util::RoBuffer* keys, std::size_t count) override;
+  bool try_read_all(EntryMap& out) override;
+
+ private:
+  Pair* present() const { return present_.load(std::memory_order_acquire); }
+  bool is_present(const Pair& pair) const;
+  bool attach(std::unique_ptr<Pair> pair, Pair* replaced);
+  bool open_again(Pair* seen);
+  bool may_look_again(Pair* seen, bool outgrown);
+  bool has_time_passed();
+
+  bool open_locked();
+  bool create_or_rebuild(const Pair& pair, Status status);
+  bool build_index(const DataFile& data, std::uint64_t limit, bool check, std::uint64_t more);
+  bool grow(Pair& pair, std::uint64_t more);
+  bool store_locked(const EntryMap& diff);
+  bool report(const Pair& pair, Status status, const std::string& path) const;
+
+  const Paths paths_;
+  const std::shared_ptr<Store::Lock> lock_;
+  std::atomic<Pair*> present_{nullptr};      // with those that it has replaced behind it
+  std::atomic<std::uint64_t> looked_at_{0};  // when the files' names were last looked at
+};
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_

@@ -1,0 +1,112 @@
+#include "src/cache/indexed/pair.h"
+
+#include <algorithm>
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+Status Pair::open(const std::string& data_path, const std::string& index_path, bool may_write) {
+  const Status status = data.open(data_path);
+  if (status != Status::fits) {
+    return status;
+  }
+  const Status of_index = index.open(index_path, data, may_write);
+  if (of_index == Status::fits) {
+    known_ = std::min(index.covered(), data.mapped_size());
+  }
+  return of_index;
+}
+
+std::optional<Entry> Pair::entry_at(std::uint64_t offset, bool& outgrown) const {
+  std::uint64_t known = known_.load(std::memory_order_relaxed);
+  if (offset >= known) {
+    // A mapping doesn't tell how long its file is, and a read beyond the end of the file
+    // would end the process.
+    known = std::max(known, std::min({index.covered(), data.size(), data.mapped_size()}));
+    known_.store(known, std::memory_order_relaxed);
+  }
+  const std::optional<Entry> entry = data.entry_at(offset, known);
+  outgrown = outgrown || (!entry && index.covered() > data.mapped_size());
+  return entry;
+}
+
+std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t hash,
+                                      bool& outgrown) const {
+  const std::uint64_t mask = index.slots() - 1;
+  std::uint64_t at = hash & mask;
+  // Bounded: a damaged index may have no free slot.
+  for (std::uint64_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
+    const std::uint64_t slot = index.slot(at);
+    if (slot == 0) {
+      return std::nullopt;
+    }
+    if (has_tag(slot, hash)) {
+      const std::optional<Entry> entry = entry_at(offset_in(slot), outgrown);
+      if (entry && entry->has_key(key)) {
+        return Found{offset_in(slot), *entry};
+      }
+    }
+  }
+  return std::nullopt;
+}
+
+void Pair::insert_new(std::uint64_t hash, std::uint64_t offset) const {
+  const std::uint64_t mask = index.slots() - 1;
+  std::uint64_t at = hash & mask;
+  while (index.slot(at) != 0) {
+    at = (at + 1) & mask;
+  }
+  index.set_slot(at, make_slot(hash, offset));
+}
+
+bool Pair::insert(const Entry& entry, std::uint64_t offset) const {
+  const auto key = util::RoBuffer::view(entry.key(), entry.key_size());
+  const std::uint64_t hash = hash_of(entry.key(), entry.key_size());
+  const std::uint64_t mask = index.slots() - 1;
+  std::uint64_t at = hash & mask;
+  bool outgrown = false;
+  for (std::uint64_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
+    const std::uint64_t slot = index.slot(at);
+    if (slot == 0) {
+      index.set_slot(at, make_slot(hash, offset));
+      return true;
+    }
+    if (has_tag(slot, hash)) {
+      const std::optional<Entry> other = entry_at(offset_in(slot), outgrown);
+      if (other && other->has_key(key)) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool Pair::pin() {
+  if ((state_.fetch_or(kPinned) & kRetired) == 0) {
+    return true;
+  }
+  unpin();
+  return false;
+}
+
+void Pair::unpin() {
+  if ((state_.fetch_and(~kPinned) & kRetired) != 0) {
+    let_go();
+  }
+}
+
+void Pair::retire() {
+  if ((state_.fetch_or(kRetired) & kPinned) == 0) {
+    let_go();
+  }
+}
+
+void Pair::let_go() {
+  data.retire();
+  index.retire();
+}
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane

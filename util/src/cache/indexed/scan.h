@@ -1,0 +1,31 @@
+// A pass over all entries of a data file.
+#ifndef QUORVANE_SRC_CACHE_INDEXED_SCAN_H_
+#define QUORVANE_SRC_CACHE_INDEXED_SCAN_H_
+
+#include <cstdint>
+#include <functional>
+
+#include "src/cache/indexed/data_file.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+struct ScanResult {
+  // Whole entries end here. What follows is a torn entry, unless `is_damaged`.
+  std::uint64_t end;
+  // An entry that is not whole is followed by one that is: no kill leaves that.
+  bool is_damaged;
+};
+
+// Visits the whole entries up to the offset `limit`, in file order. `check` also reads their
+// values, to compare checksums; without it, all entries up to `limit` must be known to be
+// whole.
+ScanResult scan(const DataFile& data, std::uint64_t limit, bool check,
+                const std::function<void(const Entry& entry, std::uint64_t offset)>& visit);
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_CACHE_INDEXED_SCAN_H_
