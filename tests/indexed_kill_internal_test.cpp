@@ -7,8 +7,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -32,8 +34,8 @@ using quorvane::util::RoBuffer;
 using test::buffer;
 using test::buffers;
 
-constexpr int kWriters = 4;
-constexpr int kReaders = 2;
+constexpr std::size_t kWriters = 4;
+constexpr std::size_t kReaders = 2;
 constexpr unsigned kHangSeconds = 100;
 
 // What the processes tell each other, in memory that they share.
@@ -64,16 +66,16 @@ std::unique_ptr<IndexedStore> open_store(Shared& shared) {
   return store;
 }
 
-std::string key_of(int writer, int number) {
+std::string key_of(std::size_t writer, int number) {
   return "w" + std::to_string(writer) + "-" + std::to_string(number);
 }
 
-std::string value_of(int writer, int number) {
+std::string value_of(std::size_t writer, int number) {
   return std::string(static_cast<std::size_t>(number % 700 + 1), 'v') + key_of(writer, number);
 }
 
 // Looks an entry up. `must_exist`: it was acknowledged before.
-void look_up(IndexedStore& store, Shared& shared, int writer, int number, bool must_exist) {
+void look_up(IndexedStore& store, Shared& shared, std::size_t writer, int number, bool must_exist) {
   std::vector<RoBuffer> value;
   const bool found = store.find(buffer(key_of(writer, number)), value);
   if (!found) {
@@ -84,7 +86,7 @@ void look_up(IndexedStore& store, Shared& shared, int writer, int number, bool m
   shared.wrong += text == value_of(writer, number) ? 0 : 1;
 }
 
-[[noreturn]] void write_until_killed(Shared& shared, int writer) {
+[[noreturn]] void write_until_killed(Shared& shared, std::size_t writer) {
   const auto store = open_store(shared);
   std::mt19937 random(static_cast<unsigned>(getpid()));
   for (;;) {
@@ -105,7 +107,7 @@ void look_up(IndexedStore& store, Shared& shared, int writer, int number, bool m
   const auto store = open_store(shared);
   std::mt19937 random(static_cast<unsigned>(getpid()));
   for (;;) {
-    const int writer = static_cast<int>(random() % kWriters);
+    const std::size_t writer = random() % kWriters;
     const int acknowledged = shared.acknowledged[writer];
     const int number = static_cast<int>(random() % (static_cast<unsigned>(acknowledged) + 5));
     // A writer that was killed between its append and the acknowledgement starts again behind
@@ -120,7 +122,7 @@ struct Children {
   std::array<pid_t, kReaders> readers;
 };
 
-pid_t start_writer(Shared& shared, int writer) {
+pid_t start_writer(Shared& shared, std::size_t writer) {
   return test::in_child([&]() -> int { write_until_killed(shared, writer); });
 }
 
@@ -138,7 +140,7 @@ using Ranges = std::array<std::vector<std::pair<int, int>>, kWriters>;
 
 void check_all(Shared& shared, const Ranges& ranges) {
   const auto store = open_store(shared);
-  for (int writer = 0; writer < kWriters; ++writer) {
+  for (std::size_t writer = 0; writer < kWriters; ++writer) {
     for (const auto& [from, to] : ranges[writer]) {
       for (int number = from; number < to; ++number) {
         look_up(*store, shared, writer, number, true);
@@ -158,7 +160,7 @@ SCENARIO(kill_processes) {
   Children children{};
   std::array<int, kWriters> start{};
   Ranges ranges;
-  for (int writer = 0; writer < kWriters; ++writer) {
+  for (std::size_t writer = 0; writer < kWriters; ++writer) {
     children.writers[writer] = start_writer(shared, writer);
   }
   for (pid_t& reader : children.readers) {
@@ -166,7 +168,7 @@ SCENARIO(kill_processes) {
   }
   for (int killed = 0; killed < kills; ++killed) {
     usleep(static_cast<unsigned>(random() % 6000));  // only makes the moments vary
-    const auto chosen = static_cast<int>(random() % (kWriters + 1));
+    const std::size_t chosen = random() % (kWriters + 1);
     if (chosen == kWriters) {
       pid_t& reader = children.readers[random() % kReaders];
       end(reader);
@@ -181,7 +183,7 @@ SCENARIO(kill_processes) {
       unlink((root() + "/idx_maps").c_str());
     }
   }
-  for (int writer = 0; writer < kWriters; ++writer) {
+  for (std::size_t writer = 0; writer < kWriters; ++writer) {
     end(children.writers[writer]);
     ranges[writer].emplace_back(start[writer], shared.acknowledged[writer]);
   }
