@@ -29,7 +29,8 @@ void read_boot_id(unsigned char (&id)[16]) {
   const ssize_t size = file.fd() < 0 ? -1 : read(file.fd(), text.data(), text.size());
   if (size > 0) {
     const auto hash = ::util::Fingerprint128(text.data(), static_cast<std::size_t>(size));
-    std::memcpy(id, &hash, sizeof(id));
+    std::memcpy(id, &hash.first, sizeof(hash.first));
+    std::memcpy(id + sizeof(hash.first), &hash.second, sizeof(hash.second));
   }
 }
 

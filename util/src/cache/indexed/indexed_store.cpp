@@ -158,13 +158,15 @@ bool IndexedStore::build_index(const DataFile& data, std::uint64_t limit, bool c
 }
 
 // Makes the pair the present one, unless another thread has replaced `replaced` first.
+// Always true: there is a present pair then.
 bool IndexedStore::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
-  pair->replaced = replaced;
-  if (present_.compare_exchange_strong(replaced, pair.get(), std::memory_order_acq_rel)) {
-    Pair* const old = pair->replaced;
-    pair.release();
-    if (old != nullptr) {
-      old->retire();
+  Pair* const made = pair.get();
+  made->replaced = replaced;
+  Pair* expected = replaced;
+  if (present_.compare_exchange_strong(expected, made, std::memory_order_acq_rel)) {
+    static_cast<void>(pair.release());  // the destructor of the store deletes it
+    if (replaced != nullptr) {
+      replaced->retire();
     }
   }
   return true;
