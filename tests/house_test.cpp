@@ -209,6 +209,7 @@ const std::vector<std::vector<Unit>> kCacheFloors{
      {"store_files", ""},
      {"store", ""},
      {"lookup_store", "LookupStore"},
+     {"locked", "Locked"},
      {"entry_scan", "ScannedEntry"},
      {"indexed/data_writer", "DataWriter"},
      {"indexed/entry", "Entry"}},

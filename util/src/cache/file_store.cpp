@@ -7,23 +7,12 @@
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/cache/locked.h"
 #include "src/once.h"
 
 namespace quorvane {
 namespace cache {
 namespace {
-
-// Holds the store lock for one load or store, even if that throws.
-class Locked {
- public:
-  explicit Locked(Store::Lock& lock) : lock_(lock) { lock_.lock(); }
-  ~Locked() { lock_.unlock(); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  Store::Lock& lock_;
-};
 
 std::size_t threshold_from_environment() {
   const char* threshold_env = secure_getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");

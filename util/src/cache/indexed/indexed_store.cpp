@@ -13,22 +13,12 @@
 #include "src/cache/indexed/append.h"
 #include "src/cache/indexed/index_builder.h"
 #include "src/cache/indexed/scan.h"
+#include "src/cache/locked.h"
 
 namespace quorvane {
 namespace cache {
 namespace indexed {
 namespace {
-
-class Locked {
- public:
-  explicit Locked(Store::Lock& lock) : lock_(lock) { lock_.lock(); }
-  ~Locked() { lock_.unlock(); }
-  Locked(const Locked&) = delete;
-  Locked& operator=(const Locked&) = delete;
-
- private:
-  Store::Lock& lock_;
-};
 
 class Pinned {
  public:
