@@ -223,7 +223,7 @@ const std::vector<std::vector<Unit>> kCacheFloors{
      {"indexed/pair", "Pair"}},
     {{"file_store", "FileStoreSkeleton"}, {"indexed/append", "Append"}},
     {{"entry_key", "read_entry_key"},
-     {"indexed/indexed_store", "IndexedStore"},
+     {"indexed/engine", "Engine"},
      {"lazy_entry", "lazy_entry"},
      {"key_file_scan", "insert_whole_key_file"}},
     {{"lazy_append", "LazyAppend"}},

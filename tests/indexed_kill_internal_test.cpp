@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "src/cache/indexed/indexed_store.h"
+#include "src/cache/indexed/engine.h"
 #include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
@@ -29,7 +29,7 @@ namespace {
 
 using quorvane::cache::EntryMap;
 using quorvane::cache::StoreFLock;
-using quorvane::cache::indexed::IndexedStore;
+using quorvane::cache::indexed::Engine;
 using quorvane::util::RoBuffer;
 using test::buffer;
 using test::buffers;
@@ -57,10 +57,9 @@ Shared& make_shared_page() {
 
 std::string root() { return getenv("QV_CACHE_STORE_ROOT"); }
 
-std::unique_ptr<IndexedStore> open_store(Shared& shared) {
-  auto store = std::make_unique<IndexedStore>(root(), "maps", std::make_shared<StoreFLock>("maps"));
-  EntryMap nothing;
-  if (!store->try_load(nothing)) {
+std::unique_ptr<Engine> open_store(Shared& shared) {
+  auto store = std::make_unique<Engine>(root(), "maps", std::make_shared<StoreFLock>("maps"));
+  if (!store->open()) {
     ++shared.unreadable;
   }
   return store;
@@ -75,7 +74,7 @@ std::string value_of(std::size_t writer, int number) {
 }
 
 // Looks an entry up. `must_exist`: it was acknowledged before.
-void look_up(IndexedStore& store, Shared& shared, std::size_t writer, int number, bool must_exist) {
+void look_up(Engine& store, Shared& shared, std::size_t writer, int number, bool must_exist) {
   std::vector<RoBuffer> value;
   const bool found = store.find(buffer(key_of(writer, number)), value);
   if (!found) {
@@ -97,7 +96,7 @@ void look_up(IndexedStore& store, Shared& shared, std::size_t writer, int number
       diff.emplace(buffer(key_of(writer, number)), buffers({value_of(writer, number)}));
     }
     shared.begun[writer] = to;
-    if (store->try_store_diff(diff)) {
+    if (store->store(diff)) {
       shared.acknowledged[writer] = to;
     }
   }

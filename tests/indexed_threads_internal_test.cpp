@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "src/cache/indexed/indexed_store.h"
+#include "src/cache/indexed/engine.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 using quorvane::cache::EntryMap;
 using quorvane::cache::StoreFLock;
-using quorvane::cache::indexed::IndexedStore;
+using quorvane::cache::indexed::Engine;
 using quorvane::util::RoBuffer;
 using test::buffer;
 using test::buffers;
@@ -30,10 +30,8 @@ class IndexedThreads : public testing::Test {
  protected:
   IndexedThreads() {
     setenv("QV_CACHE_STORE_ROOT", root_.path().c_str(), 1);
-    store_ =
-        std::make_unique<IndexedStore>(root_.path(), "maps", std::make_shared<StoreFLock>("maps"));
-    EntryMap nothing;
-    EXPECT_TRUE(store_->try_load(nothing));
+    store_ = std::make_unique<Engine>(root_.path(), "maps", std::make_shared<StoreFLock>("maps"));
+    EXPECT_TRUE(store_->open());
   }
 
   // What is stored is found, by every thread, as soon as `stored_` says so.
@@ -62,12 +60,12 @@ class IndexedThreads : public testing::Test {
     for (int number = from; number < to; ++number) {
       diff.emplace(buffer("key" + std::to_string(number)), buffers({std::to_string(number)}));
     }
-    EXPECT_TRUE(store_->try_store_diff(diff));
+    EXPECT_TRUE(store_->store(diff));
     stored_ = to;
   }
 
   test::TempDir root_;
-  std::unique_ptr<IndexedStore> store_;
+  std::unique_ptr<Engine> store_;
   std::atomic<int> stored_{0};
   std::atomic<int> wrong_{0};
 };

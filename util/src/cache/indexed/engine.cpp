@@ -1,4 +1,4 @@
-#include "src/cache/indexed/indexed_store.h"
+#include "src/cache/indexed/engine.h"
 
 #include <sys/stat.h>
 #include <time.h>
@@ -53,25 +53,19 @@ std::uint64_t coarse_time() {
 
 }  // namespace
 
-IndexedStore::IndexedStore(const std::string& root, const std::string& name,
-                           std::shared_ptr<Store::Lock> lock)
+Engine::Engine(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock)
     : paths_(root, name), lock_(std::move(lock)) {}
 
-IndexedStore::~IndexedStore() {
+Engine::~Engine() {
   for (Pair* pair = present(); pair != nullptr;) {
     const std::unique_ptr<Pair> owned(pair);
     pair = pair->replaced;
   }
 }
 
-std::string IndexedStore::type() const { return "IndexedStore"; }
-
-bool IndexedStore::is_valid() const { return lock_ != nullptr && lock_->is_valid(); }
-
 // --- opening ---
 
-bool IndexedStore::try_load(EntryMap& out) {
-  out.clear();
+bool Engine::open() {
   auto pair = std::make_unique<Pair>();
   if (pair->open(paths_.data, paths_.index, true) == Status::fits) {
     return attach(std::move(pair), present());
@@ -81,7 +75,7 @@ bool IndexedStore::try_load(EntryMap& out) {
 }
 
 // With the lock: opens the files and creates what is missing.
-bool IndexedStore::open_locked() {
+bool Engine::open_locked() {
   Status status = Status::missing;
   for (int attempts = 0; attempts < 3; ++attempts) {  // the data, its index, and both opened
     auto pair = std::make_unique<Pair>();
@@ -98,7 +92,7 @@ bool IndexedStore::open_locked() {
   return false;
 }
 
-bool IndexedStore::create_or_rebuild(const Pair& pair, Status status) {
+bool Engine::create_or_rebuild(const Pair& pair, Status status) {
   const bool is_data_open = pair.data.mapped_size() != 0;
   if (!is_data_open && status == Status::missing) {
     if (DataWriter::create(paths_.data)) {
@@ -113,7 +107,7 @@ bool IndexedStore::create_or_rebuild(const Pair& pair, Status status) {
 }
 
 // Always false.
-bool IndexedStore::report(const Pair& pair, Status status, const std::string& path) const {
+bool Engine::report(const Pair& pair, Status status, const std::string& path) const {
   switch (status) {
     case Status::other_version:
       QV_LOG(g_module, ERROR, "%s has version %u of its format, this library knows version %u",
@@ -130,8 +124,8 @@ bool IndexedStore::report(const Pair& pair, Status status, const std::string& pa
   return false;
 }
 
-bool IndexedStore::build_index(const DataFile& data, std::uint64_t limit, bool check,
-                               std::uint64_t more) {
+bool Engine::build_index(const DataFile& data, std::uint64_t limit, bool check,
+                         std::uint64_t more) {
   IndexBuilder builder(data);
   const ScanResult result = builder.collect(limit, check);
   if (result.is_damaged) {
@@ -149,7 +143,7 @@ bool IndexedStore::build_index(const DataFile& data, std::uint64_t limit, bool c
 
 // Makes the pair the present one, unless another thread has replaced `replaced` first.
 // Always true: there is a present pair then.
-bool IndexedStore::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
+bool Engine::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
   Pair* const made = pair.get();
   made->replaced = replaced;
   Pair* expected = replaced;
@@ -164,7 +158,7 @@ bool IndexedStore::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
 
 // --- looking up ---
 
-bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
+bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
   const std::uint64_t hash = hash_of(key.get_buffer(), key.get_size());
   for (;;) {
     Pair* const pair = present();
@@ -192,7 +186,7 @@ bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& 
 }
 
 // After a miss: whether there is another pair to look into.
-bool IndexedStore::may_look_again(Pair* seen, bool outgrown) {
+bool Engine::may_look_again(Pair* seen, bool outgrown) {
   if (present() != seen) {
     return true;
   }
@@ -202,7 +196,7 @@ bool IndexedStore::may_look_again(Pair* seen, bool outgrown) {
 
 // Files that were deleted or replaced by hand carry no mark, so the names are looked at from
 // time to time.
-bool IndexedStore::has_time_passed() {
+bool Engine::has_time_passed() {
   const std::uint64_t now = coarse_time();
   if (looked_at_.load(std::memory_order_relaxed) == now) {
     return false;  // not stored: threads that miss would pass the line around
@@ -211,23 +205,23 @@ bool IndexedStore::has_time_passed() {
   return true;
 }
 
-bool IndexedStore::is_present(const Pair& pair) const {
+bool Engine::is_present(const Pair& pair) const {
   return has_id(paths_.index, pair.index.id()) && has_id(paths_.data, pair.data.id());
 }
 
 // Without the lock. False when there is no whole pair at the moment: the next miss tries again.
-bool IndexedStore::open_again(Pair* seen) {
+bool Engine::open_again(Pair* seen) {
   auto pair = std::make_unique<Pair>();
   return pair->open(paths_.data, paths_.index, true) == Status::fits &&
          attach(std::move(pair), seen);
 }
 
-std::uint64_t IndexedStore::entries() {
+std::uint64_t Engine::entries() {
   const Pair* const pair = present();
   return pair == nullptr ? 0 : pair->index.entries();
 }
 
-void IndexedStore::prefetch(const util::RoBuffer* keys, std::size_t count) {
+void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   constexpr std::uint64_t kAhead = 4096;
   const Pair* const pair = present();
   for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
@@ -246,7 +240,7 @@ void IndexedStore::prefetch(const util::RoBuffer* keys, std::size_t count) {
   }
 }
 
-bool IndexedStore::try_read_all(EntryMap& out) {
+bool Engine::read_all(EntryMap& out) {
   const auto add = [&out](const Entry& entry, std::uint64_t) {
     if (auto value = entry.copy_value()) {
       out.emplace(util::RoBuffer::copy(entry.key(), entry.key_size()), std::move(*value));
@@ -266,12 +260,12 @@ bool IndexedStore::try_read_all(EntryMap& out) {
 
 // --- storing ---
 
-bool IndexedStore::try_store_diff(const EntryMap& diff) {
+bool Engine::store(const EntryMap& diff) {
   const Locked locked(*lock_);
   return store_locked(diff);
 }
 
-bool IndexedStore::store_locked(const EntryMap& diff) {
+bool Engine::store_locked(const EntryMap& diff) {
   for (int attempts = 0; attempts < 3; ++attempts) {
     Pair* const pair = present();
     const bool fits =
@@ -301,7 +295,7 @@ bool IndexedStore::store_locked(const EntryMap& diff) {
 }
 
 // Readers of the old index find the mark and then the new one.
-bool IndexedStore::grow(Pair& pair, std::uint64_t more) {
+bool Engine::grow(Pair& pair, std::uint64_t more) {
   IndexBuilder builder(pair.data);
   const std::uint64_t covered = pair.index.covered();
   if (builder.collect(covered, false).end != covered) {

@@ -1,6 +1,6 @@
-// A store that is opened without reading its entries.
-#ifndef QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_
-#define QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_
+// The files of an indexed store at work: opening, looking up, storing.
+#ifndef QUORVANE_SRC_CACHE_INDEXED_ENGINE_H_
+#define QUORVANE_SRC_CACHE_INDEXED_ENGINE_H_
 
 #include <atomic>
 #include <cstdint>
@@ -12,7 +12,6 @@
 
 #include "src/cache/indexed/pair.h"
 #include "src/cache/indexed/paths.h"
-#include "src/cache/lookup_store.h"
 
 namespace quorvane {
 namespace cache {
@@ -25,29 +24,27 @@ namespace indexed {
 // stays there.
 // Thread-safety: any thread may call everything but the constructor and destructor.
 // Fork-safety: a child may use its copy; its lock excludes the parent.
-class IndexedStore : public LookupStore {
+class Engine {
  public:
   // The store `name` in the directory `root`. It shares `lock`.
-  IndexedStore(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock);
-  ~IndexedStore() override;
-  IndexedStore(const IndexedStore&) = delete;
-  IndexedStore& operator=(const IndexedStore&) = delete;
+  Engine(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock);
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
 
-  std::string type() const override;
-  bool is_valid() const override;
+  // Opens the files. Takes the lock only to create a missing file or an index that doesn't
+  // fit. False, after one ERROR record, when the data can't be used.
+  bool open();
 
   // Stores the entries whose keys are not stored yet. False, with nothing of `diff` stored and
   // one WARN record, when that is impossible.
-  bool try_store_diff(const EntryMap& diff) override;
+  bool store(const EntryMap& diff);
 
-  // Opens the files and clears `out`. Takes the lock only to create a missing file or an index
-  // that doesn't fit. False, after one ERROR record, when the data can't be used.
-  bool try_load(EntryMap& out) override;
-
-  bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) override;
-  std::uint64_t entries() override;
-  void prefetch(const util::RoBuffer* keys, std::size_t count) override;
-  bool try_read_all(EntryMap& out) override;
+  // The operations of a LookupStore.
+  bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value);
+  std::uint64_t entries();
+  void prefetch(const util::RoBuffer* keys, std::size_t count);
+  bool read_all(EntryMap& out);
 
  private:
   Pair* present() const { return present_.load(std::memory_order_acquire); }
@@ -74,4 +71,4 @@ class IndexedStore : public LookupStore {
 }  // namespace cache
 }  // namespace quorvane
 
-#endif  // QUORVANE_SRC_CACHE_INDEXED_INDEXED_STORE_H_
+#endif  // QUORVANE_SRC_CACHE_INDEXED_ENGINE_H_

@@ -1,5 +1,5 @@
 // An indexed store within one process, and several of them on the same files.
-#include "src/cache/indexed/indexed_store.h"
+#include "src/cache/indexed/engine.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ namespace {
 
 using quorvane::cache::EntryMap;
 using quorvane::cache::StoreFLock;
-using quorvane::cache::indexed::IndexedStore;
+using quorvane::cache::indexed::Engine;
 using quorvane::util::RoBuffer;
 using test::buffer;
 using test::buffers;
@@ -32,16 +32,13 @@ class Indexed : public testing::Test {
  protected:
   Indexed() { setenv("QV_CACHE_STORE_ROOT", root_.path().c_str(), 1); }
 
-  std::unique_ptr<IndexedStore> make() const {
-    return std::make_unique<IndexedStore>(root_.path(), "maps",
-                                          std::make_shared<StoreFLock>("maps"));
+  std::unique_ptr<Engine> make() const {
+    return std::make_unique<Engine>(root_.path(), "maps", std::make_shared<StoreFLock>("maps"));
   }
 
-  std::unique_ptr<IndexedStore> open() const {
+  std::unique_ptr<Engine> open() const {
     auto store = make();
-    EntryMap nothing;
-    EXPECT_TRUE(store->try_load(nothing));
-    EXPECT_TRUE(nothing.empty());
+    EXPECT_TRUE(store->open());
     return store;
   }
 
@@ -54,7 +51,7 @@ class Indexed : public testing::Test {
     return map;
   }
 
-  static std::optional<std::string> first_atom(IndexedStore& store, const std::string& key) {
+  static std::optional<std::string> first_atom(Engine& store, const std::string& key) {
     std::vector<RoBuffer> value;
     if (!store.find(buffer(key), value)) {
       return std::nullopt;
@@ -62,7 +59,7 @@ class Indexed : public testing::Test {
     return std::string(reinterpret_cast<const char*>(value[0].get_buffer()), value[0].get_size());
   }
 
-  static int found(IndexedStore& store, int from, int to) {
+  static int found(Engine& store, int from, int to) {
     int count = 0;
     for (int i = from; i < to; ++i) {
       count += first_atom(store, "key" + std::to_string(i)) == "value" + std::to_string(i) ? 1 : 0;
@@ -86,7 +83,7 @@ TEST_F(Indexed, CreatesBothFilesAndFindsNothing) {
 
 TEST_F(Indexed, FindsWhatItHasStored) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 100)));
+  ASSERT_TRUE(store->store(entries(0, 100)));
   EXPECT_EQ(store->entries(), 100U);
   EXPECT_EQ(found(*store, 0, 100), 100);
   EXPECT_EQ(first_atom(*store, "key100"), std::nullopt);
@@ -94,7 +91,7 @@ TEST_F(Indexed, FindsWhatItHasStored) {
 
 TEST_F(Indexed, ReadsEveryAtom) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(7, 8)));
+  ASSERT_TRUE(store->store(entries(7, 8)));
   std::vector<RoBuffer> value;
   ASSERT_TRUE(store->find(buffer("key7"), value));
   ASSERT_EQ(value.size(), 2U);
@@ -103,7 +100,7 @@ TEST_F(Indexed, ReadsEveryAtom) {
 }
 
 TEST_F(Indexed, OpensWhatAnotherHasStored) {
-  ASSERT_TRUE(open()->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(open()->store(entries(0, 10)));
   const auto store = open();
   EXPECT_EQ(store->entries(), 10U);
   EXPECT_EQ(found(*store, 0, 10), 10);
@@ -113,7 +110,7 @@ TEST_F(Indexed, FindsAtOnceWhatAnotherStores) {
   const auto reader = open();
   const auto writer = open();
   for (int i = 0; i < 20; ++i) {
-    ASSERT_TRUE(writer->try_store_diff(entries(i, i + 1)));
+    ASSERT_TRUE(writer->store(entries(i, i + 1)));
     EXPECT_EQ(found(*reader, i, i + 1), 1) << i;
   }
   EXPECT_EQ(reader->entries(), 20U);
@@ -126,8 +123,8 @@ TEST_F(Indexed, KeepsTheFirstValueOfAKey) {
   first.emplace(buffer("key"), buffers({"first"}));
   EntryMap second;
   second.emplace(buffer("key"), buffers({"second"}));
-  ASSERT_TRUE(one->try_store_diff(first));
-  ASSERT_TRUE(two->try_store_diff(second));
+  ASSERT_TRUE(one->store(first));
+  ASSERT_TRUE(two->store(second));
   EXPECT_EQ(first_atom(*one, "key"), "first");
   EXPECT_EQ(first_atom(*two, "key"), "first");
   EXPECT_EQ(two->entries(), 1U);
@@ -137,7 +134,7 @@ TEST_F(Indexed, GrowsItsIndexUnderReaders) {
   const auto reader = open();
   const auto writer = open();
   for (int from = 0; from < 5000; from += 250) {
-    ASSERT_TRUE(writer->try_store_diff(entries(from, from + 250)));
+    ASSERT_TRUE(writer->store(entries(from, from + 250)));
     EXPECT_EQ(found(*reader, from, from + 250), 250) << from;
   }
   EXPECT_EQ(found(*reader, 0, 5000), 5000);
@@ -147,7 +144,7 @@ TEST_F(Indexed, GrowsItsIndexUnderReaders) {
 
 TEST_F(Indexed, StoresMoreThanItsFirstIndexTakesAtOnce) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 20000)));
+  ASSERT_TRUE(store->store(entries(0, 20000)));
   EXPECT_EQ(found(*store, 0, 20000), 20000);
 }
 
@@ -158,13 +155,13 @@ TEST_F(Indexed, GrowsBeyondItsMapping) {
   for (int i = 0; i < 10; ++i) {
     EntryMap map;
     map.emplace(buffer("large" + std::to_string(i)), buffers({large}));
-    ASSERT_TRUE(writer->try_store_diff(map));
+    ASSERT_TRUE(writer->store(map));
     EXPECT_TRUE(first_atom(*reader, "large" + std::to_string(i)) == large) << i;
   }
 }
 
 TEST_F(Indexed, MakesADeletedIndexAgain) {
-  ASSERT_TRUE(open()->try_store_diff(entries(0, 3000)));
+  ASSERT_TRUE(open()->store(entries(0, 3000)));
   ASSERT_EQ(unlink(index().c_str()), 0);
   const auto store = open();
   EXPECT_EQ(store->entries(), 3000U);
@@ -173,41 +170,40 @@ TEST_F(Indexed, MakesADeletedIndexAgain) {
 
 TEST_F(Indexed, WritesIntoAnIndexThatWasDeletedWhileItWasOpen) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(store->store(entries(0, 10)));
   ASSERT_EQ(unlink(index().c_str()), 0);
-  ASSERT_TRUE(store->try_store_diff(entries(10, 20)));
+  ASSERT_TRUE(store->store(entries(10, 20)));
   EXPECT_EQ(found(*store, 0, 20), 20);
   EXPECT_EQ(found(*open(), 0, 20), 20);
 }
 
 TEST_F(Indexed, PassesOverATornTail) {
-  ASSERT_TRUE(open()->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(open()->store(entries(0, 10)));
   const auto whole = std::filesystem::file_size(data());
-  ASSERT_TRUE(open()->try_store_diff(entries(10, 11)));
+  ASSERT_TRUE(open()->store(entries(10, 11)));
   std::filesystem::resize_file(data(), std::filesystem::file_size(data()) - 17);
   ASSERT_EQ(unlink(index().c_str()), 0);
   const auto store = open();
   EXPECT_EQ(found(*store, 0, 10), 10);
   EXPECT_EQ(store->entries(), 10U);
-  ASSERT_TRUE(store->try_store_diff(entries(10, 11)));
+  ASSERT_TRUE(store->store(entries(10, 11)));
   EXPECT_EQ(found(*store, 0, 11), 11);
   EXPECT_GT(std::filesystem::file_size(data()), whole);
 }
 
 TEST_F(Indexed, RefusesDamageInTheMiddleOfItsData) {
-  ASSERT_TRUE(open()->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(open()->store(entries(0, 10)));
   std::string bytes = test::read_file(data());
   bytes[500] = static_cast<char>(bytes[500] ^ 1);
   test::write_file(data(), bytes);
   ASSERT_EQ(unlink(index().c_str()), 0);
-  EntryMap nothing;
-  EXPECT_FALSE(make()->try_load(nothing));
+  EXPECT_FALSE(make()->open());
   EXPECT_EQ(test::read_file(data()), bytes);
 }
 
 TEST_F(Indexed, DoesNotFindAnEntryWhoseChecksumIsWrong) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(store->store(entries(0, 10)));
   std::string bytes = test::read_file(data());
   const std::size_t at = bytes.find("value3");
   ASSERT_NE(at, std::string::npos);
@@ -222,20 +218,20 @@ TEST_F(Indexed, DoesNotFindAnEntryWhoseChecksumIsWrong) {
 
 TEST_F(Indexed, ReadsAllEntriesInKeyOrder) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 1500)));
+  ASSERT_TRUE(store->store(entries(0, 1500)));
   EntryMap all;
-  ASSERT_TRUE(store->try_read_all(all));
+  ASSERT_TRUE(store->read_all(all));
   EXPECT_EQ(all.size(), 1500U);
   EXPECT_EQ(all.begin()->first.get_size(), 4U);
 }
 
 TEST_F(Indexed, FindsTheNewFilesAfterTheOldOnesWereDeleted) {
   const auto reader = open();
-  ASSERT_TRUE(open()->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(open()->store(entries(0, 10)));
   EXPECT_EQ(found(*reader, 0, 10), 10);
   ASSERT_EQ(unlink(index().c_str()), 0);
   ASSERT_EQ(unlink(data().c_str()), 0);
-  ASSERT_TRUE(open()->try_store_diff(entries(10, 20)));
+  ASSERT_TRUE(open()->store(entries(10, 20)));
   // The names are looked at with the first miss of each tick of the kernel's coarse clock.
   while (first_atom(*reader, "key10") == std::nullopt) {
   }
@@ -245,7 +241,7 @@ TEST_F(Indexed, FindsTheNewFilesAfterTheOldOnesWereDeleted) {
 
 TEST_F(Indexed, PrefetchIsAHint) {
   const auto store = open();
-  ASSERT_TRUE(store->try_store_diff(entries(0, 10)));
+  ASSERT_TRUE(store->store(entries(0, 10)));
   const std::vector<RoBuffer> keys{buffer("key1"), buffer("none")};
   store->prefetch(keys.data(), keys.size());
   EXPECT_EQ(found(*store, 0, 10), 10);
