@@ -203,6 +203,7 @@ const std::vector<std::vector<Unit>> kCacheFloors{
      {"indexed/write_all", "write_all"},
      {"trace", "Trace"},
      {"key_slabs", "KeySlabs"},
+     {"size_text", "parse_size"},
      {"loaded_index", "LoadedIndex"}},
     {{"append_note", "AppendNote"},
      {"lock_wait", "LockWait"},

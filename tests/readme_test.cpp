@@ -29,7 +29,7 @@ class Readme : public testing::Test {
   test::Ran run(const std::string& root) {
     return test::run_program(hello_, {},
                              {{"QV_CACHE_STORE_ROOT", root},
-                              {"QV_CACHE_STORE_CLEANUP_THRESHOLD", "0"},
+                              {"QV_CACHE_STORE_SIZE", "10G"},
                               {"QV_LOG_LEVEL", std::nullopt}});
   }
 
@@ -61,8 +61,8 @@ TEST_F(Readme, NamesEveryVariableThatTheLibraryReads) {
   const std::string text = test::read_file(README);
   for (const char* variable :
        {"QV_LOG_FILE", "QV_LOG_FILE_Global", "HOME", "QV_LOG_LEVEL", "QV_LOG_SYNC",
-        "QV_CACHE_STORE_ROOT", "QV_CACHE_STORE_CLEANUP_THRESHOLD", "QV_STATS_REPORT_FILE",
-        "QV_STATS_REPORT_PERIOD", "QV_PIDFILE_ROOT", "TMPDIR"}) {
+        "QV_CACHE_STORE_ROOT", "QV_CACHE_STORE_SIZE", "QV_CACHE_STORE_CLEANUP_THRESHOLD",
+        "QV_STATS_REPORT_FILE", "QV_STATS_REPORT_PERIOD", "QV_PIDFILE_ROOT", "TMPDIR"}) {
     EXPECT_THAT(text, HasSubstr("| `" + std::string(variable) + "` |"));
   }
 }

@@ -158,8 +158,11 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   virtual void nonlock_clean() = 0;
 
   /// The process's controller. The first use makes it, with the threshold of
-  /// QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes, which is logged at INFO; a missing or bad
-  /// one gives a severity 2 check, a WARN record, and no limit. Lives for ever. Any thread.
+  /// QV_CACHE_STORE_SIZE: digits, and perhaps K, M, G or T for a power of 1024. If that is
+  /// unset, or bad, which gives a WARN record, the threshold is that of
+  /// QV_CACHE_STORE_CLEANUP_THRESHOLD in bytes; a missing or bad one gives a severity 2
+  /// check, a WARN record, and no limit. A good threshold is logged at INFO. Lives for ever.
+  /// Any thread.
   static CleanupController* get_default_cleanup_controller();
 
   ///@{ Reads, skips or writes a piece of a file at the cursor, and moves past it. A failure

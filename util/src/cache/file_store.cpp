@@ -4,22 +4,44 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "src/cache/checks.h"
 #include "src/cache/locked.h"
+#include "src/cache/size_text.h"
 #include "src/once.h"
 
 namespace quorvane {
 namespace cache {
 namespace {
 
+std::optional<std::uint64_t> size_from_environment() {
+  const char* const text = secure_getenv("QV_CACHE_STORE_SIZE");
+  if (text == nullptr) {
+    return std::nullopt;
+  }
+  const auto size = parse_size(text);
+  if (!size) {
+    QV_LOG(g_module, WARN, "Bad value of QV_CACHE_STORE_SIZE: \"%s\"", text);
+  }
+  return size;
+}
+
+void log_threshold(std::size_t threshold) {
+  QV_LOG(g_module, INFO, "Cache store cleanup threshold set to %lu bytes", threshold);
+}
+
 std::size_t threshold_from_environment() {
+  if (const auto size = size_from_environment()) {
+    log_threshold(*size);
+    return *size;
+  }
   const char* threshold_env = secure_getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
   std::size_t threshold = 0;
   if (CACHE_EXPECT(2, threshold_env) && CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) ==
                                                             1)) {  // Kept: docs/compatibility.md
-    QV_LOG(g_module, INFO, "Cache store cleanup threshold set to %lu bytes", threshold);
+    log_threshold(threshold);
     return threshold;
   }
   QV_LOG(g_module, WARN, "Cache store cleanup threshold not set, cache can grow indefinitely");
