@@ -2,10 +2,10 @@
 /// Stores that keep their entries in files of one root directory, which many processes
 /// share.
 ///
-/// The root is the value of QV_CACHE_STORE_ROOT; the library doesn't create it. Everything
-/// that touches a file runs under the store's lock. A file is never trusted: a damaged one
-/// gives records and a false result. Checks and records go through the module
-/// "util/src/cache".
+/// The root is the value of QV_CACHE_STORE_ROOT, unless make_store is given another one; the
+/// library doesn't create it. Everything that touches a file runs under the store's lock. A file is
+/// never trusted: a damaged one gives records and a false result. Checks and records go through the
+/// module "util/src/cache".
 ///
 /// Thread-safety: try_load and try_store_diff take the lock, which excludes other threads
 /// and processes; the caller of a nonlock_ operation must hold it.
@@ -38,6 +38,7 @@ constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
 QV_EXPORT std::string get_store_file_path(const std::string& name);
 
 class LockWait;
+struct StorePlace;  // of make_store; hidden
 
 /// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects exclude each
 /// other, even in one process, and so do threads that use one object.
@@ -55,6 +56,9 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   /// Opens the lock file, or creates it with mode 0666 less the umask. A failure gives one
   /// WARN record and leaves the lock invalid. An empty `name` means the file "lock".
   explicit StoreFLock(const std::string& name);
+  /// For make_store. A lock of a read-only store opens its file for reading, never creates
+  /// it, excludes only writers, and is valid without a lock file: it then locks nothing.
+  explicit StoreFLock(const StorePlace& place);
   /// Takes over the descriptor, and with it the lock if it is held. The other is invalid
   /// afterwards.
   StoreFLock(StoreFLock&& other) noexcept;
@@ -87,12 +91,16 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   template <typename Open>
   bool open_own(const Open& open);
   void keep(int fd);
+  int open_file(const char* path, int flags) const;
   bool open_at_path();
+  bool is_missing() const;
   bool is_replaced() const;
   bool take_file_at_path();
+  bool find_file();
 
   void take_turn(LockWait& wait);
   void lock_file(LockWait& wait);
+  void assert_valid() const;
   bool must_try_again(LockWait& wait);
   void call_flock(int operation);
   void leave_parents_lock();
@@ -113,6 +121,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   bool note_stays_ = false;         // the file holds an old note that can't be cleared
   StoreFLock* previous_ = nullptr;  // in the list of all locks
   StoreFLock* next_ = nullptr;
+  bool is_read_only_ = false;    // nothing is created, written or undone
+  bool may_be_missing_ = false;  // valid without the file, since it is read-only
 };
 
 /// What all file stores share: the header, the entry encoding, and the sequences that hold
@@ -193,14 +203,22 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   /// The lock if it is a StoreFLock; else null.
   StoreFLock* file_lock() const;
 
+  /// From now on try_load deletes nothing, and try_store_diff stores nothing. Their records
+  /// name `path`. Before the first use of the store.
+  void set_read_only(const std::string& path);
+
  private:
   bool is_lock_lost() const;
+  bool is_read_only() const { return !read_only_path_.empty(); }
+  bool may_read_only_load() const;
+  bool try_read_only_store(const EntryMap& diff) const;
 
   CleanupController* cleanup_controller_;
   std::uint64_t ticket_;
   std::uint64_t loaded_map_last_size_ = 0;
   hdr_t valid_hdr_;
   std::shared_ptr<Store::Lock> lock_;
+  std::string read_only_path_;  // empty: entries are stored
 };
 
 /// One file per cache: the header, then entries. A missing file is an empty store.
@@ -213,6 +231,9 @@ class QV_EXPORT BasicStore : public FileStoreSkeleton {
   /// The store in the file `name` of the store root. See FileStoreSkeleton for `lock` and
   /// `controller`.
   BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+             CleanupController* controller);
+  /// For make_store.
+  BasicStore(const StorePlace& place, std::shared_ptr<Store::Lock> lock,
              CleanupController* controller);
   ~BasicStore() override;
 
@@ -267,6 +288,9 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   /// The store in the two files of `name` in the store root. See FileStoreSkeleton for
   /// `lock` and `controller`.
   LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+                  CleanupController* controller);
+  /// For make_store.
+  LazyLookupStore(const StorePlace& place, std::shared_ptr<Store::Lock> lock,
                   CleanupController* controller);
   ~LazyLookupStore() override;
 
@@ -335,7 +359,7 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   std::uint64_t key_file_last_size_ = 0;
 };
 
-/// What make_file_store makes: a BasicStore or a LazyLookupStore.
+/// What make_file_store and make_store make: a BasicStore or a LazyLookupStore.
 enum class StoreKind { basic, lazy_lookup };
 
 /// Makes a store of this kind for the cache `name`, with a lock of the same name in the
@@ -346,6 +370,49 @@ enum class StoreKind { basic, lazy_lookup };
 /// kind as well. Any thread; safe in a child of fork.
 QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::string& name,
                                                  CleanupController* controller = nullptr);
+
+/// What make_store makes a store from. As thread-safe and fork-safe as its strings.
+struct StoreOptions {
+  StoreKind kind = StoreKind::basic;  ///< of the files
+  std::string name;                   ///< the name of the cache, and so of its files
+
+  /// The existing directory of the files; empty means that of QV_CACHE_STORE_ROOT. A relative
+  /// one is resolved against the current directory once, when the store is made.
+  std::string root;
+
+  /// Bounds the disk space of this and other stores. Must outlive the store.
+  CleanupController* controller = nullptr;
+
+  /// Bounds the disk space of this store alone, in bytes, if there is no `controller`. 0 means
+  /// the process's default controller.
+  std::uint64_t size_limit = 0;
+
+  /// Entries after which a cache flushes on its own; 0: only at its destruction.
+  std::uint64_t flush_after = 0;
+
+  /// Loads, but never stores, creates or deletes anything, and needs no permission to write.
+  bool read_only = false;
+
+  /// Without the store's files, the store is not valid, and none are created.
+  bool must_exist = false;
+};
+
+/// Makes a store with these options, and a lock of the same name. A root that is unset or
+/// unusable gives a store that is not valid. Without `read_only` and `must_exist`, a lazy
+/// store for which neither file exists gets both, without entries. Except with `read_only`,
+/// the call may wait for the lock when the store is lazy or must exist.
+///
+/// A read-only store takes the lock, if there is a lock file, but excludes only writers. Its
+/// try_store_diff returns whether there is nothing to store, and logs at WARN if there is
+/// something. When an append was cut short and not yet undone, which takes a writer, its
+/// try_load returns false after one WARN record.
+///
+/// A store that must exist and doesn't is not valid, after one ERROR record. One file of a
+/// lazy store's two is enough to exist; the load reports the missing one.
+///
+/// Returns null, after one WARN record, when there is no memory for the store; null for an
+/// unknown kind as well. Any thread; safe in a child of fork.
+QV_EXPORT std::unique_ptr<Store> make_store(const StoreOptions& options);
 
 }  // namespace cache
 }  // namespace quorvane

@@ -11,6 +11,7 @@
 #include "src/cache/entry_scan.h"
 #include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
+#include "src/cache/store_place.h"
 #include "src/cache/trace.h"
 
 namespace quorvane {
@@ -27,8 +28,16 @@ constexpr const char* kWrite =
 
 BasicStore::BasicStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
                        CleanupController* controller)
-    : FileStoreSkeleton(kVersion, name, std::move(lock), controller),
-      fpath_(get_store_file_path(name)) {}
+    : BasicStore(StorePlace{"", name}, std::move(lock), controller) {}
+
+BasicStore::BasicStore(const StorePlace& place, std::shared_ptr<Store::Lock> lock,
+                       CleanupController* controller)
+    : FileStoreSkeleton(kVersion, place.name, std::move(lock), controller),
+      fpath_(place.path_of(place.name)) {
+  if (place.read_only) {
+    set_read_only(fpath_);
+  }
+}
 
 BasicStore::~BasicStore() = default;
 

@@ -69,6 +69,8 @@ FileStoreSkeleton::FileStoreSkeleton(unsigned int version, std::string /*path*/,
 
 FileStoreSkeleton::~FileStoreSkeleton() = default;
 
+void FileStoreSkeleton::set_read_only(const std::string& path) { read_only_path_ = path; }
+
 CleanupController* FileStoreSkeleton::get_default_cleanup_controller() {
   static constinit Once once;
   static constinit CleanupController* controller = nullptr;
@@ -92,7 +94,11 @@ bool FileStoreSkeleton::try_load(EntryMap& out) {
     return false;
   }
   const Locked locked(*lock_);
-  cleanup_controller_->process(ticket_, *this);
+  if (!is_read_only()) {
+    cleanup_controller_->process(ticket_, *this);
+  } else if (!may_read_only_load()) {
+    return false;
+  }
   out.clear();
   const bool ok = try_nonlock_load(out);
   if (ok) {
@@ -101,7 +107,31 @@ bool FileStoreSkeleton::try_load(EntryMap& out) {
   return ok;
 }
 
+// Only a writer can undo an append that was cut short, and until then the files may end with
+// half an entry.
+bool FileStoreSkeleton::may_read_only_load() const {
+  const StoreFLock* const lock = file_lock();
+  if (lock == nullptr || !lock->note_stays_) {
+    return true;
+  }
+  QV_LOG(g_module, WARN,
+         "Cache store %s is not loaded: an append to it was cut short, open it once for writing",
+         read_only_path_.c_str());
+  return false;
+}
+
+bool FileStoreSkeleton::try_read_only_store(const EntryMap& diff) const {
+  if (!diff.empty()) {
+    QV_LOG(g_module, WARN, "Cache store %s is read-only, nothing is stored",
+           read_only_path_.c_str());
+  }
+  return diff.empty();
+}
+
 bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
+  if (is_read_only()) {
+    return try_read_only_store(diff);
+  }
   if (is_lock_lost()) {
     return false;
   }

@@ -14,6 +14,7 @@
 #include "src/cache/lazy_entry.h"
 #include "src/cache/noted_change.h"
 #include "src/cache/store_files.h"
+#include "src/cache/store_place.h"
 #include "src/cache/trace.h"
 
 namespace quorvane {
@@ -47,9 +48,17 @@ class Provisional {
 
 LazyLookupStore::LazyLookupStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
                                  CleanupController* controller)
-    : FileStoreSkeleton(kVersion, name, std::move(lock), controller),
-      key_fpath_(get_store_file_path(get_key_fname(name))),
-      val_fpath_(get_store_file_path(get_val_fname(name))) {}
+    : LazyLookupStore(StorePlace{"", name}, std::move(lock), controller) {}
+
+LazyLookupStore::LazyLookupStore(const StorePlace& place, std::shared_ptr<Store::Lock> lock,
+                                 CleanupController* controller)
+    : FileStoreSkeleton(kVersion, place.name, std::move(lock), controller),
+      key_fpath_(place.path_of(get_key_fname(place.name))),
+      val_fpath_(place.path_of(get_val_fname(place.name))) {
+  if (place.read_only) {
+    set_read_only(key_fpath_);
+  }
+}
 
 LazyLookupStore::~LazyLookupStore() = default;
 

@@ -15,8 +15,10 @@
 namespace quorvane {
 namespace cache {
 
+const char* root_from_environment() { return secure_getenv("QV_CACHE_STORE_ROOT"); }
+
 std::string get_store_file_path(const std::string& name) {
-  const char* root = secure_getenv("QV_CACHE_STORE_ROOT");
+  const char* root = root_from_environment();
   qv_fault_expect(g_module.get(), 2, root != nullptr,
                   "Caching enabled, but QV_CACHE_STORE_ROOT not set.");
   return root == nullptr || *root == '\0' ? "" : std::string(root) + "/" + name;

@@ -11,6 +11,9 @@
 namespace quorvane {
 namespace cache {
 
+// QV_CACHE_STORE_ROOT, or null.
+const char* root_from_environment();
+
 bool file_exists(const std::string& path);
 
 // The name of the file of the lock `name`.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -20,6 +21,7 @@
 #include "src/cache/checks.h"
 #include "src/cache/lock_wait.h"
 #include "src/cache/store_files.h"
+#include "src/cache/store_place.h"
 #include "src/descriptor.h"
 #include "src/fork_guard.h"
 #include "src/process_generation.h"
@@ -45,6 +47,11 @@ int open_to_lock(const char* path, int flags) {
   return fd < 0 && errno == EACCES
              ? descriptor::open_off_standard(path, O_RDONLY | O_CLOEXEC | flags, kMode)
              : fd;
+}
+
+// For a lock that is never written to. A pipe in the place of the file is not waited for.
+int open_to_read(const char* path) {
+  return descriptor::open_off_standard(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, kMode);
 }
 
 // Whether the lock file is also the store file of a cache named "lock_NAME".
@@ -99,16 +106,24 @@ struct StoreFLock::InProcess {
   static inline const bool is_prepared = prepare();
 };
 
-StoreFLock::StoreFLock(const std::string& name)
-    : path_(get_store_file_path(lock_file_name(name))), generation_(process_generation()) {
+StoreFLock::StoreFLock(const std::string& name) : StoreFLock(StorePlace{"", name}) {}
+
+StoreFLock::StoreFLock(const StorePlace& place)
+    : path_(place.path_of(lock_file_name(place.name))),
+      generation_(process_generation()),
+      is_read_only_(place.read_only) {
   const Uncancellable uncancellable;
   {
     const fork_guard::Lock guard(InProcess::mutex);
     InProcess::add(*this);
   }
-  if (!open_own([this] {
-        return descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
-      })) {
+  const bool is_open = open_own([this] {
+    return is_read_only_
+               ? open_to_read(path_.c_str())
+               : descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
+  });
+  may_be_missing_ = is_read_only_ && (is_open || is_missing());
+  if (!is_valid()) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
   }
@@ -121,11 +136,14 @@ StoreFLock::StoreFLock(StoreFLock&& other) noexcept
       device_(other.device_),
       inode_(other.inode_),
       is_inherited_(other.is_inherited_),
-      note_stays_(other.note_stays_) {
+      note_stays_(other.note_stays_),
+      is_read_only_(other.is_read_only_),
+      may_be_missing_(other.may_be_missing_) {
   const fork_guard::Lock guard(InProcess::mutex);
   InProcess::add(*this);
   fd_ = other.fd_.exchange(-1);
   other.inode_ = 0;
+  other.may_be_missing_ = false;
 }
 
 StoreFLock::~StoreFLock() {
@@ -136,7 +154,7 @@ StoreFLock::~StoreFLock() {
   }
 }
 
-bool StoreFLock::is_valid() const { return fd_ >= 0; }
+bool StoreFLock::is_valid() const { return fd_ >= 0 || may_be_missing_; }
 
 // --- the lock ---
 
@@ -144,7 +162,7 @@ bool StoreFLock::is_valid() const { return fd_ >= 0; }
 // replacing it.
 void StoreFLock::lock() {
   leave_parents_lock();
-  CACHE_ASSERT(fd_ >= 0);
+  assert_valid();
   const Uncancellable uncancellable;  // a cancelled thread would never release its turn
   const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
@@ -157,7 +175,7 @@ void StoreFLock::lock() {
 
 void StoreFLock::unlock() {
   leave_parents_lock();
-  CACHE_ASSERT(fd_ >= 0);
+  assert_valid();
   if (is_open_on_own_file()) {  // otherwise the program closed it, which released the lock
     call_flock(LOCK_UN);
   }
@@ -176,14 +194,24 @@ void StoreFLock::take_turn(LockWait& wait) {
 bool StoreFLock::is_held_by_this_thread() const { return owner_ == &t_identity; }
 
 void StoreFLock::lock_file(LockWait& wait) {
+  // Readers only have to keep writers out.
+  const int operation = is_read_only_ ? LOCK_SH : LOCK_EX;
   do {
-    ensure_open();
+    if (!ensure_open() && may_be_missing_) {
+      return;  // no writer has created the file yet
+    }
     CACHE_ASSERT(fd_ >= 0);
-    while (flock(fd_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    while (flock(fd_, operation | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
       wait.pause([this] { return flock_holder({device_, inode_}); });
     }
-    call_flock(LOCK_EX);  // a no-op, unless the attempt failed for another reason
+    call_flock(operation);  // a no-op, unless the attempt failed for another reason
   } while (is_replaced() && (take_file_at_path() || must_try_again(wait)));
+}
+
+void StoreFLock::assert_valid() const {
+  if (!may_be_missing_) {
+    CACHE_ASSERT(fd_ >= 0);
+  }
 }
 
 // Called when a new lock file could not be opened. If its directory is gone, the old file
@@ -228,11 +256,26 @@ void StoreFLock::keep(int fd) {
   fd_ = fd;
 }
 
+int StoreFLock::open_file(const char* path, int flags) const {
+  return is_read_only_ ? open_to_read(path) : open_to_lock(path, flags);
+}
+
 bool StoreFLock::open_at_path() {
-  return open_own([this] { return open_to_lock(path_.c_str(), O_CREAT); });
+  return open_own([this] { return open_file(path_.c_str(), O_CREAT); });
 }
 
 bool StoreFLock::ensure_open() { return is_open_on_own_file() || open_at_path(); }
+
+// After a failed open: whether the root is there, and only the lock file is not. Allocates
+// nothing: a thread must not leave its turn through an exception.
+bool StoreFLock::is_missing() const {
+  std::array<char, PATH_MAX> root;
+  if (errno != ENOENT || path_.empty() || path_.size() >= root.size()) {
+    return false;
+  }
+  root[path_.copy(root.data(), path_.rfind('/'))] = '\0';
+  return access(root.data(), F_OK) == 0;
+}
 
 // Whether the path names another file than the locked one, or none.
 bool StoreFLock::is_replaced() const {
@@ -247,7 +290,7 @@ bool StoreFLock::is_replaced() const {
 // and returns false.
 bool StoreFLock::take_file_at_path() {
   return fork_guard::open_unshared(
-      InProcess::mutex, [this] { return open_to_lock(path_.c_str(), O_CREAT); },
+      InProcess::mutex, [this] { return open_file(path_.c_str(), O_CREAT); },
       [this](int fd) {
         if (fd >= 0) {
           const int old = fd_;
@@ -257,19 +300,28 @@ bool StoreFLock::take_file_at_path() {
       });
 }
 
+// Switches to the file that the path names now. True when there is a file to lock, or none is
+// needed.
+bool StoreFLock::find_file() {
+  if (!ensure_open()) {
+    return may_be_missing_ && is_missing();
+  }
+  return !is_replaced() || take_file_at_path() ||
+         ((may_be_missing_ || !is_inherited_) && has_no_place());
+}
+
 // Called before each load and store. True when a lock that was open can't be opened again:
 // a child may have lost its root directory or its permissions.
 bool StoreFLock::is_lost() {
   leave_parents_lock();
-  if (!was_open()) {
+  if (!was_open() && !may_be_missing_) {
     return false;  // lock() reports it
   }
   const Uncancellable uncancellable;
   const bool is_nested = is_held_by_this_thread();
   LockWait wait(path_);
   take_turn(wait);
-  const bool is_found = ensure_open() && (!is_replaced() || take_file_at_path() ||
-                                          (!is_inherited_ && has_no_place()));
+  const bool is_found = find_file();
   if (!is_found) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
@@ -313,7 +365,7 @@ void StoreFLock::reopen_in_child() {
   const int inherited = fd_;
   std::array<char, 32> self;
   std::snprintf(self.data(), self.size(), "/proc/self/fd/%d", inherited);
-  const bool is_open = open_own([&self] { return open_to_lock(self.data(), 0); });
+  const bool is_open = open_own([this, &self] { return open_file(self.data(), 0); });
   close(inherited);
   if (!is_open) {  // no /proc, or no free descriptor until `inherited` was closed
     open_at_path();
@@ -335,6 +387,10 @@ void StoreFLock::undo_unfinished_append() try {
   const std::string_view content(bytes.data(), static_cast<std::size_t>(size));
   holds_store_ = is_store_file(content);
   const auto note = AppendNote::decode(path_.substr(0, path_.rfind('/')), content);
+  if (is_read_only_) {
+    note_stays_ = note.has_value();
+    return;
+  }
   const std::string paths = note ? note->paths() : "";
   const auto undone = note ? note->undo() : AppendNote::Undone::nothing;
   if (undone == AppendNote::Undone::something) {
