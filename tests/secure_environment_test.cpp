@@ -97,6 +97,7 @@ class SecureEnvironment : public testing::Test {
                                        {"HOME", dir_.path()},
                                        {"QV_PIDFILE_ROOT", dir_.path() + "/"},
                                        {"QV_CACHE_STORE_ROOT", dir_.path()},
+                                       {"QV_CACHE_STORE_SIZE", "nonsense"},
                                        {"QV_CACHE_STORE_CLEANUP_THRESHOLD", "5"},
                                        {"QV_STATS_REPORT_FILE", dir_.file("report")},
                                        {"QV_STATS_REPORT_PERIOD", "nonsense"},
@@ -191,14 +192,25 @@ SCENARIO(opens_a_cache) {
   return is_secure() ? 0 : kNotSecure;
 }
 
+SCENARIO(opens_a_cache_with_options) {
+  show_records();
+  quorvane::cache::StoreOptions options;
+  options.name = "cache";
+  const quorvane::cache::Cache cache("cache", quorvane::cache::make_store(options), false);
+  return is_secure() ? 0 : kNotSecure;
+}
+
 TEST_F(SecureEnvironment, ChoosesNeitherRootNorThresholdOfCaches) {
-  const Ran ran = run("opens_a_cache");
-  EXPECT_THAT(
-      messages(ran),
-      testing::Contains("WARN Cache store cleanup threshold not set, cache can grow indefinitely"));
-  EXPECT_THAT(messages(ran),
-              testing::Contains("ERROR Caching enabled, but QV_CACHE_STORE_ROOT not set."));
-  EXPECT_THAT(files(), IsEmpty());
+  for (const char* scenario : {"opens_a_cache", "opens_a_cache_with_options"}) {
+    const std::vector<std::string> logged = messages(run(scenario));
+    EXPECT_THAT(logged,
+                testing::Contains(
+                    "WARN Cache store cleanup threshold not set, cache can grow indefinitely"));
+    EXPECT_THAT(logged,
+                testing::Contains("ERROR Caching enabled, but QV_CACHE_STORE_ROOT not set."));
+    EXPECT_THAT(logged, testing::Not(testing::Contains(testing::HasSubstr("STORE_SIZE"))));
+    EXPECT_THAT(files(), IsEmpty());
+  }
 }
 
 SCENARIO(counts) {
