@@ -3,9 +3,10 @@
 /// share.
 ///
 /// The root is the value of QV_CACHE_STORE_ROOT, unless make_store is given another one; the
-/// library doesn't create it. Everything that touches a file runs under the store's lock. A file is
-/// never trusted: a damaged one gives records and a false result. Checks and records go through the
-/// module "util/src/cache".
+/// library doesn't create it. Everything that touches a file runs under the store's lock,
+/// except that a read-only store loads without one where there is no lock file. A file is
+/// never trusted: a damaged one gives records and a false result. Checks and records go
+/// through the module "util/src/cache".
 ///
 /// Thread-safety: try_load and try_store_diff take the lock, which excludes other threads
 /// and processes; the caller of a nonlock_ operation must hold it.
@@ -47,7 +48,8 @@ struct StorePlace;  // of make_store; hidden
 /// leaves a note there. The next process to take the lock uses the note to undo the append,
 /// and logs one WARN record.
 ///
-/// Invariant: at most one thread of all processes holds the lock.
+/// Invariant: at most one thread of all processes holds the lock, except that the locks of
+/// read-only stores (make_store) exclude only the others.
 /// Thread-safety: any thread may lock and unlock; one thread moves and destroys.
 /// Fork-safety: a fork handler closes the descriptor that the child shares with its parent
 /// and opens the file again, so that parent and child exclude each other.
@@ -56,8 +58,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   /// Opens the lock file, or creates it with mode 0666 less the umask. A failure gives one
   /// WARN record and leaves the lock invalid. An empty `name` means the file "lock".
   explicit StoreFLock(const std::string& name);
-  /// For make_store. A lock of a read-only store opens its file for reading, never creates
-  /// it, excludes only writers, and is valid without a lock file: it then locks nothing.
+  /// For make_store. The lock of a read-only store opens its file for reading, never creates
+  /// it, and is valid without a lock file: it then locks nothing.
   explicit StoreFLock(const StorePlace& place);
   /// Takes over the descriptor, and with it the lock if it is held. The other is invalid
   /// afterwards.
@@ -128,7 +130,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
 /// What all file stores share: the header, the entry encoding, and the sequences that hold
 /// the lock around what a concrete store does with its files.
 ///
-/// Invariant: nothing touches a file without the lock.
+/// Invariant: nothing touches a file without the lock, except the load of a read-only store
+/// without a lock file.
 /// Thread-safety: any thread may call try_load and try_store_diff, which exclude each
 /// other; the caller of another operation that touches files must hold the lock. Fork-safety:
 /// a child may use its copy, whose lock excludes the parent.
