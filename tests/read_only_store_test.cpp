@@ -235,6 +235,30 @@ TEST_P(ReadOnlyStore, DoesNotWaitForAnotherReader) {
   EXPECT_EQ(run({"shared"}, "load_next_to_a_lock").out, "0 0");
 }
 
+// A writer is in the middle of an append: the lock file holds something.
+SCENARIO(make_next_to_a_writer) {
+  alarm(test::kHangSeconds);
+  const int fd = open(root_file("lock_maps").c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0 || flock(fd, LOCK_EX) != 0 || write(fd, "note", 4) != 4) {
+    return 2;
+  }
+  test::Signpost made;
+  const pid_t child = test::in_child([&] {
+    const auto store = make_store(options_of(arguments));
+    made.pass();
+    return store->is_valid() ? 0 : 1;
+  });
+  const bool waits = test::waits_for_lock(child, made);
+  flock(fd, LOCK_UN);
+  std::printf("%d %d", waits, test::wait_for(child));
+  return 0;
+}
+
+TEST_P(ReadOnlyStore, IsMadeWithoutWaitingForAWriter) {
+  EXPECT_EQ(run({}, "make_next_to_a_writer").out, "0 0");
+  EXPECT_EQ(run({"must-exist"}, "make_next_to_a_writer").out, "0 0");
+}
+
 TEST_P(ReadOnlyStore, LoadsWithoutALockFile) {
   unlink(lock().c_str());
   const Ran ran = run({"load", "load"}, GetParam() == "lazy" ? "use_once" : "use");
