@@ -123,7 +123,7 @@ StoreFLock::StoreFLock(const StorePlace& place)
                : descriptor::open_off_standard(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kMode);
   });
   may_be_missing_ = is_read_only_ && (is_open || is_missing());
-  if (!is_valid()) {
+  if (!is_open && !may_be_missing_) {
     QV_LOG(g_module, WARN, "Cache store %s lock couldn't be obtained: %s.", path_.c_str(),
            std::strerror(errno));
   }
