@@ -390,9 +390,6 @@ struct StoreOptions {
   /// the process's default controller.
   std::uint64_t size_limit = 0;
 
-  /// Entries after which a cache flushes on its own; 0: only at its destruction.
-  std::uint64_t flush_after = 0;
-
   /// Loads, but never stores, creates or deletes anything, and needs no permission to write.
   bool read_only = false;
 
