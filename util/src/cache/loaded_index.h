@@ -25,8 +25,6 @@ class LoadedIndex {
   // cost another cache line: a look-up takes 0.9 times as long as in an
   // absl::flat_hash_map; through the node it would take 1.3 times as long.
   struct Slot {
-    bool has_key(const util::RoBuffer& wanted) const;
-
     std::uint64_t hash;
     const unsigned char* key;
     std::size_t size;

@@ -1,0 +1,70 @@
+// A hash table of the entries that look-ups have found in a store.
+#ifndef QUORVANE_SRC_CACHE_FOUND_TABLE_H_
+#define QUORVANE_SRC_CACHE_FOUND_TABLE_H_
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <quorvane/buffer.h>
+
+namespace quorvane {
+namespace cache {
+
+// Only grows, so a value keeps its address as long as the table lives.
+//
+// Any number of threads may call find, also while one inserts: a reader may still probe
+// slots that have been outgrown, so these are kept. Each array of slots is twice as large as
+// the one before it, so all old ones together are smaller than the current one.
+class FoundTable {
+ public:
+  using Value = std::vector<util::RoBuffer>;
+
+  FoundTable() = default;
+  FoundTable(const FoundTable&) = delete;
+  FoundTable& operator=(const FoundTable&) = delete;
+
+  // The value of `key`, or null. Takes no lock.
+  const Value* find(const util::RoBuffer& key) const;
+
+  // Inserts a copy of `key`, which must not be there, with `value`. Returns the value's
+  // address. One thread at a time. Throws std::bad_alloc, and then has changed nothing.
+  const Value* insert(const util::RoBuffer& key, Value&& value);
+
+  // How many entries there are. For the thread that may insert.
+  std::size_t size() const { return entries_.size(); }
+
+ private:
+  // The other members are written before the value is published, and never again.
+  struct Slot {
+    std::uint64_t hash;
+    const unsigned char* key;
+    std::size_t size;
+    std::atomic<const Value*> value;  // null: free
+  };
+
+  struct Slots {
+    explicit Slots(std::size_t count) : slots(count) {}
+
+    std::vector<Slot> slots;
+    std::unique_ptr<const Slots> outgrown;
+  };
+
+  bool is_full() const;
+  void grow();
+  static void put(std::vector<Slot>& slots, std::uint64_t hash, const unsigned char* key,
+                  std::size_t size, const Value* value);
+
+  std::deque<std::pair<util::RoBuffer, Value>> entries_;
+  std::unique_ptr<Slots> current_;
+  std::atomic<const Slots*> published_{nullptr};
+};
+
+}  // namespace cache
+}  // namespace quorvane
+
+#endif  // QUORVANE_SRC_CACHE_FOUND_TABLE_H_
