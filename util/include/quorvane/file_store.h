@@ -196,6 +196,12 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   /// stream's state is the result; a severity 1 check reports a failure.
   std::ofstream cache_file_prepare_to_append(std::string path) const;
 
+  ///@{ After how many additions that are not stored yet a cache flushes on its own; 0, the
+  /// default, means never. A cache reads it when it takes the store over, so set it before.
+  void set_flush_after(std::uint64_t entries) { flush_after_ = entries; }
+  std::uint64_t flush_after() const { return flush_after_; }
+  ///@}
+
  protected:
   /// The header of every store file.
   struct hdr_t {
@@ -210,11 +216,17 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   /// name `path`. Before the first use of the store.
   void set_read_only(const std::string& path);
 
+  /// Whether try_nonlock_load_new_keys must read all keys, not only the new ones: this is a
+  /// child that was forked while a thread of its parent read some.
+  bool must_read_all_keys() const { return must_read_all_keys_; }
+
  private:
   bool is_lock_lost() const;
   bool is_read_only() const { return !read_only_path_.empty(); }
   bool may_read_only_load() const;
   bool try_read_only_store(const EntryMap& diff) const;
+  bool read_appended_keys();
+  void drop_torn_keys();
 
   CleanupController* cleanup_controller_;
   std::uint64_t ticket_;
@@ -222,6 +234,12 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   hdr_t valid_hdr_;
   std::shared_ptr<Store::Lock> lock_;
   std::string read_only_path_;  // empty: entries are stored
+  std::uint64_t flush_after_ = 0;
+
+  // The keys that any process has appended since the load, as far as they have been read.
+  KeySet appended_keys_;
+  std::atomic<bool> is_reading_keys_{false};
+  bool must_read_all_keys_ = false;
 };
 
 /// One file per cache: the header, then entries. A missing file is an empty store.

@@ -156,7 +156,7 @@ bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
 }
 
 bool BasicStore::pass_known_part(util::BufferReader& freader) const {
-  if (file_last_size_ == 0) {
+  if (file_last_size_ == 0 || must_read_all_keys()) {
     return CACHE_EXPECT(1, read_header(freader));
   }
   return CACHE_EXPECT(1, freader.buffer(file_last_size_));

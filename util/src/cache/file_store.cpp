@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -31,6 +32,18 @@ std::optional<std::uint64_t> size_from_environment() {
 void log_threshold(std::size_t threshold) {
   QV_LOG(g_module, INFO, "Cache store cleanup threshold set to %lu bytes", threshold);
 }
+
+// Marks a change, for a child that is forked in the middle of it.
+class Mark {
+ public:
+  explicit Mark(std::atomic<bool>& mark) : mark_(mark) { mark_ = true; }
+  ~Mark() { mark_ = false; }
+  Mark(const Mark&) = delete;
+  Mark& operator=(const Mark&) = delete;
+
+ private:
+  std::atomic<bool>& mark_;
+};
 
 std::size_t threshold_from_environment() {
   if (const auto size = size_from_environment()) {
@@ -67,7 +80,7 @@ FileStoreSkeleton::FileStoreSkeleton(unsigned int version, std::string /*path*/,
       valid_hdr_{QV_CACHE_STORE_MAGIC_NUMBER, version},
       lock_(std::move(lock)) {}
 
-FileStoreSkeleton::~FileStoreSkeleton() = default;
+FileStoreSkeleton::~FileStoreSkeleton() { drop_torn_keys(); }
 
 void FileStoreSkeleton::set_read_only(const std::string& path) { read_only_path_ = path; }
 
@@ -100,6 +113,8 @@ bool FileStoreSkeleton::try_load(EntryMap& out) {
     return false;
   }
   out.clear();
+  drop_torn_keys();
+  appended_keys_.clear();
   const bool ok = try_nonlock_load(out);
   if (ok) {
     loaded_map_last_size_ = out.size();
@@ -136,14 +151,39 @@ bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
     return false;
   }
   const Locked locked(*lock_);
-  KeySet new_keys;
-  const bool new_keys_loaded = try_nonlock_load_new_keys(new_keys);
+  const bool new_keys_loaded = read_appended_keys();
   if (!CACHE_EXPECT(2, loaded_map_last_size_ == 0 || new_keys_loaded)) {
     return false;
   }
-  const bool ok = try_nonlock_append(diff, new_keys);
+  const bool ok = try_nonlock_append(diff, appended_keys_);
   cleanup_controller_->process(ticket_, *this);
   return ok;
+}
+
+// A cache that flushes stores several times. Each time only the new keys are read, but no key
+// may be stored again that was read before.
+bool FileStoreSkeleton::read_appended_keys() {
+  drop_torn_keys();
+  const Mark reading(is_reading_keys_);
+  KeySet new_keys;
+  const bool new_keys_loaded = try_nonlock_load_new_keys(new_keys);
+  if (new_keys_loaded && !appended_keys_.empty()) {
+    appended_keys_.merge(new_keys);
+  } else {
+    appended_keys_.swap(new_keys);
+  }
+  must_read_all_keys_ = must_read_all_keys_ && !new_keys_loaded;
+  return new_keys_loaded;
+}
+
+// In a child that was forked while a thread of its parent read keys, the set may be half
+// changed, so it can't even be destroyed.
+void FileStoreSkeleton::drop_torn_keys() {
+  if (is_reading_keys_) {
+    std::construct_at(&appended_keys_);
+    is_reading_keys_ = false;
+    must_read_all_keys_ = true;
+  }
 }
 
 bool FileStoreSkeleton::read_header(util::BufferReader& freader) const {

@@ -274,7 +274,7 @@ bool LazyLookupStore::try_nonlock_load_new_keys(KeySet& keys) {
 }
 
 bool LazyLookupStore::pass_known_part(util::BufferReader& key_freader) const {
-  if (key_file_last_size_ == 0) {
+  if (key_file_last_size_ == 0 || must_read_all_keys()) {
     return CACHE_EXPECT_AT(1, read_header(key_freader), 1279);
   }
   return CACHE_EXPECT_AT(1, key_freader.buffer(key_file_last_size_), 1300);
