@@ -1,18 +1,20 @@
 /// \file
 /// A named map from byte strings to lists of byte strings that outlives the process.
-/// The constructor loads it from a store, the process adds to it, and the destructor
-/// stores what was added.
+/// The constructor loads it from a store, or opens a store that is asked key by key. The
+/// process adds to it; a flush and the destructor store what was added.
 ///
-/// Thread-safety: any number of threads may call get_value, add_value and size; a hit on
-/// a loaded entry takes no lock. Nobody may iterate while add_value runs. One thread
-/// constructs and destroys.
-/// Fork-safety: a child may look up in, add to and destroy its copy; an entry that parent
-/// and child both hold is stored once. Not in signal handlers.
+/// Thread-safety: any number of threads may call get_value, add_value, size, flush and
+/// prefetch; a hit on an entry that was loaded or found before takes no lock. Nobody may
+/// iterate while add_value runs. One thread constructs and destroys.
+/// Fork-safety: a child may look up in, add to, flush and destroy its copy; an entry that
+/// parent and child both hold is stored once. Not in signal handlers; no flush in handlers of
+/// pthread_atfork.
 #ifndef QUORVANE_CACHE_H_
 #define QUORVANE_CACHE_H_
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <mutex>
@@ -30,12 +32,17 @@ class LoadedIndex;
 
 /// A named, persistent map from byte strings to lists of byte strings.
 ///
-/// Invariant: no key is in both maps, the loaded and the added one; the loaded map never
-/// changes once the constructor is done.
-/// Thread-safety: any number of threads may call get_value, add_value and size. Nobody
-/// may iterate while add_value runs; one thread constructs and destroys.
-/// Fork-safety: a child may look up in, add to and destroy its copy; an entry that parent
-/// and child both hold is stored once.
+/// A store is loaded by the constructor, as a whole, unless it is a LookupStore: that is
+/// asked for each key that this process has neither found nor added, and finds what other
+/// processes have stored meanwhile. What was found once stays in memory; a miss doesn't.
+///
+/// Invariant: no key is in both maps, the loaded and the added one. The loaded map never
+/// changes once the constructor is done, or with a LookupStore once the first begin() is.
+/// In one process a key has one value.
+/// Thread-safety: any number of threads may call get_value, add_value, size, flush and
+/// prefetch. Nobody may iterate while add_value runs; one thread constructs and destroys.
+/// Fork-safety: a child may look up in, add to, flush and destroy its copy, whatever other
+/// threads did at the fork; an entry that parent and child both hold is stored once.
 class QV_EXPORT Cache {
  public:
   using KeyStrictTotalOrder = KeyOrder;  ///< of the keys: shorter ones first, then by bytes
@@ -90,8 +97,9 @@ class QV_EXPORT Cache {
   /// 3 check for a missing store or a failed load, and an ERROR record for the latter.
   Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile);
 
-  /// Stores what was added. If the store fails, a severity 1 check reports it and the
-  /// additions are lost; an exception from the store is logged at ERROR first.
+  /// Stores what was added and not flushed, with one DEBUG record. If the store fails, a
+  /// severity 1 check reports it and these additions are lost; an exception from the store
+  /// is logged at ERROR first.
   ~Cache();
   Cache(const Cache&) = delete;
   Cache& operator=(const Cache&) = delete;
@@ -105,20 +113,46 @@ class QV_EXPORT Cache {
 
   /// The value of `key`; null when there is none or the cache is invalid. The pointer
   /// stays valid as long as the cache lives. Unless the cache is invalid, each call counts
-  /// in the statistics cache_hits or cache_misses. Any thread.
+  /// in the statistics cache_hits or cache_misses. A LookupStore that throws, or a lack of
+  /// memory for what it has found, gives a WARN record and counts as a miss. Any thread.
   const std::vector<util::RoBuffer>* get_value(const util::RoBuffer& key);
 
-  /// Adds an entry whose key is in neither map. Returns false and changes nothing when
-  /// the key is there already or the cache is invalid. Refused with a WARN record: an
-  /// entry that could be written but never read back (an empty key, no atoms, an empty
-  /// atom), and one for which there is no memory. The cache shares the bytes and doesn't
-  /// copy them, so the bytes of a view must outlive it. Any thread.
+  /// Adds an entry whose key is in neither map, nor in a LookupStore. Returns false and
+  /// changes nothing when the key is there already or the cache is invalid. Refused with a
+  /// WARN record: an entry that could be written but never read back (an empty key, no
+  /// atoms, an empty atom), one for which there is no memory, and one about which a
+  /// LookupStore throws. The cache shares the bytes and doesn't copy them, so the bytes of a
+  /// view must outlive it.
+  ///
+  /// The addition that makes as many unstored ones as the store's flush_after() says flushes
+  /// as flush() does, unless another thread is flushing. If that fails, the next attempt
+  /// comes when there are twice as many. Any thread.
   bool add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> value);
 
-  /// How many entries there are, loaded and added. Any thread.
+  /// Stores what was added and is not stored yet; the entries stay in the cache. True when
+  /// all that was added before the call is stored, also when there was nothing to store.
+  /// False when the cache has additions but no store, or when the store failed: what failed
+  /// stays unstored for the next flush and the destructor, whose records and check this
+  /// gives, too. Waits for a flush that runs in another thread; look-ups and additions go on
+  /// meanwhile, and the calling thread can't be cancelled. Any thread, but not from within
+  /// the store.
+  bool flush();
+
+  /// A hint that these `count` keys will be looked up: hands those that this process has
+  /// neither found nor added to LookupStore::prefetch. Does nothing for other stores. `keys`
+  /// may be null when `count` is 0. Logs nothing, never fails. Any thread.
+  void prefetch(const util::RoBuffer* keys, std::size_t count);
+
+  /// How many entries there are, loaded or stored, and added. With a LookupStore, those that
+  /// are stored by now and the additions that this process hasn't stored; an entry may count
+  /// twice while a flush stores it, or when another process stored it, too. If that store
+  /// throws, a WARN record says so and only additions count. Any thread.
   std::size_t size();
 
-  ///@{ The first entry, and the end. Must not run while add_value does.
+  ///@{ The first entry, and the end. Must not run while add_value does. With a LookupStore,
+  /// the first begin() reads all stored entries, less those with keys that were added; later
+  /// ones reuse them. If they can't be read, a WARN record says so, only the additions are
+  /// visited, and the next begin() tries again.
   const_iterator begin() const;
   const_iterator end() const;
   ///@}
@@ -126,6 +160,8 @@ class QV_EXPORT Cache {
   // End of the public interface.
 
  private:
+  struct LookedUp;
+
   void set_up(std::unique_ptr<Store>&& store, bool fallback_to_volatile);
   void load();
   bool try_load_store();
@@ -133,17 +169,40 @@ class QV_EXPORT Cache {
   const std::vector<util::RoBuffer>* find_added(const util::RoBuffer& key);
   void build_index();
 
+  const std::vector<util::RoBuffer>* look_up(const util::RoBuffer& key);
+  const std::vector<util::RoBuffer>* find_known(const util::RoBuffer& key);
+  const std::vector<util::RoBuffer>* ask_store(const util::RoBuffer& key);
+  std::uint64_t count_stored() const;
+  void take_snapshot() const;
+
+  bool is_stored(const util::RoBuffer& key);
+  bool insert(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value);
+  bool try_add(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value, bool& flush_is_due);
+  map copy_unstored();
+  bool store_unstored();
+  void keep_only_unstored();
+
   std::string name_;
   std::unique_ptr<Store> store_;
   bool valid_ = false;
-  map loaded_map_;
-  std::mutex diff_mutex_;
+  mutable map loaded_map_;
+  mutable std::mutex diff_mutex_;
   map diff_map_;
 
   // An index of loaded_map_, built once there were enough look-ups to pay for it.
   std::atomic<std::size_t> diff_size_{0};
   std::atomic<std::size_t> loaded_lookups_{0};
   std::atomic<const LoadedIndex*> index_{nullptr};
+
+  // The additions that are not stored yet, oldest first. Only a flush removes some. The mutex
+  // protects them, and flush_at_: how many make a flush due, if flush_after_ is not 0.
+  std::vector<const map::value_type*> unstored_;
+  std::uint64_t flush_after_ = 0;
+  std::uint64_t flush_at_ = 0;
+  std::atomic<std::uint64_t> flush_turn_{0};
+
+  // Only with a LookupStore.
+  std::unique_ptr<LookedUp> looked_up_;
 };
 
 }  // namespace cache

@@ -41,7 +41,7 @@ using EntryMap = std::map<util::RoBuffer, std::vector<util::RoBuffer>, KeyOrder>
 using KeySet = std::set<util::RoBuffer, KeyOrder>;
 
 /// The interface of what keeps a cache's entries between processes. A cache calls it only
-/// in its constructor and destructor.
+/// in its constructor, its destructor and its flushes, one at a time in a process.
 /// Thread-safety and fork-safety: the implementation's; see FileStoreSkeleton.
 class QV_EXPORT Store {
  public:
@@ -101,6 +101,15 @@ class QV_EXPORT LookupStore : public Store {
 
   /// Adds all stored entries to `out`. False when they can't be read.
   virtual bool try_read_all(EntryMap& out) = 0;
+
+  ///@{ After how many additions that are not stored yet a cache flushes on its own; 0, the
+  /// default, means never. A cache reads it when it takes the store over, so set it before.
+  void set_flush_after(std::uint64_t entries) { flush_after_ = entries; }
+  std::uint64_t flush_after() const { return flush_after_; }
+  ///@}
+
+ private:
+  std::uint64_t flush_after_ = 0;
 };
 
 /// The interface of something on disk that can be measured and deleted. A controller

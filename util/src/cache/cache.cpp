@@ -1,17 +1,23 @@
 #include <quorvane/cache.h>
 
 #include <cxxabi.h>
+#include <quorvane/file_store.h>
 #include <quorvane/stats.h>
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/cache/flush_turn.h"
+#include "src/cache/found_table.h"
 #include "src/cache/loaded_index.h"
 #include "src/fork_guard.h"
 #include "src/once.h"
+#include "src/uncancellable.h"
 
 namespace quorvane {
 namespace cache {
@@ -72,25 +78,44 @@ std::string type_of(const Store& store) {
 }
 
 // A store that throws counts as one that has not stored.
-bool try_store_diff(const std::string& name, Store& store, const EntryMap& diff) {
+template <typename Function>
+bool try_store(const std::string& name, const Function& store) {
   try {
-    return store.try_store_diff(diff);
+    return store();
   } catch (...) {
     QV_LOG(g_module, ERROR, "Storing %s cache failed: %s", name.c_str(), text_of_exception());
   }
   return false;
 }
 
-void store_diff(const std::string& name, Store& store, const EntryMap& diff) {
-  if (!CACHE_EXPECT_AS(1, try_store_diff(name, store, diff), "store_->try_store_diff(diff_map_)",
-                       __LINE__)) {
-    return;
-  }
+template <typename Function>
+bool expect_stored(const std::string& name, const Function& store) {
+  return CACHE_EXPECT_AS(1, try_store(name, store), "store_->try_store_diff(diff_map_)", __LINE__);
+}
+
+void report_stored(const std::string& name, const Store& store, std::size_t entries) {
   QV_LOG(g_module, DEBUG, "Stored %s cache diff data with %s store type, num diff entries = %lu",
-         name.c_str(), type_of(store).c_str(), diff.size());
+         name.c_str(), type_of(store).c_str(), entries);
+}
+
+std::uint64_t flush_after_of(const Store& store) {
+  if (const auto* file_store = dynamic_cast<const FileStoreSkeleton*>(&store)) {
+    return file_store->flush_after();
+  }
+  const auto* lookup_store = dynamic_cast<const LookupStore*>(&store);
+  return lookup_store != nullptr ? lookup_store->flush_after() : 0;
 }
 
 }  // namespace
+
+// What a cache needs to ask its store key by key.
+struct Cache::LookedUp {
+  explicit LookedUp(LookupStore& lookup_store) : store(lookup_store) {}
+
+  LookupStore& store;
+  FoundTable found;  // diff_mutex_ excludes insertions from each other
+  Once snapshot;     // of all entries, in loaded_map_
+};
 
 Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
   try {
@@ -145,13 +170,21 @@ void Cache::load() {
     QV_LOG(g_module, INFO, "Loaded %s cache data with %s store type, num entries = %lu",
            name_.c_str(), type.c_str(), loaded_map_.size());
   }
+  if (auto* lookup_store = dynamic_cast<LookupStore*>(store_.get())) {
+    looked_up_ = std::make_unique<LookedUp>(*lookup_store);
+  }
+  flush_after_ = flush_after_of(*store_);
+  flush_at_ = flush_after_;
   valid_ = true;
   QV_LOG(g_module, INFO, "Created %s cache with %s store type", name_.c_str(), type.c_str());
 }
 
 Cache::~Cache() {
-  if (valid_ && store_ && !diff_map_.empty()) {
-    store_diff(name_, *store_, diff_map_);
+  if (valid_ && store_ && !unstored_.empty()) {
+    keep_only_unstored();
+    if (expect_stored(name_, [this] { return store_->try_store_diff(diff_map_); })) {
+      report_stored(name_, *store_, diff_map_.size());
+    }
   }
   delete index_.load(std::memory_order_relaxed);
   fork_guard::remove(diff_mutex_);
@@ -162,8 +195,9 @@ const std::vector<util::RoBuffer>* Cache::get_value(const util::RoBuffer& key) {
     return nullptr;
   }
   const Counters& count = counters();
-  const std::vector<util::RoBuffer>* value = find_loaded(key);
-  if (value == nullptr) {
+  const std::vector<util::RoBuffer>* value =
+      looked_up_ == nullptr ? find_loaded(key) : look_up(key);
+  if (value == nullptr && looked_up_ == nullptr) {
     value = find_added(key);
   }
   qv_stats_counter_inc(value != nullptr ? count.hits : count.misses, 1);
@@ -202,6 +236,102 @@ const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) 
   return found == diff_map_.end() ? nullptr : &found->second;
 }
 
+// --- a store that is asked key by key ---
+
+const std::vector<util::RoBuffer>* Cache::look_up(const util::RoBuffer& key) {
+  if (const auto* value = find_known(key)) {
+    return value;
+  }
+  try {
+    return ask_store(key);
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    QV_LOG(g_module, WARN, "A look-up in %s cache failed: %s", name_.c_str(), text_of_exception());
+  }
+  return nullptr;
+}
+
+// Doesn't ask the store.
+const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key) {
+  if (const auto* value = looked_up_->found.find(key)) {
+    return value;
+  }
+  if (const auto* value = find_added(key)) {
+    return value;
+  }
+  return looked_up_->snapshot.has_run() ? find_loaded(key) : nullptr;
+}
+
+// Meanwhile another thread may have added the key, or found it: its value stays.
+const std::vector<util::RoBuffer>* Cache::ask_store(const util::RoBuffer& key) {
+  std::vector<util::RoBuffer> value;
+  if (!looked_up_->store.find(key, value)) {
+    return nullptr;
+  }
+  const fork_guard::Lock lock(diff_mutex_);
+  const auto added = diff_map_.find(key);
+  if (added != diff_map_.end()) {
+    return &added->second;
+  }
+  const auto* found = looked_up_->found.find(key);
+  return found != nullptr ? found : looked_up_->found.insert(key, std::move(value));
+}
+
+void Cache::prefetch(const util::RoBuffer* keys, std::size_t count) {
+  if (looked_up_ == nullptr) {
+    return;
+  }
+  try {
+    std::vector<util::RoBuffer> unknown;
+    std::copy_if(keys, keys + count, std::back_inserter(unknown),
+                 [this](const util::RoBuffer& key) { return find_known(key) == nullptr; });
+    if (!unknown.empty()) {
+      looked_up_->store.prefetch(unknown.data(), unknown.size());
+    }
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    // The look-ups will do without it.
+  }
+}
+
+std::uint64_t Cache::count_stored() const {
+  try {
+    return looked_up_->store.entries();
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    QV_LOG(g_module, WARN, "Couldn't count the entries of %s cache: %s", name_.c_str(),
+           text_of_exception());
+  }
+  return 0;
+}
+
+// Reads without the mutex, but fills loaded_map_ under it: a child must not find that half
+// done.
+void Cache::take_snapshot() const {
+  const Uncancellable uncancellable;  // nobody would end what a cancelled thread has begun
+  try {
+    looked_up_->snapshot.run([this] {
+      map stored;
+      if (!looked_up_->store.try_read_all(stored)) {
+        throw std::runtime_error("the store can't be read");
+      }
+      for (const auto& [key, value] : diff_map_) {
+        stored.erase(key);
+      }
+      const fork_guard::Lock lock(diff_mutex_);
+      loaded_map_.swap(stored);
+    });
+  } catch (...) {
+    QV_LOG(g_module, WARN, "Couldn't read all entries of %s cache: %s", name_.c_str(),
+           text_of_exception());
+  }
+}
+
+// --- additions and flushes ---
+
 bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> value) {
   if (!valid_) {
     return false;
@@ -210,26 +340,141 @@ bool Cache::add_value(const util::RoBuffer& key, std::vector<util::RoBuffer> val
     QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: %s", name_.c_str(), flaw);
     return false;
   }
-  if (find_loaded(key) != nullptr) {
+  bool flush_is_due = false;
+  if (!try_add(key, std::move(value), flush_is_due)) {
     return false;
   }
+  if (flush_is_due) {
+    const Uncancellable uncancellable;
+    const FlushTurn turn(flush_turn_, std::try_to_lock);
+    if (turn.is_taken()) {
+      store_unstored();
+    }
+  }
+  return true;
+}
+
+bool Cache::try_add(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value,
+                    bool& flush_is_due) {
   try {
+    if (is_stored(key)) {
+      return false;
+    }
     const fork_guard::Lock lock(diff_mutex_);
-    const bool added = diff_map_.emplace(key, std::move(value)).second;
-    diff_size_.store(diff_map_.size(), std::memory_order_relaxed);
-    return added;
+    const bool is_new = insert(key, std::move(value));
+    flush_is_due = is_new && flush_after_ != 0 && unstored_.size() >= flush_at_;
+    return is_new;
+  } catch (const abi::__forced_unwind&) {
+    throw;
   } catch (const std::bad_alloc&) {
     QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: no memory", name_.c_str());
-    return false;
+  } catch (...) {
+    QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: %s", name_.c_str(),
+           text_of_exception());
   }
+  return false;
+}
+
+// May throw what a LookupStore throws.
+bool Cache::is_stored(const util::RoBuffer& key) {
+  if (looked_up_ == nullptr) {
+    return find_loaded(key) != nullptr;
+  }
+  return find_known(key) != nullptr || ask_store(key) != nullptr;
+}
+
+// The caller holds the mutex.
+bool Cache::insert(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value) {
+  if (looked_up_ != nullptr && looked_up_->found.find(key) != nullptr) {
+    return false;  // another thread has found it meanwhile
+  }
+  if (store_ != nullptr && unstored_.size() == unstored_.capacity()) {
+    unstored_.reserve(std::max<std::size_t>(16, 2 * unstored_.size()));
+  }
+  const auto [entry, is_new] = diff_map_.emplace(key, std::move(value));
+  if (is_new && store_ != nullptr) {
+    unstored_.push_back(&*entry);
+  }
+  diff_size_.store(diff_map_.size(), std::memory_order_relaxed);
+  return is_new;
+}
+
+bool Cache::flush() {
+  if (!valid_ || store_ == nullptr) {
+    return diff_size_.load(std::memory_order_relaxed) == 0;
+  }
+  const Uncancellable uncancellable;  // a cancelled thread would leave half a write behind
+  const FlushTurn turn(flush_turn_);
+  return store_unstored();
+}
+
+// The caller has the turn. Until they are stored the entries stay in unstored_, so that a
+// child that is forked now has them, too.
+bool Cache::store_unstored() {
+  std::size_t entries = 0;
+  const bool stored = expect_stored(name_, [&] {
+    const map diff = copy_unstored();
+    entries = diff.size();
+    return diff.empty() || store_->try_store_diff(diff);
+  });
+  if (stored && entries > 0) {
+    report_stored(name_, *store_, entries);
+  }
+  const fork_guard::Lock lock(diff_mutex_);
+  if (stored) {
+    unstored_.erase(unstored_.begin(), unstored_.begin() + static_cast<std::ptrdiff_t>(entries));
+  }
+  // A store that fails gets fewer and fewer attempts: each copies all entries.
+  flush_at_ = stored ? flush_after_ : 2 * unstored_.size();
+  return stored;
+}
+
+// The entries themselves neither move nor change, so the mutex is held only to copy the list.
+Cache::map Cache::copy_unstored() {
+  std::vector<const map::value_type*> unstored;
+  {
+    const fork_guard::Lock lock(diff_mutex_);
+    unstored = unstored_;
+  }
+  map copy;
+  for (const map::value_type* entry : unstored) {
+    copy.insert(*entry);
+  }
+  return copy;
+}
+
+// For the destructor, when nobody else uses the map. Allocates nothing.
+void Cache::keep_only_unstored() {
+  if (unstored_.size() == diff_map_.size()) {
+    return;
+  }
+  map rest;
+  for (const map::value_type* entry : unstored_) {
+    rest.insert(diff_map_.extract(diff_map_.find(entry->first)));
+  }
+  diff_map_.swap(rest);
 }
 
 std::size_t Cache::size() {
-  const fork_guard::Lock lock(diff_mutex_);
-  return diff_map_.size() + loaded_map_.size();
+  if (looked_up_ == nullptr) {
+    const fork_guard::Lock lock(diff_mutex_);
+    return diff_map_.size() + loaded_map_.size();
+  }
+  // In this order, so that nothing is left out while a flush runs.
+  std::size_t unstored = 0;
+  {
+    const fork_guard::Lock lock(diff_mutex_);
+    unstored = unstored_.size();
+  }
+  return unstored + count_stored();
 }
 
+// --- iteration ---
+
 Cache::const_iterator Cache::begin() const {
+  if (looked_up_ != nullptr) {
+    take_snapshot();
+  }
   return {loaded_map_, loaded_map_.begin(), diff_map_, diff_map_.begin()};
 }
 
