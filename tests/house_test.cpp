@@ -212,7 +212,6 @@ const std::vector<std::vector<Unit>> kCacheFloors{
      {"lock_wait", "LockWait"},
      {"store_files", ""},
      {"store", ""},
-     {"lookup_store", "LookupStore"},
      {"locked", "Locked"},
      {"entry_scan", "ScannedEntry"},
      {"indexed/data_writer", "DataWriter"},
