@@ -25,14 +25,18 @@ namespace test {
 
 constexpr unsigned kHangSeconds = 60;
 
-// The options of the store "maps" that the words name, such as "lazy" and "limit=5". Other
+// The options of the store "maps" that the words name, such as "lazy" and "limit=5"; a
+// basic one without such a word. Other
 // words are for use_store().
 inline quorvane::cache::StoreOptions options_of(const Arguments& words) {
   quorvane::cache::StoreOptions options;
+  options.kind = quorvane::cache::StoreKind::basic;
   options.name = "maps";
   for (const std::string& word : words) {
     if (word == "lazy") {
       options.kind = quorvane::cache::StoreKind::lazy_lookup;
+    } else if (word == "indexed") {
+      options.kind = quorvane::cache::StoreKind::indexed;
     } else if (word == "read-only") {
       options.read_only = true;
     } else if (word == "must-exist") {

@@ -143,10 +143,9 @@ class QV_EXPORT Cache {
   /// may be null when `count` is 0. Logs nothing, never fails. Any thread.
   void prefetch(const util::RoBuffer* keys, std::size_t count);
 
-  /// How many entries there are, loaded or stored, and added. With a LookupStore, those that
-  /// are stored by now and the additions that this process hasn't stored; an entry may count
-  /// twice while a flush stores it, or when another process stored it, too. If that store
-  /// throws, a WARN record says so and only additions count. Any thread.
+  /// How many entries there are, loaded or stored, and added. A LookupStore is asked for each
+  /// addition that this process hasn't stored, since another process may have; if it throws, a
+  /// WARN record says so, and only additions count. Any thread.
   std::size_t size();
 
   ///@{ The first entry, and the end. Must not run while add_value does. With a LookupStore,
@@ -171,13 +170,15 @@ class QV_EXPORT Cache {
 
   const std::vector<util::RoBuffer>* look_up(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* find_known(const util::RoBuffer& key);
+  const std::vector<util::RoBuffer>* try_ask_store(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* ask_store(const util::RoBuffer& key);
-  std::uint64_t count_stored() const;
   void take_snapshot() const;
 
   bool is_stored(const util::RoBuffer& key);
   bool insert(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value);
   bool try_add(const util::RoBuffer& key, std::vector<util::RoBuffer>&& value, bool& flush_is_due);
+  std::size_t count_all();
+  std::vector<const map::value_type*> list_unstored();
   map copy_unstored();
   bool store_unstored();
   void keep_only_unstored();

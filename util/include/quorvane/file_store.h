@@ -82,6 +82,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
 
  private:
   friend class FileStoreSkeleton;
+  friend class IndexedStore;
   friend class NotedChange;
   struct InProcess;
 
@@ -380,8 +381,83 @@ class QV_EXPORT LazyLookupStore : public FileStoreSkeleton {
   std::uint64_t key_file_last_size_ = 0;
 };
 
-/// What make_file_store and make_store make: a BasicStore or a LazyLookupStore.
-enum class StoreKind { basic, lazy_lookup };
+namespace indexed {
+class Engine;
+}
+class CacheStats;
+
+/// Two files per cache: "dat_NAME", to which processes append entries, and "idx_NAME", an index
+/// of it that is mapped. Opening reads no entries, however many there are. A look-up takes no
+/// lock and finds what any process has stored by then. No kill leaves the store unreadable, and
+/// a full disk costs only the additions at hand.
+///
+/// A damaged or missing index is made again from the data. An entry that is damaged is a miss,
+/// after one WARN record. If whole entries follow it, the store doesn't open when the index is
+/// made again: one ERROR record names the file and the offset.
+///
+/// With a bound on its size, the store keeps the newest entries, and those that this process
+/// has found, instead of deleting everything: an append that would exceed the bound first
+/// drops the others, until half of the bound is free.
+///
+/// Invariant: the index leads only to whole entries. A key has one value, the first, until it
+/// is dropped.
+/// Thread-safety: any thread may call everything but the constructor and destructor.
+/// Fork-safety: a child may use its copy at once; its lock excludes the parent.
+class QV_EXPORT IndexedStore : public LookupStore, private CleanableResource {
+ public:
+  /// The store in the two files of `name` in the store root. It shares `lock`; with a null or
+  /// invalid lock it isn't valid, and must not load or store. `controller` stays the caller's
+  /// and must outlive the store; null means the process's default one.
+  IndexedStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
+               CleanupController* controller);
+  /// For make_store. A read-only store needs no lock.
+  IndexedStore(const StorePlace& place, std::shared_ptr<Store::Lock> lock,
+               CleanupController* controller);
+  ~IndexedStore() override;
+  IndexedStore(const IndexedStore&) = delete;
+  IndexedStore& operator=(const IndexedStore&) = delete;
+
+  std::string type() const override;
+  bool is_valid() const override;
+
+  /// Stores the entries whose keys are not stored yet. False, with nothing of `diff` stored and
+  /// one WARN record, when that is impossible.
+  bool try_store_diff(const EntryMap& diff) override;
+
+  /// Opens the files and clears `out`. Takes the lock only to create files, or to make an index
+  /// that is missing or doesn't fit. False, after one ERROR record, when the data can't be used.
+  bool try_load(EntryMap& out) override;
+
+  bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) override;
+  std::uint64_t entries() override;
+  void prefetch(const util::RoBuffer* keys, std::size_t count) override;
+  bool try_read_all(EntryMap& out) override;
+
+  /// Bytes of both files on disk.
+  std::uint64_t get_usage() override;
+
+  /// Drops entries as if the bound on the size were exceeded. Does nothing without a bound.
+  /// Takes the lock itself.
+  void clean() override;
+
+ private:
+  bool is_lock_lost() const;
+  void measure();
+
+  const std::shared_ptr<Store::Lock> lock_;
+  const bool is_readable_;  // a read-only store whose root exists
+  CleanupController* const controller_;
+  const std::uint64_t ticket_;
+  const std::unique_ptr<indexed::Engine> engine_;
+  CacheStats& stats_;
+};
+
+/// What make_file_store and make_store make.
+enum class StoreKind {
+  basic,        ///< a BasicStore
+  lazy_lookup,  ///< a LazyLookupStore
+  indexed       ///< an IndexedStore
+};
 
 /// Makes a store of this kind for the cache `name`, with a lock of the same name in the
 /// root. A null `controller` means the process's default one; any other must outlive the
@@ -394,8 +470,8 @@ QV_EXPORT std::unique_ptr<Store> make_file_store(StoreKind kind, const std::stri
 
 /// What make_store makes a store from. As thread-safe and fork-safe as its strings.
 struct StoreOptions {
-  StoreKind kind = StoreKind::basic;  ///< of the files
-  std::string name;                   ///< the name of the cache, and so of its files
+  StoreKind kind = StoreKind::indexed;  ///< of the files
+  std::string name;                     ///< the name of the cache, and so of its files
 
   /// The existing directory of the files; empty means that of QV_CACHE_STORE_ROOT. A relative
   /// one is resolved against the current directory once, when the store is made.
@@ -407,6 +483,10 @@ struct StoreOptions {
   /// Bounds the disk space of this store alone, in bytes, if there is no `controller`. 0 means
   /// the process's default controller.
   std::uint64_t size_limit = 0;
+
+  /// After how many additions that are not stored yet a cache flushes on its own; 0 means at
+  /// its end only.
+  std::uint64_t flush_after = 0;
 
   /// Loads, but never stores, creates or deletes anything, and needs no permission to write.
   bool read_only = false;

@@ -150,6 +150,11 @@ class QV_EXPORT CleanupController {
   /// handed out aborts.
   bool update_and_check_usage(std::uint64_t ticket, CleanableResource& res);
 
+  /// What the threshold leaves for the resource of this ticket, in bytes: the threshold less
+  /// the sizes last measured of all others. The largest number when the threshold is 0. A
+  /// ticket that was not handed out aborts.
+  std::uint64_t get_room(std::uint64_t ticket);
+
   /// Measures `res`. If the total exceeds the threshold, cleans `res`, measures it again
   /// and logs that at INFO. Does nothing when the threshold is 0. The caller holds the
   /// lock of the store. A ticket that was not handed out aborts.

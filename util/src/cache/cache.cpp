@@ -11,9 +11,11 @@
 #include <stdexcept>
 #include <utility>
 
+#include "src/cache/cache_stats.h"
 #include "src/cache/checks.h"
 #include "src/cache/flush_turn.h"
 #include "src/cache/found_table.h"
+#include "src/cache/hex_key.h"
 #include "src/cache/loaded_index.h"
 #include "src/fork_guard.h"
 #include "src/once.h"
@@ -110,11 +112,26 @@ std::uint64_t flush_after_of(const Store& store) {
 
 // What a cache needs to ask its store key by key.
 struct Cache::LookedUp {
-  explicit LookedUp(LookupStore& lookup_store) : store(lookup_store) {}
+  LookedUp(LookupStore& lookup_store, const std::string& name)
+      : store(lookup_store),
+        stats(dynamic_cast<IndexedStore*>(&store) != nullptr ? &CacheStats::of(name) : nullptr) {}
+
+  // A store that throws counts as one that doesn't have the key.
+  bool has(const util::RoBuffer& key) const {
+    try {
+      std::vector<util::RoBuffer> value;
+      return store.find(key, value);
+    } catch (const abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      return false;
+    }
+  }
 
   LookupStore& store;
-  FoundTable found;  // diff_mutex_ excludes insertions from each other
-  Once snapshot;     // of all entries, in loaded_map_
+  const CacheStats* stats;  // null: this kind of store has none
+  FoundTable found;         // diff_mutex_ excludes insertions from each other
+  Once snapshot;            // of all entries, in loaded_map_
 };
 
 Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallback_to_volatile) {
@@ -171,7 +188,7 @@ void Cache::load() {
            name_.c_str(), type.c_str(), loaded_map_.size());
   }
   if (auto* lookup_store = dynamic_cast<LookupStore*>(store_.get())) {
-    looked_up_ = std::make_unique<LookedUp>(*lookup_store);
+    looked_up_ = std::make_unique<LookedUp>(*lookup_store, name_);
   }
   flush_after_ = flush_after_of(*store_);
   flush_at_ = flush_after_;
@@ -195,9 +212,10 @@ const std::vector<util::RoBuffer>* Cache::get_value(const util::RoBuffer& key) {
     return nullptr;
   }
   const Counters& count = counters();
-  const std::vector<util::RoBuffer>* value =
-      looked_up_ == nullptr ? find_loaded(key) : look_up(key);
-  if (value == nullptr && looked_up_ == nullptr) {
+  const std::vector<util::RoBuffer>* value = nullptr;
+  if (looked_up_ != nullptr) {
+    value = look_up(key);
+  } else if ((value = find_loaded(key)) == nullptr) {
     value = find_added(key);
   }
   qv_stats_counter_inc(value != nullptr ? count.hits : count.misses, 1);
@@ -239,9 +257,20 @@ const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) 
 // --- a store that is asked key by key ---
 
 const std::vector<util::RoBuffer>* Cache::look_up(const util::RoBuffer& key) {
-  if (const auto* value = find_known(key)) {
-    return value;
+  const auto* value = find_known(key);
+  if (value == nullptr) {
+    value = try_ask_store(key);
   }
+  if (looked_up_->stats != nullptr) {
+    looked_up_->stats->count_lookup(value != nullptr);
+  }
+  if (value == nullptr) {
+    QV_LOG(g_module, DEBUG, "Miss in %s cache: %s", name_.c_str(), HexKey(key).text());
+  }
+  return value;
+}
+
+const std::vector<util::RoBuffer>* Cache::try_ask_store(const util::RoBuffer& key) {
   try {
     return ask_store(key);
   } catch (const abi::__forced_unwind&) {
@@ -294,18 +323,6 @@ void Cache::prefetch(const util::RoBuffer* keys, std::size_t count) {
   } catch (...) {
     // The look-ups will do without it.
   }
-}
-
-std::uint64_t Cache::count_stored() const {
-  try {
-    return looked_up_->store.entries();
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    QV_LOG(g_module, WARN, "Couldn't count the entries of %s cache: %s", name_.c_str(),
-           text_of_exception());
-  }
-  return 0;
 }
 
 // Reads without the mutex, but fills loaded_map_ under it: a child must not find that half
@@ -429,15 +446,15 @@ bool Cache::store_unstored() {
   return stored;
 }
 
-// The entries themselves neither move nor change, so the mutex is held only to copy the list.
+// The entries themselves neither move nor change, so the mutex is held only for this copy.
+std::vector<const Cache::map::value_type*> Cache::list_unstored() {
+  const fork_guard::Lock lock(diff_mutex_);
+  return unstored_;
+}
+
 Cache::map Cache::copy_unstored() {
-  std::vector<const map::value_type*> unstored;
-  {
-    const fork_guard::Lock lock(diff_mutex_);
-    unstored = unstored_;
-  }
   map copy;
-  for (const map::value_type* entry : unstored) {
+  for (const map::value_type* entry : list_unstored()) {
     copy.insert(*entry);
   }
   return copy;
@@ -460,13 +477,32 @@ std::size_t Cache::size() {
     const fork_guard::Lock lock(diff_mutex_);
     return diff_map_.size() + loaded_map_.size();
   }
-  // In this order, so that nothing is left out while a flush runs.
-  std::size_t unstored = 0;
-  {
-    const fork_guard::Lock lock(diff_mutex_);
-    unstored = unstored_.size();
+  try {
+    return count_all();
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    QV_LOG(g_module, WARN, "Couldn't count the entries of %s cache: %s", name_.c_str(),
+           text_of_exception());
   }
-  return unstored + count_stored();
+  return diff_size_.load(std::memory_order_relaxed);
+}
+
+// An addition that another process has stored first counts once. Repeated when something was
+// stored meanwhile, such as an addition that is being flushed.
+std::size_t Cache::count_all() {
+  std::size_t count = 0;
+  for (int attempts = 0; attempts < 3; ++attempts) {
+    const std::uint64_t stored = looked_up_->store.entries();
+    count = stored;
+    for (const map::value_type* entry : list_unstored()) {
+      count += looked_up_->has(entry->first) ? 0 : 1;
+    }
+    if (looked_up_->store.entries() == stored) {
+      break;
+    }
+  }
+  return count;
 }
 
 // --- iteration ---

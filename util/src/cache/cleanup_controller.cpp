@@ -1,5 +1,8 @@
 #include <quorvane/store.h>
 
+#include <algorithm>
+#include <limits>
+
 #include "src/cache/checks.h"
 #include "src/fork_guard.h"
 
@@ -32,6 +35,16 @@ std::uint64_t CleanupController::update_usage(std::uint64_t ticket, std::uint64_
   total_usage_ = total_usage_ + usage - usages_[ticket];
   usages_[ticket] = usage;
   return total_usage_;
+}
+
+std::uint64_t CleanupController::get_room(std::uint64_t ticket) {
+  const fork_guard::Lock lock(usages_mutex_);
+  CACHE_ASSERT(ticket < usages_.size());
+  const std::uint64_t others = total_usage_ - usages_[ticket];
+  if (threshold_ == 0) {
+    return std::numeric_limits<std::uint64_t>::max();
+  }
+  return threshold_ - std::min(threshold_, others);
 }
 
 void CleanupController::process(std::uint64_t ticket, CleanableResource& res) {

@@ -30,6 +30,8 @@ std::vector<std::string> files_of(StoreKind kind, const StorePlace& place) {
     case StoreKind::lazy_lookup:
       return {place.path_of(LazyLookupStore::get_key_fname(place.name)),
               place.path_of(LazyLookupStore::get_val_fname(place.name))};
+    case StoreKind::indexed:  // its index can be made again
+      return {place.path_of("dat_" + place.name)};
   }
   return {};
 }
@@ -73,6 +75,9 @@ struct LockAndController {
 };
 
 LockAndController make_lock(const StorePlace& place, const StoreOptions& options) {
+  if (options.kind == StoreKind::indexed && place.read_only) {
+    return {nullptr, options.controller};  // it never takes the lock
+  }
   if (options.controller != nullptr || options.size_limit == 0) {
     return {std::make_shared<StoreFLock>(place), options.controller};
   }
@@ -87,8 +92,18 @@ std::unique_ptr<Store> make_of_kind(StoreKind kind, const StorePlace& place,
       return std::make_unique<BasicStore>(place, with.lock, with.controller);
     case StoreKind::lazy_lookup:
       return std::make_unique<LazyLookupStore>(place, with.lock, with.controller);
+    case StoreKind::indexed:
+      return std::make_unique<IndexedStore>(place, with.lock, with.controller);
   }
   return nullptr;
+}
+
+void set_flush_after(Store& store, std::uint64_t entries) {
+  if (auto* const file_store = dynamic_cast<FileStoreSkeleton*>(&store)) {
+    file_store->set_flush_after(entries);
+  } else if (auto* const lookup_store = dynamic_cast<LookupStore*>(&store)) {
+    lookup_store->set_flush_after(entries);
+  }
 }
 
 // Creates the files of a lazy store, without which it doesn't load. If only one of them
@@ -96,9 +111,12 @@ std::unique_ptr<Store> make_of_kind(StoreKind kind, const StorePlace& place,
 std::unique_ptr<Store> make_at(const StorePlace& place, const StoreOptions& options) {
   const LockAndController with = make_lock(place, options);
   std::unique_ptr<Store> store = make_of_kind(options.kind, place, with);
+  if (store == nullptr) {
+    return store;
+  }
+  set_flush_after(*store, options.flush_after);
   const bool is_lazy = options.kind == StoreKind::lazy_lookup;
-  if (store == nullptr || !store->is_valid() || place.read_only ||
-      !(is_lazy || options.must_exist)) {
+  if (!store->is_valid() || place.read_only || !(is_lazy || options.must_exist)) {
     return store;
   }
   settle_files(place, *with.lock);

@@ -43,6 +43,11 @@ bool has_id(const std::string& path, const descriptor::FileId& id) {
   return stat(path.c_str(), &status) == 0 && descriptor::id_of(status) == id;
 }
 
+std::uint64_t size_of(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
 // In ticks of the kernel, which cost a look-up almost nothing to ask for.
 std::uint64_t coarse_time() {
   timespec now;
@@ -220,6 +225,8 @@ std::uint64_t Engine::entries() {
   const Pair* const pair = present();
   return pair == nullptr ? 0 : pair->index.entries();
 }
+
+std::uint64_t Engine::usage() const { return size_of(paths_.data) + size_of(paths_.index); }
 
 void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   constexpr std::uint64_t kAhead = 4096;

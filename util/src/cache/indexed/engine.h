@@ -43,6 +43,7 @@ class Engine {
   // The operations of a LookupStore.
   bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value);
   std::uint64_t entries();
+  std::uint64_t usage() const;  // bytes of both files
   void prefetch(const util::RoBuffer* keys, std::size_t count);
   bool read_all(EntryMap& out);
 
