@@ -35,8 +35,8 @@ Status DataFile::open(const std::string& path) {
     errno = EINVAL;
     return Status::refused;
   }
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  if (size < sizeof(header_)) {
+  opened_size_ = static_cast<std::uint64_t>(status.st_size);
+  if (opened_size_ < sizeof(header_)) {
     return Status::missing;
   }
   if (pread(file.fd(), &header_, sizeof(header_), 0) != static_cast<ssize_t>(sizeof(header_))) {
@@ -48,9 +48,8 @@ Status DataFile::open(const std::string& path) {
   if (header_.version != kVersion) {
     return Status::other_version;
   }
-  return mapping_.map(file.fd(), std::max(2 * size, kSmallestMapping), size, false)
-             ? Status::fits
-             : Status::refused;
+  const std::uint64_t with_room = std::max(2 * opened_size_, kSmallestMapping);
+  return mapping_.map(file.fd(), with_room, opened_size_, false) ? Status::fits : Status::refused;
 }
 
 std::uint64_t DataFile::size() const {
@@ -60,11 +59,19 @@ std::uint64_t DataFile::size() const {
              : 0;
 }
 
+bool DataFile::may_begin_at(std::uint64_t offset, std::uint64_t end) const {
+  return offset >= kFirstEntry && offset % kAlignment == 0 && offset < end &&
+         end <= mapping_.size();
+}
+
 std::optional<Entry> DataFile::entry_at(std::uint64_t offset, std::uint64_t end) const {
-  if (offset < kFirstEntry || offset % kAlignment != 0 || offset >= end || end > mapping_.size()) {
-    return std::nullopt;
-  }
-  return Entry::at(mapping_.data() + offset, end - offset);
+  return may_begin_at(offset, end) ? Entry::at(mapping_.data() + offset, end - offset)
+                                   : std::nullopt;
+}
+
+std::optional<EntryHeader> DataFile::header_at(std::uint64_t offset, std::uint64_t end) const {
+  return may_begin_at(offset, end) ? Entry::header_at(mapping_.data() + offset, end - offset)
+                                   : std::nullopt;
 }
 
 void DataFile::prefetch(std::uint64_t offset, std::uint64_t size) const {

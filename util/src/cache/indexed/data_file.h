@@ -27,15 +27,22 @@ class DataFile {
   std::uint32_t version() const { return header_.version; }  // of a file of another version too
   const descriptor::FileId& id() const { return id_; }
 
-  // The file's present size in bytes; 0 when its name belongs to another file or to none.
+  // The file's present size in bytes; 0 when its name belongs to another file or to none, or
+  // when the kernel doesn't tell.
   std::uint64_t size() const;
 
   // How far the mapping reaches: a file that has grown beyond it has to be opened again.
   std::uint64_t mapped_size() const { return mapping_.size(); }
 
+  // In bytes, when it was opened.
+  std::uint64_t size_when_opened() const { return opened_size_; }
+
   // The entry at `offset`. `end` is where the known part of the file ends, at most at the
   // end of the mapping.
   std::optional<Entry> entry_at(std::uint64_t offset, std::uint64_t end) const;
+
+  // The header of an entry there. See Entry::header_at.
+  std::optional<EntryHeader> header_at(std::uint64_t offset, std::uint64_t end) const;
 
   // Asks the kernel to read the bytes ahead.
   void prefetch(std::uint64_t offset, std::uint64_t size) const;
@@ -44,9 +51,12 @@ class DataFile {
   void retire() { mapping_.empty(); }
 
  private:
+  bool may_begin_at(std::uint64_t offset, std::uint64_t end) const;
+
   std::string path_;
   descriptor::FileId id_;
   DataHeader header_{};
+  std::uint64_t opened_size_ = 0;
   Mapping mapping_;
 };
 

@@ -23,6 +23,10 @@ std::uint64_t hash_of(const unsigned char* key, std::size_t size);
 // Thread-safety: any number of threads. The bytes must outlive the view.
 class Entry {
  public:
+  // The header at the start of `available` bytes. Nothing when its mark is wrong. What it says
+  // of the entry may still exceed `available`.
+  static std::optional<EntryHeader> header_at(const unsigned char* bytes, std::uint64_t available);
+
   // The entry at the start of `available` bytes. Nothing when there is none, or when its
   // sizes contradict each other or exceed `available`. Doesn't look at the checksum.
   static std::optional<Entry> at(const unsigned char* bytes, std::uint64_t available);

@@ -31,8 +31,10 @@ constexpr std::uint64_t padded(std::uint64_t size) {
 }
 
 // An entry: this, the sizes of the atoms (8 bytes each), the key, the atoms.
+// The mark tells a header that was written from one that was damaged. So a size that reaches
+// beyond the end of the file can be believed: the write of that entry was cut short.
 struct EntryHeader {
-  std::uint32_t magic;
+  std::uint32_t mark;      // kEntryMagic, with a hash of the rest of the header xored in
   std::uint32_t checksum;  // of everything that follows in the entry
   std::uint64_t size;      // of the entry, with this header and without padding
   std::uint32_t key_size;
@@ -53,7 +55,9 @@ struct IndexPage {
   std::uint64_t inode;
   unsigned char boot_id[16];  // of the boot in which the index was written
   std::uint64_t slots;
-  std::uint64_t checksum;  // of the above
+  // Of the above. It is here in every version: the number of a version counts only if this
+  // is right, so a damaged one isn't taken for another version.
+  std::uint64_t checksum;
 
   // These change, under the store lock only.
   std::uint64_t covered;  // the data file has whole entries up to this offset

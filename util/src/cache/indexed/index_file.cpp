@@ -80,7 +80,7 @@ Status IndexFile::open(const std::string& path, const DataFile& data, bool may_w
     return Status::stale;
   }
   if (page_.version != kVersion) {
-    return Status::other_version;
+    return page_.checksum == checksum_of(page_) ? Status::other_version : Status::stale;
   }
   const IndexPage expected = page_for(data, page_.slots);
   if (std::memcmp(&page_, &expected, offsetof(IndexPage, covered)) != 0 ||
@@ -92,11 +92,17 @@ Status IndexFile::open(const std::string& path, const DataFile& data, bool may_w
   if (!mapping_.map(file.fd(), size, size, writable_)) {
     return Status::refused;
   }
+  return can_be_true(data) ? Status::fits : Status::stale;
+}
+
+// Whether the words that change are possible. They have no checksum, so others may be wrong
+// without a trace.
+bool IndexFile::can_be_true(const DataFile& data) const {
   const std::uint64_t now_covered = covered();
-  return now_covered >= kFirstEntry && now_covered <= data.size() && indexed() <= now_covered &&
-                 entries() < page_.slots
-             ? Status::fits
-             : Status::stale;
+  // The file may have grown since it was opened.
+  const bool is_in_file = now_covered <= data.size_when_opened() || now_covered <= data.size();
+  return is_in_file && now_covered >= kFirstEntry && now_covered % kAlignment == 0 &&
+         indexed() <= now_covered && entries() < page_.slots;
 }
 
 std::uint64_t IndexFile::slot(std::uint64_t at) const {

@@ -53,6 +53,7 @@ class IndexFile {
   void retire() { mapping_.empty(); }
 
  private:
+  bool can_be_true(const DataFile& data) const;
   std::uint64_t load(std::uint64_t IndexPage::*word) const;
   void store(std::uint64_t IndexPage::*word, std::uint64_t value) const;
   IndexPage* page() const { return reinterpret_cast<IndexPage*>(mapping_.data()); }

@@ -16,13 +16,26 @@ std::optional<Entry> whole_entry(const DataFile& data, std::uint64_t offset, std
   return entry;
 }
 
-bool has_whole_entry_after(const DataFile& data, std::uint64_t offset, std::uint64_t limit) {
-  for (offset += kAlignment; offset < limit; offset += kAlignment) {
-    if (whole_entry(data, offset, limit, true)) {
-      return true;
+// Whether a whole entry follows the one at `offset`, which is not whole. If its header can be
+// believed, what it claims is skipped: its value may hold the bytes of whole entries.
+bool is_followed(const DataFile& data, std::uint64_t offset, std::uint64_t limit) {
+  if (const std::optional<EntryHeader> header = data.header_at(offset, limit)) {
+    if (header->size > limit - offset) {
+      return false;  // its write was cut short, so it is the last
+    }
+    offset += std::max(padded(header->size), kAlignment);
+  }
+  std::uint64_t compared = 0;  // bytes; only a forged file has headers that claim more than all
+  for (; offset < limit && compared <= limit; offset += kAlignment) {
+    const std::optional<EntryHeader> header = data.header_at(offset, limit);
+    if (header && header->size <= limit - offset) {
+      compared += header->size;
+      if (whole_entry(data, offset, limit, true)) {
+        return true;
+      }
     }
   }
-  return false;
+  return compared > limit;
 }
 
 }  // namespace
@@ -34,7 +47,7 @@ ScanResult scan(const DataFile& data, std::uint64_t limit, bool check,
   while (offset < limit) {
     const std::optional<Entry> entry = whole_entry(data, offset, limit, check);
     if (!entry) {
-      return {offset, has_whole_entry_after(data, offset, limit)};
+      return {offset, is_followed(data, offset, limit)};
     }
     visit(*entry, offset);
     offset += padded(entry->size());

@@ -14,13 +14,13 @@ namespace indexed {
 struct ScanResult {
   // Whole entries end here. What follows is a torn entry, unless `is_damaged`.
   std::uint64_t end;
-  // An entry that is not whole is followed by one that is: no kill leaves that.
+  // A whole entry follows one that is not: no kill leaves that.
   bool is_damaged;
 };
 
 // Visits the whole entries up to the offset `limit`, in file order. `check` also reads their
 // values, to compare checksums; without it, all entries up to `limit` must be known to be
-// whole.
+// whole. Takes time in proportion to `limit`, whatever the file holds.
 ScanResult scan(const DataFile& data, std::uint64_t limit, bool check,
                 const std::function<void(const Entry& entry, std::uint64_t offset)>& visit);
 
