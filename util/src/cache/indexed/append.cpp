@@ -23,13 +23,14 @@ bool Append::recover() {
   if (!writer_.open(paths_.data, pair_.data.id())) {
     return false;
   }
-  const std::uint64_t covered = pair_.index.covered();
-  if (writer_.size() > covered && !writer_.cut(covered)) {
+  const std::uint64_t size = writer_.size();
+  if (size != pair_.index.covered() && !take_tail(size)) {
     return false;
   }
   if (pair_.index.is_moving()) {
     pair_.index.set_moving(false);  // whoever was about to replace this index was killed
   }
+  const std::uint64_t covered = pair_.index.covered();
   const std::uint64_t indexed = pair_.index.indexed();
   if (indexed < covered) {
     scan(pair_.data, covered, false, [&](const Entry& entry, std::uint64_t offset) {
@@ -40,6 +41,21 @@ bool Append::recover() {
     count_entries();
     pair_.index.set_indexed(covered);
   }
+  return true;
+}
+
+// The file is longer than `covered` after a kill, or because `covered` was damaged. The second
+// must not cost entries, so what is whole stays.
+bool Append::take_tail(std::uint64_t size) {
+  const ScanResult all = scan(pair_.data, size, true, [](const Entry&, std::uint64_t) {});
+  if (all.is_damaged || all.end < pair_.index.covered()) {
+    errno = EBADMSG;
+    return false;
+  }
+  if (all.end < size && !writer_.cut(all.end)) {
+    return false;
+  }
+  pair_.index.set_covered(all.end);
   return true;
 }
 
@@ -64,12 +80,34 @@ Append::Result Append::run(const EntryMap& diff) {
   if (!has_room(pair_.index.slots(), pair_.index.entries() + entries.size())) {
     return Result::index_is_full;
   }
-  return write(entries) ? Result::stored : Result::failed;
+  return write(entries);
 }
 
-bool Append::write(const std::vector<EntryMap::const_iterator>& entries) {
-  const std::uint64_t start = pair_.index.covered();
-  std::uint64_t end = start;
+// Cuts off what was written, unless it is kept.
+class Append::Written {
+ public:
+  Written(const DataWriter& writer, std::uint64_t start) : writer_(writer), start_(start) {}
+  ~Written() {
+    if (!is_kept_) {
+      const int error = errno;
+      writer_.cut(start_);
+      errno = error;
+    }
+  }
+  Written(const Written&) = delete;
+  Written& operator=(const Written&) = delete;
+
+  void keep() { is_kept_ = true; }
+
+ private:
+  const DataWriter& writer_;
+  const std::uint64_t start_;
+  bool is_kept_ = false;
+};
+
+Append::Result Append::write(const std::vector<EntryMap::const_iterator>& entries) {
+  std::uint64_t end = pair_.index.covered();
+  Written written(writer_, end);
   std::string batch;
   slots_.clear();
   slots_.reserve(entries.size());
@@ -77,27 +115,23 @@ bool Append::write(const std::vector<EntryMap::const_iterator>& entries) {
     const std::uint64_t offset = end + batch.size();
     if (size_in_file(it->first, it->second) == 0 || offset > kOffsetMask) {
       errno = EFBIG;
-      writer_.cut(start);
-      return false;
+      return Result::failed;
     }
     encode(batch, it->first, it->second);
     slots_.push_back({hash_of(it->first.get_buffer(), it->first.get_size()), offset});
-    if (batch.size() >= kBatch && !write_batch(start, end, batch)) {
-      return false;
+    if (batch.size() >= kBatch && !write_batch(end, batch)) {
+      return Result::failed;
     }
   }
-  if (!write_batch(start, end, batch)) {
-    return false;
+  if (!write_batch(end, batch)) {
+    return Result::failed;
   }
-  publish(end);
-  return true;
+  written.keep();
+  return publish(end) ? Result::stored : Result::index_is_full;
 }
 
-bool Append::write_batch(std::uint64_t start, std::uint64_t& end, std::string& batch) {
+bool Append::write_batch(std::uint64_t& end, std::string& batch) {
   if (!writer_.append(end, batch)) {
-    const int error = errno;
-    writer_.cut(start);
-    errno = error;
     return false;
   }
   end += batch.size();
@@ -106,14 +140,17 @@ bool Append::write_batch(std::uint64_t start, std::uint64_t& end, std::string& b
 }
 
 // In this order: whoever finds a slot finds the entry, and whoever comes after a kill finds
-// the slots that are missing.
-void Append::publish(std::uint64_t end) {
+// the slots that are missing. False when a damaged index has fewer free slots than it says.
+bool Append::publish(std::uint64_t end) {
   pair_.index.set_covered(end);
   for (const Slot& slot : slots_) {
-    pair_.insert_new(slot.hash, slot.offset);
+    if (!pair_.insert_new(slot.hash, slot.offset)) {
+      return false;
+    }
   }
   pair_.index.set_entries(pair_.index.entries() + slots_.size());
   pair_.index.set_indexed(end);
+  return true;
 }
 
 }  // namespace indexed

@@ -18,13 +18,14 @@ namespace indexed {
 
 // One append to a pinned pair that is the present one. The store lock is held.
 //
-// A kill leaves, at each moment, one of these: bytes behind `covered`, which the next append
-// cuts off; or entries between `indexed` and `covered`, for which it finishes the slots.
+// A kill leaves, at each moment, one of these: bytes behind `covered`, of which the next append
+// takes the whole entries and cuts off the rest; or entries between `indexed` and `covered`,
+// for which it finishes the slots.
 class Append {
  public:
   enum class Result {
     stored,
-    index_is_full,  // nothing is changed: make a larger index and try again
+    index_is_full,  // make a larger index and try again
     failed          // nothing is stored; errno
   };
 
@@ -38,15 +39,18 @@ class Append {
   Result run(const EntryMap& diff);
 
  private:
+  class Written;
+
   struct Slot {
     std::uint64_t hash;
     std::uint64_t offset;
   };
 
+  bool take_tail(std::uint64_t size);
   void count_entries();
-  bool write(const std::vector<EntryMap::const_iterator>& entries);
-  bool write_batch(std::uint64_t start, std::uint64_t& end, std::string& batch);
-  void publish(std::uint64_t end);
+  Result write(const std::vector<EntryMap::const_iterator>& entries);
+  bool write_batch(std::uint64_t& end, std::string& batch);
+  bool publish(std::uint64_t end);
 
   const Paths& paths_;
   Pair& pair_;

@@ -51,13 +51,16 @@ std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t h
   return std::nullopt;
 }
 
-void Pair::insert_new(std::uint64_t hash, std::uint64_t offset) const {
+bool Pair::insert_new(std::uint64_t hash, std::uint64_t offset) const {
   const std::uint64_t mask = index.slots() - 1;
   std::uint64_t at = hash & mask;
-  while (index.slot(at) != 0) {
-    at = (at + 1) & mask;
+  for (std::uint64_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
+    if (index.slot(at) == 0) {
+      index.set_slot(at, make_slot(hash, offset));
+      return true;
+    }
   }
-  index.set_slot(at, make_slot(hash, offset));
+  return false;
 }
 
 bool Pair::insert(const Entry& entry, std::uint64_t offset) const {

@@ -38,7 +38,7 @@ class Pair {
   bool insert(const Entry& entry, std::uint64_t offset) const;
 
   // The same for a key that is known to have none.
-  void insert_new(std::uint64_t hash, std::uint64_t offset) const;
+  bool insert_new(std::uint64_t hash, std::uint64_t offset) const;
 
   // Keeps the pair in memory while a thread writes through it. False when it is retired.
   bool pin();
