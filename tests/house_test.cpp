@@ -199,6 +199,7 @@ const std::vector<std::vector<Unit>> kCacheFloors{
      {"indexed/mapping", "Mapping"},
      {"indexed/open_file", "OpenFile"},
      {"indexed/paths", "Paths"},
+     {"indexed/reported", "Reported"},
      {"indexed/status", "Status"},
      {"indexed/write_all", "write_all"},
      {"trace", "Trace"},

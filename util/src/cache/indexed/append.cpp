@@ -48,7 +48,7 @@ bool Append::recover() {
 // must not cost entries, so what is whole stays.
 bool Append::take_tail(std::uint64_t size) {
   const ScanResult all = scan(pair_.data, size, true, [](const Entry&, std::uint64_t) {});
-  if (all.is_damaged || all.end < pair_.index.covered()) {
+  if (size > pair_.data.mapped_size() || all.is_damaged || all.end < pair_.index.covered()) {
     errno = EBADMSG;
     return false;
   }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -70,13 +71,16 @@ Engine::~Engine() {
 
 // --- opening ---
 
-bool Engine::open() {
+bool Engine::open() try {
   auto pair = std::make_unique<Pair>();
   if (pair->open(paths_.data, paths_.index, true) == Status::fits) {
     return attach(std::move(pair), present());
   }
   const Locked locked(*lock_);
   return open_locked();
+} catch (const std::exception& error) {
+  QV_LOG(g_module, ERROR, "Couldn't open %s: %s", paths_.data.c_str(), error.what());
+  return false;
 }
 
 // With the lock: opens the files and creates what is missing.
@@ -106,7 +110,7 @@ bool Engine::create_or_rebuild(const Pair& pair, Status status) {
     status = Status::refused;
   }
   if (is_data_open && (status == Status::missing || status == Status::stale)) {
-    return build_index(pair.data, pair.data.size(), true, 0);
+    return build_index(pair.data, pair.data.size_when_opened(), true, 0);
   }
   return report(pair, status, is_data_open ? paths_.index : paths_.data);
 }
@@ -183,10 +187,16 @@ bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value)
       continue;
     }
     if (found) {
-      QV_LOG(g_module, WARN, "The entry at offset %lu of %s is damaged, and so is not found",
-             found->offset, paths_.data.c_str());
+      report_damaged_entry(*pair, found->offset);
     }
     return false;
+  }
+}
+
+void Engine::report_damaged_entry(const Pair& pair, std::uint64_t offset) {
+  if (reported_.add(pair.data.identity() ^ offset)) {
+    QV_LOG(g_module, WARN, "The entry at offset %lu of %s is damaged, and so is not found", offset,
+           paths_.data.c_str());
   }
 }
 
@@ -233,14 +243,13 @@ void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   const Pair* const pair = present();
   for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
     const std::uint64_t hash = hash_of(keys[i].get_buffer(), keys[i].get_size());
-    const std::uint64_t slots = pair->index.slots();
-    for (std::uint64_t at = hash & (slots - 1);; at = (at + 1) & (slots - 1)) {
-      const std::uint64_t slot = pair->index.slot(at);
-      if (slot == 0) {
-        break;
-      }
-      if (has_tag(slot, hash)) {
+    const std::uint64_t mask = pair->index.slots() - 1;
+    for (std::uint64_t probes = 0; probes <= mask; ++probes) {
+      const std::uint64_t slot = pair->index.slot((hash + probes) & mask);
+      if (slot != 0 && has_tag(slot, hash)) {
         pair->data.prefetch(offset_in(slot), kAhead);
+      }
+      if (slot == 0 || has_tag(slot, hash)) {
         break;
       }
     }
@@ -248,16 +257,23 @@ void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
 }
 
 bool Engine::read_all(EntryMap& out) {
-  const auto add = [&out](const Entry& entry, std::uint64_t) {
+  std::vector<std::uint64_t> damaged;
+  const auto add = [&](const Entry& entry, std::uint64_t offset) {
     if (auto value = entry.copy_value()) {
       out.emplace(util::RoBuffer::copy(entry.key(), entry.key_size()), std::move(*value));
+    } else {
+      damaged.push_back(offset);
     }
   };
   for (Pair* pair = present(); pair != nullptr;) {
+    damaged.clear();
     const std::uint64_t covered = pair->index.covered();
-    const bool has_all = covered <= pair->data.mapped_size();
-    const ScanResult result = scan(pair->data, covered, true, add);
+    const bool has_all = covered <= pair->readable();
+    const ScanResult result = scan(pair->data, std::min(covered, pair->readable()), false, add);
     if (present() == pair && (has_all || !open_again(pair))) {
+      for (const std::uint64_t offset : damaged) {
+        report_damaged_entry(*pair, offset);
+      }
       return has_all && result.end == covered;
     }
     pair = present();  // the other one was replaced meanwhile, and perhaps emptied
@@ -267,25 +283,37 @@ bool Engine::read_all(EntryMap& out) {
 
 // --- storing ---
 
-bool Engine::store(const EntryMap& diff) {
+bool Engine::store(const EntryMap& diff) try {
   const Locked locked(*lock_);
   return store_locked(diff);
+} catch (const std::exception& error) {
+  QV_LOG(g_module, WARN, "Couldn't append to %s: %s", paths_.data.c_str(), error.what());
+  return false;
+}
+
+// With the lock: whether the pair can be appended to.
+bool Engine::fits(const Pair* pair) const {
+  if (pair == nullptr || !is_present(*pair)) {
+    return false;
+  }
+  const std::uint64_t size = pair->data.size();
+  return pair->index.covered() <= size && size <= pair->data.mapped_size();
 }
 
 bool Engine::store_locked(const EntryMap& diff) {
-  for (int attempts = 0; attempts < 3; ++attempts) {
+  for (int attempts = 0; attempts < 6; ++attempts) {
     Pair* const pair = present();
-    const bool fits =
-        pair != nullptr && is_present(*pair) && pair->index.covered() <= pair->data.mapped_size();
-    if (!fits && !open_locked()) {
-      return false;
+    if (!fits(pair)) {
+      if (!open_locked()) {
+        return false;
+      }
+      continue;  // a look-up may have attached another pair first
     }
-    Pair& present_pair = *present();
-    const Pinned pinned(present_pair);
+    const Pinned pinned(*pair);
     if (!pinned) {
       continue;  // another thread has just replaced it
     }
-    Append append(paths_, present_pair);
+    Append append(paths_, *pair);
     if (!append.recover()) {
       break;
     }
@@ -293,7 +321,7 @@ bool Engine::store_locked(const EntryMap& diff) {
     if (result == Append::Result::stored) {
       return true;
     }
-    if (result == Append::Result::failed || !grow(present_pair, diff.size())) {
+    if (result == Append::Result::failed || !grow(*pair, diff.size())) {
       break;
     }
   }

@@ -12,6 +12,7 @@
 
 #include "src/cache/indexed/pair.h"
 #include "src/cache/indexed/paths.h"
+#include "src/cache/indexed/reported.h"
 
 namespace quorvane {
 namespace cache {
@@ -37,7 +38,7 @@ class Engine {
   bool open();
 
   // Stores the entries whose keys are not stored yet. False, with nothing of `diff` stored and
-  // one WARN record, when that is impossible.
+  // one record, when that is impossible.
   bool store(const EntryMap& diff);
 
   // The operations of a LookupStore.
@@ -45,15 +46,17 @@ class Engine {
   std::uint64_t entries();
   std::uint64_t usage() const;  // bytes of both files
   void prefetch(const util::RoBuffer* keys, std::size_t count);
-  bool read_all(EntryMap& out);
+  bool read_all(EntryMap& out);  // passes over damaged entries, each with its record
 
  private:
   Pair* present() const { return present_.load(std::memory_order_acquire); }
   bool is_present(const Pair& pair) const;
+  bool fits(const Pair* pair) const;
   bool attach(std::unique_ptr<Pair> pair, Pair* replaced);
   bool open_again(Pair* seen);
   bool may_look_again(Pair* seen, bool outgrown);
   bool has_time_passed();
+  void report_damaged_entry(const Pair& pair, std::uint64_t offset);
 
   bool open_locked();
   bool create_or_rebuild(const Pair& pair, Status status);
@@ -66,6 +69,7 @@ class Engine {
   const std::shared_ptr<Store::Lock> lock_;
   std::atomic<Pair*> present_{nullptr};      // with those that it has replaced behind it
   std::atomic<std::uint64_t> looked_at_{0};  // when the files' names were last looked at
+  Reported reported_;
 };
 
 }  // namespace indexed

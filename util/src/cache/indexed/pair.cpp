@@ -18,13 +18,20 @@ Status Pair::open(const std::string& data_path, const std::string& index_path, b
   return of_index;
 }
 
+// A mapping doesn't tell how long its file is, and a read beyond the end of the file would
+// end the process.
+std::uint64_t Pair::readable() const {
+  const std::uint64_t known =
+      std::max(known_.load(std::memory_order_relaxed),
+               std::min({index.covered(), data.size(), data.mapped_size()}));
+  known_.store(known, std::memory_order_relaxed);
+  return known;
+}
+
 std::optional<Entry> Pair::entry_at(std::uint64_t offset, bool& outgrown) const {
   std::uint64_t known = known_.load(std::memory_order_relaxed);
   if (offset >= known) {
-    // A mapping doesn't tell how long its file is, and a read beyond the end of the file
-    // would end the process.
-    known = std::max(known, std::min({index.covered(), data.size(), data.mapped_size()}));
-    known_.store(known, std::memory_order_relaxed);
+    known = readable();
   }
   const std::optional<Entry> entry = data.entry_at(offset, known);
   outgrown = outgrown || (!entry && index.covered() > data.mapped_size());

@@ -33,6 +33,9 @@ class Pair {
   // so that the entry could not be looked at.
   std::optional<Found> find(const util::RoBuffer& key, std::uint64_t hash, bool& outgrown) const;
 
+  // Up to here the data file can be read: it has whole entries, and is as long as that.
+  std::uint64_t readable() const;
+
   // Gives the entry at `offset` a slot, unless its key has one. False when there is no free
   // slot.
   bool insert(const Entry& entry, std::uint64_t offset) const;
