@@ -5,12 +5,14 @@
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -743,31 +745,90 @@ TEST_P(CacheFlushToFiles, RememberWhatAnotherProcessStoredBeforeAnEarlierOne) {
   expect_files_of(GetParam(), root, {{"a", {"others"}}, {"b", {"ours"}}, {"c", {"ours"}}});
 }
 
-// The second flush brings the files over the threshold, and so deletes what the store has
-// read. It doesn't begin again; the next process does.
+// The second flush brings the files over the threshold. What follows goes into new ones, even
+// under keys that the old ones held.
 SCENARIO(flush_beyond_the_threshold) {
   CleanupController limit(600);
   auto others = file_cache(arguments.at(0));
   add(*others, "loaded", "others");
   bool good = others->flush();
-  {
-    Cache cache("maps", make_file_store(kind_of(arguments.at(0)), "maps", &limit), false);
-    add(cache, "b");
-    good = cache.flush() && good;
-    add(cache, "large", std::string(1000, 'x'));
-    good = cache.flush() && good && keys_in_file(arguments.at(0), root()).empty();
-    add(cache, "lost");
-    good = !cache.flush() && good;
-  }
-  add(*file_cache(arguments.at(0)), "next");
-  return good ? 0 : 1;
+  Cache cache("maps", make_file_store(kind_of(arguments.at(0)), "maps", &limit), false);
+  add(*others, "a", "others");
+  good = others->flush() && good && cache.size() == 1;
+  add(cache, "b");
+  good = cache.flush() && good;
+  add(cache, "large", std::string(1000, 'x'));
+  good = cache.flush() && good && keys_in_file(arguments.at(0), root()).empty();
+  add(cache, "a", "ours");
+  good = cache.flush() && good;
+  add(cache, "c");
+  return cache.flush() && good ? 0 : 1;
 }
 
-TEST_P(CacheFlushToFiles, FailOnceTheirOwnFilesWereCleaned) {
+TEST_P(CacheFlushToFiles, GoOnInNewFilesWhenTheOldOnesWereCleaned) {
   const TempDir root;
   const Ran ran = run("flush_beyond_the_threshold", root);
   EXPECT_TRUE(ran.exited_with(0));
-  expect_files_of(GetParam(), root, {{"next", {"1"}}});
+  expect_files_of(GetParam(), root, {{"a", {"ours"}}, {"c", {"1"}}});
+}
+
+// Another process deletes the files and writes longer ones. What they hold isn't stored again.
+SCENARIO(flush_to_replaced_files) {
+  auto ours = file_cache(arguments.at(0));
+  add(*ours, "a", "ours");
+  bool good = ours->flush();
+  add(*ours, "b", "ours");
+  good = ours->flush() && good;
+  for (const auto& file : std::filesystem::directory_iterator(root())) {
+    if (file.path().filename().string().rfind("lock", 0) != 0) {
+      std::filesystem::remove(file.path());
+    }
+  }
+  auto others = file_cache(arguments.at(0));
+  for (const char* key : {"c", "d", "e", "f"}) {
+    add(*others, key, "others");
+  }
+  good = others->flush() && good;
+  add(*ours, "c", "ours");
+  add(*ours, "g", "ours");
+  return ours->flush() && good ? 0 : 1;
+}
+
+TEST_P(CacheFlushToFiles, StoreNothingTwiceInFilesThatOthersHaveReplaced) {
+  const TempDir root;
+  const Ran ran = run("flush_to_replaced_files", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  expect_files_of(GetParam(), root,
+                  {{"c", {"others"}},
+                   {"d", {"others"}},
+                   {"e", {"others"}},
+                   {"f", {"others"}},
+                   {"g", {"ours"}}});
+}
+
+// A flush without descriptors fails, but forgets no key that it has read.
+SCENARIO(flush_without_descriptors) {
+  auto ours = file_cache(arguments.at(0));
+  auto others = file_cache(arguments.at(0));
+  add(*ours, "a", "ours");
+  bool good = ours->flush();
+  add(*others, "b", "others");
+  good = others->flush() && good;
+  add(*ours, "c", "ours");
+  good = ours->flush() && good;  // reads "b"
+  add(*ours, "b", "ours");
+  const rlimit none{0, 1024};
+  good = setrlimit(RLIMIT_NOFILE, &none) == 0 && !ours->flush() && good;
+  const rlimit some{1024, 1024};
+  good = setrlimit(RLIMIT_NOFILE, &some) == 0 && ours->flush() && good;
+  return good ? 0 : 1;
+}
+
+TEST_P(CacheFlushToFiles, StoreNothingTwiceAfterAFlushWithoutDescriptors) {
+  const TempDir root;
+  const Ran ran = run("flush_without_descriptors", root);
+  EXPECT_TRUE(ran.exited_with(0));
+  expect_files_of(GetParam(), root, {{"a", {"ours"}}, {"b", {"others"}}, {"c", {"ours"}}});
 }
 
 SCENARIO(many_processes_flush) {

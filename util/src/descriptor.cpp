@@ -13,6 +13,11 @@ bool is_open_on(int fd, const FileId& file) {
   return fd >= 0 && fstat(fd, &status) == 0 && id_of(status) == file;
 }
 
+bool is_at(const char* path, const FileId& file) {
+  struct stat status;
+  return stat(path, &status) == 0 && id_of(status) == file;
+}
+
 int open_off_standard(const char* path, int flags, mode_t mode) {
   const int fd = open(path, flags, mode);
   if (fd < 0 || fd > STDERR_FILENO) {

@@ -24,6 +24,9 @@ inline FileId id_of(const struct stat& status) { return {status.st_dev, status.s
 // Whether `fd` is open on this file.
 bool is_open_on(int fd, const FileId& file);
 
+// Whether the path leads to this file.
+bool is_at(const char* path, const FileId& file);
+
 // open(2), but the descriptor is never 0, 1 or 2: a program that was started without its
 // standard descriptors would print into the file. -1 with errno if the file can't be
 // opened. Safe in a fork handler.

@@ -39,6 +39,7 @@ constexpr std::uint32_t QV_CACHE_STORE_MAGIC_NUMBER = 0xC3A5C3A5;
 QV_EXPORT std::string get_store_file_path(const std::string& name);
 
 class LockWait;
+struct FileTrace;
 struct StorePlace;  // of make_store; hidden
 
 /// flock(2) on the file "lock" or "lock_NAME" of the store root. Two objects exclude each
@@ -217,8 +218,13 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   /// name `path`. Before the first use of the store.
   void set_read_only(const std::string& path);
 
-  /// Whether try_nonlock_load_new_keys must read all keys, not only the new ones: this is a
-  /// child that was forked while a thread of its parent read some.
+  /// The file of the keys, which shows whether the store's files were replaced. Before the
+  /// first use of the store.
+  void set_key_file(const std::string& path);
+
+  /// Whether try_nonlock_load_new_keys must read all keys, not only the new ones: the store's
+  /// own clean or a failed append deleted the files, another process replaced them, or this is
+  /// a child that was forked while a thread of its parent read some.
   bool must_read_all_keys() const { return must_read_all_keys_; }
 
  private:
@@ -228,6 +234,8 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   bool try_read_only_store(const EntryMap& diff) const;
   bool read_appended_keys();
   void drop_torn_keys();
+  void remember_key_file();
+  bool is_key_file_replaced() const;
 
   CleanupController* cleanup_controller_;
   std::uint64_t ticket_;
@@ -241,6 +249,9 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   KeySet appended_keys_;
   std::atomic<bool> is_reading_keys_{false};
   bool must_read_all_keys_ = false;
+
+  std::string key_file_path_;
+  std::unique_ptr<FileTrace> key_file_;  // as it was when it was last read; null: not read
 };
 
 /// One file per cache: the header, then entries. A missing file is an empty store.
@@ -442,6 +453,9 @@ class QV_EXPORT IndexedStore : public LookupStore, private CleanableResource {
 
  private:
   bool is_lock_lost() const;
+  template <typename Change>
+  bool change(const Change& change_files);
+  std::uint64_t room() const;
   void measure();
 
   const std::shared_ptr<Store::Lock> lock_;

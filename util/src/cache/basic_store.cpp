@@ -34,6 +34,7 @@ BasicStore::BasicStore(const StorePlace& place, std::shared_ptr<Store::Lock> loc
                        CleanupController* controller)
     : FileStoreSkeleton(kVersion, place.name, std::move(lock), controller),
       fpath_(place.path_of(place.name)) {
+  set_key_file(fpath_);
   if (place.read_only) {
     set_read_only(fpath_);
   }
@@ -128,6 +129,9 @@ bool BasicStore::read_entries(util::BufferReader& freader, EntryMap& out) const 
 }
 
 bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
+  if (must_read_all_keys()) {
+    file_last_size_ = 0;
+  }
   if (!check_consistent_state()) {
     return false;
   }
@@ -156,7 +160,7 @@ bool BasicStore::try_nonlock_load_new_keys(KeySet& new_keys) {
 }
 
 bool BasicStore::pass_known_part(util::BufferReader& freader) const {
-  if (file_last_size_ == 0 || must_read_all_keys()) {
+  if (file_last_size_ == 0) {
     return CACHE_EXPECT(1, read_header(freader));
   }
   return CACHE_EXPECT(1, freader.buffer(file_last_size_));

@@ -197,6 +197,7 @@ void Cache::load() {
 }
 
 Cache::~Cache() {
+  const Uncancellable uncancellable;  // a destructor that is unwound would end the process
   if (valid_ && store_ && !unstored_.empty()) {
     keep_only_unstored();
     if (expect_stored(name_, [this] { return store_->try_store_diff(diff_map_); })) {

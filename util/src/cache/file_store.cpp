@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/cache/file_trace.h"
 #include "src/cache/locked.h"
 #include "src/cache/size_text.h"
 #include "src/once.h"
@@ -93,7 +94,10 @@ CleanupController* FileStoreSkeleton::get_default_cleanup_controller() {
 
 bool FileStoreSkeleton::is_valid() const { return lock_ && lock_->is_valid(); }
 std::uint64_t FileStoreSkeleton::get_usage() { return nonlock_get_disk_usage(); }
-void FileStoreSkeleton::clean() { nonlock_clean(); }
+void FileStoreSkeleton::clean() {
+  nonlock_clean();
+  must_read_all_keys_ = true;
+}
 
 StoreFLock* FileStoreSkeleton::file_lock() const { return dynamic_cast<StoreFLock*>(lock_.get()); }
 
@@ -118,6 +122,8 @@ bool FileStoreSkeleton::try_load(EntryMap& out) {
   const bool ok = try_nonlock_load(out);
   if (ok) {
     loaded_map_last_size_ = out.size();
+    must_read_all_keys_ = false;
+    remember_key_file();
   }
   return ok;
 }
@@ -156,6 +162,11 @@ bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
     return false;
   }
   const bool ok = try_nonlock_append(diff, appended_keys_);
+  if (ok) {
+    loaded_map_last_size_ += diff.size();  // from now on unread keys are a failure
+  } else {
+    must_read_all_keys_ = true;  // the files may be deleted
+  }
   cleanup_controller_->process(ticket_, *this);
   return ok;
 }
@@ -164,16 +175,38 @@ bool FileStoreSkeleton::try_store_diff(const EntryMap& diff) {
 // may be stored again that was read before.
 bool FileStoreSkeleton::read_appended_keys() {
   drop_torn_keys();
+  must_read_all_keys_ = must_read_all_keys_ || is_key_file_replaced();
   const Mark reading(is_reading_keys_);
+  if (must_read_all_keys_) {
+    appended_keys_.clear();
+    if (FileTrace::of(key_file_path_) == nullptr) {
+      loaded_map_last_size_ = 0;  // the store begins again
+    }
+  }
   KeySet new_keys;
   const bool new_keys_loaded = try_nonlock_load_new_keys(new_keys);
-  if (new_keys_loaded && !appended_keys_.empty()) {
-    appended_keys_.merge(new_keys);
-  } else {
+  if (appended_keys_.empty()) {
     appended_keys_.swap(new_keys);
+  } else {
+    appended_keys_.merge(new_keys);
   }
-  must_read_all_keys_ = must_read_all_keys_ && !new_keys_loaded;
+  if (new_keys_loaded) {
+    must_read_all_keys_ = false;
+    remember_key_file();
+  }
   return new_keys_loaded;
+}
+
+void FileStoreSkeleton::set_key_file(const std::string& path) { key_file_path_ = path; }
+
+void FileStoreSkeleton::remember_key_file() { key_file_ = FileTrace::of(key_file_path_); }
+
+// A file that is shorter than what was read makes the next scan fail instead. Kept:
+// docs/compatibility.md
+bool FileStoreSkeleton::is_key_file_replaced() const {
+  const auto present = key_file_ != nullptr ? FileTrace::of(key_file_path_) : nullptr;
+  return present != nullptr && !present->is_same_file(*key_file_) &&
+         present->size >= key_file_->size;
 }
 
 // In a child that was forked while a thread of its parent read keys, the set may be half

@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <chrono>
-#include <limits>
 #include <utility>
 
 #include "src/cache/cache_stats.h"
@@ -14,8 +13,6 @@
 namespace quorvane {
 namespace cache {
 namespace {
-
-constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
 
 // The directory of the files; empty if the environment has none.
 std::string root_of(const StorePlace& place) {
@@ -45,7 +42,8 @@ IndexedStore::IndexedStore(const StorePlace& place, std::shared_ptr<Store::Lock>
       controller_(controller != nullptr ? controller
                                         : FileStoreSkeleton::get_default_cleanup_controller()),
       ticket_(controller_->get_ticket()),
-      engine_(std::make_unique<indexed::Engine>(root_of(place), place.name, lock_)),
+      engine_(
+          std::make_unique<indexed::Engine>(root_of(place), place.name, lock_, place.read_only)),
       stats_(CacheStats::of(place.name)) {}
 
 IndexedStore::~IndexedStore() = default;
@@ -67,25 +65,46 @@ bool IndexedStore::try_load(EntryMap& out) {
     return false;
   }
   const auto start = std::chrono::steady_clock::now();
-  const bool opened = engine_->open();
+  const bool is_open = engine_->open();
   stats_.add_open(nanoseconds_since(start));
   measure();
-  return opened;
+  return is_open;
 }
 
 bool IndexedStore::try_store_diff(const EntryMap& diff) {
-  if (is_lock_lost()) {
-    return false;
+  if (diff.empty() && is_readable_) {
+    return true;
   }
-  const bool stored = engine_->store(diff);
-  measure();
-  return stored;
+  return !is_lock_lost() && change([&] { return engine_->store(diff, room()); });
 }
 
-// Tells the controller and the statistics.
+void IndexedStore::clean() {
+  if (room() != indexed::kNoLimit && !is_lock_lost()) {
+    change([this] { return engine_->clean(room()); });
+  }
+}
+
+// Counts what the change has cost. Changes in two threads at a time are counted together.
+template <typename Change>
+bool IndexedStore::change(const Change& change_files) {
+  const std::uint64_t waited = engine_->lock_waited();
+  const std::uint64_t kept = engine_->kept();
+  const std::uint64_t dropped = engine_->dropped();
+  const bool is_changed = change_files();
+  stats_.add_lock_wait(static_cast<std::int64_t>(engine_->lock_waited() - waited));
+  stats_.count_cleaned(engine_->kept() - kept, engine_->dropped() - dropped);
+  measure();
+  return is_changed;
+}
+
+std::uint64_t IndexedStore::room() const { return controller_->get_room(ticket_); }
+
+// Tells the statistics, and the controller if it bounds anything.
 void IndexedStore::measure() {
-  controller_->update_and_check_usage(ticket_, *this);
   stats_.set_size(engine_->entries(), get_usage());
+  if (room() != indexed::kNoLimit) {
+    controller_->update_and_check_usage(ticket_, *this);
+  }
 }
 
 bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
@@ -101,8 +120,6 @@ void IndexedStore::prefetch(const util::RoBuffer* keys, std::size_t count) {
 bool IndexedStore::try_read_all(EntryMap& out) { return engine_->read_all(out); }
 
 std::uint64_t IndexedStore::get_usage() { return engine_->usage(); }
-
-void IndexedStore::clean() {}
 
 }  // namespace cache
 }  // namespace quorvane

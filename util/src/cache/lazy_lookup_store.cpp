@@ -55,6 +55,7 @@ LazyLookupStore::LazyLookupStore(const StorePlace& place, std::shared_ptr<Store:
     : FileStoreSkeleton(kVersion, place.name, std::move(lock), controller),
       key_fpath_(place.path_of(get_key_fname(place.name))),
       val_fpath_(place.path_of(get_val_fname(place.name))) {
+  set_key_file(key_fpath_);
   if (place.read_only) {
     set_read_only(key_fpath_);
   }
@@ -251,6 +252,9 @@ bool LazyLookupStore::read_entries(util::BufferReader& key_freader, util::RoBuff
 }
 
 bool LazyLookupStore::try_nonlock_load_new_keys(KeySet& keys) {
+  if (must_read_all_keys()) {
+    key_file_last_size_ = 0;
+  }
   if (!check_consistent_state() || !CACHE_EXPECT_AT(3, file_exists(key_fpath_), 1271)) {
     return false;
   }
@@ -274,7 +278,7 @@ bool LazyLookupStore::try_nonlock_load_new_keys(KeySet& keys) {
 }
 
 bool LazyLookupStore::pass_known_part(util::BufferReader& key_freader) const {
-  if (key_file_last_size_ == 0 || must_read_all_keys()) {
+  if (key_file_last_size_ == 0) {
     return CACHE_EXPECT_AT(1, read_header(key_freader), 1279);
   }
   return CACHE_EXPECT_AT(1, key_freader.buffer(key_file_last_size_), 1300);

@@ -33,7 +33,7 @@ bool Append::recover() {
   const std::uint64_t covered = pair_.index.covered();
   const std::uint64_t indexed = pair_.index.indexed();
   if (indexed < covered) {
-    scan(pair_.data, covered, false, [&](const Entry& entry, std::uint64_t offset) {
+    scan(pair_.data, kFirstEntry, covered, false, [&](const Entry& entry, std::uint64_t offset) {
       if (offset >= indexed) {
         pair_.insert(entry, offset);
       }
@@ -47,7 +47,10 @@ bool Append::recover() {
 // The file is longer than `covered` after a kill, or because `covered` was damaged. The second
 // must not cost entries, so what is whole stays.
 bool Append::take_tail(std::uint64_t size) {
-  const ScanResult all = scan(pair_.data, size, true, [](const Entry&, std::uint64_t) {});
+  const auto nothing = [](const Entry&, std::uint64_t) {};
+  const std::uint64_t covered = pair_.index.covered();
+  const bool is_sure = scan(pair_.data, kFirstEntry, covered, false, nothing).end == covered;
+  const ScanResult all = scan(pair_.data, is_sure ? covered : kFirstEntry, size, true, nothing);
   if (size > pair_.data.mapped_size() || all.is_damaged || all.end < pair_.index.covered()) {
     errno = EBADMSG;
     return false;
@@ -68,19 +71,36 @@ void Append::count_entries() {
   pair_.index.set_entries(entries);
 }
 
-Append::Result Append::run(const EntryMap& diff) {
-  std::vector<EntryMap::const_iterator> entries;
+void Append::choose(const EntryMap& diff) {
+  chosen_.clear();
   for (auto it = diff.begin(); it != diff.end(); ++it) {
     bool outgrown = false;
     const std::uint64_t hash = hash_of(it->first.get_buffer(), it->first.get_size());
-    if (!pair_.find(it->first, hash, outgrown)) {
-      entries.push_back(it);
+    const auto stored = pair_.find(it->first, hash, outgrown);
+    if (!stored) {
+      chosen_.push_back({it, 0});
+    } else if (!stored->entry.is_intact()) {
+      chosen_.push_back({it, stored->offset});  // nobody finds the damaged one
     }
   }
-  if (!has_room(pair_.index.slots(), pair_.index.entries() + entries.size())) {
+}
+
+std::uint64_t Append::size_after() const {
+  const std::uint64_t entries = pair_.index.entries() + chosen_.size();
+  std::uint64_t size = pair_.index.covered();
+  for (const Chosen& chosen : chosen_) {
+    size += size_in_file(chosen.entry->first, chosen.entry->second);
+  }
+  return size + (has_room(pair_.index.slots(), entries)
+                     ? kIndexPageSize + pair_.index.slots() * sizeof(std::uint64_t)
+                     : index_size_for(entries));
+}
+
+Append::Result Append::run() {
+  if (!has_room(pair_.index.slots(), pair_.index.entries() + chosen_.size())) {
     return Result::index_is_full;
   }
-  return write(entries);
+  return write();
 }
 
 // Cuts off what was written, unless it is kept.
@@ -105,20 +125,21 @@ class Append::Written {
   bool is_kept_ = false;
 };
 
-Append::Result Append::write(const std::vector<EntryMap::const_iterator>& entries) {
+Append::Result Append::write() {
   std::uint64_t end = pair_.index.covered();
   Written written(writer_, end);
   std::string batch;
   slots_.clear();
-  slots_.reserve(entries.size());
-  for (const auto& it : entries) {
+  slots_.reserve(chosen_.size());
+  for (const auto& [entry, damaged] : chosen_) {
     const std::uint64_t offset = end + batch.size();
-    if (size_in_file(it->first, it->second) == 0 || offset > kOffsetMask) {
+    if (size_in_file(entry->first, entry->second) == 0 || offset > kOffsetMask) {
       errno = EFBIG;
       return Result::failed;
     }
-    encode(batch, it->first, it->second);
-    slots_.push_back({hash_of(it->first.get_buffer(), it->first.get_size()), offset});
+    encode(batch, entry->first, entry->second);
+    slots_.push_back(
+        {hash_of(entry->first.get_buffer(), entry->first.get_size()), offset, damaged});
     if (batch.size() >= kBatch && !write_batch(end, batch)) {
       return Result::failed;
     }
@@ -143,12 +164,14 @@ bool Append::write_batch(std::uint64_t& end, std::string& batch) {
 // the slots that are missing. False when a damaged index has fewer free slots than it says.
 bool Append::publish(std::uint64_t end) {
   pair_.index.set_covered(end);
+  std::uint64_t entries = pair_.index.entries();
   for (const Slot& slot : slots_) {
-    if (!pair_.insert_new(slot.hash, slot.offset)) {
+    if (!pair_.insert_new(slot.hash, slot.offset, slot.damaged)) {
       return false;
     }
+    entries += slot.damaged == 0 ? 1 : 0;
   }
-  pair_.index.set_entries(pair_.index.entries() + slots_.size());
+  pair_.index.set_entries(entries);
   pair_.index.set_indexed(end);
   return true;
 }

@@ -34,9 +34,15 @@ class Append {
   // Finishes what a killed process has begun. Call it first. False with errno.
   bool recover();
 
-  // Stores the entries whose keys are not stored. May throw std::bad_alloc, and has then
-  // stored nothing.
-  Result run(const EntryMap& diff);
+  // Chooses the entries of `diff`, which must stay, whose keys are not stored. May throw
+  // std::bad_alloc.
+  void choose(const EntryMap& diff);
+
+  // The size of both files once the chosen entries are stored.
+  std::uint64_t size_after() const;
+
+  // Stores the chosen entries. May throw std::bad_alloc, and has then stored nothing.
+  Result run();
 
  private:
   class Written;
@@ -44,17 +50,24 @@ class Append {
   struct Slot {
     std::uint64_t hash;
     std::uint64_t offset;
+    std::uint64_t damaged;
+  };
+
+  struct Chosen {
+    EntryMap::const_iterator entry;
+    std::uint64_t damaged;  // the offset of the damaged entry of its key, or 0
   };
 
   bool take_tail(std::uint64_t size);
   void count_entries();
-  Result write(const std::vector<EntryMap::const_iterator>& entries);
+  Result write();
   bool write_batch(std::uint64_t& end, std::string& batch);
   bool publish(std::uint64_t end);
 
   const Paths& paths_;
   Pair& pair_;
   DataWriter writer_;
+  std::vector<Chosen> chosen_;
   std::vector<Slot> slots_;
 };
 

@@ -1,8 +1,10 @@
 #include "src/cache/indexed/data_file.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,10 +20,19 @@ namespace {
 // Room for growth that costs only addresses.
 constexpr std::uint64_t kSmallestMapping = std::uint64_t{64} << 20;
 
+// On an overlay the first writer gets a copy of the file, which then has the name and the
+// inode number. The file that is mapped here never grows, and a read beyond its end would end
+// the process.
+bool is_on_overlay(int fd) {
+  struct statfs file_system;
+  return fstatfs(fd, &file_system) != 0 || file_system.f_type == OVERLAYFS_SUPER_MAGIC;
+}
+
 }  // namespace
 
-Status DataFile::open(const std::string& path) {
+Status DataFile::open(const std::string& path, const std::string& later_path) {
   path_ = path;
+  later_path_ = later_path;
   const OpenFile file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.fd() < 0) {
     return errno == ENOENT || errno == ENOTDIR ? Status::missing : Status::refused;
@@ -48,15 +59,19 @@ Status DataFile::open(const std::string& path) {
   if (header_.version != kVersion) {
     return Status::other_version;
   }
-  const std::uint64_t with_room = std::max(2 * opened_size_, kSmallestMapping);
+  const std::uint64_t with_room =
+      is_on_overlay(file.fd()) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
   return mapping_.map(file.fd(), with_room, opened_size_, false) ? Status::fits : Status::refused;
 }
 
 std::uint64_t DataFile::size() const {
-  struct stat status;
-  return stat(path_.c_str(), &status) == 0 && descriptor::id_of(status) == id_
-             ? static_cast<std::uint64_t>(status.st_size)
-             : 0;
+  for (const std::string* path : {&path_, &later_path_}) {
+    struct stat status;
+    if (stat(path->c_str(), &status) == 0 && descriptor::id_of(status) == id_) {
+      return static_cast<std::uint64_t>(status.st_size);
+    }
+  }
+  return 0;
 }
 
 bool DataFile::may_begin_at(std::uint64_t offset, std::uint64_t end) const {
@@ -72,6 +87,15 @@ std::optional<Entry> DataFile::entry_at(std::uint64_t offset, std::uint64_t end)
 std::optional<EntryHeader> DataFile::header_at(std::uint64_t offset, std::uint64_t end) const {
   return may_begin_at(offset, end) ? Entry::header_at(mapping_.data() + offset, end - offset)
                                    : std::nullopt;
+}
+
+void DataFile::give_owner_to(int fd) const {
+  struct stat status;
+  if (stat(path_.c_str(), &status) == 0) {
+    // Only root may give a file away. Without that, the group and others may still use it.
+    [[maybe_unused]] const int owned = fchown(fd, status.st_uid, status.st_gid);
+    fchmod(fd, status.st_mode & 0777);
+  }
 }
 
 void DataFile::prefetch(std::uint64_t offset, std::uint64_t size) const {

@@ -21,7 +21,8 @@ namespace indexed {
 // may use its copy.
 class DataFile {
  public:
-  Status open(const std::string& path);
+  // `later_path` is the name that the file gets once a clean is finished.
+  Status open(const std::string& path, const std::string& later_path = {});
 
   std::uint64_t identity() const { return header_.identity; }
   std::uint32_t version() const { return header_.version; }  // of a file of another version too
@@ -44,6 +45,10 @@ class DataFile {
   // The header of an entry there. See Entry::header_at.
   std::optional<EntryHeader> header_at(std::uint64_t offset, std::uint64_t end) const;
 
+  // Gives another file of the store this one's owner and permissions, as far as the kernel
+  // lets it: otherwise a store of which one user has made a file would shut the others out.
+  void give_owner_to(int fd) const;
+
   // Asks the kernel to read the bytes ahead.
   void prefetch(std::uint64_t offset, std::uint64_t size) const;
 
@@ -54,6 +59,7 @@ class DataFile {
   bool may_begin_at(std::uint64_t offset, std::uint64_t end) const;
 
   std::string path_;
+  std::string later_path_;
   descriptor::FileId id_;
   DataHeader header_{};
   std::uint64_t opened_size_ = 0;

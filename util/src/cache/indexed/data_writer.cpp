@@ -33,11 +33,20 @@ bool DataWriter::create(const std::string& path) {
   DataWriter file;
   file.fd_ =
       descriptor::open_off_standard(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
+  if (file.fd_ < 0 || write_header(file.fd_)) {
+    return file.fd_ >= 0;
+  }
+  const int error = errno;
+  file.cut(0);  // otherwise the next process finds it too short
+  errno = error;
+  return false;
+}
+
+bool DataWriter::write_header(int fd) {
   DataHeader header{kDataMagic, kVersion, 0, {}};
   const std::string_view bytes(reinterpret_cast<const char*>(&header), sizeof(header));
-  return file.fd_ >= 0 &&
-         getrandom(&header.identity, sizeof(header.identity), 0) == sizeof(header.identity) &&
-         file.append(0, std::string(bytes));
+  return getrandom(&header.identity, sizeof(header.identity), 0) == sizeof(header.identity) &&
+         write_all(fd, bytes, 0);
 }
 
 std::uint64_t DataWriter::size() const {

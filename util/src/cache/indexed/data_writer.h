@@ -26,6 +26,9 @@ class DataWriter {
   // header: its creator was killed. False with errno.
   static bool create(const std::string& path);
 
+  // Writes the header of a file with a new identity. False with errno.
+  static bool write_header(int fd);
+
   // In bytes; 0 when it can't be found out.
   std::uint64_t size() const;
 

@@ -1,7 +1,8 @@
 #include "src/cache/indexed/engine.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,88 +12,90 @@
 #include <utility>
 
 #include "src/cache/checks.h"
-#include "src/cache/indexed/append.h"
 #include "src/cache/indexed/index_builder.h"
 #include "src/cache/indexed/scan.h"
-#include "src/cache/locked.h"
 
 namespace quorvane {
 namespace cache {
 namespace indexed {
 namespace {
 
-class Pinned {
- public:
-  explicit Pinned(Pair& pair) : pair_(pair), is_pinned_(pair.pin()) {}
-  ~Pinned() {
-    if (is_pinned_) {
-      pair_.unpin();
-    }
-  }
-  Pinned(const Pinned&) = delete;
-  Pinned& operator=(const Pinned&) = delete;
-
-  explicit operator bool() const { return is_pinned_; }
-
- private:
-  Pair& pair_;
-  const bool is_pinned_;
-};
-
-bool has_id(const std::string& path, const descriptor::FileId& id) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && descriptor::id_of(status) == id;
-}
+// How often one call prepares the files anew: to grow the index, to clean, and when somebody
+// replaces the files by hand meanwhile.
+constexpr int kAttempts = 8;
 
 std::uint64_t size_of(const std::string& path) {
   struct stat status;
   return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-// In ticks of the kernel, which cost a look-up almost nothing to ask for.
-std::uint64_t coarse_time() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
-         static_cast<std::uint64_t>(now.tv_nsec);
+bool exists(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0;
+}
+
+bool may_write(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+}
+
+std::uint64_t smallest_store() { return kFirstEntry + index_size_for(0); }
+
+// The disk has no room for a file, or the process may not make one that large.
+bool is_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
+
+Bound bound_for(const EntryMap& diff, std::uint64_t limit) {
+  Bound bound{limit, 0, diff.size()};
+  for (const auto& [key, value] : diff) {
+    bound.bytes += size_in_file(key, value);
+  }
+  return bound;
 }
 
 }  // namespace
 
-Engine::Engine(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock)
-    : paths_(root, name), lock_(std::move(lock)) {}
-
-Engine::~Engine() {
-  for (Pair* pair = present(); pair != nullptr;) {
-    const std::unique_ptr<Pair> owned(pair);
-    pair = pair->replaced;
-  }
-}
+Engine::Engine(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock,
+               bool read_only)
+    : paths_(root, name),
+      lock_(std::move(lock)),
+      read_only_(read_only),
+      present_(paths_, !read_only) {}
 
 // --- opening ---
 
 bool Engine::open() try {
-  auto pair = std::make_unique<Pair>();
-  if (pair->open(paths_.data, paths_.index, true) == Status::fits) {
-    return attach(std::move(pair), present());
+  std::unique_ptr<Pair> pair;
+  Pair* const before = present_.get();
+  const Status status = present_.open(pair);
+  if (status == Status::fits) {
+    present_.attach(std::move(pair), before);
+    return true;
   }
-  const Locked locked(*lock_);
+  if (read_only_) {
+    return report(*pair, status, pair->data.mapped_size() != 0 ? paths_.index : paths_.data);
+  }
+  const StoreTurn turn(*lock_, lock_waited_);
   return open_locked();
 } catch (const std::exception& error) {
   QV_LOG(g_module, ERROR, "Couldn't open %s: %s", paths_.data.c_str(), error.what());
   return false;
 }
 
-// With the lock: opens the files and creates what is missing.
+// With the lock: opens the files, creates what is missing and finishes the clean of a process
+// that was killed.
 bool Engine::open_locked() {
-  Status status = Status::missing;
   for (int attempts = 0; attempts < 3; ++attempts) {  // the data, its index, and both opened
-    auto pair = std::make_unique<Pair>();
-    status = pair->open(paths_.data, paths_.index, true);
-    if (status == Status::fits) {
-      return attach(std::move(pair), present());
-    }
-    if (!create_or_rebuild(*pair, status)) {
+    std::unique_ptr<Pair> pair;
+    const Status status = present_.open(pair);
+    if (status != Status::fits) {
+      if (!create_or_rebuild(*pair, status)) {
+        return false;
+      }
+    } else if (descriptor::is_at(paths_.data.c_str(), pair->data.id()) || finish_rename(paths_)) {
+      present_.replace_by(std::move(pair));
+      return true;
+    } else {
+      QV_LOG(g_module, ERROR, "Couldn't rename %s: %s", paths_.cleaned_data.c_str(),
+             std::strerror(errno));
       return false;
     }
   }
@@ -109,58 +112,48 @@ bool Engine::create_or_rebuild(const Pair& pair, Status status) {
     }
     status = Status::refused;
   }
-  if (is_data_open && (status == Status::missing || status == Status::stale)) {
-    return build_index(pair.data, pair.data.size_when_opened(), true, 0);
+  const bool is_of_another_user =
+      status == Status::refused && errno == EACCES && may_write(paths_.data);
+  if (is_data_open &&
+      (status == Status::missing || status == Status::stale || is_of_another_user)) {
+    return build_index(pair.data);
   }
   return report(pair, status, is_data_open ? paths_.index : paths_.data);
 }
 
 // Always false.
 bool Engine::report(const Pair& pair, Status status, const std::string& path) const {
-  switch (status) {
-    case Status::other_version:
-      QV_LOG(g_module, ERROR, "%s has version %u of its format, this library knows version %u",
-             path.c_str(),
-             pair.data.mapped_size() != 0 ? pair.index.version() : pair.data.version(), kVersion);
-      break;
-    case Status::refused:
-      QV_LOG(g_module, ERROR, "Couldn't open %s: %s", path.c_str(), std::strerror(errno));
-      break;
-    default:
-      QV_LOG(g_module, ERROR, "%s is damaged at offset 0: no header", path.c_str());
-      break;
+  const bool is_data_open = pair.data.mapped_size() != 0;
+  if (status == Status::other_version) {
+    QV_LOG(g_module, ERROR, "%s has version %u of its format, this library knows version %u",
+           path.c_str(), is_data_open ? pair.index.version() : pair.data.version(), kVersion);
+  } else if (status == Status::refused) {
+    QV_LOG(g_module, ERROR, "Couldn't open %s: %s", path.c_str(), std::strerror(errno));
+  } else if (is_data_open) {
+    QV_LOG(g_module, ERROR,
+           "%s is missing or doesn't fit its data. To make it again, open the store once for "
+           "writing",
+           path.c_str());
+  } else if (status == Status::missing) {
+    QV_LOG(g_module, ERROR, "%s is missing or empty. To create the store, open it once for writing",
+           path.c_str());
+  } else {
+    QV_LOG(g_module, ERROR, "%s is damaged at offset 0: no header", path.c_str());
   }
   return false;
 }
 
-bool Engine::build_index(const DataFile& data, std::uint64_t limit, bool check,
-                         std::uint64_t more) {
+bool Engine::build_index(const DataFile& data) {
   IndexBuilder builder(data);
-  const ScanResult result = builder.collect(limit, check);
+  const ScanResult result = builder.collect(data.size(), true);
   if (result.is_damaged) {
     QV_LOG(g_module, ERROR, "%s is damaged at offset %lu: no whole entry, but others follow",
            paths_.data.c_str(), result.end);
     return false;
   }
-  if (!builder.write(paths_.new_index, more) ||
-      std::rename(paths_.new_index.c_str(), paths_.index.c_str()) != 0) {
+  if (!builder.write(paths_.new_index, 0) || !install_index()) {
     QV_LOG(g_module, ERROR, "Couldn't make %s: %s", paths_.index.c_str(), std::strerror(errno));
     return false;
-  }
-  return true;
-}
-
-// Makes the pair the present one, unless another thread has replaced `replaced` first.
-// Always true: there is a present pair then.
-bool Engine::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
-  Pair* const made = pair.get();
-  made->replaced = replaced;
-  Pair* expected = replaced;
-  if (present_.compare_exchange_strong(expected, made, std::memory_order_acq_rel)) {
-    static_cast<void>(pair.release());  // the destructor of the store deletes it
-    if (replaced != nullptr) {
-      replaced->retire();
-    }
   }
   return true;
 }
@@ -169,22 +162,24 @@ bool Engine::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
 
 bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
   const std::uint64_t hash = hash_of(key.get_buffer(), key.get_size());
+  const ReaderGate::Inside inside(present_.gate());
   for (;;) {
-    Pair* const pair = present();
+    Pair* const pair = present_.get();
     if (pair == nullptr) {
       return false;
     }
     bool outgrown = false;
     const auto found = pair->find(key, hash, outgrown);
-    if (found) {
-      auto copy = found->entry.copy_value();
-      if (copy) {
-        value = std::move(*copy);
-        return true;
-      }
-    }
-    if (may_look_again(pair, outgrown)) {
+    auto copy = found ? found->entry.copy_value() : std::nullopt;
+    // A clean may have dropped the entry, and another process stored the key anew.
+    const bool is_sure = copy && !pair->index.is_moving();
+    if (!is_sure && present_.may_look_again(pair, outgrown)) {
       continue;
+    }
+    if (copy) {
+      found_.add(hash);
+      value = std::move(*copy);
+      return true;
     }
     if (found) {
       report_damaged_entry(*pair, found->offset);
@@ -200,47 +195,21 @@ void Engine::report_damaged_entry(const Pair& pair, std::uint64_t offset) {
   }
 }
 
-// After a miss: whether there is another pair to look into.
-bool Engine::may_look_again(Pair* seen, bool outgrown) {
-  if (present() != seen) {
-    return true;
-  }
-  const bool is_suspect = outgrown || seen->index.is_moving() || has_time_passed();
-  return is_suspect && (outgrown || !is_present(*seen)) && open_again(seen);
-}
-
-// Files that were deleted or replaced by hand carry no mark, so the names are looked at from
-// time to time.
-bool Engine::has_time_passed() {
-  const std::uint64_t now = coarse_time();
-  if (looked_at_.load(std::memory_order_relaxed) == now) {
-    return false;  // not stored: threads that miss would pass the line around
-  }
-  looked_at_.store(now, std::memory_order_relaxed);
-  return true;
-}
-
-bool Engine::is_present(const Pair& pair) const {
-  return has_id(paths_.index, pair.index.id()) && has_id(paths_.data, pair.data.id());
-}
-
-// Without the lock. False when there is no whole pair at the moment: the next miss tries again.
-bool Engine::open_again(Pair* seen) {
-  auto pair = std::make_unique<Pair>();
-  return pair->open(paths_.data, paths_.index, true) == Status::fits &&
-         attach(std::move(pair), seen);
-}
-
 std::uint64_t Engine::entries() {
-  const Pair* const pair = present();
-  return pair == nullptr ? 0 : pair->index.entries();
+  const ReaderGate::Inside inside(present_.gate());
+  for (;;) {
+    Pair* const pair = present_.get();
+    const std::uint64_t entries = pair == nullptr ? 0 : pair->index.entries();
+    if (pair == nullptr || !present_.may_look_again(pair, false)) {
+      return entries;
+    }
+  }
 }
-
-std::uint64_t Engine::usage() const { return size_of(paths_.data) + size_of(paths_.index); }
 
 void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   constexpr std::uint64_t kAhead = 4096;
-  const Pair* const pair = present();
+  const ReaderGate::Inside inside(present_.gate());
+  const Pair* const pair = present_.get();
   for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
     const std::uint64_t hash = hash_of(keys[i].get_buffer(), keys[i].get_size());
     const std::uint64_t mask = pair->index.slots() - 1;
@@ -257,76 +226,134 @@ void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
 }
 
 bool Engine::read_all(EntryMap& out) {
-  std::vector<std::uint64_t> damaged;
-  const auto add = [&](const Entry& entry, std::uint64_t offset) {
-    if (auto value = entry.copy_value()) {
-      out.emplace(util::RoBuffer::copy(entry.key(), entry.key_size()), std::move(*value));
-    } else {
-      damaged.push_back(offset);
-    }
-  };
-  for (Pair* pair = present(); pair != nullptr;) {
-    damaged.clear();
+  const ReaderGate::Inside inside(present_.gate());
+  for (Pair* pair = present_.get(); pair != nullptr;) {
+    EntryMap all;
+    std::vector<std::uint64_t> damaged;
+    const auto add = [&](const Entry& entry, std::uint64_t offset) {
+      if (auto value = entry.copy_value()) {
+        all.emplace(util::RoBuffer::copy(entry.key(), entry.key_size()), std::move(*value));
+      } else {
+        damaged.push_back(offset);
+      }
+    };
     const std::uint64_t covered = pair->index.covered();
     const bool has_all = covered <= pair->readable();
-    const ScanResult result = scan(pair->data, std::min(covered, pair->readable()), false, add);
-    if (present() == pair && (has_all || !open_again(pair))) {
+    const ScanResult result =
+        scan(pair->data, kFirstEntry, std::min(covered, pair->readable()), false, add);
+    if (present_.get() == pair && (has_all || !present_.open_again(pair))) {
       for (const std::uint64_t offset : damaged) {
         report_damaged_entry(*pair, offset);
       }
+      out.merge(all);
       return has_all && result.end == covered;
     }
-    pair = present();  // the other one was replaced meanwhile, and perhaps emptied
+    pair = present_.get();  // the other one was replaced meanwhile, and perhaps emptied
   }
   return false;
 }
+
+std::uint64_t Engine::usage() const { return size_of(paths_.data) + size_of(paths_.index); }
 
 // --- storing ---
 
-bool Engine::store(const EntryMap& diff) try {
-  const Locked locked(*lock_);
-  return store_locked(diff);
-} catch (const std::exception& error) {
-  QV_LOG(g_module, WARN, "Couldn't append to %s: %s", paths_.data.c_str(), error.what());
-  return false;
+bool Engine::store(const EntryMap& diff, std::uint64_t limit) {
+  return change(diff, limit, "append to");
 }
 
-// With the lock: whether the pair can be appended to.
-bool Engine::fits(const Pair* pair) const {
-  if (pair == nullptr || !is_present(*pair)) {
+bool Engine::clean(std::uint64_t limit) {
+  return change({}, std::max(limit, smallest_store()), "clean");
+}
+
+// The verb is for the record.
+bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb) try {
+  if (read_only_) {
+    QV_LOG(g_module, WARN, "Couldn't %s %s: it is open for reading only", verb,
+           paths_.data.c_str());
     return false;
   }
-  const std::uint64_t size = pair->data.size();
-  return pair->index.covered() <= size && size <= pair->data.mapped_size();
+  StoreTurn turn(*lock_, lock_waited_);
+  Step step = Step::again;
+  for (int attempts = 0; attempts < kAttempts; attempts += step == Step::waited ? 0 : 1) {
+    step = try_change(turn, diff, limit);
+    if (step == Step::done || step == Step::failed || step == Step::reported) {
+      break;
+    }
+    errno = EBUSY;
+  }
+  if (step != Step::done && step != Step::reported) {
+    QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), std::strerror(errno));
+  }
+  return step == Step::done;
+} catch (const std::exception& error) {
+  QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), error.what());
+  return false;
 }
 
-bool Engine::store_locked(const EntryMap& diff) {
-  for (int attempts = 0; attempts < 6; ++attempts) {
-    Pair* const pair = present();
-    if (!fits(pair)) {
-      if (!open_locked()) {
-        return false;
-      }
-      continue;  // a look-up may have attached another pair first
+Engine::Step Engine::try_change(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit) {
+  const Pinned pair = pin_current();
+  if (!pair) {
+    return Step::reported;
+  }
+  delete_leftovers();
+  if (!pair->index.is_writable() && may_write(paths_.data)) {  // another user has made it
+    return build_index(pair->data) ? Step::again : Step::reported;
+  }
+  Append append(paths_, *pair);
+  if (!append.recover()) {
+    return Step::failed;
+  }
+  append.choose(diff);
+  if (append.size_after() > limit) {
+    return make_room(turn, *pair, bound_for(diff, limit));
+  }
+  switch (append.run()) {
+    case Append::Result::stored:
+      // Otherwise somebody has deleted the files meanwhile, and the entries with them.
+      return has_names(*pair) ? Step::done : Step::again;
+    case Append::Result::failed:
+      return Step::failed;
+    default:
+      return grow(*pair, diff.size()) ? Step::again : Step::failed;
+  }
+}
+
+// With the lock: pins the pair that has the names. It is checked after it is pinned: a look-up
+// may attach an older one at any time. Holds nothing, after a record, when there is no pair.
+Pinned Engine::pin_current() {
+  for (int attempts = 0; attempts < kAttempts; ++attempts) {
+    Pinned pair = present_.pin();
+    if (pair && is_current(*pair)) {
+      return pair;
     }
-    const Pinned pinned(*pair);
-    if (!pinned) {
-      continue;  // another thread has just replaced it
-    }
-    Append append(paths_, *pair);
-    if (!append.recover()) {
-      break;
-    }
-    const Append::Result result = append.run(diff);
-    if (result == Append::Result::stored) {
-      return true;
-    }
-    if (result == Append::Result::failed || !grow(*pair, diff.size())) {
-      break;
+    if (!open_locked()) {
+      return Pinned(nullptr);
     }
   }
-  QV_LOG(g_module, WARN, "Couldn't append to %s: %s", paths_.data.c_str(), std::strerror(errno));
-  return false;
+  QV_LOG(g_module, WARN, "Couldn't open %s: it is replaced again and again", paths_.data.c_str());
+  return Pinned(nullptr);
+}
+
+// With the lock: whether the pair has the names, and can be appended to.
+bool Engine::is_current(const Pair& pair) const {
+  if (!has_names(pair)) {
+    return false;
+  }
+  const std::uint64_t size = pair.data.size();
+  return pair.index.covered() <= size && size <= pair.data.mapped_size();
+}
+
+bool Engine::has_names(const Pair& pair) const {
+  return descriptor::is_at(paths_.index.c_str(), pair.index.id()) &&
+         descriptor::is_at(paths_.data.c_str(), pair.data.id());
+}
+
+// With the lock, when the present pair has its names: deletes what a killed cleaner has left.
+void Engine::delete_leftovers() const {
+  if (exists(paths_.cleaned_data) &&
+      CleanerMark(paths_.cleaned_data).look() == CleanerMark::State::dead) {
+    remove_leftovers(paths_);
+  }
 }
 
 // Readers of the old index find the mark and then the new one.
@@ -341,7 +368,93 @@ bool Engine::grow(Pair& pair, std::uint64_t more) {
     return false;
   }
   pair.index.set_moving(true);
-  return std::rename(paths_.new_index.c_str(), paths_.index.c_str()) == 0;
+  return install_index();
+}
+
+// The new index stays nowhere when it doesn't get its name: another user could not replace it.
+bool Engine::install_index() const {
+  if (std::rename(paths_.new_index.c_str(), paths_.index.c_str()) == 0) {
+    return true;
+  }
+  const int error = errno;
+  unlink(paths_.new_index.c_str());
+  errno = error;
+  return false;
+}
+
+// --- cleaning ---
+
+// With the lock, which it lets others have meanwhile.
+Engine::Step Engine::make_room(StoreTurn& turn, const Pair& pair, const Bound& bound) {
+  if (!bound.takes(kFirstEntry, 0)) {
+    QV_LOG(g_module, WARN,
+           "Couldn't append to %s: %lu bytes of entries don't fit into a store of %lu bytes",
+           paths_.data.c_str(), bound.bytes, bound.limit);
+    return Step::reported;
+  }
+  CleanerMark other(paths_.cleaned_data);
+  const CleanerMark::State state = other.look();
+  if (state == CleanerMark::State::live) {
+    turn.release();
+    other.wait();
+    turn.take();
+    return Step::waited;
+  }
+  return state == CleanerMark::State::unknown ? Step::failed : clean_files(turn, pair, bound);
+}
+
+Engine::Step Engine::clean_files(StoreTurn& turn, const Pair& from, const Bound& bound) {
+  Clean clean(paths_, bound, found_.all());
+  if (!clean.begin(from)) {
+    return Step::failed;
+  }
+  turn.release();
+  const bool is_copied = clean.copy(from);
+  const int error = errno;
+  turn.take();
+  errno = error;
+  return finish_clean(clean, is_copied, from.data.identity());
+}
+
+// With the lock. A disk without room for copies may have room for an empty store.
+Engine::Step Engine::finish_clean(Clean& clean, bool is_copied, std::uint64_t identity) {
+  const int error = errno;
+  const Pinned pair = pin_current();
+  if (!pair) {
+    return Step::reported;
+  }
+  if (pair->data.identity() != identity) {
+    return Step::again;  // somebody has replaced the files by hand
+  }
+  if (!Append(paths_, *pair).recover()) {
+    return Step::failed;
+  }
+  const std::uint64_t entries = pair->index.entries();
+  const std::uint64_t size = usage();
+  errno = error;
+  if (is_copied && clean.copy_rest(*pair) && clean.replace(*pair)) {
+    return count_clean(clean, entries, size) ? Step::again : Step::reported;
+  }
+  if (!is_full(errno) || !clean.has_own_names()) {
+    return Step::failed;
+  }
+  const int full = errno;
+  if (!clean.start_empty() || !clean.replace(*pair)) {
+    return Step::failed;
+  }
+  QV_LOG(g_module, WARN,
+         "Couldn't copy the entries of %s that were to stay, so it begins empty: %s",
+         paths_.data.c_str(), std::strerror(full));
+  return count_clean(clean, entries, size) ? Step::again : Step::reported;
+}
+
+bool Engine::count_clean(const Clean& clean, std::uint64_t entries, std::uint64_t size) {
+  const std::uint64_t dropped = entries - clean.kept();
+  kept_ += clean.kept();
+  dropped_ += dropped;
+  QV_LOG(g_module, INFO, "Cleaned %s: kept %lu entries, dropped %lu; %lu bytes before, %lu after",
+         paths_.data.c_str(), clean.kept(), dropped, size, usage());
+  return open_locked();
 }
 
 }  // namespace indexed

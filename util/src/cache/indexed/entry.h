@@ -34,6 +34,7 @@ class Entry {
   // In bytes, without padding.
   std::uint64_t size() const { return header_.size; }
 
+  const unsigned char* bytes() const { return bytes_; }
   const unsigned char* key() const;
   std::size_t key_size() const { return header_.key_size; }
   bool has_key(const util::RoBuffer& key) const;

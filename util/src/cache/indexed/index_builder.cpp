@@ -31,7 +31,7 @@ std::uint64_t slots_for(std::uint64_t entries) {
 
 ScanResult IndexBuilder::collect(std::uint64_t limit, bool check) {
   const ScanResult result =
-      scan(data_, limit, check, [this](const Entry& entry, std::uint64_t offset) {
+      scan(data_, kFirstEntry, limit, check, [this](const Entry& entry, std::uint64_t offset) {
         places_.push_back({hash_of(entry.key(), entry.key_size()), offset});
       });
   covered_ = result.end;
@@ -44,7 +44,13 @@ bool IndexBuilder::is_same_key(std::uint64_t offset, std::uint64_t other) const 
   return one && two && one->has_key(util::RoBuffer::view(two->key(), two->key_size()));
 }
 
-// The first entry of a key gets the slot.
+bool IndexBuilder::is_intact(std::uint64_t offset) const {
+  const std::optional<Entry> entry = data_.entry_at(offset, covered_);
+  return entry && entry->is_intact();
+}
+
+// The first entry of a key gets the slot. A later one is there only after a kill, or because
+// the first was damaged when its key was stored.
 void IndexBuilder::fill(std::vector<std::uint64_t>& slots) {
   const std::uint64_t mask = slots.size() - 1;
   for (const Place& place : places_) {
@@ -53,9 +59,9 @@ void IndexBuilder::fill(std::vector<std::uint64_t>& slots) {
            !(has_tag(slots[at], place.hash) && is_same_key(offset_in(slots[at]), place.offset))) {
       at = (at + 1) & mask;
     }
-    if (slots[at] == 0) {
+    entries_ += slots[at] == 0 ? 1 : 0;
+    if (slots[at] == 0 || !is_intact(offset_in(slots[at]))) {
       slots[at] = make_slot(place.hash, place.offset);
-      ++entries_;
     }
   }
 }
@@ -76,6 +82,7 @@ bool IndexBuilder::write(const std::string& path, std::uint64_t more) {
   if (fd < 0) {
     return false;
   }
+  data_.give_owner_to(fd);
   // Written, not stored through a mapping: on a full disk that would end the process.
   const bool written =
       write_all(fd, head, 0) &&

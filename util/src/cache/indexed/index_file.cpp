@@ -45,6 +45,20 @@ int open_index(const std::string& path, bool& writable) {
   return open(path.c_str(), O_RDONLY | how);
 }
 
+// A boot that is unknown, to the writer of the index or to this process, is taken for the
+// present one: otherwise processes with and without /proc would rebuild each other's index.
+bool is_same_boot(const IndexPage& page, const IndexPage& expected) {
+  constexpr unsigned char kUnknown[sizeof(page.boot_id)] = {};
+  return std::memcmp(page.boot_id, expected.boot_id, sizeof(page.boot_id)) == 0 ||
+         std::memcmp(page.boot_id, kUnknown, sizeof(kUnknown)) == 0 ||
+         std::memcmp(expected.boot_id, kUnknown, sizeof(kUnknown)) == 0;
+}
+
+bool is_for(const IndexPage& page, const IndexPage& expected) {
+  return page.identity == expected.identity && page.device == expected.device &&
+         page.inode == expected.inode && is_same_boot(page, expected);
+}
+
 bool is_power_of_two(std::uint64_t number) { return number != 0 && (number & (number - 1)) == 0; }
 
 }  // namespace
@@ -82,8 +96,7 @@ Status IndexFile::open(const std::string& path, const DataFile& data, bool may_w
   if (page_.version != kVersion) {
     return page_.checksum == checksum_of(page_) ? Status::other_version : Status::stale;
   }
-  const IndexPage expected = page_for(data, page_.slots);
-  if (std::memcmp(&page_, &expected, offsetof(IndexPage, covered)) != 0 ||
+  if (page_.checksum != checksum_of(page_) || !is_for(page_, page_for(data, page_.slots)) ||
       !is_power_of_two(page_.slots) ||
       page_.slots != (size - kIndexPageSize) / sizeof(std::uint64_t) ||
       size % sizeof(std::uint64_t) != 0) {

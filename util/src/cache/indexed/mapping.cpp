@@ -34,9 +34,9 @@ bool Mapping::map(int fd, std::uint64_t size, std::uint64_t least, bool writable
 
 // The call itself and not mmap: ThreadSanitizer takes that for a write to all of the bytes,
 // which races with the look-ups. To those, the kernel replaces one page after another.
-// Writable, for a thread that stores into an index that has just been replaced.
+// Only readable: nobody writes through it any more, and the kernel need not account for it.
 void Mapping::empty() {
-  syscall(SYS_mmap, data_, size_, PROT_READ | PROT_WRITE,
+  syscall(SYS_mmap, data_, size_, PROT_READ,
           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
 }
 

@@ -6,12 +6,13 @@ namespace quorvane {
 namespace cache {
 namespace indexed {
 
-Status Pair::open(const std::string& data_path, const std::string& index_path, bool may_write) {
-  const Status status = data.open(data_path);
+Status Pair::open(const Paths& paths, bool is_cleaned, bool may_write) {
+  const Status status =
+      is_cleaned ? data.open(paths.cleaned_data, paths.data) : data.open(paths.data);
   if (status != Status::fits) {
     return status;
   }
-  const Status of_index = index.open(index_path, data, may_write);
+  const Status of_index = index.open(paths.index, data, may_write);
   if (of_index == Status::fits) {
     known_ = std::min(index.covered(), data.mapped_size());
   }
@@ -58,11 +59,12 @@ std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t h
   return std::nullopt;
 }
 
-bool Pair::insert_new(std::uint64_t hash, std::uint64_t offset) const {
+bool Pair::insert_new(std::uint64_t hash, std::uint64_t offset, std::uint64_t damaged) const {
   const std::uint64_t mask = index.slots() - 1;
   std::uint64_t at = hash & mask;
   for (std::uint64_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
-    if (index.slot(at) == 0) {
+    const std::uint64_t slot = index.slot(at);
+    if (slot == 0 || (damaged != 0 && slot == make_slot(hash, damaged))) {
       index.set_slot(at, make_slot(hash, offset));
       return true;
     }
@@ -85,6 +87,9 @@ bool Pair::insert(const Entry& entry, std::uint64_t offset) const {
     if (has_tag(slot, hash)) {
       const std::optional<Entry> other = entry_at(offset_in(slot), outgrown);
       if (other && other->has_key(key)) {
+        if (!other->is_intact()) {
+          index.set_slot(at, make_slot(hash, offset));
+        }
         return true;
       }
     }
@@ -93,7 +98,7 @@ bool Pair::insert(const Entry& entry, std::uint64_t offset) const {
 }
 
 bool Pair::pin() {
-  if ((state_.fetch_or(kPinned) & kRetired) == 0) {
+  if ((state_.fetch_add(kPin) & kRetired) == 0) {
     return true;
   }
   unpin();
@@ -101,13 +106,13 @@ bool Pair::pin() {
 }
 
 void Pair::unpin() {
-  if ((state_.fetch_and(~kPinned) & kRetired) != 0) {
+  if (state_.fetch_sub(kPin) == (kPin | kRetired)) {
     let_go();
   }
 }
 
 void Pair::retire() {
-  if ((state_.fetch_or(kRetired) & kPinned) == 0) {
+  if (state_.fetch_or(kRetired) < kPin) {
     let_go();
   }
 }

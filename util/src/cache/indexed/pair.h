@@ -10,6 +10,7 @@
 
 #include "src/cache/indexed/data_file.h"
 #include "src/cache/indexed/index_file.h"
+#include "src/cache/indexed/paths.h"
 
 namespace quorvane {
 namespace cache {
@@ -26,8 +27,9 @@ class Pair {
     Entry entry;
   };
 
-  // Opens both files. On another result than `fits`, `data` and `index` tell more.
-  Status open(const std::string& data_path, const std::string& index_path, bool may_write);
+  // Opens both files. `is_cleaned`: the data file as a cleaner leaves it when only the index
+  // is renamed. On another result than `fits`, `data` and `index` tell more.
+  Status open(const Paths& paths, bool is_cleaned, bool may_write);
 
   // The entry of `key`. `outgrown` is set when the data file has grown beyond its mapping,
   // so that the entry could not be looked at.
@@ -36,28 +38,30 @@ class Pair {
   // Up to here the data file can be read: it has whole entries, and is as long as that.
   std::uint64_t readable() const;
 
-  // Gives the entry at `offset` a slot, unless its key has one. False when there is no free
-  // slot.
+  // Gives the entry at `offset` a slot, unless an entry of its key that is not damaged has one.
+  // False when there is no free slot.
   bool insert(const Entry& entry, std::uint64_t offset) const;
 
-  // The same for a key that is known to have none.
-  bool insert_new(std::uint64_t hash, std::uint64_t offset) const;
+  // The same for a key that is known to have none, or only that of the entry at `damaged`,
+  // which the new entry then takes over.
+  bool insert_new(std::uint64_t hash, std::uint64_t offset, std::uint64_t damaged) const;
 
-  // Keeps the pair in memory while a thread writes through it. False when it is retired.
+  // Keeps the files while a thread writes through the pair or copies it. False when it is
+  // retired.
   bool pin();
   void unpin();
+  bool is_pinned() const { return state_.load() >= kPin; }
 
-  // Lets go of the files as soon as no thread writes through the pair. Look-ups under way
+  // Lets go of the files as soon as the pair isn't pinned. Look-ups under way
   // find nothing, and are repeated in the pair that has replaced this one.
   void retire();
 
   DataFile data;
   IndexFile index;
-  Pair* replaced = nullptr;  // the pair that this one has replaced
 
  private:
-  static constexpr unsigned kPinned = 1;
-  static constexpr unsigned kRetired = 2;
+  static constexpr unsigned kRetired = 1;
+  static constexpr unsigned kPin = 2;  // of one thread
 
   void let_go();
   std::optional<Entry> entry_at(std::uint64_t offset, bool& outgrown) const;

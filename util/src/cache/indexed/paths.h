@@ -12,11 +12,18 @@ struct Paths {
   Paths(const std::string& root, const std::string& name)
       : data(root + "/dat_" + name),
         index(root + "/idx_" + name),
-        new_index(root + "/new_" + name) {}
+        new_index(root + "/new_" + name),
+        cleaned_data(root + "/newdat_" + name),
+        cleaned_index(root + "/newidx_" + name) {}
 
   std::string data;
   std::string index;
   std::string new_index;  // only while an index is being made
+
+  // Only during a clean. The index is renamed first: it may belong to the data file of this
+  // name for a moment, or until the next process finishes what a killed one has begun.
+  std::string cleaned_data;
+  std::string cleaned_index;
 };
 
 }  // namespace indexed

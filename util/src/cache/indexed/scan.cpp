@@ -40,10 +40,10 @@ bool is_followed(const DataFile& data, std::uint64_t offset, std::uint64_t limit
 
 }  // namespace
 
-ScanResult scan(const DataFile& data, std::uint64_t limit, bool check,
+ScanResult scan(const DataFile& data, std::uint64_t from, std::uint64_t limit, bool check,
                 const std::function<void(const Entry& entry, std::uint64_t offset)>& visit) {
   limit = std::min(limit, data.mapped_size());
-  std::uint64_t offset = kFirstEntry;
+  std::uint64_t offset = from;
   while (offset < limit) {
     const std::optional<Entry> entry = whole_entry(data, offset, limit, check);
     if (!entry) {

@@ -18,10 +18,11 @@ struct ScanResult {
   bool is_damaged;
 };
 
-// Visits the whole entries up to the offset `limit`, in file order. `check` also reads their
+// Visits the whole entries between the offsets `from`, where one begins, and `limit`, in file
+// order. `check` also reads their
 // values, to compare checksums; without it, all entries up to `limit` must be known to be
 // whole. Takes time in proportion to `limit`, whatever the file holds.
-ScanResult scan(const DataFile& data, std::uint64_t limit, bool check,
+ScanResult scan(const DataFile& data, std::uint64_t from, std::uint64_t limit, bool check,
                 const std::function<void(const Entry& entry, std::uint64_t offset)>& visit);
 
 }  // namespace indexed

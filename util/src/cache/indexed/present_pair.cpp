@@ -1,0 +1,119 @@
+#include "src/cache/indexed/present_pair.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "src/cache/indexed/look_clock.h"
+#include "src/fork_guard.h"
+
+namespace quorvane {
+namespace cache {
+namespace indexed {
+
+PresentPair::PresentPair(const Paths& paths, bool may_write)
+    : paths_(paths), may_write_(may_write) {
+  fork_guard::add(retired_mutex_);
+}
+
+PresentPair::~PresentPair() {
+  fork_guard::remove(retired_mutex_);
+  delete get();
+}
+
+Pinned PresentPair::pin() {
+  const ReaderGate::Inside inside(gate_);
+  return Pinned(get());
+}
+
+// The data file of a renamed index is found under its old name, and then under its new one
+// if it was renamed in between.
+Status PresentPair::open(std::unique_ptr<Pair>& pair) const {
+  Status status = Status::missing;
+  for (const bool is_cleaned : {false, true, false, true, false}) {
+    pair = std::make_unique<Pair>();
+    status = pair->open(paths_, is_cleaned, may_write_);
+    if (status == Status::fits) {
+      break;
+    }
+  }
+  return status;
+}
+
+// Not if another thread has replaced `replaced`: that may have been replace_by, with a newer
+// pair than this one.
+void PresentPair::attach(std::unique_ptr<Pair> pair, Pair* replaced) {
+  Pair* expected = replaced;
+  if (present_.compare_exchange_strong(expected, pair.get())) {
+    static_cast<void>(pair.release());
+    if (replaced != nullptr) {
+      retire(replaced);
+    }
+  }
+}
+
+void PresentPair::replace_by(std::unique_ptr<Pair> pair) {
+  Pair* const replaced = present_.exchange(pair.release());
+  if (replaced != nullptr) {
+    retire(replaced);
+  }
+}
+
+// Without memory for the list, the addresses stay reserved.
+void PresentPair::retire(Pair* pair) noexcept try {
+  pair->retire();
+  const std::uint64_t round = gate_.end_round();
+  const fork_guard::Lock lock(retired_mutex_);
+  retired_.reserve(retired_.size() + 1);
+  retired_.push_back({std::unique_ptr<Pair>(pair), round});
+  free_drained();
+} catch (const std::bad_alloc&) {
+}
+
+void PresentPair::free_drained() {
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
+                                [this](const Retired& retired) {
+                                  return gate_.has_drained(retired.round) &&
+                                         !retired.pair->is_pinned();
+                                }),
+                 retired_.end());
+}
+
+bool PresentPair::may_look_again(Pair* seen, bool outgrown) {
+  if (get() != seen) {
+    return true;
+  }
+  const bool is_suspect = outgrown || seen->index.is_moving() || has_time_passed();
+  if (is_suspect && (outgrown || !descriptor::is_at(paths_.index.c_str(), seen->index.id())) &&
+      open_again(seen)) {
+    return true;
+  }
+  return get() !=
+         seen;  // it may have been replaced, and its file deleted, before the names were seen
+}
+
+// Files that were deleted or replaced by hand carry no mark, so the names are looked at from
+// time to time.
+bool PresentPair::has_time_passed() {
+  const std::uint64_t now = look_time();
+  if (now - looked_at_.load(std::memory_order_relaxed) < kLookInterval) {
+    return false;  // not stored: threads that miss would pass the line around
+  }
+  looked_at_.store(now, std::memory_order_relaxed);
+  return true;
+}
+
+bool PresentPair::open_again(Pair* seen) try {
+  std::unique_ptr<Pair> pair;
+  if (open(pair) != Status::fits) {
+    return false;
+  }
+  attach(std::move(pair), seen);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+}  // namespace indexed
+}  // namespace cache
+}  // namespace quorvane
