@@ -368,7 +368,11 @@ bool Engine::grow(Pair& pair, std::uint64_t more) {
     return false;
   }
   pair.index.set_moving(true);
-  return install_index();
+  if (!install_index()) {
+    pair.index.set_moving(false);
+    return false;
+  }
+  return true;
 }
 
 // The new index stays nowhere when it doesn't get its name: another user could not replace it.
