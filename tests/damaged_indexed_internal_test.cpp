@@ -40,7 +40,7 @@ bool write_store() {
 }
 
 std::string flipped(std::string bytes, std::size_t at, unsigned bit = 0) {
-  bytes[at] = static_cast<char>(bytes[at] ^ (1U << bit));
+  bytes[at] = static_cast<char>(bytes[at] ^ (1 << bit));
   return bytes;
 }
 
