@@ -197,7 +197,7 @@ const std::vector<std::vector<Unit>> kCacheFloors{
     {{"checks", ""},
      {"indexed/format", "IndexPage"},
      {"indexed/found_keys", "FoundKeys"},
-     {"indexed/look_clock", "look_time"},
+     {"indexed/look_clock", "LookClock"},
      {"indexed/mapping", "Mapping"},
      {"indexed/open_file", "OpenFile"},
      {"indexed/paths", "Paths"},

@@ -162,7 +162,7 @@ bool Engine::build_index(const DataFile& data) {
 
 bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
   const std::uint64_t hash = hash_of(key.get_buffer(), key.get_size());
-  const ReaderGate::Inside inside(present_.gate());
+  const ReaderGate::Inside inside;
   for (;;) {
     Pair* const pair = present_.get();
     if (pair == nullptr) {
@@ -196,7 +196,7 @@ void Engine::report_damaged_entry(const Pair& pair, std::uint64_t offset) {
 }
 
 std::uint64_t Engine::entries() {
-  const ReaderGate::Inside inside(present_.gate());
+  const ReaderGate::Inside inside;
   for (;;) {
     Pair* const pair = present_.get();
     const std::uint64_t entries = pair == nullptr ? 0 : pair->index.entries();
@@ -208,7 +208,7 @@ std::uint64_t Engine::entries() {
 
 void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   constexpr std::uint64_t kAhead = 4096;
-  const ReaderGate::Inside inside(present_.gate());
+  const ReaderGate::Inside inside;
   const Pair* const pair = present_.get();
   for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
     const std::uint64_t hash = hash_of(keys[i].get_buffer(), keys[i].get_size());
@@ -226,7 +226,7 @@ void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
 }
 
 bool Engine::read_all(EntryMap& out) {
-  const ReaderGate::Inside inside(present_.gate());
+  const ReaderGate::Inside inside;
   for (Pair* pair = present_.get(); pair != nullptr;) {
     EntryMap all;
     std::vector<std::uint64_t> damaged;

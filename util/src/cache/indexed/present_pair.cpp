@@ -4,7 +4,6 @@
 #include <new>
 #include <utility>
 
-#include "src/cache/indexed/look_clock.h"
 #include "src/fork_guard.h"
 
 namespace quorvane {
@@ -22,7 +21,7 @@ PresentPair::~PresentPair() {
 }
 
 Pinned PresentPair::pin() {
-  const ReaderGate::Inside inside(gate_);
+  const ReaderGate::Inside inside;
   return Pinned(get());
 }
 
@@ -62,7 +61,7 @@ void PresentPair::replace_by(std::unique_ptr<Pair> pair) {
 // Without memory for the list, the addresses stay reserved.
 void PresentPair::retire(Pair* pair) noexcept try {
   pair->retire();
-  const std::uint64_t round = gate_.end_round();
+  const std::uint64_t round = ReaderGate::end_round();
   const fork_guard::Lock lock(retired_mutex_);
   retired_.reserve(retired_.size() + 1);
   retired_.push_back({std::unique_ptr<Pair>(pair), round});
@@ -71,36 +70,24 @@ void PresentPair::retire(Pair* pair) noexcept try {
 }
 
 void PresentPair::free_drained() {
-  retired_.erase(std::remove_if(retired_.begin(), retired_.end(),
-                                [this](const Retired& retired) {
-                                  return gate_.has_drained(retired.round) &&
-                                         !retired.pair->is_pinned();
-                                }),
-                 retired_.end());
+  const std::uint64_t first = ReaderGate::first_in_use();
+  const auto is_drained = [first](const Retired& retired) {
+    return retired.round < first && !retired.pair->is_pinned();
+  };
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(), is_drained), retired_.end());
 }
 
 bool PresentPair::may_look_again(Pair* seen, bool outgrown) {
   if (get() != seen) {
     return true;
   }
-  const bool is_suspect = outgrown || seen->index.is_moving() || has_time_passed();
+  const bool is_suspect = outgrown || seen->index.is_moving() || clock_.is_due();
   if (is_suspect && (outgrown || !descriptor::is_at(paths_.index.c_str(), seen->index.id())) &&
       open_again(seen)) {
     return true;
   }
   return get() !=
          seen;  // it may have been replaced, and its file deleted, before the names were seen
-}
-
-// Files that were deleted or replaced by hand carry no mark, so the names are looked at from
-// time to time.
-bool PresentPair::has_time_passed() {
-  const std::uint64_t now = look_time();
-  if (now - looked_at_.load(std::memory_order_relaxed) < kLookInterval) {
-    return false;  // not stored: threads that miss would pass the line around
-  }
-  looked_at_.store(now, std::memory_order_relaxed);
-  return true;
 }
 
 bool PresentPair::open_again(Pair* seen) try {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <vector>
 
+#include "src/cache/indexed/look_clock.h"
 #include "src/cache/indexed/pair.h"
 #include "src/cache/indexed/paths.h"
 #include "src/cache/indexed/pinned.h"
@@ -29,8 +30,7 @@ class PresentPair {
   PresentPair(const PresentPair&) = delete;
   PresentPair& operator=(const PresentPair&) = delete;
 
-  // The pair may be used while the thread is inside this gate.
-  ReaderGate& gate() { return gate_; }
+  // The pair may be used while the thread is inside the ReaderGate.
   Pair* get() const { return present_.load(); }
 
   // The pair may be used as long as it is pinned.
@@ -60,15 +60,13 @@ class PresentPair {
     std::uint64_t round;
   };
 
-  bool has_time_passed();
   void retire(Pair* pair) noexcept;
   void free_drained();
 
   const Paths& paths_;
   const bool may_write_;
   std::atomic<Pair*> present_{nullptr};
-  std::atomic<std::uint64_t> looked_at_{0};  // when the index's name was last looked at
-  ReaderGate gate_;
+  LookClock clock_;  // for files that were replaced by hand: they carry no mark
   std::mutex retired_mutex_;
   std::vector<Retired> retired_;
 };

@@ -1,68 +1,66 @@
 #include "src/cache/indexed/reader_gate.h"
 
-#include "src/process_generation.h"
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 namespace quorvane {
 namespace cache {
 namespace indexed {
 namespace {
 
-// A mark has the number of the round below 16 bits of the process's generation.
-constexpr unsigned kRoundBits = 48;
-constexpr std::uint64_t kRoundMask = (std::uint64_t{1} << kRoundBits) - 1;
-
-std::uint64_t own_generation() { return process_generation() << kRoundBits; }
-
-bool is_of(std::uint64_t mark, std::uint64_t generation) {
-  return mark != 0 && ((mark ^ generation) & ~kRoundMask) == 0;
-}
-
-// The address of its copy tells threads apart. Initial-exec: its use costs no call.
-__attribute__((tls_model("initial-exec"))) thread_local char t_identity;
-
-std::size_t hash_of_thread() {
-  return (reinterpret_cast<std::uintptr_t>(&t_identity) * 0x9e3779b97f4a7c15U) >> 58;
+// A memory barrier in all threads of the process.
+bool run_barrier_everywhere() {
+  constexpr auto call = [](int command) { return syscall(SYS_membarrier, command, 0, 0) == 0; };
+  return call(MEMBARRIER_CMD_PRIVATE_EXPEDITED) ||
+         (call(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) &&
+          call(MEMBARRIER_CMD_PRIVATE_EXPEDITED));
 }
 
 }  // namespace
 
-// Sequentially consistent, as the change of the pointer that the caller reads next: either
-// that change is seen, or has_drained sees the mark.
-ReaderGate::Slot* ReaderGate::enter() {
-  const std::uint64_t generation = own_generation();
-  const std::uint64_t mark = generation | (round_.load() & kRoundMask);
-  const std::size_t first = hash_of_thread();
-  for (std::size_t i = 0; i < kSlots; ++i) {
-    Slot& slot = slots_[(first + i) % kSlots];
-    std::uint64_t seen = slot.mark.load(std::memory_order_relaxed);
-    if (!is_of(seen, generation) && slot.mark.compare_exchange_strong(seen, mark)) {
-      return &slot;
-    }
+thread_local ReaderGate::AtThreadExit ReaderGate::t_at_exit{};
+
+// Unless the slot is the parent's: another thread of this process may own it.
+ReaderGate::AtThreadExit::~AtThreadExit() {
+  if (t_claim.slot != nullptr && t_claim.generation == process_generation()) {
+    t_claim.slot->owner.store(0, std::memory_order_release);
   }
-  ++without_slot_;
-  return nullptr;
+  t_claim = {nullptr, process_generation()};  // for look-ups of later destructors
 }
 
-void ReaderGate::leave(Slot* slot) {
-  if (slot != nullptr) {
-    slot->mark.store(0, std::memory_order_release);
-  } else {
-    --without_slot_;
+// A slot that a parent's thread owned is free in the child.
+void ReaderGate::claim() {
+  t_at_exit.is_registered = true;
+  const std::uint64_t own = process_generation();
+  t_claim = {nullptr, own};
+  for (Slot& slot : slots) {
+    std::uint64_t owner = slot.owner.load(std::memory_order_relaxed);
+    if (owner != own && slot.owner.compare_exchange_strong(owner, own)) {
+      slot.round.store(0);
+      t_claim.slot = &slot;
+      return;
+    }
   }
 }
 
-bool ReaderGate::has_drained(std::uint64_t round) const {
-  if (without_slot_.load() != 0) {
-    return false;
+// After the barrier, every look-up that has not marked its slot visibly sees what was changed
+// before the call.
+std::uint64_t ReaderGate::first_in_use() {
+  if (!run_barrier_everywhere() || without_slot.load() != 0) {
+    return 0;
   }
-  const std::uint64_t generation = own_generation();
-  for (const Slot& slot : slots_) {
-    const std::uint64_t mark = slot.mark.load();
-    if (is_of(mark, generation) && (mark & kRoundMask) <= round) {
-      return false;
+  const std::uint64_t own = process_generation();
+  std::uint64_t first = present_round.load();
+  for (const Slot& slot : slots) {
+    const std::uint64_t round = slot.round.load();
+    if (round != 0 && slot.owner.load() == own) {
+      first = std::min(first, round);
     }
   }
-  return true;
+  return first;
 }
 
 }  // namespace indexed

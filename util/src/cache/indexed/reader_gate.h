@@ -7,48 +7,78 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "src/process_generation.h"
+
 namespace quorvane {
 namespace cache {
 namespace indexed {
 
-// A look-up marks a slot with the number of the present round. What was taken out of reach
-// in an earlier round can be freed once all slots are free or of later rounds.
-// Thread-safety: any thread. Fork-safety: a child may use its copy, and ignores the marks of
-// threads that it doesn't have.
+// One gate for all stores of the process. A look-up marks its thread's slot with the number
+// of the present round. What was taken out of reach in an earlier round can be freed once
+// all slots are unmarked or of later rounds.
+//
+// A mark is a plain store: a locked instruction would keep the processor from overlapping
+// the look-ups of a loop, which made a miss more than 100 ns dearer. So the thread that frees
+// has the kernel run a memory barrier in all threads.
+// Thread-safety: any thread. Fork-safety: a child may use it at once, and ignores the slots
+// of threads that it doesn't have.
 class ReaderGate {
- private:
-  struct alignas(64) Slot {  // a cache line of its own
-    std::atomic<std::uint64_t> mark{0};
-  };
-
  public:
+  // Don't nest.
   class Inside {
    public:
-    explicit Inside(ReaderGate& gate) : gate_(gate), slot_(gate.enter()) {}
-    ~Inside() { gate_.leave(slot_); }
+    Inside() {
+      if (t_claim.generation != process_generation()) {
+        claim();
+      }
+      Slot* const slot = t_claim.slot;
+      if (slot == nullptr) {
+        ++without_slot;
+        return;
+      }
+      slot->round.store(present_round.load(std::memory_order_acquire), std::memory_order_release);
+      std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~Inside() {
+      if (t_claim.slot != nullptr) {
+        t_claim.slot->round.store(0, std::memory_order_release);
+      } else {
+        --without_slot;
+      }
+    }
     Inside(const Inside&) = delete;
     Inside& operator=(const Inside&) = delete;
-
-   private:
-    ReaderGate& gate_;
-    Slot* const slot_;
   };
 
   // Ends a round and returns its number. Call it when something was taken out of reach.
-  std::uint64_t end_round() { return round_.fetch_add(1); }
+  static std::uint64_t end_round() { return present_round.fetch_add(1); }
 
-  // Whether all who entered up to the end of that round have left.
-  bool has_drained(std::uint64_t round) const;
+  // The number of the first round that somebody may still be in. 0 when it can't be told.
+  static std::uint64_t first_in_use();
 
  private:
-  static constexpr std::size_t kSlots = 64;
+  struct alignas(64) Slot {            // a cache line of its own
+    std::atomic<std::uint64_t> owner;  // the generation of the thread's process
+    std::atomic<std::uint64_t> round;  // 0: outside
+  };
+  struct Claim {
+    Slot* slot;  // null: there was none left
+    std::uint64_t generation;
+  };
+  struct AtThreadExit {
+    ~AtThreadExit();
+    bool is_registered;
+  };
 
-  Slot* enter();
-  void leave(Slot* slot);
+  static void claim();
 
-  std::array<Slot, kSlots> slots_;
-  std::atomic<std::uint64_t> round_{1};
-  std::atomic<std::uint64_t> without_slot_{0};  // how many are inside while all slots are taken
+  static constinit inline std::array<Slot, 256> slots{};
+  static constinit inline std::atomic<std::uint64_t> present_round{1};
+  static constinit inline std::atomic<std::uint64_t> without_slot{0};
+
+  // Initial-exec: its use costs no call.
+  __attribute__((tls_model("initial-exec"))) static constinit inline thread_local Claim t_claim{};
+  static thread_local AtThreadExit t_at_exit;
 };
 
 }  // namespace indexed
