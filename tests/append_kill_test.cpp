@@ -2,9 +2,7 @@
 #include <gtest/gtest.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
-#include <sys/ptrace.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,6 +21,7 @@
 #include "support/store_bytes.h"
 #include "support/store_root.h"
 #include "support/temp_dir.h"
+#include "support/tracee.h"
 
 using quorvane::cache::Cache;
 using quorvane::cache::make_file_store;
@@ -127,24 +126,12 @@ struct Tally {
 // false if the child ends first.
 template <typename Append>
 bool is_killed_at(int stop, const Append& append) {
-  const pid_t child = fork();
-  if (child == 0) {
-    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-    raise(SIGSTOP);
-    append();
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
+  test::Tracee child(append);
   for (int stops = 0; stops < stop; ++stops) {
-    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-    waitpid(child, &status, 0);
-    if (!WIFSTOPPED(status)) {
+    if (child.resume(PTRACE_SYSCALL) == 0) {
       return false;
     }
   }
-  kill(child, SIGKILL);
-  waitpid(child, &status, 0);
   return true;
 }
 

@@ -2,9 +2,6 @@
 #include <quorvane/pidset.h>
 
 #include <gtest/gtest.h>
-#include <sys/ptrace.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -16,6 +13,7 @@
 #include "pidset_test/fixture.h"
 #include "support/lock_probe.h"
 #include "support/temp_dir.h"
+#include "support/tracee.h"
 
 namespace {
 
@@ -58,44 +56,23 @@ Ids without(Ids ids, std::int32_t id) {
 // A child that changes the set in a file, one instruction at a time.
 class SteppedWriter {
  public:
-  SteppedWriter(const std::string& path, const Change& change) : pid_(fork()) {
-    if (pid_ == 0) {
-      const Set set = open_set(path);
-      ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-      raise(SIGSTOP);
-      change.run(set.get());
-      raise(SIGSTOP);
-    }
-    await();
+  SteppedWriter(const std::string& path, const Change& change)
+      : child_([&] {
+          const Set set = open_set(path);
+          raise(SIGSTOP);
+          change.run(set.get());
+          raise(SIGSTOP);
+        }) {
+    child_.resume(PTRACE_CONT);
   }
-  ~SteppedWriter() { kill(); }
-  SteppedWriter(const SteppedWriter&) = delete;
-  SteppedWriter& operator=(const SteppedWriter&) = delete;
 
   // False when the change is complete.
-  bool step() {
-    ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr);
-    return await() == SIGTRAP;
-  }
+  bool step() { return child_.resume(PTRACE_SINGLESTEP) == SIGTRAP; }
 
-  void kill() {
-    if (!is_dead_) {
-      ::kill(pid_, SIGKILL);
-      await();
-    }
-  }
+  void kill() { child_.kill(); }
 
  private:
-  // Returns the signal that stopped the child, or 0 when it is dead.
-  int await() {
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    is_dead_ = !WIFSTOPPED(status);
-    return is_dead_ ? 0 : WSTOPSIG(status);
-  }
-
-  pid_t pid_;
-  bool is_dead_ = false;
+  test::Tracee child_;
 };
 
 class KilledPidSet : public PidSet, public testing::WithParamInterface<Change> {
