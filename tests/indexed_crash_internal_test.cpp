@@ -1,0 +1,214 @@
+// Every state of an indexed store's files that a kill can leave, and every state that a kill
+// in the recovery can leave.
+#include <gtest/gtest.h>
+
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "indexed_crash_test/kill_states.h"
+#include "support/scenario.h"
+
+using indexed_crash_test::delete_index;
+using indexed_crash_test::entries;
+using indexed_crash_test::KillStates;
+using indexed_crash_test::page_of;
+using indexed_crash_test::Tally;
+using quorvane::cache::EntryMap;
+using test::DirState;
+
+namespace {
+
+constexpr std::size_t kSmall = 20;
+constexpr std::size_t kLarge = 700;        // twenty of them fill several pages
+constexpr std::size_t kHuge = 600 * 1024;  // two of them are written at once, a third alone
+
+// As many as the first index takes, but for a few.
+constexpr int kAlmostFull = 676;
+
+bool has_tail(const DirState& state) {
+  return state.bytes("dat_maps").size() > page_of(state.bytes("idx_maps")).covered;
+}
+
+bool lacks_slots(const DirState& state) {
+  const auto page = page_of(state.bytes("idx_maps"));
+  return page.indexed < page.covered;
+}
+
+bool is_moving(const DirState& state) { return page_of(state.bytes("idx_maps")).moving != 0; }
+
+// The state in the middle of those that an append of `added` goes through and that `fits`
+// selects.
+template <typename Fits>
+DirState killed_append(KillStates& states, const EntryMap& added, const Fits& fits) {
+  std::vector<DirState> reached = states.states_of_append(added);
+  std::erase_if(reached, [&fits](const DirState& state) { return !fits(state); });
+  return reached.at(reached.size() / 2);
+}
+
+}  // namespace
+
+SCENARIO(create) { return KillStates({}).check_append({}); }
+
+SCENARIO(first_append) { return KillStates({}).check_append(entries("new", 3, kSmall)); }
+
+// Arguments: how many entries, and the size of each.
+SCENARIO(append) {
+  return KillStates(entries("old", 5, kSmall))
+      .check_append(entries("new", std::stoi(arguments.at(0)), std::stoul(arguments.at(1))));
+}
+
+SCENARIO(grow) {
+  return KillStates(entries("old", kAlmostFull, kSmall)).check_append(entries("new", 12, kSmall));
+}
+
+SCENARIO(rebuild) {
+  KillStates states(entries("old", 40, kSmall));
+  delete_index();
+  states.begin_now();
+  return states.check_append(entries("new", 2, kSmall));
+}
+
+SCENARIO(rebuild_with_torn_tail) {
+  KillStates states(entries("old", 40, kSmall));
+  const EntryMap added = entries("new", 8, kLarge);
+  DirState state = killed_append(states, added, has_tail);
+  state.names.erase("idx_maps");
+  states.begin_in(state);
+  return states.check_append(added);
+}
+
+// Arguments: where the append was killed.
+SCENARIO(append_again) {
+  const std::string& where = arguments.at(0);
+  KillStates states(entries("old", where == "moving" ? kAlmostFull : 5, kSmall));
+  const EntryMap added = entries("new", 10, where == "moving" ? kSmall : kLarge);
+  states.begin_in(killed_append(states, added,
+                                where == "tail"        ? has_tail
+                                : where == "unindexed" ? lacks_slots
+                                                       : is_moving));
+  return states.check_append(added);
+}
+
+namespace {
+
+// Each test also expects the states that its operation can't but go through, and enough of them
+// in the recoveries.
+class IndexedKillAnywhere : public testing::Test {
+ protected:
+  void run(const std::string& scenario, const test::Arguments& arguments = {}) {
+    const test::Ran ran = test::run_scenario(
+        scenario, {{"QV_CACHE_STORE_ROOT", root_.path()}, {"QV_LOG_LEVEL", "WARN"}}, arguments);
+    EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+    EXPECT_EQ(ran.messages(), std::vector<std::string>{});
+    std::istringstream out(ran.out);
+    read(out, operation_);
+    read(out, recovery_);
+    std::string rest;
+    std::getline(out >> std::ws, rest);
+    EXPECT_EQ(rest, "0 problems") << ran.err;
+    std::cout << ran.out << ran.err;
+  }
+
+  static void read(std::istream& in, Tally& tally) {
+    in >> tally.states >> tally.without_header >> tally.without_index >> tally.tails >>
+        tally.unindexed >> tally.moving >> tally.replaced >> tally.begun;
+  }
+
+  test::TempDir root_;
+  Tally operation_;
+  Tally recovery_;
+};
+
+TEST_F(IndexedKillAnywhere, InTheCreationDoesNoHarm) {
+  run("create");
+  EXPECT_GE(operation_.without_header, 3);
+  EXPECT_GE(operation_.without_index, 5);
+  EXPECT_GE(operation_.begun, 4);
+  EXPECT_GE(recovery_.without_header, 3);
+  EXPECT_GE(recovery_.begun, 5 * operation_.begun);
+}
+
+TEST_F(IndexedKillAnywhere, InTheFirstAppendDoesNoHarm) {
+  run("first_append");
+  EXPECT_GE(operation_.without_header, 3);
+  EXPECT_GE(operation_.begun, 4);
+  EXPECT_GE(operation_.tails, 3);
+  EXPECT_EQ(operation_.unindexed, 5);  // before each slot, before the count, and after it
+  EXPECT_GT(recovery_.unindexed, 5);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendOfOneEntryDoesNoHarm) {
+  run("append", {"1", std::to_string(kSmall)});
+  EXPECT_GE(operation_.tails, 3);
+  EXPECT_EQ(operation_.unindexed, 3);
+  EXPECT_EQ(operation_.states, 8);  // also the first and the last
+  EXPECT_GT(recovery_.tails, 3);
+  EXPECT_GT(recovery_.unindexed, 3);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendOfTwentyEntriesDoesNoHarm) {
+  run("append", {"20", std::to_string(kLarge)});
+  EXPECT_GE(operation_.tails, 6);  // some of them end at a page
+  EXPECT_EQ(operation_.unindexed, 22);
+  EXPECT_GT(recovery_.tails, 6 * 6);
+  EXPECT_GT(recovery_.unindexed, 22 * 10);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendThatNeedsTwoWritesDoesNoHarm) {
+  run("append", {"3", std::to_string(kHuge)});
+  EXPECT_GE(operation_.tails, 2 * 10);
+  EXPECT_EQ(operation_.unindexed, 5);
+  EXPECT_GT(recovery_.tails, 2 * 10);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendThatGrowsTheIndexDoesNoHarm) {
+  run("grow");
+  EXPECT_GE(operation_.begun, 6);
+  EXPECT_EQ(operation_.moving, 1);
+  EXPECT_GE(operation_.replaced, 1 + 3 + 14);
+  EXPECT_EQ(operation_.unindexed, 14);
+  EXPECT_GT(recovery_.begun, 6 * 6);
+  EXPECT_GT(recovery_.moving, 6);
+  EXPECT_GT(recovery_.unindexed, 14 * 10);
+}
+
+TEST_F(IndexedKillAnywhere, InARebuildDoesNoHarm) {
+  run("rebuild");
+  EXPECT_GE(operation_.without_index, 5);
+  EXPECT_GE(operation_.begun, 4);
+  EXPECT_EQ(operation_.unindexed, 4);
+  EXPECT_GT(recovery_.begun, 4 * 4);
+}
+
+TEST_F(IndexedKillAnywhere, InARebuildFromTornDataDoesNoHarm) {
+  run("rebuild_with_torn_tail");
+  EXPECT_GE(operation_.begun, 4);
+  EXPECT_GE(operation_.tails, 1 + 3);  // the torn one, and those of the append
+  EXPECT_GT(operation_.unindexed, 2);
+  EXPECT_GT(recovery_.begun, 4 * 4);
+  EXPECT_GT(recovery_.tails, 4 * 4);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendAfterATornOneDoesNoHarm) {
+  run("append_again", {"tail"});
+  EXPECT_GE(operation_.tails, 1 + 3);
+  EXPECT_EQ(operation_.unindexed, 12);
+  EXPECT_GT(recovery_.unindexed, 12);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendAfterAHalfIndexedOneDoesNoHarm) {
+  run("append_again", {"unindexed"});
+  EXPECT_GE(operation_.unindexed, 1 + 5);  // the other half, and the count
+  EXPECT_GT(recovery_.unindexed, 6);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendAfterAHalfMovedIndexDoesNoHarm) {
+  run("append_again", {"moving"});
+  EXPECT_EQ(operation_.moving, 2);  // the killed append's and its own
+  EXPECT_GE(operation_.begun, 2 + 6);
+  EXPECT_GT(recovery_.moving, 2);
+}
+
+}  // namespace
