@@ -155,6 +155,7 @@ bool Append::write_batch(std::uint64_t& end, std::string& batch) {
   if (!writer_.append(end, batch)) {
     return false;
   }
+  pair_.data.note_written(end, batch.size());
   end += batch.size();
   batch.clear();
   return true;

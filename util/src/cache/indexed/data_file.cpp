@@ -12,6 +12,10 @@
 
 #include "src/cache/indexed/open_file.h"
 
+#ifdef __SANITIZE_THREAD__
+extern "C" void __tsan_write_range(void* address, unsigned long size);
+#endif
+
 namespace quorvane {
 namespace cache {
 namespace indexed {
@@ -104,6 +108,15 @@ void DataFile::prefetch(std::uint64_t offset, std::uint64_t size) const {
     const std::uint64_t from = offset / page * page;
     madvise(mapping_.data() + from, std::min(offset + size, mapping_.size()) - from, MADV_WILLNEED);
   }
+}
+
+void DataFile::note_written([[maybe_unused]] std::uint64_t offset,
+                            [[maybe_unused]] std::uint64_t size) const {
+#ifdef __SANITIZE_THREAD__
+  if (offset < mapping_.size()) {
+    __tsan_write_range(mapping_.data() + offset, std::min(size, mapping_.size() - offset));
+  }
+#endif
 }
 
 }  // namespace indexed

@@ -52,6 +52,10 @@ class DataFile {
   // Asks the kernel to read the bytes ahead.
   void prefetch(std::uint64_t offset, std::uint64_t size) const;
 
+  // For ThreadSanitizer, which knows addresses and not files: what has been written to the file
+  // is written to the mapping too.
+  void note_written(std::uint64_t offset, std::uint64_t size) const;
+
   // Lets go of the file: look-ups under way find zeros.
   void retire() { mapping_.empty(); }
 
