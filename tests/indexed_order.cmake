@@ -1,0 +1,44 @@
+# ThreadSanitizer agrees with the memory orders of the index, and objects when one is weakened.
+if(NOT QV_SANITIZE STREQUAL "thread")
+  return()
+endif()
+
+# Adds a program with `from` replaced by `to` in the index's source.
+function(qv_add_order_program name from to)
+  set(original ${PROJECT_SOURCE_DIR}/util/src/cache/indexed/index_file.cpp)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${original})
+  file(READ ${original} text)
+  string(REPLACE "${from}" "${to}" changed "${text}")
+  if(changed STREQUAL text AND NOT from STREQUAL to)
+    message(FATAL_ERROR "${original} has no ${from}")
+  endif()
+  file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp CONTENT "${changed}" @ONLY)
+
+  add_executable(${name} indexed_order/program.cpp ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp
+    $<FILTER:$<TARGET_OBJECTS:qvutil_objects>,EXCLUDE,/index_file>)
+  target_include_directories(${name} PRIVATE
+    ${PROJECT_SOURCE_DIR}/util ${PROJECT_SOURCE_DIR}/util/include ${FARMHASH_INCLUDE_DIR})
+  target_link_libraries(${name} PRIVATE qv_test_support qv_warnings Threads::Threads
+    ${B2_LIBRARY} ${FARMHASH_LIBRARY} ${CMAKE_DL_LIBS})
+endfunction()
+
+function(qv_add_order_test test name expected from to)
+  qv_add_order_program(${name} "${from}" "${to}")
+  add_test(NAME IndexedOrder.${test} COMMAND ${name})
+  set_tests_properties(IndexedOrder.${test} PROPERTIES
+    PASS_REGULAR_EXPRESSION "${expected}" TIMEOUT 120 ENVIRONMENT "QV_LOG_FILE=/dev/null")
+endfunction()
+
+function(qv_add_weaker_order_test test name from to)
+  qv_add_order_test(${test} ${name} "ThreadSanitizer: data race" "${from}" "${to}")
+endfunction()
+
+qv_add_order_test(IsStrongEnough indexed_order "^all is found\n$" "release" "release")
+qv_add_weaker_order_test(ReleasesEachSlot indexed_order_slot_store
+  "store(slot, std::memory_order_release)" "store(slot, std::memory_order_relaxed)")
+qv_add_weaker_order_test(AcquiresEachSlot indexed_order_slot_load
+  "(slots[at]).load(std::memory_order_acquire)" "(slots[at]).load(std::memory_order_relaxed)")
+qv_add_weaker_order_test(ReleasesWhatIsCovered indexed_order_covered_store
+  "store(value, std::memory_order_release)" "store(value, std::memory_order_relaxed)")
+qv_add_weaker_order_test(AcquiresWhatIsCovered indexed_order_covered_load
+  "*word).load(std::memory_order_acquire)" "*word).load(std::memory_order_relaxed)")
