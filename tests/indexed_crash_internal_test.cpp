@@ -24,6 +24,12 @@ constexpr std::size_t kSmall = 20;
 constexpr std::size_t kLarge = 700;        // twenty of them fill several pages
 constexpr std::size_t kHuge = 600 * 1024;  // two of them are written at once, a third alone
 
+// Entries of this size fill a store up to this limit, so that the next append cleans it. At
+// least so many stay.
+constexpr std::size_t kOfClean = 1000;
+constexpr std::uint64_t kLimit = 40'000;
+constexpr std::size_t kKept = 4;
+
 // As many as the first index takes, but for a few.
 constexpr int kAlmostFull = 676;
 
@@ -49,7 +55,7 @@ DirState killed_append(KillStates& states, const EntryMap& added, const Fits& fi
 
 }  // namespace
 
-SCENARIO(create) { return KillStates({}).check_append({}); }
+SCENARIO(create) { return KillStates({}).check_opening(); }
 
 SCENARIO(first_append) { return KillStates({}).check_append(entries("new", 3, kSmall)); }
 
@@ -91,6 +97,17 @@ SCENARIO(append_again) {
   return states.check_append(added);
 }
 
+SCENARIO(clean) {
+  return KillStates(entries("old", 24, kOfClean), kLimit * 3 / 4, kKept / 2).check_clean();
+}
+
+// Arguments: how many entries another process stores during the clean.
+SCENARIO(append_and_clean) {
+  KillStates states(entries("old", 24, kOfClean), kLimit, kKept);
+  states.store_meanwhile(entries("meanwhile", std::stoi(arguments.at(0)), kLarge));
+  return states.check_append(entries("new", 3, kOfClean));
+}
+
 namespace {
 
 // Each test also expects the states that its operation can't but go through, and enough of them
@@ -113,7 +130,8 @@ class IndexedKillAnywhere : public testing::Test {
 
   static void read(std::istream& in, Tally& tally) {
     in >> tally.states >> tally.without_header >> tally.without_index >> tally.tails >>
-        tally.unindexed >> tally.moving >> tally.replaced >> tally.begun;
+        tally.unindexed >> tally.moving >> tally.replaced >> tally.begun >> tally.copied >>
+        tally.half_renamed;
   }
 
   test::TempDir root_;
@@ -209,6 +227,31 @@ TEST_F(IndexedKillAnywhere, InAnAppendAfterAHalfMovedIndexDoesNoHarm) {
   EXPECT_EQ(operation_.moving, 2);  // the killed append's and its own
   EXPECT_GE(operation_.begun, 2 + 6);
   EXPECT_GT(recovery_.moving, 2);
+}
+
+TEST_F(IndexedKillAnywhere, InACleanDoesNoHarm) {
+  run("clean");
+  EXPECT_GE(operation_.copied, 5 + 4 + 5);  // the header, the entries, and the index
+  EXPECT_EQ(operation_.half_renamed, 1);
+  EXPECT_GT(recovery_.copied, 14 * 10);
+  EXPECT_GT(recovery_.half_renamed, 10);
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendThatCleansDoesNoHarm) {
+  run("append_and_clean", {"0"});
+  EXPECT_GE(operation_.copied, 5 + 5 + 5);  // the header, the entries, and the index
+  EXPECT_GE(operation_.begun, 5);
+  EXPECT_EQ(operation_.moving, 1);
+  EXPECT_EQ(operation_.half_renamed, 1);
+  EXPECT_GT(recovery_.copied, 15 * 10);
+  EXPECT_GT(recovery_.half_renamed, 10);
+}
+
+TEST_F(IndexedKillAnywhere, InACleanBesideAnAppendDoesNoHarm) {
+  run("append_and_clean", {"2"});
+  EXPECT_GE(operation_.copied, 5 + 5 + 5 + 3);  // also the entries of the append
+  EXPECT_EQ(operation_.half_renamed, 1);
+  EXPECT_GT(recovery_.half_renamed, 10);
 }
 
 }  // namespace

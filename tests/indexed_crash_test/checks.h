@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -75,8 +76,12 @@ using Keys = std::set<std::string>;
 // The entries that a store may have, and those that it must have.
 class Content {
  public:
-  Content(const EntryMap& acknowledged, const EntryMap& possible)
-      : all_(acknowledged + possible), acknowledged_(acknowledged) {}
+  // `stored` were acknowledged, in this order. A clean keeps at least the last `kept` of them.
+  Content(const EntryMap& stored, std::size_t kept, const EntryMap& possible)
+      : all_(stored + possible), stored_(stored) {
+    const auto dropped = static_cast<std::ptrdiff_t>(stored.size() - kept);
+    acknowledged_.insert(std::next(stored.begin(), dropped), stored.end());
+  }
 
   void acknowledge(const EntryMap& more) {
     acknowledged_ = acknowledged_ + more;
@@ -97,6 +102,7 @@ class Content {
         require(found_.count(name) == 0, name + " was found before, and is lost");
       }
     }
+    require_newest();
   }
 
   // Requires that reading all entries gives those that look-ups find, and perhaps others that
@@ -121,7 +127,18 @@ class Content {
   const Keys& found() const { return found_; }
 
  private:
+  // What a clean drops is older than what it keeps.
+  void require_newest() const {
+    bool is_kept = false;
+    for (const auto& entry : stored_) {
+      const std::string name = test::bytes_of(entry.first);
+      require(!is_kept || found_.count(name) != 0, name + " is dropped, and older ones are kept");
+      is_kept = is_kept || found_.count(name) != 0;
+    }
+  }
+
   EntryMap all_;
+  EntryMap stored_;
   EntryMap acknowledged_;
   Keys found_;
 };

@@ -7,20 +7,36 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <functional>
+#include <limits>
 #include <map>
 #include <new>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "indexed_crash_test/checks.h"
 #include "support/file_changes.h"
+#include "support/lock_probe.h"
 #include "support/processes.h"
 
 namespace indexed_crash_test {
+
+// The index belongs to the data file of this name.
+inline bool belongs_to(const DirState& state, const IndexPage& page, const std::string& name) {
+  std::uint64_t identity = 0;
+  const std::string& data = state.bytes(name);
+  if (data.size() < quorvane::cache::indexed::kFirstEntry) {
+    return false;
+  }
+  data.copy(reinterpret_cast<char*>(&identity), sizeof(identity), sizeof(identity));
+  return page.identity == identity && page.inode == state.names.at(name);
+}
 
 // The states that one operation, or all recoveries, have gone through.
 struct Tally {
@@ -32,6 +48,8 @@ struct Tally {
   int moving = 0;          // the mark of an index that is still the present one
   int replaced = 0;        // an index that another has replaced
   int begun = 0;           // a new index that is not in place yet
+  int copied = 0;          // a new data file that is not in place yet
+  int half_renamed = 0;    // the same, when its index is
 
   void count(const DirState& start, const DirState& state) {
     const std::string& data = state.bytes("dat_maps");
@@ -40,16 +58,18 @@ struct Tally {
     ++states;
     without_header += state.has("dat_maps") && data.size() < 64 ? 1 : 0;
     without_index += data.size() >= 64 && !state.has("idx_maps") ? 1 : 0;
-    tails += state.has("idx_maps") && data.size() > page.covered ? 1 : 0;
+    tails += belongs_to(state, page, "dat_maps") && data.size() > page.covered ? 1 : 0;
     unindexed += page.indexed < page.covered ? 1 : 0;
     moving += page.moving != 0 ? 1 : 0;
     replaced += old != start.names.end() && state.names.at("idx_maps") != old->second ? 1 : 0;
-    begun += state.has("new_maps") ? 1 : 0;
+    begun += state.has("new_maps") || state.has("newidx_maps") ? 1 : 0;
+    copied += state.has("newdat_maps") ? 1 : 0;
+    half_renamed += belongs_to(state, page, "newdat_maps") ? 1 : 0;
   }
 
   void print() const {
-    std::printf("%d %d %d %d %d %d %d %d\n", states, without_header, without_index, tails,
-                unindexed, moving, replaced, begun);
+    std::printf("%d %d %d %d %d %d %d %d %d %d\n", states, without_header, without_index, tails,
+                unindexed, moving, replaced, begun, copied, half_renamed);
   }
 };
 
@@ -58,7 +78,12 @@ struct Tally {
 class KillStates {
  public:
   // The store has `stored`, and a process keeps it open.
-  explicit KillStates(const EntryMap& stored) : stored_(stored) {
+  explicit KillStates(const EntryMap& stored)
+      : KillStates(stored, quorvane::cache::indexed::kNoLimit, stored.size()) {}
+
+  // Each append keeps both files below `limit`. A clean keeps `kept` entries or more.
+  KillStates(const EntryMap& stored, std::uint64_t limit, std::size_t kept)
+      : stored_(stored), limit_(limit), kept_(kept) {
     if (!stored.empty()) {
       const auto store = make_engine();
       require(store->open() && store->store(stored), "the store can't be made");
@@ -73,29 +98,51 @@ class KillStates {
   void begin_in(const DirState& state) { start_ = state; }
   void begin_now() { start_ = states_.take(); }
 
-  // The states that an append of `added` goes through, the first and the last included.
-  std::vector<DirState> states_of_append(const EntryMap& added) { return trace(start_, added); }
+  // Lets another process store these during the copy of a clean.
+  void store_meanwhile(const EntryMap& entries) { meanwhile_ = entries; }
 
-  // Opens the store and appends `added`; if that is empty, only opens it. Prints the tally of
+  // The states that an append of `added` goes through, the first and the last included.
+  std::vector<DirState> states_of_append(const EntryMap& added) {
+    return trace(start_, append_of(added));
+  }
+
+  int check_append(const EntryMap& added) { return check(append_of(added), added); }
+  int check_opening() {
+    return check([](Engine&) { return true; }, {});
+  }
+  int check_clean() {
+    return check([this](Engine& store) { return store.clean(limit_); }, {});
+  }
+
+ private:
+  static constexpr unsigned kHangSeconds = 100;
+
+  using Operation = std::function<bool(Engine& store)>;
+
+  struct Verdict {
+    std::string problem;
+    Keys found;  // by the first process that looks
+  };
+
+  Operation append_of(const EntryMap& added) const {
+    return [this, added](Engine& store) { return store.store(added, limit_); };
+  }
+
+  // Opens the store, and lets it perform the operation that stores `added`. Prints the tally of
   // this, the tally of the recoveries, and the number of problems.
-  int check_append(const EntryMap& added) {
+  int check(const Operation& operation, const EntryMap& added) {
     retried_ = added + entries("retried", 1, 20);
-    const std::vector<DirState> reached = trace(start_, added);
+    const std::vector<DirState> reached = trace(start_, operation);
+    const std::size_t stored_meanwhile = meanwhile_from_;
     Tally first;
     Tally second;
-    for (const DirState& state : reached) {
-      first.count(start_, state);
-      check(start_, state, {});
+    for (std::size_t at = 0; at < reached.size(); ++at) {
+      first.count(start_, reached[at]);
+      check_state(start_, reached[at], at < stored_meanwhile ? EntryMap() : meanwhile_);
     }
-    require_found(reached.back(), added);
-    for (const DirState& state : reached) {
-      const Keys must = verdicts_.at(signature(state)).found;
-      const std::vector<DirState> recovered = trace(state, retried_);
-      for (const DirState& next : recovered) {
-        second.count(state, next);
-        check(state, next, must);
-      }
-      require_found(recovered.back(), retried_);
+    check_found(reached.back(), added + meanwhile_);
+    for (std::size_t at = 0; at < reached.size(); ++at) {
+      recover(reached[at], at < stored_meanwhile ? EntryMap() : meanwhile_, second);
     }
     first.print();
     second.print();
@@ -104,29 +151,46 @@ class KillStates {
     return 0;
   }
 
- private:
-  static constexpr unsigned kHangSeconds = 100;
+  void recover(const DirState& state, const EntryMap& must, Tally& tally) {
+    const Keys found = verdicts_.at(signature(state)).found;
+    const std::vector<DirState> reached = trace(state, append_of(retried_));
+    for (const DirState& next : reached) {
+      tally.count(state, next);
+      check_state(state, next, must);
+      if (limit_ == quorvane::cache::indexed::kNoLimit) {
+        check_kept(next, found);
+      }
+    }
+    check_found(reached.back(), retried_ + must);
+  }
 
-  struct Verdict {
-    std::string problem;
-    Keys found;  // by the first process that looks
-  };
-
-  // The same for states that no process can tell apart. An inode matters where an index names
-  // it, and the bytes of a file without a name where a process has it mapped.
+  // The same for states that no process can tell apart: identities and inodes only say which
+  // index belongs to which data file.
   std::string signature(const DirState& state) const {
-    const auto hash = [&state](ino_t inode) {
-      return std::to_string(std::hash<std::string>()(*state.files.at(inode))) + " ";
-    };
     std::string text;
     for (const auto& [name, inode] : state.names) {
-      text += name + " " + (name.find("dat") == 0 ? std::to_string(inode) + " " : "") + hash(inode);
+      text += name + " " + description(state, inode, name.find("dat") == std::string::npos);
     }
     for (const auto& [name, inode] : before_.names) {
       const auto present = state.names.find(name);
       if (present == state.names.end() || present->second != inode) {
-        text += "old " + name + " " + hash(inode);
+        text +=
+            "old " + name + " " + description(state, inode, name.find("dat") == std::string::npos);
       }
+    }
+    return text;
+  }
+
+  static std::string description(const DirState& state, ino_t inode, bool is_index) {
+    const std::string& bytes = *state.files.at(inode);
+    if (bytes.size() < quorvane::cache::indexed::kFirstEntry) {
+      return std::to_string(bytes.size()) + " ";
+    }
+    std::string_view compared(bytes);
+    compared.remove_prefix(is_index ? offsetof(IndexPage, covered) : 2 * sizeof(std::uint64_t));
+    std::string text = std::to_string(std::hash<std::string_view>()(compared)) + " ";
+    for (const char* name : {"dat_maps", "newdat_maps"}) {
+      text += is_index && belongs_to(state, page_of(bytes), name) ? name + std::string(" ") : "";
     }
     return text;
   }
@@ -137,33 +201,57 @@ class KillStates {
     std::array<char, 30'000> found;
   };
 
-  // Opens the store in `from` and appends. Returns the states, no two in a row the same.
-  std::vector<DirState> trace(const DirState& from, const EntryMap& added) {
+  // Opens the store in `from` and performs the operation. Returns the states, no two in a row
+  // the same.
+  std::vector<DirState> trace(const DirState& from, const Operation& operation) {
     states_.restore(from);
+    meanwhile_from_ = std::numeric_limits<std::size_t>::max();
     std::vector<DirState> reached{from};
-    const auto open_and_append = [&added] {
+    const auto body = [&operation] {
       const auto store = make_engine();
-      return store->open() && (added.empty() || store->store(added)) ? 0 : 1;
+      return store->open() && operation(*store) ? 0 : 1;
     };
     const auto visit = [&](test::Change change) {
-      DirState state = states_.take();
-      if (state == reached.back()) {
-        return;
+      add(reached, states_.take(), change == test::Change::by_call);
+      if (is_copying(reached.back()) && &from == &start_) {
+        store_meanwhile();
+        meanwhile_from_ = reached.size();
+        add(reached, states_.take(), false);
       }
-      if (change == test::Change::by_call) {
-        for (DirState& torn : test::torn_writes(reached.back(), state)) {
-          reached.push_back(std::move(torn));
-        }
-      }
-      reached.push_back(std::move(state));
     };
-    if (test::at_each_change(open_and_append, visit) != 0) {
+    if (test::at_each_change(body, visit) != 0) {
       complain(from, "the operation itself fails");
     }
     return reached;
   }
 
-  void check(const DirState& start, const DirState& state, const Keys& must) {
+  static void add(std::vector<DirState>& reached, DirState state, bool by_call) {
+    if (state == reached.back()) {
+      return;
+    }
+    if (by_call) {
+      for (DirState& torn : test::torn_writes(reached.back(), state)) {
+        reached.push_back(std::move(torn));
+      }
+    }
+    reached.push_back(std::move(state));
+  }
+
+  // The cleaner lets others have the store lock.
+  bool is_copying(const DirState& state) const {
+    return !meanwhile_.empty() && meanwhile_from_ == std::numeric_limits<std::size_t>::max() &&
+           state.has("newdat_maps") && !test::is_locked(test::root_file("lock_maps"));
+  }
+
+  void store_meanwhile() {
+    const pid_t child = test::in_child([this] {
+      const auto store = make_engine();
+      return store->open() && store->store(meanwhile_) ? 0 : 1;
+    });
+    require(test::wait_for(child) == 0, "nothing can be stored during a clean");
+  }
+
+  void check_state(const DirState& start, const DirState& state, const EntryMap& must) {
     const auto [known, is_new] = verdicts_.try_emplace(signature(state));
     Verdict& verdict = known->second;
     if (is_new) {
@@ -171,11 +259,24 @@ class KillStates {
     }
     if (!verdict.problem.empty()) {
       complain(state, verdict.problem);
-    } else if (!std::includes(verdict.found.begin(), verdict.found.end(), must.begin(),
-                              must.end())) {
-      complain(state, "an entry was found before the recovery, and is lost");
     } else if (is_replaced_without_mark(start, state)) {
       complain(state, "the old index doesn't say that another has replaced it");
+    }
+    check_found(state, must);
+  }
+
+  void check_found(const DirState& state, const EntryMap& must) {
+    Keys names;
+    for (const auto& entry : must) {
+      names.insert(test::bytes_of(entry.first));
+    }
+    check_kept(state, names);
+  }
+
+  void check_kept(const DirState& state, const Keys& names) {
+    const Keys& found = verdicts_.at(signature(state)).found;
+    if (!std::includes(found.begin(), found.end(), names.begin(), names.end())) {
+      complain(state, "what was stored or found before is lost");
     }
   }
 
@@ -183,16 +284,6 @@ class KillStates {
     const auto old = start.names.find("idx_maps");
     return old != start.names.end() && state.names.at("idx_maps") != old->second &&
            page_of(*state.files.at(old->second)).moving == 0;
-  }
-
-  void require_found(const DirState& state, const EntryMap& added) {
-    const Keys& found = verdicts_.at(signature(state)).found;
-    for (const auto& entry : added) {
-      if (found.count(test::bytes_of(entry.first)) == 0) {
-        complain(state, test::bytes_of(entry.first) + " is stored, but not found");
-        return;
-      }
-    }
   }
 
   Verdict examine(const DirState& state) {
@@ -221,7 +312,7 @@ class KillStates {
 
   // In a child.
   void examine(const DirState& state, Report& report) {
-    const Content before(stored_, retried_);
+    const Content before(stored_, kept_, retried_ + meanwhile_);
     states_.restore(state);
     Content content = before;
     open_store(content, false);
@@ -258,7 +349,11 @@ class KillStates {
   }
 
   const EntryMap stored_;
-  EntryMap retried_;  // by the process that recovers
+  const std::uint64_t limit_;
+  const std::size_t kept_;
+  EntryMap meanwhile_;
+  std::size_t meanwhile_from_ = 0;  // from which state on these must be there
+  EntryMap retried_;                // by the process that recovers
   test::DirStates states_{test::root_path()};
   DirState before_;  // when the process with the open store looked
   DirState start_;
