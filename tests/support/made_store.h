@@ -6,11 +6,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -84,16 +82,6 @@ inline const std::string kStoredListing = "b=2,3\naa=1\n";
 inline void write_stores(const std::string& root) {
   write_file(root + "/maps", basic_file(kStoredEntries));
   write_lazy_files(root, lazy_files(kStoredEntries));
-}
-
-// The names of a directory's files, sorted.
-inline std::vector<std::string> names_in(const std::string& directory) {
-  std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-    names.push_back(entry.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 // Appends to a store in a child that the kernel kills in the middle of it: a file may not

@@ -1,5 +1,6 @@
 #include "support/temp_dir.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -40,5 +41,14 @@ void write_file(const std::string& path, const std::string& bytes) {
 }
 
 bool exists(const std::string& path) { return std::filesystem::exists(path); }
+
+std::vector<std::string> names_in(const std::string& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 }  // namespace test

@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_TEMP_DIR_H_
 
 #include <string>
+#include <vector>
 
 namespace test {
 
@@ -24,6 +25,9 @@ class TempDir {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& bytes);
 bool exists(const std::string& path);
+
+// The names of a directory's files, sorted.
+std::vector<std::string> names_in(const std::string& directory);
 
 }  // namespace test
 
