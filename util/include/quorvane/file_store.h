@@ -447,15 +447,11 @@ class QV_EXPORT IndexedStore : public LookupStore, private CleanableResource {
   /// Bytes of both files on disk.
   std::uint64_t get_usage() override;
 
-  /// Drops entries as if the bound on the size were exceeded. Does nothing without a bound.
-  /// Takes the lock itself.
+  /// Drops entries if the bound on the size is exceeded. Takes the lock itself.
   void clean() override;
 
  private:
   bool is_lock_lost() const;
-  template <typename Change>
-  bool change(const Change& change_files);
-  std::uint64_t room() const;
   void measure();
 
   const std::shared_ptr<Store::Lock> lock_;

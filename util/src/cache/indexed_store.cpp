@@ -29,6 +29,32 @@ std::int64_t nanoseconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::nanoseconds(std::chrono::steady_clock::now() - start).count();
 }
 
+// Adds to the statistics what the engine has counted in the life of this object.
+class Counted {
+ public:
+  Counted(const indexed::Engine& engine, const CacheStats& stats)
+      : engine_(engine),
+        stats_(stats),
+        kept_(engine.kept()),
+        dropped_(engine.dropped()),
+        waited_(engine.lock_waited()) {}
+  ~Counted() {
+    stats_.count_cleaned(engine_.kept() - kept_, engine_.dropped() - dropped_);
+    if (engine_.lock_waited() != waited_) {
+      stats_.add_lock_wait(static_cast<std::int64_t>(engine_.lock_waited() - waited_));
+    }
+  }
+  Counted(const Counted&) = delete;
+  Counted& operator=(const Counted&) = delete;
+
+ private:
+  const indexed::Engine& engine_;
+  const CacheStats& stats_;
+  const std::uint64_t kept_;
+  const std::uint64_t dropped_;
+  const std::uint64_t waited_;
+};
+
 }  // namespace
 
 IndexedStore::IndexedStore(const std::string& name, std::shared_ptr<Store::Lock> lock,
@@ -64,47 +90,31 @@ bool IndexedStore::try_load(EntryMap& out) {
   if (is_lock_lost()) {
     return false;
   }
+  const Counted counted(*engine_, stats_);
   const auto start = std::chrono::steady_clock::now();
-  const bool is_open = engine_->open();
+  const bool opened = engine_->open();
   stats_.add_open(nanoseconds_since(start));
   measure();
-  return is_open;
+  return opened;
 }
 
 bool IndexedStore::try_store_diff(const EntryMap& diff) {
-  if (diff.empty() && is_readable_) {
-    return true;
+  if (is_lock_lost()) {
+    return false;
   }
-  return !is_lock_lost() && change([&] { return engine_->store(diff, room()); });
-}
-
-void IndexedStore::clean() {
-  if (room() != indexed::kNoLimit && !is_lock_lost()) {
-    change([this] { return engine_->clean(room()); });
+  if (is_readable_ && diff.empty()) {
+    return true;  // nothing to store, and so no record about it
   }
-}
-
-// Counts what the change has cost. Changes in two threads at a time are counted together.
-template <typename Change>
-bool IndexedStore::change(const Change& change_files) {
-  const std::uint64_t waited = engine_->lock_waited();
-  const std::uint64_t kept = engine_->kept();
-  const std::uint64_t dropped = engine_->dropped();
-  const bool is_changed = change_files();
-  stats_.add_lock_wait(static_cast<std::int64_t>(engine_->lock_waited() - waited));
-  stats_.count_cleaned(engine_->kept() - kept, engine_->dropped() - dropped);
+  const Counted counted(*engine_, stats_);
+  const bool stored = engine_->store(diff, controller_->get_room(ticket_));
   measure();
-  return is_changed;
+  return stored;
 }
 
-std::uint64_t IndexedStore::room() const { return controller_->get_room(ticket_); }
-
-// Tells the statistics, and the controller if it bounds anything.
+// Tells the controller and the statistics.
 void IndexedStore::measure() {
+  controller_->update_and_check_usage(ticket_, *this);
   stats_.set_size(engine_->entries(), get_usage());
-  if (room() != indexed::kNoLimit) {
-    controller_->update_and_check_usage(ticket_, *this);
-  }
 }
 
 bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
@@ -120,6 +130,16 @@ void IndexedStore::prefetch(const util::RoBuffer* keys, std::size_t count) {
 bool IndexedStore::try_read_all(EntryMap& out) { return engine_->read_all(out); }
 
 std::uint64_t IndexedStore::get_usage() { return engine_->usage(); }
+
+void IndexedStore::clean() {
+  const std::uint64_t room = controller_->get_room(ticket_);
+  if (room == indexed::kNoLimit || is_lock_lost()) {
+    return;
+  }
+  const Counted counted(*engine_, stats_);
+  engine_->clean(room);
+  measure();
+}
 
 }  // namespace cache
 }  // namespace quorvane
