@@ -96,6 +96,35 @@ TEST_F(IndexedStatistics, AreKeptForEachName) {
   EXPECT_THAT(report, HasSubstr("\"misses\":1,\"open_us\":{\"count\":1,"));
 }
 
+constexpr std::uint64_t kLimit = 50'000;
+
+SCENARIO(clean_a_limited_store) {
+  StoreOptions options = indexed_options(arguments.at(0), 10);
+  options.size_limit = kLimit;
+  const auto cache = open_cache(options);
+  for (std::size_t i = 0; i < 500; ++i) {
+    add(*cache, test::numbered("key", i), std::string(300, 'v'));
+  }
+  return 0;
+}
+
+// The number that follows `name` in a report.
+std::uint64_t number_after(const std::string& report, const std::string& name) {
+  const std::size_t at = report.find("\"" + name + "\":");
+  return at == std::string::npos ? 0 : std::stoull(report.substr(at + name.size() + 3));
+}
+
+TEST_F(IndexedStatistics, CountWhatCleansKeepAndDropAndTheWaitsForTheLock) {
+  const std::string report = report_of("clean_a_limited_store", "\"cache\":{\"maps\":");
+  const std::uint64_t entries = test::indexed_entries(root_.path()).size();
+  EXPECT_GT(number_after(report, "kept"), 0U);
+  EXPECT_EQ(number_after(report, "dropped"), 500 - entries);
+  EXPECT_EQ(number_after(report, "entries"), entries);
+  EXPECT_LE(number_after(report, "bytes"), kLimit);
+  // The files are created, and then there is a flush for each ten additions.
+  EXPECT_EQ(number_after(report, "lock_wait_us\":{\"count"), 51U);
+}
+
 // An addition asks the store, but is neither a hit nor a miss.
 SCENARIO(add_only) {
   const auto cache = open_cache(arguments.at(0));
