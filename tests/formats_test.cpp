@@ -7,16 +7,19 @@
 #include <quorvane/module.h>
 #include <quorvane/pidset.h>
 #include <quorvane/stats.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "support/documents.h"
 #include "support/recorder_path.h"
 #include "support/scenario.h"
+#include "support/store_bytes.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -31,12 +34,13 @@ std::string documented(const std::string& name) {
   return block.empty() ? "no block " + name : block;
 }
 
-// What hexdump -C prints, without the last line, which has the size.
-std::string hexdump(const std::string& bytes) {
+// What hexdump -C prints, without the last line, which has the size. The bytes are those at
+// `offset` of the file.
+std::string hexdump(const std::string& bytes, std::size_t offset = 0) {
   std::string dump;
   char piece[24];
   for (std::size_t row = 0; row < bytes.size(); row += 16) {
-    std::snprintf(piece, sizeof(piece), "%08zx ", row);
+    std::snprintf(piece, sizeof(piece), "%08zx ", offset + row);
     dump += piece;
     std::string text;
     for (std::size_t i = row; i < row + 16; ++i) {
@@ -63,7 +67,9 @@ RoBuffer bytes(const std::string& text) { return RoBuffer::copy(text.data(), tex
 
 SCENARIO(fill_store) {
   using namespace quorvane::cache;
-  const StoreKind kind = arguments.at(0) == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
+  const StoreKind kind = arguments.at(0) == "basic"     ? StoreKind::basic
+                         : arguments.at(0) == "indexed" ? StoreKind::indexed
+                                                        : StoreKind::lazy_lookup;
   Cache cache("demo", make_file_store(kind, "demo"), false);
   cache.add_value(bytes("key"), {bytes("ab"), bytes("c")});
   cache.add_value(bytes("k"), {bytes("v")});
@@ -110,6 +116,54 @@ TEST_F(FormatsDocument, ShowsTheBytesOfBothFilesOfALazyStore) {
   ASSERT_TRUE(fill_store("lazy_lookup").exited_with(0));
   EXPECT_EQ(documented("keys"), hexdump(test::read_file(dir_.file("key_demo"))));
   EXPECT_EQ(documented("values"), hexdump(test::read_file(dir_.file("val_demo"))));
+}
+
+// Puts bytes of the page in the place of those that differ from one store to the next.
+void put(std::string& bytes, std::size_t offset, const std::string& by) {
+  bytes.replace(offset, by.size(), by);
+}
+
+const std::string kIdentity = "\x1d\xe0\x7a\x4c\x91\x3b\x58\xf6";
+
+TEST_F(FormatsDocument, ShowsTheBytesOfAnIndexedStoresData) {
+  ASSERT_TRUE(fill_store("indexed").exited_with(0));
+  std::string data = test::read_file(dir_.file("dat_demo"));
+  put(data, 8, kIdentity);
+  EXPECT_EQ(documented("data"), hexdump(data));
+}
+
+// The 16 bytes of each row that has a slot in use.
+std::string hexdump_of_slots(const std::string& index) {
+  std::string dump;
+  for (std::size_t row = 4096; row < index.size(); row += 16) {
+    const std::string slots = index.substr(row, 16);
+    dump += slots.find_first_not_of('\0') == std::string::npos ? "" : hexdump(slots, row);
+  }
+  return dump;
+}
+
+TEST_F(FormatsDocument, ShowsTheBytesOfAnIndexedStoresIndex) {
+  using namespace std::string_literals;
+  ASSERT_TRUE(fill_store("indexed").exited_with(0));
+  std::string index = test::read_file(dir_.file("idx_demo"));
+  ASSERT_EQ(index.size(), 4096u + 1024 * 8);
+  EXPECT_EQ(index.substr(8, 8), test::read_file(dir_.file("dat_demo")).substr(8, 8));
+  put(index, 8, kIdentity);
+  struct stat data;
+  ASSERT_EQ(stat(dir_.file("dat_demo").c_str(), &data), 0);
+  EXPECT_EQ(index.substr(16, 16), test::le64(data.st_dev) + test::le64(data.st_ino));
+  put(index, 16, "\x01\xfe\0\0\0\0\0\0\x27\x0b\x16\0\0\0\0\0"s);
+  put(index, 32, "\x5e\xc1\x20\x9f\x84\x6a\x3d\xb7\xf2\x08\x71\xcc\x19\xae\x45\xd3");
+  put(index, 56, "\x93\x2a\xe6\x0d\x7c\xb1\x54\x8f");
+  EXPECT_EQ(documented("index"), hexdump(index.substr(0, 96)));
+  EXPECT_EQ(index.find_first_not_of('\0', 96), index.find_first_not_of('\0', 4096));
+  EXPECT_EQ(documented("slots"), hexdump_of_slots(index));
+}
+
+TEST_F(FormatsDocument, IsRightAboutTheNamesOfAnIndexedStoresFiles) {
+  fill_store("indexed");
+  EXPECT_EQ(test::names_in(dir_.path()),
+            (std::vector<std::string>{"dat_demo", "idx_demo", "lock_demo"}));
 }
 
 TEST_F(FormatsDocument, IsRightThatALazyStoreHasItsFilesFromTheStart) {
