@@ -62,15 +62,22 @@ class Fingerprint : public testing::Test {
   }
 
   // Runs the program so that permission bits stop even root.
-  Ran run_without_privileges() const {
-    return test::run_scenario("without_privileges", {}, {PROGRAM, "--root", root_, tree_});
+  Ran run_without_privileges(const Arguments& more = {}) const {
+    Arguments all{PROGRAM, "--root", root_, tree_};
+    all.insert(all.end(), more.begin(), more.end());
+    return test::run_scenario("without_privileges", {}, all);
   }
 
   test::TempDir dir_;
   std::string tree_ = std::filesystem::canonical(dir_.path()).string() + "/tree";
   std::string root_ = dir_.file("root");
-  std::string store_ = root_ + "/fingerprint";
+  std::string store_ = root_ + "/fingerprint";  // of the basic kind
+  std::string data_ = root_ + "/dat_fingerprint";
+  std::string index_ = root_ + "/idx_fingerprint";
 };
+
+const Arguments BASIC{"--kind", "basic"};
+const Arguments LAZY{"--kind", "lazy_lookup"};
 
 // The rows of the table, without the time.
 std::map<std::string, std::uint64_t> table(const Ran& ran) {
@@ -109,10 +116,13 @@ std::string text_of(const RoBuffer& bytes) {
   return {reinterpret_cast<const char*>(bytes.get_buffer()), bytes.get_size()};
 }
 
-// Prints "KEY STRONG FAST LINES" for each entry.
+// Prints "KEY STRONG FAST LINES" for each entry of an indexed store, or of the kind that is
+// named.
 SCENARIO(print_store) {
   using quorvane::cache::StoreKind;
-  const auto store = arguments.empty() ? StoreKind::basic : StoreKind::lazy_lookup;
+  const auto store = arguments.empty()            ? StoreKind::indexed
+                     : arguments.at(0) == "basic" ? StoreKind::basic
+                                                  : StoreKind::lazy_lookup;
   quorvane::cache::Cache cache("print", quorvane::cache::make_file_store(store, "fingerprint"),
                                false);
   for (const auto& [key, atoms] : cache) {
@@ -260,7 +270,8 @@ TEST_F(Fingerprint, TheFirstRunReadsEveryFile) {
   EXPECT_EQ(rows["hits"], 0U);
   EXPECT_EQ(rows["bytes read"], 11U);
   EXPECT_EQ(rows["unreadable"], 0U);
-  EXPECT_EQ(rows["store bytes"], std::filesystem::file_size(store_));
+  EXPECT_EQ(rows["store bytes"],
+            std::filesystem::file_size(data_) + std::filesystem::file_size(index_));
 }
 
 TEST_F(Fingerprint, TheSecondRunReadsNothing) {
@@ -294,7 +305,32 @@ TEST_F(Fingerprint, AFileOfAnotherSizeAndTheSameModificationTimeIsReadAgain) {
   EXPECT_EQ(table(run())["bytes read"], 4U);
 }
 
-const Arguments LAZY{"--kind", "lazy_lookup"};
+TEST_F(Fingerprint, ABasicStoreHoldsTheSameEntriesInOneFile) {
+  const Ran ran = run(BASIC);
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  EXPECT_EQ(ran.err, "");
+  auto rows = table(ran);
+  EXPECT_EQ(rows["files"], 3U);
+  EXPECT_EQ(rows["misses"], 3U);
+  EXPECT_EQ(rows["hits"], 0U);
+  EXPECT_EQ(rows["bytes read"], 11U);
+  EXPECT_EQ(rows["unreadable"], 0U);
+  EXPECT_EQ(rows["store bytes"], std::filesystem::file_size(store_));
+  EXPECT_FALSE(test::exists(data_));
+  EXPECT_TRUE(run().exited_with(0));
+  EXPECT_EQ(stored(root_, {"basic"}), stored(root_));
+}
+
+TEST_F(Fingerprint, TheSecondRunOnABasicStoreReadsNothing) {
+  run(BASIC);
+  const Ran ran = run(BASIC);
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  auto rows = table(ran);
+  EXPECT_EQ(rows["files"], 3U);
+  EXPECT_EQ(rows["misses"], 0U);
+  EXPECT_EQ(rows["hits"], 3U);
+  EXPECT_EQ(rows["bytes read"], 0U);
+}
 
 TEST_F(Fingerprint, ALazyStoreHoldsTheSameEntriesInTwoFiles) {
   const std::string keys = root_ + "/key_fingerprint";
@@ -307,8 +343,8 @@ TEST_F(Fingerprint, ALazyStoreHoldsTheSameEntriesInTwoFiles) {
   EXPECT_EQ(rows["store bytes"],
             std::filesystem::file_size(keys) + std::filesystem::file_size(values));
   EXPECT_FALSE(test::exists(store_));
-  EXPECT_TRUE(run({"--kind", "basic"}).exited_with(0));
-  EXPECT_EQ(stored(root_, {"lazy"}), stored(root_));
+  EXPECT_TRUE(run(BASIC).exited_with(0));
+  EXPECT_EQ(stored(root_, {"lazy"}), stored(root_, {"basic"}));
 }
 
 TEST_F(Fingerprint, TheSecondRunOnALazyStoreReadsNothing) {
@@ -475,11 +511,11 @@ TEST_F(Fingerprint, InARootThatMayNotBeWrittenTheWorkIsDoneAllTheSame) {
   EXPECT_TRUE(std::filesystem::is_empty(root_));
 }
 
-TEST_F(Fingerprint, ADamagedStoreIsNamedLeftAloneAndTheWorkIsDone) {
-  run();
+TEST_F(Fingerprint, ADamagedBasicStoreIsNamedLeftAloneAndTheWorkIsDone) {
+  run(BASIC);
   const std::string damaged = test::read_file(store_) + "x";
   test::write_file(store_, damaged);
-  const Ran ran = run();
+  const Ran ran = run(BASIC);
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_THAT(complaints(ran),
               ElementsAre("fingerprint: " + store_ +
@@ -489,11 +525,25 @@ TEST_F(Fingerprint, ADamagedStoreIsNamedLeftAloneAndTheWorkIsDone) {
   EXPECT_EQ(test::read_file(store_), damaged);
 }
 
-TEST_F(Fingerprint, DigestsThatCouldNotBeStoredAreReported) {
+TEST_F(Fingerprint, ADamagedIndexedStoreIsNamedLeftAloneAndTheWorkIsDone) {
   run();
+  const std::string damaged = "x" + test::read_file(data_);
+  test::write_file(data_, damaged);
+  const Ran ran = run();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: " + data_ + " and " + index_ +
+                          ": damaged or unreadable store (delete it to start anew); going on "
+                          "without a store"));
+  EXPECT_EQ(table(ran)["misses"], 3U);
+  EXPECT_EQ(test::read_file(data_), damaged);
+}
+
+TEST_F(Fingerprint, DigestsThatABasicStoreCouldNotTakeAreReported) {
+  run(BASIC);
   test::write_file(tree_ + "/new", "new");
   chmod(store_.c_str(), 0444);
-  const Ran ran = run_without_privileges();
+  const Ran ran = run_without_privileges(BASIC);
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_THAT(complaints(ran),
               ElementsAre("fingerprint: " + store_ + ": not all new digests could be stored"));
@@ -501,34 +551,57 @@ TEST_F(Fingerprint, DigestsThatCouldNotBeStoredAreReported) {
   EXPECT_EQ(table(ran)["misses"], 1U);
 }
 
-// 60 files for three workers. The store has room for half of their digests.
+TEST_F(Fingerprint, DigestsThatAnIndexedStoreCouldNotTakeAreReported) {
+  run();
+  test::write_file(tree_ + "/new", "new");
+  chmod(data_.c_str(), 0444);
+  const Ran ran = run_without_privileges();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran), ElementsAre("fingerprint: " + data_ + " and " + index_ +
+                                           ": not all new digests could be stored"));
+  EXPECT_EQ(table(ran)["hits"], 3U);
+  EXPECT_EQ(table(ran)["misses"], 1U);
+}
+
+// Files for three workers. The store has room for half of their digests.
 class TooManyDigests : public Fingerprint {
  protected:
-  TooManyDigests() {
+  TooManyDigests() : TooManyDigests("basic", 60) {}
+
+  TooManyDigests(const std::string& kind, std::uint64_t files) : kind_(kind), files_(files) {
     std::filesystem::remove_all(tree_);
     std::filesystem::create_directory(tree_);
-    for (int i = 10; i < 70; ++i) {
-      test::write_file(tree_ + "/" + std::to_string(i), "x");
+    for (std::uint64_t i = 0; i < files; ++i) {
+      test::write_file(tree_ + "/" + std::to_string(1000 + i), "x");
     }
-    EXPECT_TRUE(run().exited_with(0));
-    room_ = std::to_string(std::filesystem::file_size(store_) / 2);
-    std::filesystem::remove(store_);
+    EXPECT_TRUE(run({"--kind", kind}).exited_with(0));
+    const std::string& file = kind == "basic" ? store_ : data_;
+    room_ = std::to_string(std::filesystem::file_size(file) / 2);
+    std::filesystem::remove(file);
   }
 
   Ran run_short_of_room(const std::string& beyond, const std::string& jobs) const {
-    return test::run_scenario("with_small_files", {{"QV_LOG_FILE", "/dev/null"}},
-                              {room_, beyond, PROGRAM, "--root", root_, "--jobs", jobs, tree_});
+    return test::run_scenario(
+        "with_small_files", {{"QV_LOG_FILE", "/dev/null"}},
+        {room_, beyond, PROGRAM, "--kind", kind_, "--root", root_, "--jobs", jobs, tree_});
   }
 
+  // The complaint about this store.
+  std::string not_stored() const {
+    return "fingerprint: " + (kind_ == "basic" ? store_ : data_ + " and " + index_) +
+           ": not all new digests could be stored";
+  }
+
+  const std::string kind_;
+  const std::uint64_t files_;
   std::string room_;
 };
 
 TEST_F(TooManyDigests, AreMissedAlsoWhenAnotherWorkerStoredItsOwn) {
   const Ran ran = run_short_of_room("fails", "3");
   EXPECT_TRUE(ran.exited_with(1));
-  EXPECT_THAT(complaints(ran),
-              ElementsAre("fingerprint: " + store_ + ": not all new digests could be stored"));
-  EXPECT_EQ(table(ran)["misses"], 60U);
+  EXPECT_THAT(complaints(ran), ElementsAre(not_stored()));
+  EXPECT_EQ(table(ran)["misses"], files_);
 }
 
 TEST_F(TooManyDigests, EndAWorkerThatTheKernelKillsForThem) {
@@ -537,7 +610,30 @@ TEST_F(TooManyDigests, EndAWorkerThatTheKernelKillsForThem) {
   EXPECT_THAT(complaints(ran),
               testing::Contains("fingerprint: a worker failed; its share of the files is not "
                                 "complete"));
-  EXPECT_EQ(table(ran)["misses"], 60U);
+  EXPECT_EQ(table(ran)["misses"], files_);
+}
+
+// More files, since the index takes part of the room.
+class TooManyDigestsForAnIndexedStore : public TooManyDigests {
+ protected:
+  TooManyDigestsForAnIndexedStore() : TooManyDigests("indexed", 300) {}
+};
+
+TEST_F(TooManyDigestsForAnIndexedStore, AreMissedAndThoseThatWereStoredStay) {
+  const Ran ran = run_short_of_room("fails", "3");
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran), ElementsAre(not_stored()));
+  EXPECT_EQ(table(ran)["misses"], files_);
+  EXPECT_GT(table(run())["hits"], 0U);
+}
+
+TEST_F(TooManyDigestsForAnIndexedStore, EndAWorkerThatTheKernelKillsForThemAndHarmNothing) {
+  const Ran ran = run_short_of_room("kills", "1");
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_THAT(complaints(ran),
+              ElementsAre("fingerprint: a worker failed; its share of the files is not complete"));
+  EXPECT_TRUE(run().exited_with(0));
+  EXPECT_THAT(stored(root_), SizeIs(files_));
 }
 
 struct Signal {
@@ -577,33 +673,56 @@ TEST_F(Fingerprint, ATableThatCantBeWrittenIsReported) {
 }
 
 TEST_F(Fingerprint, TheStoreGetsTheNameAskedFor) {
-  EXPECT_TRUE(run({"--store", "mine"}).exited_with(0));
+  EXPECT_TRUE(run({"--store", "mine", "--kind", "basic"}).exited_with(0));
   EXPECT_TRUE(test::exists(root_ + "/mine"));
   EXPECT_TRUE(test::exists(root_ + "/lock_mine"));
   EXPECT_FALSE(test::exists(store_));
+  EXPECT_TRUE(run({"--store", "mine"}).exited_with(0));
+  EXPECT_TRUE(test::exists(root_ + "/dat_mine"));
+  EXPECT_FALSE(test::exists(data_));
 }
 
 TEST_F(Fingerprint, TheRootComesFromTheEnvironmentUnlessItIsGiven) {
   const Environment environment{{"QV_CACHE_STORE_ROOT", root_}};
-  EXPECT_TRUE(test::run_program(PROGRAM, {tree_}, environment).exited_with(0));
-  EXPECT_TRUE(test::exists(store_));
   const std::string other = dir_.file("other");
   std::filesystem::create_directory(other);
-  EXPECT_TRUE(test::run_program(PROGRAM, {"--root", other, tree_}, environment).exited_with(0));
-  EXPECT_TRUE(test::exists(other + "/fingerprint"));
+  for (const auto& [kind, file] : std::vector<std::pair<std::string, std::string>>{
+           {"basic", "/fingerprint"}, {"indexed", "/dat_fingerprint"}}) {
+    EXPECT_TRUE(test::run_program(PROGRAM, {"--kind", kind, tree_}, environment).exited_with(0));
+    EXPECT_TRUE(test::exists(root_ + file));
+    EXPECT_FALSE(test::exists(other + file));
+    EXPECT_TRUE(test::run_program(PROGRAM, {"--kind", kind, "--root", other, tree_}, environment)
+                    .exited_with(0));
+    EXPECT_TRUE(test::exists(other + file));
+  }
+}
+
+// Each line of the reports of a run with three workers.
+std::vector<std::string> reports_of(const std::string& file, Arguments arguments) {
+  arguments.insert(arguments.end(), {"--jobs", "3"});
+  const Ran ran =
+      test::run_program(PROGRAM, arguments,
+                        {{"QV_STATS_REPORT_FILE", file}, {"LD_LIBRARY_PATH", test::kRecorderPath}});
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  return lines_of(test::read_file(file));
 }
 
 TEST_F(Fingerprint, EachWorkerReportsItsOwnHitsAndMisses) {
-  const std::string reports = dir_.file("reports");
-  const Ran ran = test::run_program(
-      PROGRAM, {"--root", root_, "--jobs", "3", tree_},
-      {{"QV_STATS_REPORT_FILE", reports}, {"LD_LIBRARY_PATH", test::kRecorderPath}});
-  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
-  const auto lines = lines_of(test::read_file(reports));
+  const auto lines = reports_of(dir_.file("reports"), {"--kind", "basic", "--root", root_, tree_});
   ASSERT_THAT(lines, SizeIs(3));
   for (const std::string& line : lines) {
     EXPECT_THAT(line, HasSubstr("\"cache_hits\":0,\"cache_misses\":1"));
   }
+}
+
+// The parent, which ends last, has opened the store.
+TEST_F(Fingerprint, TheParentReportsAnIndexedStoreToo) {
+  const auto lines = reports_of(dir_.file("reports"), {"--root", root_, tree_});
+  ASSERT_THAT(lines, SizeIs(4));
+  for (std::size_t worker = 0; worker < 3; ++worker) {
+    EXPECT_THAT(lines[worker], HasSubstr("\"cache_hits\":0,\"cache_misses\":1"));
+  }
+  EXPECT_THAT(lines[3], HasSubstr("\"cache\":{\"fingerprint\":{"));
 }
 
 TEST_F(Fingerprint, ProgressIsShownOnATerminalAndWipedAtTheEnd) {
@@ -617,8 +736,8 @@ TEST_F(Fingerprint, HelpNamesEveryOptionAndExitStatus) {
   const Ran ran = test::run_program(PROGRAM, {"--help"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
-  for (const char* part :
-       {"--store", "--kind", "basic", "lazy_lookup", "--root", "--jobs", "--help", "Exit status"}) {
+  for (const char* part : {"--store", "--kind", "basic", "lazy_lookup", "indexed", "--root",
+                           "--jobs", "--help", "Exit status"}) {
     EXPECT_THAT(ran.out, HasSubstr(part));
   }
 }

@@ -13,7 +13,7 @@ struct Counts {
   std::atomic<std::uint64_t> misses{0};
   std::atomic<std::uint64_t> unreadable{0};
   std::atomic<std::uint64_t> bytes_read{0};
-  std::atomic<std::uint64_t> added_bytes{0};  // the store's expected growth
+  std::atomic<std::uint64_t> unstored{0};  // workers whose digests couldn't be stored
 
   std::uint64_t files() const { return hits + misses + unreadable; }
 };

@@ -9,7 +9,6 @@
 
 #include "fingerprint/complaint.h"
 #include "fingerprint/interruption.h"
-#include "fingerprint/store_access.h"
 
 namespace fingerprint {
 namespace {
@@ -60,9 +59,8 @@ RoBuffer or_nothing(RoBuffer digest, const std::array<std::uint8_t, N>& of_nothi
 
 }  // namespace
 
-Fingerprinter::Fingerprinter(quorvane::cache::Cache& cache, quorvane::cache::StoreKind kind,
-                             Counts& counts)
-    : cache_(cache), kind_(kind), counts_(counts), chunk_(CHUNK_SIZE) {}
+Fingerprinter::Fingerprinter(quorvane::cache::Cache& cache, Counts& counts)
+    : cache_(cache), counts_(counts), chunk_(CHUNK_SIZE) {}
 
 void Fingerprinter::process(const std::string& path) {
   struct stat file {};
@@ -106,10 +104,9 @@ void Fingerprinter::miss(const std::string& path, const struct stat& file, const
     return;
   }
   ++counts_.misses;
-  const std::uint64_t size = size_in_store(kind_, key, atoms);
   // If the file changed meanwhile, its digests belong to no version of it.
-  if (unchanged && cache_.add_value(key, std::move(atoms))) {
-    counts_.added_bytes += size;
+  if (unchanged) {
+    cache_.add_value(key, std::move(atoms));
   }
 }
 

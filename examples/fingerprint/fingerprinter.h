@@ -3,7 +3,6 @@
 #define FINGERPRINT_FINGERPRINTER_H_
 
 #include <quorvane/cache.h>
-#include <quorvane/file_store.h>
 #include <quorvane/hasher.h>
 #include <sys/stat.h>
 
@@ -24,8 +23,7 @@ namespace fingerprint {
 //   3. its number of newlines, as decimal text.
 class Fingerprinter {
  public:
-  // `kind` is the kind of the cache's store.
-  Fingerprinter(quorvane::cache::Cache& cache, quorvane::cache::StoreKind kind, Counts& counts);
+  Fingerprinter(quorvane::cache::Cache& cache, Counts& counts);
 
   // Looks the file up, and reads it only when it isn't in the cache.
   void process(const std::string& path);
@@ -39,7 +37,6 @@ class Fingerprinter {
   void complain_about(const std::string& path, int error);
 
   quorvane::cache::Cache& cache_;
-  quorvane::cache::StoreKind kind_;
   Counts& counts_;
   quorvane::hash::strong::Blake2Hasher strong_;
   quorvane::hash::fast::FarmHash128Hasher fast_;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <thread>
 
 #include "fingerprint/complaint.h"
@@ -24,9 +25,11 @@ constexpr const char* HELP =
     "the next run reads only the files that are new or changed.\n"
     "\n"
     "  --store NAME  the store's name (default: fingerprint)\n"
-    "  --kind KIND   basic, the default: one file, read into memory; or lazy_lookup:\n"
-    "                two files, keys and values, of which only the keys are read\n"
-    "                into memory. Each kind has files of its own.\n"
+    "  --kind KIND   indexed, the default: two files, entries and their index, of\n"
+    "                which nothing is read before a look-up; basic: one file, read\n"
+    "                into memory; or lazy_lookup: two files, keys and values, of\n"
+    "                which only the keys are read into memory. Each kind has files\n"
+    "                of its own.\n"
     "  --root DIR    the directory that holds the store; it must exist\n"
     "                (default: the value of QV_CACHE_STORE_ROOT)\n"
     "  --jobs N      worker processes, 1 to 1024 (default: one per core)\n"
@@ -48,11 +51,14 @@ bool parse_jobs(const char* text, unsigned& out) {
 }
 
 bool parse_kind(const std::string& name, StoreKind& out) {
-  if (name != "basic" && name != "lazy_lookup") {
-    return false;
+  static const std::map<std::string, StoreKind> kinds{{"basic", StoreKind::basic},
+                                                      {"lazy_lookup", StoreKind::lazy_lookup},
+                                                      {"indexed", StoreKind::indexed}};
+  const auto kind = kinds.find(name);
+  if (kind != kinds.end()) {
+    out = kind->second;
   }
-  out = name == "basic" ? StoreKind::basic : StoreKind::lazy_lookup;
-  return true;
+  return kind != kinds.end();
 }
 
 // getopt reports a short option by its letter and a long one not at all.

@@ -18,7 +18,7 @@ constexpr int INTERRUPTED = 128;  // plus the signal; earlier digests are stored
 struct Options {
   std::string tree;                   // the directory to walk
   std::string store = "fingerprint";  // the store's name
-  quorvane::cache::StoreKind kind = quorvane::cache::StoreKind::basic;
+  quorvane::cache::StoreKind kind = quorvane::cache::StoreKind::indexed;
   std::string root;
   unsigned jobs = 0;
 };

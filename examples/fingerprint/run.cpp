@@ -19,15 +19,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // Worker `number` takes every jobs-th file: an even share, and the same one in every run.
-// The parent loads the cache once; each worker has its own copy, whose destructor appends
-// the worker's additions to the store.
+// The parent opens the cache once. Each worker has its own copy, and stores what it has added.
 void do_share(const Tree& tree, unsigned number, const Options& options, OpenedCache& opened,
               Counts& counts) {
-  Fingerprinter fingerprinter(*opened.cache, options.kind, counts);
+  Fingerprinter fingerprinter(*opened.cache, counts);
   for (std::size_t i = number; i < tree.files.size() && interruption() == 0; i += options.jobs) {
     fingerprinter.process(tree.files[i]);
   }
-  opened.cache.reset();
+  if (opened.persistent && !opened.cache->flush()) {
+    ++counts.unstored;
+  }
 }
 
 bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, WorkerPool& pool) {
@@ -49,11 +50,6 @@ bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, Worke
     complain("a worker failed; its share of the files is not complete");
   }
   return all_started && all_well;
-}
-
-// The cache doesn't say whether its additions reached the store; the size of the files does.
-bool reached_the_store(const Counts& counts, std::uint64_t before, std::uint64_t after) {
-  return counts.added_bytes == 0 || after >= before + counts.added_bytes;
 }
 
 // The exit status of a run that went `as_planned`, or didn't.
@@ -87,21 +83,17 @@ void print_table(const Counts& counts, std::size_t unreadable, double seconds,
 int run_or_throw(const Options& options) {
   const auto start = Clock::now();
   const Tree tree = walk(options.tree);
-  const std::uint64_t before = store_size(options);
   OpenedCache opened = open_cache(options);
   WorkerPool pool;
   const bool complete = do_all(tree, options, opened, pool);
-  const bool persistent = opened.persistent;
-  opened.cache.reset();
-
-  const std::uint64_t after = persistent ? store_size(options) : 0;
-  const bool stored = persistent && reached_the_store(pool.counts(), before, after);
-  if (persistent && !stored) {
+  const bool stored = opened.persistent && pool.counts().unstored == 0;
+  if (opened.persistent && !stored) {
     complain(store_files(options) + ": not all new digests could be stored");
   }
   const std::size_t unreadable = tree.unreadable + pool.counts().unreadable;
   print_table(pool.counts(), unreadable,
-              std::chrono::duration<double>(Clock::now() - start).count(), after);
+              std::chrono::duration<double>(Clock::now() - start).count(),
+              opened.persistent ? store_size(options) : 0);
   return status_after(complete && stored && unreadable == 0);
 }
 

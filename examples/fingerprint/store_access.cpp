@@ -4,16 +4,19 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <utility>
+#include <vector>
 
 #include "fingerprint/complaint.h"
 
 namespace fingerprint {
 namespace {
 
-using quorvane::cache::BasicStore;
 using quorvane::cache::Cache;
+using quorvane::cache::CleanupController;
 using quorvane::cache::LazyLookupStore;
 using quorvane::cache::StoreKind;
+using quorvane::cache::StoreOptions;
 
 std::unique_ptr<Cache> volatile_cache(const Options& options, const std::string& complaint) {
   complain(complaint + "; going on without a store");
@@ -22,23 +25,37 @@ std::unique_ptr<Cache> volatile_cache(const Options& options, const std::string&
 
 std::vector<std::string> paths(const Options& options) {
   const std::string root = options.root + "/";
-  if (options.kind == StoreKind::basic) {
-    return {root + options.store};
+  switch (options.kind) {
+    case StoreKind::basic:
+      return {root + options.store};
+    case StoreKind::lazy_lookup:
+      return {root + LazyLookupStore::get_key_fname(options.store),
+              root + LazyLookupStore::get_val_fname(options.store)};
+    default:
+      return {root + "dat_" + options.store, root + "idx_" + options.store};
   }
-  return {root + LazyLookupStore::get_key_fname(options.store),
-          root + LazyLookupStore::get_val_fname(options.store)};
+}
+
+// Without a limit the library warns that stores may grow. Here they may, unless the user sets
+// one.
+CleanupController* limit() {
+  static CleanupController unlimited(0);
+  const bool is_set = std::getenv("QV_CACHE_STORE_SIZE") != nullptr ||
+                      std::getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD") != nullptr;
+  return is_set ? nullptr : &unlimited;
 }
 
 }  // namespace
 
 OpenedCache open_cache(const Options& options) {
-  setenv("QV_CACHE_STORE_ROOT", options.root.c_str(), 1);
-  // Without a threshold the library warns that stores may grow. Here they may, unless the
-  // user sets one.
-  setenv("QV_CACHE_STORE_CLEANUP_THRESHOLD", "0", 0);
-  auto store = quorvane::cache::make_file_store(options.kind, options.store);
+  StoreOptions store_options;
+  store_options.kind = options.kind;
+  store_options.name = options.store;
+  store_options.root = options.root;
+  store_options.controller = limit();
+  auto store = quorvane::cache::make_store(store_options);
   OpenedCache opened;
-  if (!store->is_valid()) {
+  if (store == nullptr || !store->is_valid()) {
     opened.cache =
         volatile_cache(options, options.root + ": not a directory that a store can be kept in");
     return opened;
@@ -65,14 +82,6 @@ std::uint64_t store_size(const Options& options) {
     size += stat(path.c_str(), &file) == 0 ? static_cast<std::uint64_t>(file.st_size) : 0;
   }
   return size;
-}
-
-std::uint64_t size_in_store(StoreKind kind, const quorvane::util::RoBuffer& key,
-                            const std::vector<quorvane::util::RoBuffer>& value) {
-  return kind == StoreKind::basic
-             ? BasicStore::get_entry_representation_size(key, value)
-             : LazyLookupStore::get_key_file_entry_representation_size(key, value) +
-                   LazyLookupStore::get_val_file_entry_representation_size(value);
 }
 
 }  // namespace fingerprint

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "fingerprint/options.h"
 
@@ -19,8 +18,8 @@ struct OpenedCache {
   bool persistent = false;                        // false: volatile, and the user was told
 };
 
-// Points the library at the root and loads the store. If the root or the store can't be
-// used, complains once and returns a volatile cache, so that the run goes on.
+// Opens the store. If its root or its files can't be used, complains once and returns a
+// volatile cache, so that the run goes on.
 OpenedCache open_cache(const Options& options);
 
 // The paths of the store's files, for messages.
@@ -28,10 +27,6 @@ std::string store_files(const Options& options);
 
 // The total size of the store's files; 0 when there are none.
 std::uint64_t store_size(const Options& options);
-
-// How many bytes an entry adds to a store of this kind.
-std::uint64_t size_in_store(quorvane::cache::StoreKind kind, const quorvane::util::RoBuffer& key,
-                            const std::vector<quorvane::util::RoBuffer>& value);
 
 }  // namespace fingerprint
 
