@@ -13,6 +13,7 @@
 
 #include "src/cache/cache_stats.h"
 #include "src/cache/checks.h"
+#include "src/cache/failure.h"
 #include "src/cache/flush_turn.h"
 #include "src/cache/found_table.h"
 #include "src/cache/hex_key.h"
@@ -83,8 +84,12 @@ std::string type_of(const Store& store) {
 template <typename Function>
 bool try_store(const std::string& name, const Function& store) {
   try {
-    return store();
+    if (store()) {
+      return true;
+    }
+    Failure::note(EIO);
   } catch (...) {
+    Failure::note_exception();
     QV_LOG(g_module, ERROR, "Storing %s cache failed: %s", name.c_str(), text_of_exception());
   }
   return false;
@@ -141,6 +146,7 @@ Cache::Cache(const std::string& name, std::unique_ptr<Store>&& store, bool fallb
   } catch (const abi::__forced_unwind&) {
     throw;  // a cancelled thread must be allowed to end
   } catch (...) {
+    Failure::note_exception();
     loaded_map_.clear();
     QV_LOG(g_module, ERROR, "Couldn't create %s cache: %s", name.c_str(), text_of_exception());
   }
@@ -169,6 +175,7 @@ bool Cache::try_load_store() {
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (...) {
+    Failure::note_exception();
     QV_LOG(g_module, ERROR, "Loading %s cache failed: %s", name_.c_str(), text_of_exception());
   }
   return false;
@@ -277,6 +284,7 @@ const std::vector<util::RoBuffer>* Cache::try_ask_store(const util::RoBuffer& ke
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (...) {
+    Failure::note_exception();
     QV_LOG(g_module, WARN, "A look-up in %s cache failed: %s", name_.c_str(), text_of_exception());
   }
   return nullptr;
@@ -343,6 +351,7 @@ void Cache::take_snapshot() const {
       loaded_map_.swap(stored);
     });
   } catch (...) {
+    Failure::note_exception();
     QV_LOG(g_module, WARN, "Couldn't read all entries of %s cache: %s", name_.c_str(),
            text_of_exception());
   }
@@ -385,8 +394,10 @@ bool Cache::try_add(const util::RoBuffer& key, std::vector<util::RoBuffer>&& val
   } catch (const abi::__forced_unwind&) {
     throw;
   } catch (const std::bad_alloc&) {
+    Failure::note(ENOMEM);
     QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: no memory", name_.c_str());
   } catch (...) {
+    Failure::note_exception();
     QV_LOG(g_module, WARN, "Refused to add an entry to %s cache: %s", name_.c_str(),
            text_of_exception());
   }
