@@ -1,0 +1,1 @@
+add_dependencies(example_cache_test c_cache)
