@@ -17,10 +17,11 @@
 
 namespace {
 
-// A ```cpp block, and what the page shows of its program: ```text is its standard output,
+// A ```cpp or ```c block, and what the page shows of its program: ```text is its standard output,
 // ```log its log (the times and the ids may differ), ```json its statistics report.
 struct Program {
   std::string title;  // of the section
+  bool is_c = false;
   std::string source;
   std::string out;
   std::string log;
@@ -32,8 +33,8 @@ void PrintTo(const Program& program, std::ostream* out) { *out << program.title;
 // The string that receives a block of this kind; null for a kind without a check.
 std::string* place_of(const std::string& kind, std::vector<Program>& programs,
                       const std::string& title) {
-  if (kind == "cpp") {
-    programs.push_back({title, "", "", "", ""});
+  if (kind == "cpp" || kind == "c") {
+    programs.push_back({title, kind == "c", "", "", "", ""});
     return &programs.back().source;
   }
   if (programs.empty()) {
@@ -79,9 +80,12 @@ class Guide : public testing::TestWithParam<Program> {
   Guide() { std::filesystem::create_directory(dir_.file("store")); }
 
   void compile() {
-    test::write_file(dir_.file("program.cpp"), GetParam().source);
-    const std::string command =
-        test::compile_command(dir_.file("program.cpp"), dir_.file("program"), "-pthread");
+    const std::string source = dir_.file(GetParam().is_c ? "program.c" : "program.cpp");
+    test::write_file(source, GetParam().source);
+    const std::string program = dir_.file("program");
+    const std::string command = GetParam().is_c
+                                    ? test::compile_c_command(source, program)
+                                    : test::compile_command(source, program, "-pthread");
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
   }
 

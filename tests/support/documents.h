@@ -28,6 +28,15 @@ inline std::string compile_command(const std::string& source, const std::string&
          source + "' -L'" + library + "' -lQVUtil " + options + " -Wl,-rpath,'" + library +
          "' -o '" + program + "'";
 }
+
+// The same for a program in C. Only the C++ driver finds the runtime of a sanitized C++ library,
+// so it links.
+inline std::string compile_c_command(const std::string& source, const std::string& program) {
+  const std::string object = program + ".o";
+  return QV_C_COMPILER " -std=c11 -Wall -Wextra -Wpedantic -Werror -I'" QV_SOURCE_DIR
+                       "/util/include' -c '" +
+         source + "' -o '" + object + "' && " + compile_command(object, program);
+}
 #endif
 
 }  // namespace test
