@@ -68,6 +68,9 @@ int error_of(const Body& body) {
   }
 }
 
+// Why the operation that has just failed did so.
+int last_error() { return Failure::last() != 0 ? Failure::last() : EIO; }
+
 // -1 with this error, or 0 if there is none.
 int result_of(int error) {
   if (error == 0) {
@@ -115,10 +118,7 @@ int make_cache(const std::string& name, std::unique_ptr<Store>&& store, bool rea
                std::unique_ptr<qv_cache>& opened) {
   Failure::clear();
   opened = std::make_unique<qv_cache>(name, std::move(store), read_only);
-  if (opened->cache.is_valid()) {
-    return 0;
-  }
-  return Failure::last() != 0 ? Failure::last() : EIO;
+  return opened->cache.is_valid() ? 0 : last_error();
 }
 
 int open_stored(const StoreOptions& options, std::unique_ptr<qv_cache>& opened) {
@@ -160,9 +160,8 @@ bool is_good_entry(const void* key, size_t key_size, const void* const* atoms, c
   return true;
 }
 
-// Of a cache that is read-only, or that failed to store.
-int storing_error(bool is_read_only) {
-  const int error = Failure::last();
+// A read-only cache fails to store for one reason, unless there is no memory.
+int storing_error(int error, bool is_read_only) {
   return is_read_only && error == EIO ? EROFS : error;
 }
 
@@ -230,7 +229,7 @@ int qv_cache_flush(qv_cache_t* cache) {
   if (cache->is_volatile || cache->cache.flush()) {
     return 0;
   }
-  return result_of(storing_error(cache->is_read_only));
+  return result_of(storing_error(last_error(), cache->is_read_only));
 }
 
 void qv_cache_prefetch(qv_cache_t* cache, const void* const* keys, const size_t* sizes,
@@ -281,7 +280,7 @@ int qv_cache_close(qv_cache_t* cache) {
   const bool is_read_only = cache->is_read_only;
   Failure::clear();
   delete cache;
-  return result_of(storing_error(is_read_only));
+  return result_of(storing_error(Failure::last(), is_read_only));
 }
 
 const char* qv_cache_error_text(int error) {
