@@ -22,6 +22,14 @@ struct Ratio {
   double target;  // at most; 0: none
 };
 
+inline void print_ratio_head() { std::printf("\n%-52s %8s %8s\n", "Ratio", "is", "target"); }
+
+// A target of 0 is none.
+inline void print_ratio(const std::string& label, double ratio, double target) {
+  std::printf("%-52s %8.2f ", label.c_str(), ratio);
+  target > 0 ? std::printf("%8.2f\n", target) : std::printf("%8s\n", "-");
+}
+
 // Prints as usual, and keeps the least time of each benchmark.
 class LeastTimes : public benchmark::ConsoleReporter {
  public:
@@ -59,11 +67,9 @@ inline int run(int argc, char** argv, const std::vector<Ratio>& ratios) {
   benchmark::RunSpecifiedBenchmarks(&times);
   std::printf("\nLeast times:\n");
   times.print_names();
-  std::printf("\n%-52s %8s %8s\n", "Ratio", "is", "target");
+  print_ratio_head();
   for (const Ratio& ratio : ratios) {
-    std::printf("%-52s %8.2f ", ratio.label.c_str(),
-                times.time(ratio.ours) / times.time(ratio.peer));
-    ratio.target > 0 ? std::printf("%8.2f\n", ratio.target) : std::printf("%8s\n", "-");
+    print_ratio(ratio.label, times.time(ratio.ours) / times.time(ratio.peer), ratio.target);
   }
   return 0;
 }

@@ -1,0 +1,3 @@
+find_library(LMDB_LIBRARY lmdb REQUIRED)
+find_library(CDB_LIBRARY cdb REQUIRED)
+target_link_libraries(indexed_start_bench PRIVATE ${LMDB_LIBRARY} ${CDB_LIBRARY})
