@@ -204,9 +204,9 @@ int main(int argc, char** argv) {
     }
     append_to_lmdb("LMDB, 1 M", kPeer, MDB_NOSYNC);
     append_to_lmdb("LMDB, 1 M, synced", kPeer, 0);
-    for (const auto& [label, store] : others) {
-      append_twice(label + ", 1 M",
-                   [&](const EntryMap& diff) { check(store->try_store_diff(diff)); });
+    for (const auto& other : others) {
+      append_twice(other.first + ", 1 M",
+                   [&other](const EntryMap& diff) { check(other.second->try_store_diff(diff)); });
     }
   }
   for (int round = 0; round < (rounds + 2) / 3; ++round) {
