@@ -29,6 +29,8 @@ class CacheStats {
   void add_open(std::int64_t nanoseconds) const { add_time(open_, nanoseconds); }
   void add_lock_wait(std::int64_t nanoseconds) const { add_time(lock_wait_, nanoseconds); }
   void count_cleaned(std::uint64_t kept, std::uint64_t dropped) const;
+  // Whether anybody reads what is set here.
+  bool is_captured() const { return hits_ != QV_STATS_INVALID_HANDLE; }
   void set_size(std::uint64_t entries, std::uint64_t bytes);
 
  private:

@@ -114,7 +114,9 @@ bool IndexedStore::try_store_diff(const EntryMap& diff) {
 // Tells the controller and the statistics.
 void IndexedStore::measure() {
   controller_->update_and_check_usage(ticket_, *this);
-  stats_.set_size(engine_->entries(), get_usage());
+  if (stats_.is_captured()) {
+    stats_.set_size(engine_->entries(), get_usage());
+  }
 }
 
 bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
