@@ -14,7 +14,7 @@ Status Pair::open(const Paths& paths, bool is_cleaned, bool may_write) {
   }
   const Status of_index = index.open(paths.index, data, may_write);
   if (of_index == Status::fits) {
-    known_ = std::min(index.covered(), data.mapped_size());
+    known_ = std::min(index.covered_when_opened(), data.mapped_size());
   }
   return of_index;
 }
