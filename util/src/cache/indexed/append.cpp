@@ -73,9 +73,13 @@ void Append::count_entries() {
 
 void Append::choose(const EntryMap& diff) {
   chosen_.clear();
+  const bool meets_new_pages = pair_.index.is_first_change(diff.size());
   for (auto it = diff.begin(); it != diff.end(); ++it) {
     bool outgrown = false;
     const std::uint64_t hash = hash_of(it->first.get_buffer(), it->first.get_size());
+    if (meets_new_pages) {
+      pair_.index.populate(hash & (pair_.index.slots() - 1));
+    }
     const auto stored = pair_.find(it->first, hash, outgrown);
     if (!stored) {
       chosen_.push_back({it, 0});

@@ -2,6 +2,7 @@
 
 #include <farmhash.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "src/cache/indexed/open_file.h"
 #include "src/once.h"
@@ -140,6 +142,17 @@ std::uint64_t IndexFile::slot(std::uint64_t at) const {
 void IndexFile::set_slot(std::uint64_t at, std::uint64_t slot) const {
   auto* const slots = reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
   std::atomic_ref<std::uint64_t>(slots[at]).store(slot, std::memory_order_release);
+}
+
+bool IndexFile::is_first_change(std::uint64_t slots) {
+  const bool was_changed = std::exchange(is_changed_, true);
+  return !was_changed && slots <= mapping_.size() / kIndexPageSize;
+}
+
+void IndexFile::populate(std::uint64_t at) const {
+  const std::uint64_t page = 1 + at * sizeof(std::uint64_t) / kIndexPageSize;
+  // A kernel that doesn't know the request leaves it to the faults.
+  madvise(mapping_.data() + page * kIndexPageSize, kIndexPageSize, MADV_POPULATE_WRITE);
 }
 
 std::uint64_t IndexFile::load(std::uint64_t IndexPage::*word) const {
