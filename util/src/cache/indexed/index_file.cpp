@@ -130,8 +130,17 @@ bool IndexFile::can_be_true(const DataFile& data) const {
   const std::uint64_t covered = page_.covered;
   // The file may have grown since it was opened.
   const bool is_in_file = covered <= data.size_when_opened() || covered <= data.size();
-  return is_in_file && covered >= kFirstEntry && covered % kAlignment == 0 &&
-         page_.indexed <= covered && page_.entries < page_.slots;
+  return is_in_file && covered >= kFirstEntry && covered % kAlignment == 0 && is_in_order() &&
+         page_.entries < page_.slots;
+}
+
+// A writer may have stored both words while they were read.
+bool IndexFile::is_in_order() const {
+  if (page_.indexed <= page_.covered) {
+    return true;
+  }
+  const std::uint64_t now_indexed = indexed();  // first: `covered` never falls behind it
+  return now_indexed <= covered();
 }
 
 std::uint64_t IndexFile::slot(std::uint64_t at) const {

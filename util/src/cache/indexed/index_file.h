@@ -63,6 +63,7 @@ class IndexFile {
 
  private:
   bool can_be_true(const DataFile& data) const;
+  bool is_in_order() const;
   std::uint64_t load(std::uint64_t IndexPage::*word) const;
   void store(std::uint64_t IndexPage::*word, std::uint64_t value) const;
   IndexPage* page() const { return reinterpret_cast<IndexPage*>(mapping_.data()); }
