@@ -33,7 +33,7 @@ namespace refuse_nth_details {
 
 // Calls that work on files or ask for memory or random numbers. Writes to the log aren't among
 // them.
-inline bool may_be_refused(std::uint64_t call) {
+inline bool is_one_of_ours(std::uint64_t call) {
   static constexpr std::uint64_t kCalls[] = {
       SYS_openat,     SYS_pwrite64, SYS_pread64, SYS_read,   SYS_ftruncate, SYS_fstat,
       SYS_newfstatat, SYS_mmap,     SYS_madvise, SYS_munmap, SYS_getrandom, SYS_renameat2,
@@ -42,6 +42,22 @@ inline bool may_be_refused(std::uint64_t call) {
 #endif
       SYS_renameat,   SYS_unlinkat};
   return std::find(std::begin(kCalls), std::end(kCalls), call) != std::end(kCalls);
+}
+
+// A sanitizer's runtime would end the process that gets no memory.
+inline bool is_of_a_sanitizer([[maybe_unused]] const __ptrace_syscall_info& call) {
+#ifdef QV_SANITIZED
+  const bool has_no_file = static_cast<int>(call.entry.args[4]) == -1;
+  return call.entry.nr == SYS_madvise || call.entry.nr == SYS_munmap ||
+         (call.entry.nr == SYS_mmap && has_no_file);
+#else
+  return false;
+#endif
+}
+
+inline bool may_be_refused(const __ptrace_syscall_info& call) {
+  return call.op == PTRACE_SYSCALL_INFO_ENTRY && is_one_of_ours(call.entry.nr) &&
+         !is_of_a_sanitizer(call);
 }
 
 inline bool stops_at_call(pid_t child, int& status) {
@@ -90,8 +106,7 @@ Refused in_child_with_a_refusal(int allowed, int error, Prepare prepare, Body bo
   while (details::stops_at_call(child, status)) {  // the entry of a call
     __ptrace_syscall_info call{};
     ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof(call), &call);
-    const bool refuse = call.op == PTRACE_SYSCALL_INFO_ENTRY &&
-                        details::may_be_refused(call.entry.nr) && allowed-- == 0;
+    const bool refuse = details::may_be_refused(call) && allowed-- == 0;
     if (refuse) {
       details::skip_call(child);
     }
