@@ -14,10 +14,9 @@ namespace indexed {
 
 // Due about every 20 us.
 //
-// Reading the exact time keeps the processor from overlapping the look-ups of a loop, which
-// made a miss 150 ns dearer. So a thread whose misses come close together reads it with every
-// 32nd miss only, and when the kernel's coarse clock has ticked.
-// Thread-safety: any thread. Fork-safety: a child may use its copy.
+// Reading the exact time may keep the processor from overlapping the look-ups of a loop. So a
+// thread whose misses come close together reads it with every 32nd miss only, and when the kernel's
+// coarse clock has ticked. Thread-safety: any thread. Fork-safety: a child may use its copy.
 class LookClock {
  public:
   bool is_due() {

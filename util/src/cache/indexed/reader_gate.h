@@ -18,8 +18,8 @@ namespace indexed {
 // all slots are unmarked or of later rounds.
 //
 // A mark is a plain store: a locked instruction would keep the processor from overlapping
-// the look-ups of a loop, which made a miss more than 100 ns dearer. So the thread that frees
-// has the kernel run a memory barrier in all threads.
+// the look-ups of a loop. So the thread that frees has the kernel run a memory barrier in all
+// threads.
 // Thread-safety: any thread. Fork-safety: a child may use it at once, and ignores the slots
 // of threads that it doesn't have.
 class ReaderGate {
