@@ -9,9 +9,11 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
+#include <vector>
 
+#include "support/indexed_cache.h"
 #include "support/log_records.h"
+#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -19,50 +21,19 @@
 namespace {
 
 using quorvane::cache::Cache;
-using quorvane::cache::CleanupController;
 using quorvane::cache::make_store;
-using quorvane::cache::StoreKind;
 using quorvane::cache::StoreOptions;
-using quorvane::util::RoBuffer;
+using test::add;
 using test::buffer;
 using test::buffers;
+using test::get;
+using test::indexed_options;
 using test::TempDir;
 
 class IndexedCache : public testing::Test {
  protected:
-  StoreOptions options() const {
-    StoreOptions options;
-    options.name = "maps";
-    options.root = root_.path();
-    return options;
-  }
-
-  std::unique_ptr<Cache> open() const { return open(options()); }
-
-  static std::unique_ptr<Cache> open(const StoreOptions& options) {
-    return std::make_unique<Cache>("maps", make_store(options), false);
-  }
-
-  static bool add(Cache& cache, const std::string& key, const std::string& value) {
-    return cache.add_value(buffer(key), buffers({value}));
-  }
-
-  static std::optional<std::string> get(Cache& cache, const std::string& key) {
-    const auto* value = cache.get_value(buffer(key));
-    if (value == nullptr) {
-      return std::nullopt;
-    }
-    return std::string(reinterpret_cast<const char*>((*value)[0].get_buffer()),
-                       (*value)[0].get_size());
-  }
-
-  std::vector<std::string> files() const {
-    std::vector<std::string> names;
-    for (const auto& file : std::filesystem::directory_iterator(root_.path())) {
-      names.push_back(file.path().filename());
-    }
-    return names;
-  }
+  std::unique_ptr<Cache> open() const { return test::open_cache(root_.path()); }
+  std::vector<std::string> files() const { return test::names_in(root_.path()); }
 
   TempDir root_;
 };
@@ -153,9 +124,7 @@ TEST_F(IndexedCache, VisitsEntriesInKeyOrder) {
 }
 
 TEST_F(IndexedCache, FlushesAfterSoManyAdditions) {
-  StoreOptions with = options();
-  with.flush_after = 3;
-  const auto writer = open(with);
+  const auto writer = test::open_cache(indexed_options(root_.path(), 3));
   const auto reader = open();
   add(*writer, "a", "1");
   add(*writer, "b", "1");
@@ -165,25 +134,18 @@ TEST_F(IndexedCache, FlushesAfterSoManyAdditions) {
 }
 
 TEST_F(IndexedCache, ThatMustExistIsNotCreated) {
-  StoreOptions with = options();
+  StoreOptions with = indexed_options(root_.path());
   with.must_exist = true;
-  EXPECT_FALSE(open(with)->is_valid());
+  EXPECT_FALSE(test::open_cache(with)->is_valid());
   EXPECT_THAT(files(), testing::IsEmpty());
   add(*open(), "key", "value");
-  EXPECT_EQ(get(*open(with), "key"), "value");
+  EXPECT_EQ(get(*test::open_cache(with), "key"), "value");
 }
 
 // --- records and statistics, in a process of their own ---
 
-StoreOptions options_in(const std::string& root) {
-  StoreOptions options;
-  options.name = "maps";
-  options.root = root;
-  return options;
-}
-
 SCENARIO(miss_in_an_indexed_cache) {
-  Cache cache("maps", make_store(options_in(arguments.at(0))), false);
+  Cache cache("maps", make_store(indexed_options(arguments.at(0))), false);
   cache.get_value(buffer("key"));
   cache.get_value(buffer(std::string(40, 'x')));
   return 0;
@@ -203,7 +165,7 @@ TEST(IndexedCacheRecords, NameTheCacheAndTheKeyOfAMiss) {
 
 SCENARIO(counts_in_an_indexed_cache) {
   {
-    Cache cache("maps", make_store(options_in(arguments.at(0))), false);
+    Cache cache("maps", make_store(indexed_options(arguments.at(0))), false);
     cache.add_value(buffer("key"), buffers({"value"}));
     cache.get_value(buffer("key"));
     cache.get_value(buffer("key"));
@@ -216,7 +178,9 @@ SCENARIO(counts_in_an_indexed_cache) {
 TEST(IndexedCacheStatistics, AreReportedUnderItsName) {
   const TempDir root;
   const test::Ran ran = test::run_scenario(
-      "counts_in_an_indexed_cache", {{"QV_STATS_REPORT_FILE", root.file("report")}}, {root.path()});
+      "counts_in_an_indexed_cache",
+      {{"QV_STATS_REPORT_FILE", root.file("report")}, {"LD_LIBRARY_PATH", test::kRecorderPath}},
+      {root.path()});
   EXPECT_TRUE(ran.exited_with(0));
   const std::string report = test::read_file(root.file("report"));
   const auto bytes = std::filesystem::file_size(root.file("dat_maps")) +
