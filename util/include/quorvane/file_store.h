@@ -513,7 +513,8 @@ struct StoreOptions {
 /// A read-only store takes the lock, if there is a lock file, but excludes only writers. Its
 /// try_store_diff returns whether there is nothing to store, and logs at WARN if there is
 /// something. When an append was cut short and not yet undone, which takes a writer, its
-/// try_load returns false after one WARN record.
+/// try_load returns false after one WARN record. A read-only indexed store takes no lock; its
+/// try_load returns false after one ERROR record when the index is missing or doesn't fit.
 ///
 /// A store that must exist and doesn't is not valid, after one ERROR record. One file of a
 /// lazy store's two is enough to exist; the load reports the missing one.
