@@ -134,6 +134,11 @@ class IndexedKillAnywhere : public testing::Test {
         tally.half_renamed;
   }
 
+  // How many of so many recoveries are run.
+  static int of_recoveries(int count) {
+    return count / static_cast<int>(indexed_crash_test::kStride);
+  }
+
   test::TempDir root_;
   Tally operation_;
   Tally recovery_;
@@ -144,8 +149,8 @@ TEST_F(IndexedKillAnywhere, InTheCreationDoesNoHarm) {
   EXPECT_GE(operation_.without_header, 3);
   EXPECT_GE(operation_.without_index, 5);
   EXPECT_GE(operation_.begun, 4);
-  EXPECT_GE(recovery_.without_header, 3);
-  EXPECT_GE(recovery_.begun, 5 * operation_.begun);
+  EXPECT_GE(recovery_.without_header, of_recoveries(3));
+  EXPECT_GE(recovery_.begun, of_recoveries(5 * operation_.begun));
 }
 
 TEST_F(IndexedKillAnywhere, InTheFirstAppendDoesNoHarm) {
@@ -154,7 +159,7 @@ TEST_F(IndexedKillAnywhere, InTheFirstAppendDoesNoHarm) {
   EXPECT_GE(operation_.begun, 4);
   EXPECT_GE(operation_.tails, 3);
   EXPECT_EQ(operation_.unindexed, 5);  // before each slot, before the count, and after it
-  EXPECT_GT(recovery_.unindexed, 5);
+  EXPECT_GT(recovery_.unindexed, of_recoveries(5));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendOfOneEntryDoesNoHarm) {
@@ -162,23 +167,23 @@ TEST_F(IndexedKillAnywhere, InAnAppendOfOneEntryDoesNoHarm) {
   EXPECT_GE(operation_.tails, 3);
   EXPECT_EQ(operation_.unindexed, 3);
   EXPECT_EQ(operation_.states, 8);  // also the first and the last
-  EXPECT_GT(recovery_.tails, 3);
-  EXPECT_GT(recovery_.unindexed, 3);
+  EXPECT_GT(recovery_.tails, of_recoveries(3));
+  EXPECT_GT(recovery_.unindexed, of_recoveries(3));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendOfTwentyEntriesDoesNoHarm) {
   run("append", {"20", std::to_string(kLarge)});
   EXPECT_GE(operation_.tails, 6);  // some of them end at a page
   EXPECT_EQ(operation_.unindexed, 22);
-  EXPECT_GT(recovery_.tails, 6 * 6);
-  EXPECT_GT(recovery_.unindexed, 22 * 10);
+  EXPECT_GT(recovery_.tails, of_recoveries(6 * 6));
+  EXPECT_GT(recovery_.unindexed, of_recoveries(22 * 10));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendThatNeedsTwoWritesDoesNoHarm) {
   run("append", {"3", std::to_string(kHuge)});
   EXPECT_GE(operation_.tails, 2 * 10);
   EXPECT_EQ(operation_.unindexed, 5);
-  EXPECT_GT(recovery_.tails, 2 * 10);
+  EXPECT_GT(recovery_.tails, of_recoveries(2 * 10));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendThatGrowsTheIndexDoesNoHarm) {
@@ -187,9 +192,9 @@ TEST_F(IndexedKillAnywhere, InAnAppendThatGrowsTheIndexDoesNoHarm) {
   EXPECT_EQ(operation_.moving, 1);
   EXPECT_GE(operation_.replaced, 1 + 3 + 14);
   EXPECT_EQ(operation_.unindexed, 14);
-  EXPECT_GT(recovery_.begun, 6 * 6);
-  EXPECT_GT(recovery_.moving, 6);
-  EXPECT_GT(recovery_.unindexed, 14 * 10);
+  EXPECT_GT(recovery_.begun, of_recoveries(6 * 6));
+  EXPECT_GT(recovery_.moving, of_recoveries(6));
+  EXPECT_GT(recovery_.unindexed, of_recoveries(14 * 10));
 }
 
 TEST_F(IndexedKillAnywhere, InARebuildDoesNoHarm) {
@@ -197,7 +202,7 @@ TEST_F(IndexedKillAnywhere, InARebuildDoesNoHarm) {
   EXPECT_GE(operation_.without_index, 5);
   EXPECT_GE(operation_.begun, 4);
   EXPECT_EQ(operation_.unindexed, 4);
-  EXPECT_GT(recovery_.begun, 4 * 4);
+  EXPECT_GT(recovery_.begun, of_recoveries(4 * 4));
 }
 
 TEST_F(IndexedKillAnywhere, InARebuildFromTornDataDoesNoHarm) {
@@ -205,36 +210,36 @@ TEST_F(IndexedKillAnywhere, InARebuildFromTornDataDoesNoHarm) {
   EXPECT_GE(operation_.begun, 4);
   EXPECT_GE(operation_.tails, 1 + 3);  // the torn one, and those of the append
   EXPECT_GT(operation_.unindexed, 2);
-  EXPECT_GT(recovery_.begun, 4 * 4);
-  EXPECT_GT(recovery_.tails, 4 * 4);
+  EXPECT_GT(recovery_.begun, of_recoveries(4 * 4));
+  EXPECT_GT(recovery_.tails, of_recoveries(4 * 4));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendAfterATornOneDoesNoHarm) {
   run("append_again", {"tail"});
   EXPECT_GE(operation_.tails, 1 + 3);
   EXPECT_EQ(operation_.unindexed, 12);
-  EXPECT_GT(recovery_.unindexed, 12);
+  EXPECT_GT(recovery_.unindexed, of_recoveries(12));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendAfterAHalfIndexedOneDoesNoHarm) {
   run("append_again", {"unindexed"});
   EXPECT_GE(operation_.unindexed, 1 + 5);  // the other half, and the count
-  EXPECT_GT(recovery_.unindexed, 6);
+  EXPECT_GT(recovery_.unindexed, of_recoveries(6));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendAfterAHalfMovedIndexDoesNoHarm) {
   run("append_again", {"moving"});
   EXPECT_EQ(operation_.moving, 2);  // the killed append's and its own
   EXPECT_GE(operation_.begun, 2 + 6);
-  EXPECT_GT(recovery_.moving, 2);
+  EXPECT_GT(recovery_.moving, of_recoveries(2));
 }
 
 TEST_F(IndexedKillAnywhere, InACleanDoesNoHarm) {
   run("clean");
   EXPECT_GE(operation_.copied, 5 + 4 + 5);  // the header, the entries, and the index
   EXPECT_EQ(operation_.half_renamed, 1);
-  EXPECT_GT(recovery_.copied, 14 * 10);
-  EXPECT_GT(recovery_.half_renamed, 10);
+  EXPECT_GT(recovery_.copied, of_recoveries(14 * 10));
+  EXPECT_GT(recovery_.half_renamed, of_recoveries(10));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendThatCleansDoesNoHarm) {
@@ -243,15 +248,15 @@ TEST_F(IndexedKillAnywhere, InAnAppendThatCleansDoesNoHarm) {
   EXPECT_GE(operation_.begun, 5);
   EXPECT_EQ(operation_.moving, 1);
   EXPECT_EQ(operation_.half_renamed, 1);
-  EXPECT_GT(recovery_.copied, 15 * 10);
-  EXPECT_GT(recovery_.half_renamed, 10);
+  EXPECT_GT(recovery_.copied, of_recoveries(15 * 10));
+  EXPECT_GT(recovery_.half_renamed, of_recoveries(10));
 }
 
 TEST_F(IndexedKillAnywhere, InACleanBesideAnAppendDoesNoHarm) {
   run("append_and_clean", {"2"});
   EXPECT_GE(operation_.copied, 5 + 5 + 5 + 3);  // also the entries of the append
   EXPECT_EQ(operation_.half_renamed, 1);
-  EXPECT_GT(recovery_.half_renamed, 10);
+  EXPECT_GT(recovery_.half_renamed, of_recoveries(10));
 }
 
 }  // namespace
