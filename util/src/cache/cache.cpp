@@ -87,7 +87,7 @@ bool try_store(const std::string& name, const Function& store) {
     if (store()) {
       return true;
     }
-    Failure::note(EIO);
+    Failure::note_unless_noted(EIO);
   } catch (...) {
     Failure::note_exception();
     QV_LOG(g_module, ERROR, "Storing %s cache failed: %s", name.c_str(), text_of_exception());

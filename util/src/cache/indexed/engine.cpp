@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "src/cache/checks.h"
+#include "src/cache/failure.h"
 #include "src/cache/indexed/index_builder.h"
 #include "src/cache/indexed/scan.h"
 
@@ -76,6 +77,7 @@ bool Engine::open() try {
   const StoreTurn turn(*lock_, lock_waited_);
   return open_locked();
 } catch (const std::exception& error) {
+  Failure::note_exception();
   QV_LOG(g_module, ERROR, "Couldn't open %s: %s", paths_.data.c_str(), error.what());
   return false;
 }
@@ -286,6 +288,7 @@ bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb)
   }
   return step == Step::done;
 } catch (const std::exception& error) {
+  Failure::note_exception();
   QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), error.what());
   return false;
 }
