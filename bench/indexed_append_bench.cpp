@@ -134,13 +134,23 @@ struct Size {
   std::uint64_t entries;
   std::uint64_t slots;  // of an index that is full with about as many entries
 };
-constexpr Size kSizes[] = {{"100 k", 100'000, std::uint64_t{1} << 18},
-                           {"1 M", 1'000'000, std::uint64_t{1} << 21},
-                           {"5 M", 5'000'000, std::uint64_t{1} << 23}};
+constexpr Size kAllSizes[] = {{"100 k", 100'000, std::uint64_t{1} << 18},
+                              {"1 M", 1'000'000, std::uint64_t{1} << 21},
+                              {"5 M", 5'000'000, std::uint64_t{1} << 23}};
+
+std::vector<Size> sizes(std::uint64_t most) {
+  std::vector<Size> sizes;
+  for (const Size& size : kAllSizes) {
+    if (size.entries <= most) {
+      sizes.push_back(size);
+    }
+  }
+  return sizes;
+}
 
 double least(const std::string& row) { return table[row].least; }
 
-void print() {
+void print(const std::vector<Size>& sizes) {
   std::printf("%-52s %12s %12s\n", "times, in us", "least", "most");
   for (const auto& [label, row] : table) {
     std::printf("%-52s %12.1f %12.1f\n", label.c_str(), row.least, row.most);
@@ -159,9 +169,9 @@ void print() {
     bench::print_ratio("append to 5 M / 100 k" + of,
                        least("append to 5 M" + of) / least("append to 100 k" + of), 1.3);
   }
-  for (const std::size_t i : {1U, 2U}) {
-    const Size& large = kSizes[i];
-    const Size& small = kSizes[i - 1];
+  for (std::size_t i = 1; i < sizes.size(); ++i) {
+    const Size& large = sizes[i];
+    const Size& small = sizes[i - 1];
     const std::string pair = std::string(large.label) + " / " + small.label + ", per entry";
     const auto per_entry = [](const char* what, const Size& size, std::uint64_t entries) {
       return least(what + std::string(size.label)) / static_cast<double>(entries);
@@ -179,11 +189,12 @@ void print() {
 
 }  // namespace
 
-// Usage: indexed_append_bench [ROUNDS]
+// Usage: indexed_append_bench [ROUNDS [ENTRIES]]: only stores of so many entries at most
 int main(int argc, char** argv) {
   setenv("QV_LOG_FILE", "/dev/null", 1);
   bench::root();
-  for (const Size& size : kSizes) {
+  const std::vector<Size> sizes = ::sizes(argc > 2 ? std::stoull(argv[2]) : 5'000'000);
+  for (const Size& size : sizes) {
     bench::IndexedCache::write(name_of("indexed", size.entries), size.entries);
     write_full(size.slots);
   }
@@ -199,7 +210,7 @@ int main(int argc, char** argv) {
   }
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 15;
   for (int round = 0; round < rounds; ++round) {
-    for (const Size& size : kSizes) {
+    for (const Size& size : sizes) {
       append_to_indexed(size.label, size.entries);
     }
     append_to_lmdb("LMDB, 1 M", kPeer, MDB_NOSYNC);
@@ -210,11 +221,11 @@ int main(int argc, char** argv) {
     }
   }
   for (int round = 0; round < (rounds + 2) / 3; ++round) {
-    for (const Size& size : kSizes) {
+    for (const Size& size : sizes) {
       rebuild(size.label, size.entries);
       grow(size.label, size.slots);
     }
   }
-  print();
+  print(sizes);
   return 0;
 }
