@@ -43,8 +43,7 @@ void mark_entries(std::string& data) {
           hash_of(data, at + indexed::kChecksummedFrom, header.size - indexed::kChecksummedFrom);
       std::memcpy(data.data() + at, &header, sizeof(header));
     }
-    constexpr std::size_t kMarked = offsetof(EntryHeader, checksum);
-    header.mark = indexed::kEntryMagic ^ hash_of(data, at + kMarked, sizeof(header) - kMarked);
+    header.magic = indexed::kEntryMagic;
     std::memcpy(data.data() + at, &header, sizeof(header));
     at += std::clamp<std::uint64_t>(indexed::padded(std::min(header.size, left)),
                                     indexed::kAlignment, left);

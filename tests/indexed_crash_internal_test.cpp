@@ -85,6 +85,18 @@ SCENARIO(rebuild_with_torn_tail) {
   return states.check_append(added);
 }
 
+// The value has whole entries in it, some of them where entries begin in a file.
+SCENARIO(append_entries_in_a_value) {
+  KillStates states(entries("old", 5, kSmall));
+  const std::string copied = test::read_file(test::root_file("dat_maps")).substr(64);
+  std::string value;
+  for (int shift = 0; shift < 16; ++shift) {
+    value += copied + ".";
+  }
+  value.resize(3 * value.size(), '.');
+  return states.check_append({{test::buffer("new"), test::buffers({value})}});
+}
+
 // Arguments: where the append was killed.
 SCENARIO(append_again) {
   const std::string& where = arguments.at(0);
@@ -184,6 +196,12 @@ TEST_F(IndexedKillAnywhere, InAnAppendThatNeedsTwoWritesDoesNoHarm) {
   EXPECT_GE(operation_.tails, 2 * 10);
   EXPECT_EQ(operation_.unindexed, 5);
   EXPECT_GT(recovery_.tails, of_recoveries(2 * 10));
+}
+
+TEST_F(IndexedKillAnywhere, InAnAppendOfAValueWithEntriesInItDoesNoHarm) {
+  run("append_entries_in_a_value");
+  EXPECT_GE(operation_.tails, 6);
+  EXPECT_GT(recovery_.tails, of_recoveries(6 * 6));
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendThatGrowsTheIndexDoesNoHarm) {

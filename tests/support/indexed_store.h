@@ -104,12 +104,7 @@ inline std::vector<std::size_t> entry_offsets(const std::string& data) {
 
 // Makes a changed header of an entry count as written.
 inline void mark_header(std::string& data, std::size_t offset) {
-  using quorvane::cache::indexed::EntryHeader;
-  constexpr std::size_t kFrom = offsetof(EntryHeader, checksum);
-  put(data, offset,
-      quorvane::cache::indexed::kEntryMagic ^
-          static_cast<std::uint32_t>(
-              ::util::Fingerprint64(data.data() + offset + kFrom, sizeof(EntryHeader) - kFrom)));
+  put(data, offset, quorvane::cache::indexed::kEntryMagic);
 }
 
 // Makes the changed words of an index page that never change count as written.

@@ -88,6 +88,11 @@ std::optional<Entry> DataFile::entry_at(std::uint64_t offset, std::uint64_t end)
                                    : std::nullopt;
 }
 
+std::optional<Entry> DataFile::start_at(std::uint64_t offset, std::uint64_t end) const {
+  return may_begin_at(offset, end) ? Entry::start_at(mapping_.data() + offset, end - offset)
+                                   : std::nullopt;
+}
+
 std::optional<EntryHeader> DataFile::header_at(std::uint64_t offset, std::uint64_t end) const {
   return may_begin_at(offset, end) ? Entry::header_at(mapping_.data() + offset, end - offset)
                                    : std::nullopt;

@@ -42,8 +42,9 @@ class DataFile {
   // end of the mapping.
   std::optional<Entry> entry_at(std::uint64_t offset, std::uint64_t end) const;
 
-  // The header of an entry there. See Entry::header_at.
+  // The header or the start of an entry there. See the functions of Entry.
   std::optional<EntryHeader> header_at(std::uint64_t offset, std::uint64_t end) const;
+  std::optional<Entry> start_at(std::uint64_t offset, std::uint64_t end) const;
 
   // Gives another file of the store this one's owner and permissions, as far as the kernel
   // lets it: otherwise a store of which one user has made a file would shut the others out.

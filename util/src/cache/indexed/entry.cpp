@@ -17,13 +17,6 @@ std::uint32_t checksum_of(const unsigned char* entry, std::uint64_t size) {
                             static_cast<std::size_t>(size) - kChecksummedFrom));
 }
 
-std::uint32_t mark_of(const EntryHeader& header) {
-  constexpr std::size_t kMarked = offsetof(EntryHeader, checksum);
-  return kEntryMagic ^
-         static_cast<std::uint32_t>(::util::Fingerprint64(
-             reinterpret_cast<const char*>(&header) + kMarked, sizeof(header) - kMarked));
-}
-
 void append(std::string& bytes, const util::RoBuffer& buffer) {
   bytes.append(reinterpret_cast<const char*>(buffer.get_buffer()), buffer.get_size());
 }
@@ -40,21 +33,21 @@ std::optional<EntryHeader> Entry::header_at(const unsigned char* bytes, std::uin
     return std::nullopt;
   }
   std::memcpy(&header, bytes, sizeof(header));
-  return header.mark == mark_of(header) ? std::optional(header) : std::nullopt;
+  return header.magic == kEntryMagic ? std::optional(header) : std::nullopt;
 }
 
-std::optional<Entry> Entry::at(const unsigned char* bytes, std::uint64_t available) {
+std::optional<Entry> Entry::start_at(const unsigned char* bytes, std::uint64_t available) {
   const std::optional<EntryHeader> header = header_at(bytes, available);
-  if (!header || header->size > available || header->key_size == 0 || header->atoms == 0) {
+  if (!header || header->key_size == 0 || header->atoms == 0) {
+    return std::nullopt;
+  }
+  // None of these sums wraps: both factors have 32 bits.
+  const std::uint64_t sizes = std::uint64_t{header->atoms} * sizeof(std::uint64_t);
+  const std::uint64_t fixed = sizeof(*header) + sizes + header->key_size;
+  if (sizes > available - sizeof(*header) || fixed > header->size) {
     return std::nullopt;
   }
   const Entry entry(bytes, *header);
-  // None of these sums wraps: both factors have 32 bits.
-  const std::uint64_t fixed =
-      sizeof(*header) + std::uint64_t{header->atoms} * sizeof(std::uint64_t) + header->key_size;
-  if (fixed > header->size) {
-    return std::nullopt;
-  }
   std::uint64_t left = header->size - fixed;
   for (std::uint32_t atom = 0; atom < header->atoms; ++atom) {
     const std::uint64_t size = entry.atom_size(atom);
@@ -64,6 +57,11 @@ std::optional<Entry> Entry::at(const unsigned char* bytes, std::uint64_t availab
     left -= size;
   }
   return left == 0 ? std::optional(entry) : std::nullopt;
+}
+
+std::optional<Entry> Entry::at(const unsigned char* bytes, std::uint64_t available) {
+  const std::optional<Entry> entry = start_at(bytes, available);
+  return entry && entry->size() <= available ? entry : std::nullopt;
 }
 
 std::uint64_t Entry::atom_size(std::uint32_t atom) const {
@@ -130,7 +128,7 @@ void encode(std::string& bytes, const util::RoBuffer& key,
             const std::vector<util::RoBuffer>& value) {
   const std::size_t start = bytes.size();
   const std::uint64_t in_file = size_in_file(key, value);
-  EntryHeader header{0, 0, 0, static_cast<std::uint32_t>(key.get_size()),
+  EntryHeader header{kEntryMagic, 0, 0, static_cast<std::uint32_t>(key.get_size()),
                      static_cast<std::uint32_t>(value.size())};
   bytes.append(sizeof(header), '\0');
   for (const util::RoBuffer& atom : value) {
@@ -145,7 +143,6 @@ void encode(std::string& bytes, const util::RoBuffer& key,
   std::memcpy(bytes.data() + start, &header, sizeof(header));
   header.checksum =
       checksum_of(reinterpret_cast<const unsigned char*>(bytes.data()) + start, header.size);
-  header.mark = mark_of(header);
   std::memcpy(bytes.data() + start, &header, sizeof(header));
   bytes.append(static_cast<std::size_t>(in_file - header.size), '\0');
 }

@@ -23,9 +23,13 @@ std::uint64_t hash_of(const unsigned char* key, std::size_t size);
 // Thread-safety: any number of threads. The bytes must outlive the view.
 class Entry {
  public:
-  // The header at the start of `available` bytes. Nothing when its mark is wrong. What it says
-  // of the entry may still exceed `available`.
+  // The header at the start of `available` bytes. Nothing when there is none. What it says of
+  // the entry may be wrong.
   static std::optional<EntryHeader> header_at(const unsigned char* bytes, std::uint64_t available);
+
+  // The same as at() for an entry that may exceed `available`, as the write of a killed process
+  // leaves it. Only its sizes may be asked for then.
+  static std::optional<Entry> start_at(const unsigned char* bytes, std::uint64_t available);
 
   // The entry at the start of `available` bytes. Nothing when there is none, or when its
   // sizes contradict each other or exceed `available`. Doesn't look at the checksum.

@@ -31,10 +31,8 @@ constexpr std::uint64_t padded(std::uint64_t size) {
 }
 
 // An entry: this, the sizes of the atoms (8 bytes each), the key, the atoms.
-// The mark tells a header that was written from one that was damaged. So a size that reaches
-// beyond the end of the file can be believed: the write of that entry was cut short.
 struct EntryHeader {
-  std::uint32_t mark;      // kEntryMagic, with a hash of the rest of the header xored in
+  std::uint32_t magic;
   std::uint32_t checksum;  // of everything that follows in the entry
   std::uint64_t size;      // of the entry, with this header and without padding
   std::uint32_t key_size;

@@ -16,14 +16,14 @@ std::optional<Entry> whole_entry(const DataFile& data, std::uint64_t offset, std
   return entry;
 }
 
-// Whether a whole entry follows the one at `offset`, which is not whole. If its header can be
-// believed, what it claims is skipped: its value may hold the bytes of whole entries.
+// Whether a whole entry follows the one at `offset`, which is not whole. If its sizes fit
+// together, they can be believed, and its value is skipped: that may look like entries.
 bool is_followed(const DataFile& data, std::uint64_t offset, std::uint64_t limit) {
-  if (const std::optional<EntryHeader> header = data.header_at(offset, limit)) {
-    if (header->size > limit - offset) {
+  if (const std::optional<Entry> start = data.start_at(offset, limit)) {
+    if (padded(start->size()) > limit - offset) {
       return false;  // its write was cut short, so it is the last
     }
-    offset += std::max(padded(header->size), kAlignment);
+    offset += padded(start->size());
   }
   std::uint64_t compared = 0;  // bytes; only a forged file has headers that claim more than all
   for (; offset < limit && compared <= limit; offset += kAlignment) {
