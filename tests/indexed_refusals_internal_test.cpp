@@ -146,7 +146,7 @@ int refuse_each_call(const Operation& operation, int error, bool with_old, test:
                   refused.status, records);
     }
     if (!works_for_the_next(with_old, operation.added, refused.status == kDone)) {
-      std::printf("call %d, %s: harmed\n", allowed, std::strerror(error));
+      std::printf("call %d (%lu), %s: harmed\n", allowed, refused.call, std::strerror(error));
     }
     if (refused.call == test::kNoCall) {
       return allowed;

@@ -179,7 +179,7 @@ bool FileStoreSkeleton::read_appended_keys() {
   const Mark reading(is_reading_keys_);
   if (must_read_all_keys_) {
     appended_keys_.clear();
-    if (FileTrace::of(key_file_path_) == nullptr) {
+    if (!key_file_path_.empty() && FileTrace::of(key_file_path_) == nullptr) {
       loaded_map_last_size_ = 0;  // the store begins again
     }
   }

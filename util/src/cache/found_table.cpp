@@ -17,13 +17,16 @@ const FoundTable::Value* FoundTable::find(const util::RoBuffer& key) const {
   if (published == nullptr) {
     return nullptr;
   }
-  const std::vector<Slot>& slots = published->slots;
+  const std::size_t count = published->slots.size();
   const std::uint64_t hash = key_hash::of(key);
-  for (std::size_t at = key_hash::scaled(hash, slots.size());; at = after(at, slots.size())) {
-    const Slot& slot = slots[at];
-    const Value* const value = slot.value.load(std::memory_order_acquire);
-    if (value == nullptr || (slot.hash == hash && key_hash::is_key(slot.key, slot.size, key))) {
-      return value;
+  for (std::size_t at = key_hash::scaled(hash, count);; at = after(at, count)) {
+    const Tag tag = published->tags[at].load(std::memory_order_acquire);
+    if (tag == 0) {
+      return nullptr;
+    }
+    const Slot& slot = published->slots[at];
+    if (tag == tag_of(hash) && slot.hash == hash && key_hash::is_key(slot.key, slot.size, key)) {
+      return slot.value;
     }
   }
 }
@@ -34,7 +37,7 @@ const FoundTable::Value* FoundTable::insert(const util::RoBuffer& key, Value&& v
   }
   auto own_key = util::RoBuffer::copy(key.get_buffer(), key.get_size());
   const auto& entry = entries_.emplace_back(std::move(own_key), std::move(value));
-  put(current_->slots, key_hash::of(entry.first), entry.first.get_buffer(), entry.first.get_size(),
+  put(*current_, key_hash::of(entry.first), entry.first.get_buffer(), entry.first.get_size(),
       &entry.second);
   return &entry.second;
 }
@@ -48,9 +51,10 @@ void FoundTable::grow() {
   auto larger =
       std::make_unique<Slots>(current_ == nullptr ? kFirstSlots : current_->slots.size() * 2);
   if (current_ != nullptr) {
-    for (const Slot& slot : current_->slots) {
-      if (const Value* const value = slot.value.load(std::memory_order_relaxed)) {
-        put(larger->slots, slot.hash, slot.key, slot.size, value);
+    for (std::size_t at = 0; at < current_->slots.size(); ++at) {
+      if (current_->tags[at].load(std::memory_order_relaxed) != 0) {
+        const Slot& slot = current_->slots[at];
+        put(*larger, slot.hash, slot.key, slot.size, slot.value);
       }
     }
   }
@@ -59,17 +63,14 @@ void FoundTable::grow() {
   published_.store(current_.get(), std::memory_order_release);
 }
 
-void FoundTable::put(std::vector<Slot>& slots, std::uint64_t hash, const unsigned char* key,
-                     std::size_t size, const Value* value) {
-  std::size_t at = key_hash::scaled(hash, slots.size());
-  while (slots[at].value.load(std::memory_order_relaxed) != nullptr) {
-    at = after(at, slots.size());
+void FoundTable::put(Slots& slots, std::uint64_t hash, const unsigned char* key, std::size_t size,
+                     const Value* value) {
+  std::size_t at = key_hash::scaled(hash, slots.slots.size());
+  while (slots.tags[at].load(std::memory_order_relaxed) != 0) {
+    at = after(at, slots.slots.size());
   }
-  Slot& slot = slots[at];
-  slot.hash = hash;
-  slot.key = key;
-  slot.size = size;
-  slot.value.store(value, std::memory_order_release);
+  slots.slots[at] = {hash, key, size, value};
+  slots.tags[at].store(tag_of(hash), std::memory_order_release);
 }
 
 }  // namespace cache

@@ -111,6 +111,7 @@ void CleanerMark::wait() const {
   while (flock(fd_, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
     wait.pause([this] { return flock_holder(id_); });
   }
+  flock(fd_, LOCK_UN);  // nobody must take this process for a cleaner
 }
 
 }  // namespace indexed

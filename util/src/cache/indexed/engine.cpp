@@ -147,7 +147,7 @@ bool Engine::report(const Pair& pair, Status status, const std::string& path) co
 
 bool Engine::build_index(const DataFile& data) {
   IndexBuilder builder(data);
-  const ScanResult result = builder.collect(data.size(), true);
+  const ScanResult result = builder.collect(data.size_when_opened(), true);
   if (result.is_damaged) {
     QV_LOG(g_module, ERROR, "%s is damaged at offset %lu: no whole entry, but others follow",
            paths_.data.c_str(), result.end);
@@ -407,7 +407,13 @@ Engine::Step Engine::make_room(StoreTurn& turn, const Pair& pair, const Bound& b
     turn.take();
     return Step::waited;
   }
-  return state == CleanerMark::State::unknown ? Step::failed : clean_files(turn, pair, bound);
+  if (state == CleanerMark::State::unknown) {
+    return Step::failed;
+  }
+  if (state == CleanerMark::State::dead) {
+    remove_leftovers(paths_);  // it has died since delete_leftovers() looked
+  }
+  return clean_files(turn, pair, bound);
 }
 
 Engine::Step Engine::clean_files(StoreTurn& turn, const Pair& from, const Bound& bound) {
