@@ -78,13 +78,18 @@ std::unique_ptr<Engine> open_store(Shared& shared) {
   return store;
 }
 
-std::uint64_t identity_of_data() {
+// Of the data file. The index has it first: a clean that is cut short has renamed its index,
+// and then its entries count. 0 when there is no file.
+std::uint64_t present_identity() {
   std::uint64_t identity = 0;
-  const int file = open(test::root_file("dat_maps").c_str(), O_RDONLY | O_CLOEXEC);
-  if (pread(file, &identity, sizeof(identity), 8) != sizeof(identity)) {
-    identity = 0;
+  for (const char* name : {"dat_maps", "idx_maps"}) {
+    const int file = open(test::root_file(name).c_str(), O_RDONLY | O_CLOEXEC);
+    std::uint64_t read = 0;
+    if (pread(file, &read, sizeof(read), 8) == sizeof(read)) {
+      identity = read;
+    }
+    close(file);
   }
-  close(file);
   return identity;
 }
 
@@ -116,7 +121,7 @@ bool is_there(Engine& store, Shared& shared, std::size_t writer, int number) {
   for (;;) {
     const int from = written.begun;
     const int to = from + static_cast<int>(random() % 60) + 1;
-    const std::uint64_t identity = identity_of_data();
+    const std::uint64_t identity = present_identity();
     EntryMap diff;
     for (int number = from; number < to; ++number) {
       diff.emplace(buffer(key_of(writer, number)), buffers({value_of(writer, number)}));
@@ -164,7 +169,7 @@ void end(pid_t child) {
 // - if an older entry of the same writer is there.
 long count_lost(Shared& shared) {
   const auto store = open_store(shared);
-  const std::uint64_t identity = identity_of_data();
+  const std::uint64_t identity = present_identity();
   long lost = 0;
   for (std::size_t writer = 0; writer < kWriters; ++writer) {
     const Written& written = shared.writers[writer];

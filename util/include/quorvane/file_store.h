@@ -251,7 +251,7 @@ class QV_EXPORT FileStoreSkeleton : public Store, private CleanableResource {
   bool must_read_all_keys_ = false;
 
   std::string key_file_path_;
-  std::unique_ptr<FileTrace> key_file_;  // as it was when it was last read; null: not read
+  std::unique_ptr<FileTrace> key_file_;  // as it was when it was last read
 };
 
 /// One file per cache: the header, then entries. A missing file is an empty store.

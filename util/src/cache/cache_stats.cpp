@@ -21,21 +21,21 @@ struct Registry {
   std::map<std::string, CacheStats> by_name;
 };
 
-Registry& registry() {
+Registry* registry() {
   static constinit Once once;
   static constinit Registry* all = nullptr;
   once.run([] { all = new Registry; });
-  return *all;
+  return all;
 }
 
 }  // namespace
 
 CacheStats& CacheStats::of(const std::string& name) {
-  Registry& all = registry();
+  Registry* const all = registry();
   CacheStats* stats = nullptr;
   {
-    const fork_guard::Lock lock(all.mutex);
-    stats = &all.by_name[name];
+    const fork_guard::Lock lock(all->mutex);
+    stats = &all->by_name[name];
   }
   // Not under the mutex: the first metric of a process sets statistics up.
   stats->once_.run([&] { stats->make(name); });

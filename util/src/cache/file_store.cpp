@@ -179,7 +179,7 @@ bool FileStoreSkeleton::read_appended_keys() {
   const Mark reading(is_reading_keys_);
   if (must_read_all_keys_) {
     appended_keys_.clear();
-    if (!key_file_path_.empty() && FileTrace::of(key_file_path_) == nullptr) {
+    if (key_file_ != nullptr && !FileTrace::of(key_file_path_).exists) {
       loaded_map_last_size_ = 0;  // the store begins again
     }
   }
@@ -197,16 +197,25 @@ bool FileStoreSkeleton::read_appended_keys() {
   return new_keys_loaded;
 }
 
-void FileStoreSkeleton::set_key_file(const std::string& path) { key_file_path_ = path; }
+void FileStoreSkeleton::set_key_file(const std::string& path) {
+  key_file_path_ = path;
+  key_file_ = std::make_unique<FileTrace>();
+}
 
-void FileStoreSkeleton::remember_key_file() { key_file_ = FileTrace::of(key_file_path_); }
+void FileStoreSkeleton::remember_key_file() {
+  if (key_file_ != nullptr) {
+    *key_file_ = FileTrace::of(key_file_path_);
+  }
+}
 
 // A file that is shorter than what was read makes the next scan fail instead. Kept:
 // docs/compatibility.md
 bool FileStoreSkeleton::is_key_file_replaced() const {
-  const auto present = key_file_ != nullptr ? FileTrace::of(key_file_path_) : nullptr;
-  return present != nullptr && !present->is_same_file(*key_file_) &&
-         present->size >= key_file_->size;
+  if (key_file_ == nullptr || !key_file_->exists) {
+    return false;
+  }
+  const FileTrace present = FileTrace::of(key_file_path_);
+  return present.exists && !present.is_same_file(*key_file_) && present.size >= key_file_->size;
 }
 
 // In a child that was forked while a thread of its parent read keys, the set may be half

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 namespace quorvane {
@@ -15,26 +14,27 @@ namespace cache {
 // Inode numbers are used again, so the time of birth counts, too, where the file system knows
 // it.
 struct FileTrace {
-  std::uint64_t device;
-  std::uint64_t inode;
-  std::int64_t birth_seconds;
-  std::uint32_t birth_nanoseconds;
-  std::uint64_t size;  // in bytes; not compared by is_same_file
+  bool exists = false;  // the rest counts only if it does
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t birth_seconds = 0;
+  std::uint32_t birth_nanoseconds = 0;
+  std::uint64_t size = 0;  // in bytes; not compared by is_same_file
 
   bool is_same_file(const FileTrace& other) const {
     return device == other.device && inode == other.inode && birth_seconds == other.birth_seconds &&
            birth_nanoseconds == other.birth_nanoseconds;
   }
 
-  // Null when there is no such file. May throw std::bad_alloc.
-  static std::unique_ptr<FileTrace> of(const std::string& path) {
+  static FileTrace of(const std::string& path) {
     struct statx status {};
     if (statx(AT_FDCWD, path.c_str(), 0, STATX_INO | STATX_SIZE | STATX_BTIME, &status) != 0) {
-      return nullptr;
+      return {};
     }
     const std::uint64_t device = std::uint64_t{status.stx_dev_major} << 32 | status.stx_dev_minor;
-    return std::make_unique<FileTrace>(FileTrace{device, status.stx_ino, status.stx_btime.tv_sec,
-                                                 status.stx_btime.tv_nsec, status.stx_size});
+    return {
+        true,           device, status.stx_ino, status.stx_btime.tv_sec, status.stx_btime.tv_nsec,
+        status.stx_size};
   }
 };
 
