@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -121,6 +122,29 @@ TEST_F(IndexedCache, VisitsEntriesInKeyOrder) {
     keys.emplace_back(reinterpret_cast<const char*>(key.get_buffer()), key.get_size());
   }
   EXPECT_THAT(keys, testing::ElementsAre("c", "bb", "aaa", "z"));
+}
+
+TEST_F(IndexedCache, VisitsAlsoWhatMadeTheIndexGrowSinceItWasOpened) {
+  add(*open(), "first", "value");
+  const auto cache = open();
+  {
+    const auto writer = open();
+    for (int i = 0; i < 6000; ++i) {
+      ASSERT_TRUE(add(*writer, "key" + std::to_string(i), "value"));
+    }
+  }
+  EXPECT_EQ(std::distance(cache->begin(), cache->end()), 6001);
+}
+
+TEST_F(IndexedCache, VisitsTheValueThatItHasFoundThoughAnotherOneIsStoredNow) {
+  add(*open(), "key", "first");
+  const auto cache = open();
+  EXPECT_EQ(get(*cache, "key"), "first");
+  std::filesystem::remove(root_.file("dat_maps"));
+  std::filesystem::remove(root_.file("idx_maps"));
+  add(*open(), "key", "second");
+  ASSERT_NE(cache->begin(), cache->end());
+  EXPECT_EQ(test::bytes_of(cache->begin()->second.front()), "first");
 }
 
 TEST_F(IndexedCache, FlushesAfterSoManyAdditions) {

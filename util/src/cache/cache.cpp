@@ -312,8 +312,12 @@ const std::vector<util::RoBuffer>* Cache::ask_store(const util::RoBuffer& key) {
   if (added != diff_map_.end()) {
     return &added->second;
   }
-  const auto* found = looked_up_->found.find(key);
-  return found != nullptr ? found : looked_up_->found.insert(key, std::move(value));
+  if (const auto* found = looked_up_->found.find(key)) {
+    return found;
+  }
+  const auto loaded = loaded_map_.find(key);  // empty, unless a snapshot was taken
+  return loaded != loaded_map_.end() ? &loaded->second
+                                     : looked_up_->found.insert(key, std::move(value));
 }
 
 void Cache::prefetch(const util::RoBuffer* keys, std::size_t count) {
@@ -348,6 +352,11 @@ void Cache::take_snapshot() const {
         stored.erase(key);
       }
       const fork_guard::Lock lock(diff_mutex_);
+      for (auto& [key, value] : stored) {
+        if (const auto* found = looked_up_->found.find(key)) {
+          value = *found;  // the store may have dropped it and got another value since
+        }
+      }
       loaded_map_.swap(stored);
     });
   } catch (...) {

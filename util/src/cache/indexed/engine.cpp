@@ -85,17 +85,18 @@ bool Engine::open() try {
 // With the lock: opens the files, creates what is missing and finishes the clean of a process
 // that was killed.
 bool Engine::open_locked() {
-  for (int attempts = 0; attempts < 3; ++attempts) {  // the data, its index, and both opened
+  for (int attempts = 0; attempts < 4; ++attempts) {  // the data, its index, a rename, and opened
     std::unique_ptr<Pair> pair;
     const Status status = present_.open(pair);
     if (status != Status::fits) {
       if (!create_or_rebuild(*pair, status)) {
         return false;
       }
-    } else if (descriptor::is_at(paths_.data.c_str(), pair->data.id()) || finish_rename(paths_)) {
+    } else if (descriptor::is_at(paths_.data.c_str(), pair->data.id())) {
       present_.replace_by(std::move(pair));
       return true;
-    } else {
+    } else if (descriptor::is_at(paths_.cleaned_data.c_str(), pair->data.id()) &&
+               !finish_rename(paths_)) {
       QV_LOG(g_module, ERROR, "Couldn't rename %s: %s", paths_.cleaned_data.c_str(),
              std::strerror(errno));
       return false;
@@ -243,7 +244,9 @@ bool Engine::read_all(EntryMap& out) {
     const bool has_all = covered <= pair->readable();
     const ScanResult result =
         scan(pair->data, kFirstEntry, std::min(covered, pair->readable()), false, add);
-    if (present_.get() == pair && (has_all || !present_.open_again(pair))) {
+    // Another process may have replaced the index, whose `covered` then stays where it is.
+    const bool is_latest = has_all && descriptor::is_at(paths_.index.c_str(), pair->index.id());
+    if (present_.get() == pair && (is_latest || !present_.open_again(pair))) {
       for (const std::uint64_t offset : damaged) {
         report_damaged_entry(*pair, offset);
       }
@@ -351,8 +354,11 @@ bool Engine::has_names(const Pair& pair) const {
          descriptor::is_at(paths_.data.c_str(), pair.data.id());
 }
 
-// With the lock, when the present pair has its names: deletes what a killed cleaner has left.
+// With the lock, when the present pair has its names: deletes what killed processes have left.
 void Engine::delete_leftovers() const {
+  if (exists(paths_.new_index)) {
+    unlink(paths_.new_index.c_str());
+  }
   if (exists(paths_.cleaned_data) &&
       CleanerMark(paths_.cleaned_data).look() == CleanerMark::State::dead) {
     remove_leftovers(paths_);

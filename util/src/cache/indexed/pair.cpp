@@ -117,9 +117,11 @@ void Pair::retire() {
   }
 }
 
+// The mark comes last: whoever sees it may free the pair.
 void Pair::let_go() {
   data.retire();
   index.retire();
+  state_.fetch_or(kGone);
 }
 
 }  // namespace indexed

@@ -50,7 +50,8 @@ class Pair {
   // retired.
   bool pin();
   void unpin();
-  bool is_pinned() const { return state_.load() >= kPin; }
+  // Whether it is retired, and its files are let go: nobody writes through it any more.
+  bool is_gone() const { return state_.load() == (kRetired | kGone); }
 
   // Lets go of the files as soon as the pair isn't pinned. Look-ups under way
   // find nothing, and are repeated in the pair that has replaced this one.
@@ -61,7 +62,8 @@ class Pair {
 
  private:
   static constexpr unsigned kRetired = 1;
-  static constexpr unsigned kPin = 2;  // of one thread
+  static constexpr unsigned kGone = 2;
+  static constexpr unsigned kPin = 4;  // of one thread
 
   void let_go();
   std::optional<Entry> entry_at(std::uint64_t offset, bool& outgrown) const;

@@ -72,7 +72,7 @@ void PresentPair::retire(Pair* pair) noexcept try {
 void PresentPair::free_drained() {
   const std::uint64_t first = ReaderGate::first_in_use();
   const auto is_drained = [first](const Retired& retired) {
-    return retired.round < first && !retired.pair->is_pinned();
+    return retired.round < first && retired.pair->is_gone();
   };
   retired_.erase(std::remove_if(retired_.begin(), retired_.end(), is_drained), retired_.end());
 }
