@@ -353,13 +353,24 @@ TEST_F(IndexedClean, WaitsForALiveCleanerWithoutTheStoreLock) {
 
 // --- refusals ---
 
-TEST_F(IndexedClean, RefusesEntriesThatExceedTheLimitAlone) {
-  const test::Ran ran = root_.run("stores_more_than_the_limit", {}, "WARN");
+TEST_F(IndexedClean, RefusesAnEntryThatExceedsTheLimitAlone) {
+  const test::Ran ran = root_.run("stores_a_large_entry", {}, "WARN");
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;
   EXPECT_THAT(ran.messages(),
               testing::ElementsAre("WARN Couldn't append to " + data() +
-                                   ": 256000 bytes of entries don't fit into a store of "
+                                   ": 300048 bytes of entries don't fit into a store of "
                                    "204800 bytes"));
+}
+
+TEST_F(IndexedClean, KeepsTheLastOfEntriesThatExceedTheLimitTogether) {
+  const auto store = open();
+  EXPECT_TRUE(store->store(entries(0, 100), kLimit));
+  EXPECT_TRUE(store->store(entries(1000, 4000), kLimit));
+  EXPECT_LE(store->usage(), kLimit);
+  const auto rest = found(*store, 0, 4000);
+  EXPECT_GT(rest.size(), 300U);
+  EXPECT_EQ(rest.size(), store->entries());
+  EXPECT_EQ(found(*store, 3700, 4000).size(), 300U);
 }
 
 TEST_F(IndexedClean, SaysWhatItHasCleaned) {
@@ -398,10 +409,12 @@ TEST_F(IndexedClean, LeavesTheStoreAsItIsWhenNoFileCanBeRenamed) {
 
 }  // namespace
 
-SCENARIO(stores_more_than_the_limit) {
+SCENARIO(stores_a_large_entry) {
   const auto store = open_store(test::root_path());
   EXPECT_TRUE(store->store(entries(0, 100), kLimit));
-  return !store->store(entries(100, 1100), kLimit) && found(*store, 0, 1100).size() == 100 ? 0 : 1;
+  EntryMap diff = entries(100, 110);
+  diff.emplace(buffer("large"), buffers({std::string(300'000, 'x')}));
+  return !store->store(diff, kLimit) && found(*store, 0, 110).size() == 110 ? 0 : 1;
 }
 
 SCENARIO(cleans) {

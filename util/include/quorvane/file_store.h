@@ -431,8 +431,9 @@ class QV_EXPORT IndexedStore : public LookupStore, private CleanableResource {
   std::string type() const override;
   bool is_valid() const override;
 
-  /// Stores the entries whose keys are not stored yet. False, with nothing of `diff` stored and
-  /// one WARN record, when that is impossible.
+  /// Stores the entries whose keys are not stored yet. False, after one WARN record, when that
+  /// is impossible: then nothing of `diff` is stored. If `diff` exceeds the bound on the size
+  /// alone, it is stored piece by piece, and each piece that can't be stored has its record.
   bool try_store_diff(const EntryMap& diff) override;
 
   /// Opens the files and clears `out`. Takes the lock only to create files, or to make an index

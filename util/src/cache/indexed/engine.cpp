@@ -44,12 +44,26 @@ std::uint64_t smallest_store() { return kFirstEntry + index_size_for(0); }
 // The disk has no room for a file, or the process may not make one that large.
 bool is_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
 
-Bound bound_for(const EntryMap& diff, std::uint64_t limit) {
-  Bound bound{limit, 0, diff.size()};
+std::uint64_t bytes_of(const EntryMap& diff) {
+  std::uint64_t bytes = 0;
   for (const auto& [key, value] : diff) {
-    bound.bytes += size_in_file(key, value);
+    bytes += size_in_file(key, value);
   }
-  return bound;
+  return bytes;
+}
+
+// The entries from `next` on, up to so many bytes, but at least one. Moves `next` behind them.
+EntryMap next_piece(EntryMap::const_iterator& next, EntryMap::const_iterator end,
+                    std::uint64_t bytes) {
+  EntryMap piece;
+  for (std::uint64_t taken = 0; next != end; ++next) {
+    taken += size_in_file(next->first, next->second);
+    if (taken > bytes && !piece.empty()) {
+      break;
+    }
+    piece.emplace_hint(piece.end(), *next);
+  }
+  return piece;
 }
 
 }  // namespace
@@ -278,6 +292,23 @@ bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb)
     return false;
   }
   StoreTurn turn(*lock_, lock_waited_);
+  if (Bound{limit, bytes_of(diff), diff.size()}.takes(kFirstEntry, 0)) {
+    return change_at_once(turn, diff, limit, verb);
+  }
+  // What exceeds the limit alone goes there piece by piece, with cleans in between.
+  bool is_done = true;
+  for (auto next = diff.begin(); next != diff.end();) {
+    is_done = change_at_once(turn, next_piece(next, diff.end(), limit / 4), limit, verb) && is_done;
+  }
+  return is_done;
+} catch (const std::exception& error) {
+  Failure::note_exception();
+  QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), error.what());
+  return false;
+}
+
+bool Engine::change_at_once(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit,
+                            const char* verb) {
   Step step = Step::again;
   for (int attempts = 0; attempts < kAttempts; attempts += step == Step::waited ? 0 : 1) {
     step = try_change(turn, diff, limit);
@@ -290,10 +321,6 @@ bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb)
     QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), std::strerror(errno));
   }
   return step == Step::done;
-} catch (const std::exception& error) {
-  Failure::note_exception();
-  QV_LOG(g_module, WARN, "Couldn't %s %s: %s", verb, paths_.data.c_str(), error.what());
-  return false;
 }
 
 Engine::Step Engine::try_change(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit) {
@@ -311,7 +338,7 @@ Engine::Step Engine::try_change(StoreTurn& turn, const EntryMap& diff, std::uint
   }
   append.choose(diff);
   if (append.size_after() > limit) {
-    return make_room(turn, *pair, bound_for(diff, limit));
+    return make_room(turn, *pair, {limit, bytes_of(diff), diff.size()});
   }
   switch (append.run()) {
     case Append::Result::stored:

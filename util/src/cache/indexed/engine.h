@@ -44,8 +44,8 @@ class Engine {
   bool open();
 
   // Stores the entries whose keys are not stored yet. Cleans first if both files would have
-  // more than `limit` bytes afterwards. False, with nothing of `diff` stored and one record,
-  // when that is impossible.
+  // more than `limit` bytes afterwards. What exceeds the limit alone is stored piece by piece.
+  // False, after a record, when a piece can't be stored: then nothing of it is.
   bool store(const EntryMap& diff, std::uint64_t limit = kNoLimit);
 
   // If both files have more than `limit` bytes, replaces them by new ones of at most half as
@@ -83,6 +83,7 @@ class Engine {
   bool report(const Pair& pair, Status status, const std::string& path) const;
 
   bool change(const EntryMap& diff, std::uint64_t limit, const char* verb);
+  bool change_at_once(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit, const char* verb);
   Step try_change(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit);
   Pinned pin_current();
   bool is_current(const Pair& pair) const;
