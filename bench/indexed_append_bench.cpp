@@ -124,7 +124,7 @@ void grow(const char* label, std::uint64_t slots) {
   table[std::string("growth of ") + label].add(lock->take_held());
   table[std::string("look-up during growth of ") + label + ", median"].add(times.median);
   table[std::string("look-up during growth of ") + label + ", longest"].add(times.longest);
-  // As it was: what the index doesn't cover is cut off by the next append.
+  // As it was: the next append also takes what the index doesn't cover.
   std::filesystem::rename(bench::root() + "/kept_" + name, index_path(name));
   std::filesystem::copy_file(index_path(name), bench::root() + "/kept_" + name);
 }

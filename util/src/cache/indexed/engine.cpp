@@ -291,14 +291,17 @@ bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb)
            paths_.data.c_str());
     return false;
   }
+  Replaced replaced;
   StoreTurn turn(*lock_, lock_waited_);
   if (Bound{limit, bytes_of(diff), diff.size()}.takes(kFirstEntry, 0)) {
-    return change_at_once(turn, diff, limit, verb);
+    return change_at_once(turn, replaced, diff, limit, verb);
   }
   // What exceeds the limit alone goes there piece by piece, with cleans in between.
   bool is_done = true;
   for (auto next = diff.begin(); next != diff.end();) {
-    is_done = change_at_once(turn, next_piece(next, diff.end(), limit / 4), limit, verb) && is_done;
+    is_done =
+        change_at_once(turn, replaced, next_piece(next, diff.end(), limit / 4), limit, verb) &&
+        is_done;
   }
   return is_done;
 } catch (const std::exception& error) {
@@ -307,11 +310,11 @@ bool Engine::change(const EntryMap& diff, std::uint64_t limit, const char* verb)
   return false;
 }
 
-bool Engine::change_at_once(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit,
-                            const char* verb) {
+bool Engine::change_at_once(StoreTurn& turn, Replaced& replaced, const EntryMap& diff,
+                            std::uint64_t limit, const char* verb) {
   Step step = Step::again;
   for (int attempts = 0; attempts < kAttempts; attempts += step == Step::waited ? 0 : 1) {
-    step = try_change(turn, diff, limit);
+    step = try_change(turn, replaced, diff, limit);
     if (step == Step::done || step == Step::failed || step == Step::reported) {
       break;
     }
@@ -323,8 +326,9 @@ bool Engine::change_at_once(StoreTurn& turn, const EntryMap& diff, std::uint64_t
   return step == Step::done;
 }
 
-Engine::Step Engine::try_change(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit) {
-  const Pinned pair = pin_current();
+Engine::Step Engine::try_change(StoreTurn& turn, Replaced& replaced, const EntryMap& diff,
+                                std::uint64_t limit) {
+  Pinned pair = pin_current();
   if (!pair) {
     return Step::reported;
   }
@@ -338,7 +342,9 @@ Engine::Step Engine::try_change(StoreTurn& turn, const EntryMap& diff, std::uint
   }
   append.choose(diff);
   if (append.size_after() > limit) {
-    return make_room(turn, *pair, {limit, bytes_of(diff), diff.size()});
+    const Step step = make_room(turn, *pair, {limit, bytes_of(diff), diff.size()});
+    replaced.push_back(std::move(pair));
+    return step;
   }
   switch (append.run()) {
     case Append::Result::stored:

@@ -15,6 +15,7 @@
 #include "src/cache/indexed/clean.h"
 #include "src/cache/indexed/found_keys.h"
 #include "src/cache/indexed/paths.h"
+#include "src/cache/indexed/pinned.h"
 #include "src/cache/indexed/present_pair.h"
 #include "src/cache/indexed/reported.h"
 #include "src/cache/indexed/store_turn.h"
@@ -75,6 +76,10 @@ class Engine {
   // failed, with errno or after a record.
   enum class Step { done, again, waited, failed, reported };
 
+  // The pairs that cleans have replaced. They are let go without the lock: to free the pages of
+  // a large file takes longer than all that needs the lock.
+  using Replaced = std::vector<Pinned>;
+
   void report_damaged_entry(const Pair& pair, std::uint64_t offset);
 
   bool open_locked();
@@ -83,8 +88,9 @@ class Engine {
   bool report(const Pair& pair, Status status, const std::string& path) const;
 
   bool change(const EntryMap& diff, std::uint64_t limit, const char* verb);
-  bool change_at_once(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit, const char* verb);
-  Step try_change(StoreTurn& turn, const EntryMap& diff, std::uint64_t limit);
+  bool change_at_once(StoreTurn& turn, Replaced& replaced, const EntryMap& diff,
+                      std::uint64_t limit, const char* verb);
+  Step try_change(StoreTurn& turn, Replaced& replaced, const EntryMap& diff, std::uint64_t limit);
   Pinned pin_current();
   bool is_current(const Pair& pair) const;
   bool has_names(const Pair& pair) const;
