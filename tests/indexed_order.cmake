@@ -26,7 +26,7 @@ function(qv_add_order_test test name expected from to)
   qv_add_order_program(${name} "${from}" "${to}")
   add_test(NAME IndexedOrder.${test} COMMAND ${name})
   set_tests_properties(IndexedOrder.${test} PROPERTIES
-    PASS_REGULAR_EXPRESSION "${expected}" TIMEOUT 120 ENVIRONMENT "QV_LOG_FILE=/dev/null")
+    PASS_REGULAR_EXPRESSION "${expected}" TIMEOUT ${test_timeout} ENVIRONMENT "QV_LOG_FILE=/dev/null")
 endfunction()
 
 function(qv_add_weaker_order_test test name from to)
