@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 #include <quorvane/buffer.h>
@@ -59,6 +60,10 @@ class Pair {
 
   DataFile data;
   IndexFile index;
+
+  // For the list of retired pairs, which must need no memory of its own.
+  std::unique_ptr<Pair> next;
+  std::uint64_t round = 0;  // threads that entered the gate until then may use the pair
 
  private:
   static constexpr unsigned kRetired = 1;

@@ -1,6 +1,5 @@
 #include "src/cache/indexed/present_pair.h"
 
-#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -18,6 +17,9 @@ PresentPair::PresentPair(const Paths& paths, bool may_write)
 PresentPair::~PresentPair() {
   fork_guard::remove(retired_mutex_);
   delete get();
+  while (retired_ != nullptr) {  // not one within the other: the list may be long
+    retired_ = std::move(retired_->next);
+  }
 }
 
 Pinned PresentPair::pin() {
@@ -58,23 +60,24 @@ void PresentPair::replace_by(std::unique_ptr<Pair> pair) {
   }
 }
 
-// Without memory for the list, the addresses stay reserved.
-void PresentPair::retire(Pair* pair) noexcept try {
+void PresentPair::retire(Pair* pair) noexcept {
   pair->retire();
-  const std::uint64_t round = ReaderGate::end_round();
+  pair->round = ReaderGate::end_round();
   const fork_guard::Lock lock(retired_mutex_);
-  retired_.reserve(retired_.size() + 1);
-  retired_.push_back({std::unique_ptr<Pair>(pair), round});
+  pair->next = std::move(retired_);
+  retired_.reset(pair);
   free_drained();
-} catch (const std::bad_alloc&) {
 }
 
 void PresentPair::free_drained() {
   const std::uint64_t first = ReaderGate::first_in_use();
-  const auto is_drained = [first](const Retired& retired) {
-    return retired.round < first && retired.pair->is_gone();
-  };
-  retired_.erase(std::remove_if(retired_.begin(), retired_.end(), is_drained), retired_.end());
+  for (std::unique_ptr<Pair>* pair = &retired_; *pair != nullptr;) {
+    if ((*pair)->round < first && (*pair)->is_gone()) {
+      *pair = std::move((*pair)->next);
+    } else {
+      pair = &(*pair)->next;
+    }
+  }
 }
 
 bool PresentPair::may_look_again(Pair* seen, bool outgrown) {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "src/cache/indexed/look_clock.h"
 #include "src/cache/indexed/pair.h"
@@ -54,12 +53,6 @@ class PresentPair {
   bool open_again(Pair* seen);
 
  private:
-  // Not in use any more, but perhaps by threads that entered the gate in this round.
-  struct Retired {
-    std::unique_ptr<Pair> pair;
-    std::uint64_t round;
-  };
-
   void retire(Pair* pair) noexcept;
   void free_drained();
 
@@ -68,7 +61,7 @@ class PresentPair {
   std::atomic<Pair*> present_{nullptr};
   LookClock clock_;  // for files that were replaced by hand: they carry no mark
   std::mutex retired_mutex_;
-  std::vector<Retired> retired_;
+  std::unique_ptr<Pair> retired_;  // a list; not in use, but perhaps by threads inside the gate
 };
 
 }  // namespace indexed
