@@ -135,16 +135,6 @@ TEST(IndexedFork, AChildGoesOnAfterItsParentIsKilledEvenIfThatHeldTheLock) {
 
 // --- beside threads ---
 
-int number_of_forks() {
-  const char* const number = getenv("QV_TEST_FORKS");
-#ifdef QV_SANITIZED
-  constexpr int kForks = 30;
-#else
-  constexpr int kForks = 300;
-#endif
-  return number == nullptr ? kForks : std::atoi(number);
-}
-
 // Threads that use the store while this process forks.
 class Threads {
  public:
@@ -242,6 +232,11 @@ SCENARIO(fork_beside_threads) {
 namespace {
 
 #ifndef QV_SANITIZED  // whose allocators a fork may catch locked
+int number_of_forks() {
+  const char* const number = getenv("QV_TEST_FORKS");
+  return number == nullptr ? 300 : std::atoi(number);
+}
+
 TEST(IndexedFork, NoChildHangsWhoseParentLooksUpAndStoresInOtherThreads) {
   const Ran ran =
       StoreRoot().run("fork_beside_threads", {std::to_string(number_of_forks())}, "WARN");
