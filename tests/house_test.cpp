@@ -196,6 +196,7 @@ struct Unit {
 const std::vector<std::vector<Unit>> kCacheFloors{
     {{"checks", ""},
      {"indexed/format", "IndexPage"},
+     {"indexed/entry_reader", "EntryReader"},
      {"indexed/found_keys", "FoundKeys"},
      {"indexed/look_clock", "LookClock"},
      {"indexed/mapping", "Mapping"},

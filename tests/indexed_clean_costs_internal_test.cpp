@@ -105,7 +105,12 @@ TEST_F(IndexedCleanCosts, DoNotGrowWithTheNumberOfCleans) {
   clean(*writer, *reader, 50);
   const Held before = held();
   clean(*writer, *reader, kCleans);
-  const Held after = held();
+  Held after = held();
+  // Nothing is freed while the scheduler keeps a thread within a look-up.
+  for (int i = 0; i < kCleans && after.kilobytes > before.kilobytes + kMappings * 65'000; ++i) {
+    clean(*writer, *reader, 1);
+    after = held();
+  }
   is_over = true;
   for (std::thread& thread : threads) {
     thread.join();

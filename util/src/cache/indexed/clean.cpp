@@ -65,7 +65,8 @@ bool Clean::copy(const Pair& from) {
       return false;
     }
   }
-  return flush();
+  DataFile data;
+  return flush() && open_copies(data) && write_index(data);
 }
 
 bool Clean::copy_rest(const Pair& from) {
@@ -121,8 +122,37 @@ bool Clean::flush() {
   return true;
 }
 
+bool Clean::open_copies(DataFile& data) const {
+  return data.open(paths_.cleaned_data, paths_.data) == Status::fits;
+}
+
+bool Clean::write_index(const DataFile& data) {
+  IndexBuilder builder(data);
+  builder.take(places_, end_);
+  indexed_ = places_.size();
+  return builder.write(paths_.cleaned_index, bound_.entries);
+}
+
+// Inserts what was copied after the index was written. False when there is no room for it.
+bool Clean::complete_index(Pair& copies) const {
+  if (indexed_ == 0 || copies.index.open(paths_.cleaned_index, copies.data, true) != Status::fits ||
+      !copies.index.is_writable() || !has_room(copies.index.slots(), places_.size())) {
+    return false;
+  }
+  for (std::size_t i = indexed_; i < places_.size(); ++i) {
+    if (!copies.insert_new(places_[i].hash, places_[i].offset, 0)) {
+      return false;
+    }
+  }
+  copies.index.set_covered(end_);
+  copies.index.set_entries(places_.size());
+  copies.index.set_indexed(end_);
+  return true;
+}
+
 bool Clean::start_empty() {
   places_.clear();
+  indexed_ = 0;
   batch_.clear();
   end_ = kFirstEntry;
   if (!mark_.is_held()) {
@@ -138,13 +168,8 @@ bool Clean::replace(const Pair& old) {
     errno = ESTALE;  // somebody has deleted it
     return false;
   }
-  DataFile data;
-  if (data.open(paths_.cleaned_data, paths_.data) != Status::fits) {
-    return false;
-  }
-  IndexBuilder builder(data);
-  builder.take(places_, end_);
-  if (!builder.write(paths_.cleaned_index, bound_.entries)) {
+  Pair copies;
+  if (!open_copies(copies.data) || !(complete_index(copies) || write_index(copies.data))) {
     return false;
   }
   old.index.set_moving(true);

@@ -33,8 +33,8 @@ class Clean {
   // With the store lock, when there is no file of another clean. False with errno.
   bool begin(const Pair& from);
 
-  // Copies what there was at begin(). The store lock is not needed. False with errno. May
-  // throw std::bad_alloc.
+  // Copies what there was at begin(), and writes the index of that. The store lock is not
+  // needed. False with errno. May throw std::bad_alloc.
   bool copy(const Pair& from);
 
   // With the store lock: copies what was appended since. `from` has the same data file, and
@@ -57,6 +57,9 @@ class Clean {
  private:
   bool add(const Pair& from, std::uint64_t offset, std::uint64_t covered);
   bool flush();
+  bool open_copies(DataFile& data) const;
+  bool write_index(const DataFile& data);
+  bool complete_index(Pair& copies) const;
 
   const Paths& paths_;
   const Bound bound_;
@@ -66,6 +69,7 @@ class Clean {
   std::uint64_t end_ = 0;        // of the new one
   std::string batch_;            // what follows there
   std::vector<IndexBuilder::Place> places_;
+  std::size_t indexed_ = 0;  // of the places; 0 when the index has to be written anew
   bool has_own_names_ = false;
 };
 

@@ -37,7 +37,7 @@ bool is_on_overlay(int fd) {
 Status DataFile::open(const std::string& path, const std::string& later_path) {
   path_ = path;
   later_path_ = later_path;
-  const OpenFile file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  OpenFile file(descriptor::open_off_standard(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.fd() < 0) {
     return errno == ENOENT || errno == ENOTDIR ? Status::missing : Status::refused;
   }
@@ -65,7 +65,11 @@ Status DataFile::open(const std::string& path, const std::string& later_path) {
   }
   const std::uint64_t with_room =
       is_on_overlay(file.fd()) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
-  return mapping_.map(file.fd(), with_room, opened_size_, false) ? Status::fits : Status::refused;
+  if (!mapping_.map(file.fd(), with_room, opened_size_, false)) {
+    return Status::refused;
+  }
+  reader_.take(file.release(), id_, opened_size_);
+  return Status::fits;
 }
 
 std::uint64_t DataFile::size() const {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "src/cache/indexed/entry.h"
+#include "src/cache/indexed/entry_reader.h"
 #include "src/cache/indexed/mapping.h"
 #include "src/cache/indexed/status.h"
 #include "src/descriptor.h"
@@ -42,6 +43,12 @@ class DataFile {
   // end of the mapping.
   std::optional<Entry> entry_at(std::uint64_t offset, std::uint64_t end) const;
 
+  // The same, read into `buffer` instead of mapped. Also nothing when the buffer is too small, or
+  // when the mapping serves better.
+  std::optional<Entry> read(std::uint64_t offset, EntryBuffer& buffer) const {
+    return Entry::at(buffer.data(), reader_.read(offset, buffer));
+  }
+
   // The header or the start of an entry there. See the functions of Entry.
   std::optional<EntryHeader> header_at(std::uint64_t offset, std::uint64_t end) const;
   std::optional<Entry> start_at(std::uint64_t offset, std::uint64_t end) const;
@@ -58,7 +65,10 @@ class DataFile {
   void note_written(std::uint64_t offset, std::uint64_t size) const;
 
   // Lets go of the file: look-ups under way find zeros.
-  void retire() { mapping_.empty(); }
+  void retire() {
+    reader_.close();
+    mapping_.empty();
+  }
 
  private:
   bool may_begin_at(std::uint64_t offset, std::uint64_t end) const;
@@ -69,6 +79,7 @@ class DataFile {
   DataHeader header_{};
   std::uint64_t opened_size_ = 0;
   Mapping mapping_;
+  EntryReader reader_;
 };
 
 }  // namespace indexed

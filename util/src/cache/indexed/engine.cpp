@@ -186,8 +186,13 @@ bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value)
       return false;
     }
     bool outgrown = false;
-    const auto found = pair->find(key, hash, outgrown);
+    EntryBuffer buffer;
+    auto found = pair->find(key, hash, outgrown, &buffer);
     auto copy = found ? found->entry.copy_value() : std::nullopt;
+    if (found && !copy) {
+      found = pair->find(key, hash, outgrown);
+      copy = found ? found->entry.copy_value() : std::nullopt;
+    }
     // A clean may have dropped the entry, and another process stored the key anew.
     const bool is_sure = copy && !pair->index.is_moving();
     if (!is_sure && present_.may_look_again(pair, outgrown)) {

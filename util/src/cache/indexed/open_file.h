@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace quorvane {
 namespace cache {
 namespace indexed {
@@ -22,8 +24,11 @@ class OpenFile {
 
   int fd() const { return fd_; }
 
+  // The caller closes it.
+  int release() { return std::exchange(fd_, -1); }
+
  private:
-  const int fd_;
+  int fd_;
 };
 
 }  // namespace indexed

@@ -39,8 +39,8 @@ std::optional<Entry> Pair::entry_at(std::uint64_t offset, bool& outgrown) const 
   return entry;
 }
 
-std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t hash,
-                                      bool& outgrown) const {
+std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t hash, bool& outgrown,
+                                      EntryBuffer* buffer) const {
   const std::uint64_t mask = index.slots() - 1;
   std::uint64_t at = hash & mask;
   // Bounded: a damaged index may have no free slot.
@@ -49,11 +49,15 @@ std::optional<Pair::Found> Pair::find(const util::RoBuffer& key, std::uint64_t h
     if (slot == 0) {
       return std::nullopt;
     }
-    if (has_tag(slot, hash)) {
-      const std::optional<Entry> entry = entry_at(offset_in(slot), outgrown);
-      if (entry && entry->has_key(key)) {
-        return Found{offset_in(slot), *entry};
-      }
+    if (!has_tag(slot, hash)) {
+      continue;
+    }
+    auto entry = buffer != nullptr ? data.read(offset_in(slot), *buffer) : std::nullopt;
+    if (!entry || !entry->has_key(key)) {
+      entry = entry_at(offset_in(slot), outgrown);
+    }
+    if (entry && entry->has_key(key)) {
+      return Found{offset_in(slot), *entry};
     }
   }
   return std::nullopt;

@@ -33,8 +33,10 @@ class Pair {
   Status open(const Paths& paths, bool is_cleaned, bool may_write);
 
   // The entry of `key`. `outgrown` is set when the data file has grown beyond its mapping,
-  // so that the entry could not be looked at.
-  std::optional<Found> find(const util::RoBuffer& key, std::uint64_t hash, bool& outgrown) const;
+  // so that the entry could not be looked at. With a buffer, an entry that fits is read into
+  // it. Only its key has been checked then: an entry that isn't intact may be so in the mapping.
+  std::optional<Found> find(const util::RoBuffer& key, std::uint64_t hash, bool& outgrown,
+                            EntryBuffer* buffer = nullptr) const;
 
   // Up to here the data file can be read: it has whole entries, and is as long as that.
   std::uint64_t readable() const;

@@ -1,0 +1,164 @@
+// How caches on indexed stores read the entries that they find: with few pages mapped, and
+// right whatever happens to the descriptor.
+#include <quorvane/cache.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "support/descriptors.h"
+#include "support/indexed_cache.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using quorvane::cache::Cache;
+using test::add;
+using test::get;
+using test::numbered;
+
+constexpr std::size_t kEntries = 2000;
+const std::string kSmall(2000, 's');
+const std::string kTiny(100, 't');
+
+class IndexedReads : public testing::Test {
+ protected:
+  IndexedReads() {
+    const auto cache = open();
+    for (std::size_t i = 0; i < kEntries; ++i) {
+      add(*cache, numbered("tiny", i), kTiny + std::to_string(i));
+      add(*cache, numbered("small", i), kSmall + std::to_string(i));
+    }
+  }
+
+  std::unique_ptr<Cache> open() const { return test::open_cache(root_.path()); }
+  std::string data() const { return root_.path() + "/dat_maps"; }
+
+  // The descriptor that this process has open on the data file; -1 without one.
+  int descriptor() const {
+    for (int fd = 0; fd < 1024; ++fd) {
+      std::error_code error;
+      if (std::filesystem::equivalent("/proc/self/fd/" + std::to_string(fd), data(), error)) {
+        return fd;
+      }
+    }
+    return -1;
+  }
+
+  static void expect_tiny(Cache& cache, std::size_t first, std::size_t count) {
+    for (std::size_t i = first; i < first + count; ++i) {
+      EXPECT_EQ(get(cache, numbered("tiny", i)), kTiny + std::to_string(i));
+    }
+  }
+
+  test::TempDir root_;
+};
+
+// How much of the file's mapping this process has touched.
+std::uint64_t resident_kib(const std::string& path) {
+  std::ifstream maps("/proc/self/smaps");
+  std::string line;
+  bool is_of_file = false;
+  std::uint64_t kib = 0;
+  while (std::getline(maps, line)) {
+    if (line.find('-') < line.find(' ')) {
+      is_of_file = line.find(path) != line.npos;
+    }
+    std::uint64_t rss = 0;
+    std::string word;
+    if (is_of_file && std::istringstream(line) >> word >> rss && word == "Rss:") {
+      kib += rss;
+    }
+  }
+  return kib;
+}
+
+#ifndef __SANITIZE_THREAD__  // under which all reads go through the mapping
+TEST_F(IndexedReads, MapNothingForAFewSmallEntries) {
+  const auto cache = open();
+  expect_tiny(*cache, 0, 20);
+  EXPECT_EQ(resident_kib(data()), 0);
+}
+
+TEST_F(IndexedReads, GoThroughTheMappingAfterMany) {
+  const auto cache = open();
+  expect_tiny(*cache, 0, kEntries);
+  EXPECT_GT(resident_kib(data()), 0);
+}
+#endif
+
+TEST_F(IndexedReads, FindEntriesThatAreTooLargeForOneRead) {
+  const auto cache = open();
+  for (std::size_t i = 0; i < 20; ++i) {
+    EXPECT_EQ(get(*cache, numbered("small", i)), kSmall + std::to_string(i));
+  }
+}
+
+TEST_F(IndexedReads, GoOnWhenTheProgramHasClosedTheDescriptor) {
+  const auto cache = open();
+  const int fd = descriptor();
+  ASSERT_GE(fd, 3);
+  close(fd);
+  expect_tiny(*cache, 0, 100);
+}
+
+TEST_F(IndexedReads, IgnoreAndKeepAFileOfTheProgramUnderTheirNumber) {
+  const std::string other = root_.path() + "/other";
+  std::filesystem::copy_file(data(), other);
+  {  // a file with entries like ours, in which nothing is right
+    std::fstream file(other, std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes = test::read_file(other);
+    for (const std::size_t offset : test::indexed_offsets(bytes)) {
+      bytes[offset + 24 + 8 + 6] ^= 1;  // behind the header and a size: in the key
+    }
+    file << bytes;
+  }
+  auto cache = open();
+  const int fd = descriptor();
+  ASSERT_GE(fd, 3);
+  const int own = ::open(other.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(dup2(own, fd), fd);
+  expect_tiny(*cache, 0, 100);
+  cache.reset();
+  EXPECT_GE(fcntl(fd, F_GETFD), 0) << "the program's descriptor was closed";
+  close(fd);
+  close(own);
+}
+
+TEST_F(IndexedReads, ReadAValueThatIsWrongUnderTheirNumberFromTheMapping) {
+  const std::string other = root_.path() + "/other";
+  std::string bytes = test::read_file(data());
+  for (std::size_t at = 0; (at = bytes.find(kTiny, at)) != bytes.npos; ++at) {
+    bytes[at] = 'x';  // the keys fit
+  }
+  test::write_file(other, bytes);
+  const auto cache = open();
+  const int fd = descriptor();
+  ASSERT_GE(fd, 3);
+  const int own = ::open(other.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(dup2(own, fd), fd);
+  expect_tiny(*cache, 0, 100);
+  close(fd);
+  close(own);
+}
+
+TEST_F(IndexedReads, KeepOneDescriptorAsLongAsTheCacheLives) {
+  const int before = test::open_descriptors();
+  {
+    const auto cache = open();
+    expect_tiny(*cache, 0, 10);
+    EXPECT_EQ(test::open_descriptors(), before + 2);  // the other one is the lock's
+  }
+  EXPECT_EQ(test::open_descriptors(), before);
+  EXPECT_EQ(descriptor(), -1);
+}
+
+}  // namespace
