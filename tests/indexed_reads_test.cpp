@@ -62,6 +62,7 @@ class IndexedReads : public testing::Test {
   test::TempDir root_;
 };
 
+#ifndef __SANITIZE_THREAD__  // under which all reads go through the mapping
 // How much of the file's mapping this process has touched.
 std::uint64_t resident_kib(const std::string& path) {
   std::ifstream maps("/proc/self/smaps");
@@ -81,7 +82,6 @@ std::uint64_t resident_kib(const std::string& path) {
   return kib;
 }
 
-#ifndef __SANITIZE_THREAD__  // under which all reads go through the mapping
 TEST_F(IndexedReads, MapNothingForAFewSmallEntries) {
   const auto cache = open();
   expect_tiny(*cache, 0, 20);
