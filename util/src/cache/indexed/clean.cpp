@@ -1,5 +1,6 @@
 #include "src/cache/indexed/clean.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,7 +57,11 @@ bool Clean::begin(const Pair& from) {
 }
 
 bool Clean::copy(const Pair& from) {
-  const std::vector<std::uint64_t> kept = KeptEntries(from, copied_to_, bound_).choose(found_);
+  KeptEntries entries(from, copied_to_, bound_);
+  const std::vector<std::uint64_t> kept = entries.choose(found_);
+  // A hint, which may fail. Blocks that are not allocated yet when the file replaces another one
+  // are allocated by the rename, and so with the lock.
+  fallocate(mark_.fd(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(entries.end()));
   if (!kept.empty()) {
     from.data.prefetch(kept.front(), copied_to_ - kept.front());
   }

@@ -41,6 +41,9 @@ class KeptEntries {
   // The offsets in file order. `found` has the hashes of keys. May throw std::bad_alloc.
   std::vector<std::uint64_t> choose(const std::vector<std::uint64_t>& found);
 
+  // Where the data with the chosen entries ends.
+  std::uint64_t end() const { return end_; }
+
  private:
   std::vector<std::uint64_t> all() const;
   std::vector<std::uint64_t> offsets_of(const std::vector<std::uint64_t>& hashes) const;
