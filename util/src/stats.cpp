@@ -231,11 +231,6 @@ void CircMetricsModule::report_last() {
 
 constinit std::atomic<CircMetricsModule*> g_instance{nullptr};
 
-bool are_wanted() {
-  return g_instance.load(std::memory_order_acquire) != nullptr ||
-         secure_getenv(kReportFileEnv) != nullptr;
-}
-
 // What the process does with its module at set-up, at a fork and at its end.
 struct ProcessHooks {
   static void set_up(std::unique_ptr<CircMetricsModule> module) {

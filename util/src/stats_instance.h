@@ -12,10 +12,6 @@ namespace stats {
 // Null until statistics are on. Never goes back to null.
 extern std::atomic<CircMetricsModule*> g_instance;
 
-// Whether statistics are on, or will be with their first use. Doesn't set them up: that takes
-// longer than opening a cache.
-bool are_wanted();
-
 }  // namespace stats
 }  // namespace quorvane
 

@@ -8,7 +8,6 @@
 
 #include "src/cache/checks.h"
 #include "src/fork_guard.h"
-#include "src/stats_instance.h"
 
 namespace quorvane {
 namespace cache {
@@ -32,10 +31,6 @@ Registry* registry() {
 }  // namespace
 
 CacheStats& CacheStats::of(const std::string& name) {
-  static constinit CacheStats unwanted;
-  if (!stats::are_wanted()) {
-    return unwanted;
-  }
   Registry* const all = registry();
   CacheStats* stats = nullptr;
   {

@@ -18,8 +18,7 @@ namespace cache {
 // Thread-safety: any thread. Fork-safety: a child counts in its copy.
 class CacheStats {
  public:
-  // Makes the metrics when a name comes for the first time. Without statistics, something that
-  // counts nothing. Throws std::bad_alloc.
+  // Makes the metrics when a name comes for the first time. Throws std::bad_alloc.
   static CacheStats& of(const std::string& name);
 
   CacheStats() = default;
