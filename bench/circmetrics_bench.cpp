@@ -1,4 +1,5 @@
-// What an update of a counter and of a histogram costs, compared with prometheus-cpp.
+// What an update of a counter and of a histogram costs, compared with prometheus-cpp. Also what a
+// report, and a fork that keeps what the report of the child needs, cost alone.
 //
 // The peer's histogram counts between fixed bounds; here they give the recorder's accuracy
 // of 1 % over six decades. The peer's summary offers percentiles for any values, as the
@@ -8,11 +9,19 @@
 #include <prometheus/counter.h>
 #include <prometheus/histogram.h>
 #include <prometheus/summary.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cmath>
+#include <csignal>
 #include <cstddef>
+#include <ctime>
 #include <random>
+#include <string>
 
 #include "ratio.h"
 
@@ -90,11 +99,77 @@ void TheirSummary(benchmark::State& state) {
   }
 }
 
+// A recorder that has been in use for a while: 100 counters and 20 histograms.
+struct UsedRecorder {
+  void* recorder = stats_recorder_alloc();
+
+  UsedRecorder() {
+    void* root = stats_recorder_global_ns(recorder);
+    for (int index = 0; index < 100; ++index) {
+      const std::string name = "counter " + std::to_string(index);
+      stats_add64(stats_register(root, name.c_str(), CIRCMETRICS_COUNTER), 123456);
+    }
+    std::mt19937_64 random(1);
+    std::lognormal_distribution<double> latency(std::log(200), 0.5);
+    for (int index = 0; index < 20; ++index) {
+      const std::string name = "histogram " + std::to_string(index);
+      void* const histogram = stats_register(root, name.c_str(), CIRCMETRICS_HISTOGRAM);
+      for (int sample = 0; sample < 100000; ++sample) {
+        stats_set_hist(histogram, latency(random), 1);
+      }
+    }
+  }
+};
+
+void Report(benchmark::State& state) {
+  static const UsedRecorder used;
+  std::size_t size = 0;
+  const auto count = [](void* closure, const void*, std::size_t length) {
+    *static_cast<std::size_t*>(closure) += length;
+    return static_cast<ssize_t>(length);
+  };
+  for (auto _ : state) {
+    size = 0;
+    stats_recorder_output_json(used.recorder, 1, 0, count, &size);
+  }
+  state.counters["bytes"] = static_cast<double>(size);
+}
+
+// The processor time of a child until it comes back from the fork.
+template <typename Fork>
+void fork_and_wait(benchmark::State& state, Fork fork_child) {
+  static const UsedRecorder used;
+  auto* const taken = static_cast<timespec*>(
+      mmap(nullptr, sizeof(timespec), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  for (auto _ : state) {
+    const auto child = static_cast<pid_t>(fork_child());
+    if (child == 0) {
+      clock_gettime(CLOCK_PROCESS_CPUTIME_ID, taken);
+      _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    state.SetIterationTime(static_cast<double>(taken->tv_nsec) * 1e-9);
+  }
+  munmap(taken, sizeof(timespec));
+}
+
+void ForkThatKeepsValues(benchmark::State& state) {
+  fork_and_wait(state, [] { return fork(); });
+}
+
+// Without fork handlers.
+void RawClone(benchmark::State& state) {
+  fork_and_wait(state, [] { return syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0); });
+}
+
 BENCHMARK(OurCounter)->Threads(1)->Threads(4)->Repetitions(10);
 BENCHMARK(TheirCounter)->Threads(1)->Threads(4)->Repetitions(10);
 BENCHMARK(OurHistogram)->Threads(1)->Threads(4)->Repetitions(10);
 BENCHMARK(TheirHistogram)->Threads(1)->Threads(4)->Repetitions(10);
 BENCHMARK(TheirSummary)->Threads(1)->Threads(4)->Repetitions(10);
+BENCHMARK(Report)->Repetitions(10);
+BENCHMARK(ForkThatKeepsValues)->UseManualTime()->Repetitions(10);
+BENCHMARK(RawClone)->UseManualTime()->Repetitions(10);
 
 }  // namespace
 

@@ -73,7 +73,7 @@ TEST(Circmetrics, AHistogramWithoutSamplesHasNothingButItsCount) {
   EXPECT_EQ(stats_set_hist(histogram, 5, 0), 0);
   EXPECT_EQ(stats_set_hist(histogram, std::numeric_limits<double>::quiet_NaN(), 1), -1);
   EXPECT_EQ(recorder.text(), R"({"h":{"count":0,"sum":0,"min":null,"max":null,"mean":null,)"
-                             R"("p50":null,"p90":null,"p99":null,"p99.9":null}})");
+                             R"("p50":null,"p90":null,"p99":null,"p99.9":null,"buckets":[]}})");
 }
 
 TEST(Circmetrics, AHistogramOfOneValueReportsExactlyThat) {
@@ -88,7 +88,8 @@ TEST(Circmetrics, AHistogramOfOneValueReportsExactlyThat) {
                                            {"p50", value},
                                            {"p90", value},
                                            {"p99", value},
-                                           {"p99.9", value}}));
+                                           {"p99.9", value},
+                                           {"buckets", {{bound_of(value), 4}}}}));
   }
 }
 
@@ -125,7 +126,7 @@ TEST(Circmetrics, ZerosOfBothSignsAreTheSameSample) {
     texts[negative_first] = recorder.text();
   }
   EXPECT_EQ(texts[0], R"({"h":{"count":2,"sum":0,"min":0,"max":0,"mean":0,)"
-                      R"("p50":0,"p90":0,"p99":0,"p99.9":0}})");
+                      R"("p50":0,"p90":0,"p99":0,"p99.9":0,"buckets":[[0,2]]}})");
   EXPECT_EQ(texts[1], texts[0]);
 }
 

@@ -45,9 +45,9 @@ class User {
 
   bool has_a_whole_report() const {
     const json state = json::parse(text_);
-    return state.size() == 4 && state[kNamespace] == json::object() && state["gauge"] == 0.5 &&
-           state["counter"] == 0 && state["histogram"]["count"] == samples_ &&
-           state["histogram"]["sum"] == 2 * samples_;
+    return state.size() == 5U + state.count("@inherited") && state["@process"]["pid"] == getpid() &&
+           state[kNamespace] == json::object() && state["gauge"] == 0.5 && state["counter"] == 0 &&
+           state["histogram"]["count"] == samples_ && state["histogram"]["sum"] == 2 * samples_;
   }
 
  private:

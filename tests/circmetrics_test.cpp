@@ -241,7 +241,7 @@ TEST(Circmetrics, ContinuesAfterAShortCount) {
     return static_cast<ssize_t>(taken);
   };
   EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, take_some, &reader), 0);
-  EXPECT_EQ(reader.text, recorder.text());
+  EXPECT_EQ(reader.text, recorder.whole_text());
 }
 
 TEST(Circmetrics, StopsWhenNothingIsTaken) {
@@ -271,7 +271,7 @@ TEST(Circmetrics, TakesACountBeyondThePieceForThePiece) {
   };
   std::string text;
   EXPECT_EQ(stats_recorder_output_json(recorder.recorder, 1, 0, boast, &text), 0);
-  EXPECT_EQ(text, recorder.text());
+  EXPECT_EQ(text, recorder.whole_text());
 }
 
 TEST(Circmetrics, WritesOnlyTheLayoutThatItKnows) {

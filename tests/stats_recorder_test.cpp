@@ -244,7 +244,7 @@ SCENARIO(report_without_sleeping) {
   std::string line;
   for (int index = 0; index < 3; ++index) {
     std::getline(stream, line);
-    if (log_of(line) != json::object()) {
+    if (values_of(line) != json::object()) {
       _exit(1);
     }
   }

@@ -16,6 +16,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <map>
+#include <numeric>
 #include <set>
 #include <string>
 #include <thread>
@@ -51,13 +53,86 @@ TEST_F(Stats, ReportsEveryKindInItsModulesNamespaces) {
   const Ran ran = run("fill_every_kind");
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.messages(), Lines{capturing(file())});
-  const json histogram{{"count", 4},  {"sum", 1.0},  {"min", 0.25}, {"max", 0.25},  {"mean", 0.25},
-                       {"p50", 0.25}, {"p90", 0.25}, {"p99", 0.25}, {"p99.9", 0.25}};
+  const json histogram{
+      {"count", 4},  {"sum", 1.0},  {"min", 0.25}, {"max", 0.25},   {"mean", 0.25},
+      {"p50", 0.25}, {"p90", 0.25}, {"p99", 0.25}, {"p99.9", 0.25}, {"buckets", {{0.25390625, 4}}}};
   const auto expected = [&](int64_t integer, double real, int count) {
     const json cache{{"i", integer}, {"d", real}, {"c", count}, {"h", histogram}};
     return json{{"util", {{"src", {{"cache", cache}}}, {"c", 1}}}};
   };
   EXPECT_EQ(reports(file()), (std::vector<json>{expected(-5, 0.5, 3), expected(6, -1e10, 7)}));
+}
+
+namespace {
+
+// How often a process counts and reports; it reports at its exit again.
+constexpr int kReports = 30;
+
+void count_and_report() {
+  const qv_stats_handle_t counter = qv_stats_create_counter(module_of("m"), "n");
+  for (int index = 0; index < kReports; ++index) {
+    qv_stats_counter_inc(counter, 1);
+    get_singleton_module()->report_now();
+  }
+}
+
+}  // namespace
+
+SCENARIO(count_and_report) {
+  count_and_report();
+  return 0;
+}
+
+SCENARIO(count_and_report_in_a_child_too) {
+  count_and_report();
+  const pid_t child = fork();
+  count_and_report();
+  return child == 0 ? 0 : wait_for(child);
+}
+
+namespace {
+
+// The values of the counter in the lines of each process, in order. Those that a child started
+// with are taken off.
+std::map<pid_t, std::vector<int>> counts_by_process(const std::string& path) {
+  std::map<pid_t, std::vector<int>> counts;
+  for (const std::string& line : lines_of(read_file(path))) {
+    const json log = log_of(line);
+    const int inherited = log.contains("@inherited") ? log["@inherited"]["m"]["n"].get<int>() : 0;
+    counts[log["@process"]["pid"]].push_back(log["m"]["n"].get<int>() - inherited);
+  }
+  return counts;
+}
+
+// The numbers from 1 to `last`, and the last once more.
+std::vector<int> up_to(int last) {
+  std::vector<int> numbers(static_cast<std::size_t>(last));
+  std::iota(numbers.begin(), numbers.end(), 1);
+  numbers.push_back(last);
+  return numbers;
+}
+
+}  // namespace
+
+TEST_F(Stats, TheLinesOfProcessesThatShareAFileCanBeToldApart) {
+  Ran first;
+  std::thread other([&] { first = run("count_and_report"); });
+  const Ran second = run("count_and_report");
+  other.join();
+  ASSERT_TRUE(first.exited_with(0) && second.exited_with(0));
+  const std::map<pid_t, std::vector<int>> expected{{first.pid, up_to(kReports)},
+                                                   {second.pid, up_to(kReports)}};
+  EXPECT_EQ(counts_by_process(file()), expected);
+}
+
+TEST_F(Stats, AChildsLinesTellItsOwnCountsFromItsParents) {
+  const Ran ran = run("count_and_report_in_a_child_too");
+  ASSERT_TRUE(ran.exited_with(0));
+  auto counts = counts_by_process(file());
+  ASSERT_EQ(counts.size(), 2U);
+  EXPECT_EQ(counts[ran.pid], up_to(2 * kReports));
+  counts.erase(ran.pid);
+  EXPECT_EQ(counts.begin()->second, up_to(kReports));
 }
 
 SCENARIO(report_the_time) {

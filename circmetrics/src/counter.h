@@ -6,8 +6,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "circmetrics.h"
+#include "kept_words.h"
 #include "metric.h"
 #include "thread_slot.h"
 #include "tsan_mark.h"
@@ -33,6 +35,8 @@ class Counter final : public Metric {
   }
 
   void write(JsonWriter& json) const override;
+  void keep(KeptWords& words) const override { words.add(sum()); }
+  void write_kept(JsonWriter& json, std::span<const std::uint64_t> words) const override;
 
  private:
   struct alignas(64) Shard {              // unsigned: wraps instead of overflowing
@@ -53,6 +57,7 @@ class Counter final : public Metric {
 #endif
   }
   void add_shared(std::uint64_t amount);
+  std::uint64_t sum() const;
 
   std::array<Shard, ThreadSlot::kCount> shards_;
 };

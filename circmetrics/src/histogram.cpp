@@ -8,6 +8,7 @@
 #include <new>
 
 #include "json_writer.h"
+#include "kept_words.h"
 
 namespace circmetrics {
 namespace {
@@ -18,11 +19,10 @@ constexpr std::uint64_t kLastBucket = (1U << kBucketBits) - 1;
 constexpr std::uint64_t kBucketWidth = std::uint64_t{1} << (kFractionBits - kBucketBits);
 constexpr std::uint64_t kSign = std::uint64_t{1} << 63;
 constexpr std::uint64_t kSmallestNormal = std::uint64_t{1} << kFractionBits;
+constexpr std::uint64_t kInfinity = 2047 * kSmallestNormal;
 
 // Octaves are numbered by sign and exponent. Doubles below 2^-1022 all have the exponent
 // of zero: their octaves follow, numbered by the position of the leading one bit.
-constexpr std::size_t kZero = 0;
-constexpr std::size_t kNegative = 2048;
 constexpr std::size_t kSubnormal = 4096;
 constexpr std::size_t kNegativeSubnormal = kSubnormal + 64;
 
@@ -65,27 +65,48 @@ std::size_t bucket_index(double value) {
   return (octave << kBucketBits) + (first_bits & kLastBucket);
 }
 
+// The magnitudes in a bucket, as the bits of doubles.
+struct Range {
+  bool is_negative;
+  std::uint64_t lowest;
+  std::uint64_t width;  // 0 for zero and infinity
+};
+
 // Below 2^-1067 a bucket holds at most one double.
-double middle_of_subnormals(std::size_t octave, std::size_t bucket) {
-  const std::uint64_t sign = octave < kNegativeSubnormal ? 0 : kSign;
-  const auto leading = static_cast<int>((octave - kSubnormal) % 64);
+Range range_of_subnormals(std::size_t octave, std::size_t bucket) {
+  const bool is_negative = octave >= kNegativeSubnormal;
+  const int rest = static_cast<int>((octave - kSubnormal) % 64) - kBucketBits;
   const std::uint64_t first_bits = kLastBucket + 1 + bucket;
-  if (leading <= kBucketBits) {
-    return std::bit_cast<double>(sign | first_bits >> (kBucketBits - leading));
+  if (rest <= 0) {
+    return {is_negative, first_bits >> -rest, 1};
   }
-  const int rest = leading - kBucketBits;
-  return std::bit_cast<double>(sign | first_bits << rest | std::uint64_t{1} << (rest - 1));
+  return {is_negative, first_bits << rest, std::uint64_t{1} << rest};
 }
 
-// For infinity and zero, the bound itself.
-double middle_of(std::size_t octave, std::size_t bucket) {
+Range range_of(std::size_t index) {
+  const std::size_t octave = index >> kBucketBits;
   if (octave >= kSubnormal) {
-    return middle_of_subnormals(octave, bucket);
+    return range_of_subnormals(octave, index & kLastBucket);
   }
-  const std::uint64_t lowest =
-      (static_cast<std::uint64_t>(octave) << kFractionBits) + bucket * kBucketWidth;
-  const double bound = std::bit_cast<double>(lowest);
-  return std::isnormal(bound) ? std::bit_cast<double>(lowest + kBucketWidth / 2) : bound + 0.0;
+  const std::uint64_t bits = index * kBucketWidth;
+  const std::uint64_t lowest = bits & ~kSign;
+  const bool is_one_value = lowest == 0 || lowest == kInfinity;
+  return {bits != lowest, lowest, is_one_value ? 0 : kBucketWidth};
+}
+
+double middle_of(const Range& range) {
+  const double magnitude = std::bit_cast<double>(range.lowest + range.width / 2);
+  return range.is_negative ? 0.0 - magnitude : magnitude;
+}
+
+// No sample in the bucket is greater. Infinite only for the bucket of positive infinity, so that
+// no other bucket has the same bound.
+double upper_bound_of(const Range& range) {
+  constexpr double kLargest = std::numeric_limits<double>::max();
+  const double bound = range.is_negative ? 0.0 - std::bit_cast<double>(range.lowest)
+                                         : std::bit_cast<double>(range.lowest + range.width);
+  const bool is_infinity = !range.is_negative && range.lowest == kInfinity;
+  return is_infinity ? bound : std::clamp(bound, -kLargest, kLargest);
 }
 
 // Through decimal text, since the C++ library parses that to the nearest double.
@@ -163,52 +184,55 @@ bool Histogram::insert_scaled(std::int64_t value, std::int32_t scale, std::uint3
   return std::isfinite(sample) && insert(sample, count);
 }
 
-void Histogram::append_octave(Snapshot& filled, std::size_t octave) const {
-  const Group* group = groups_[octave / kFanOut].load(std::memory_order_acquire);
-  const Octave* found =
-      group == nullptr ? nullptr : group->octaves[octave % kFanOut].load(std::memory_order_acquire);
-  for (std::size_t bucket = 0; found != nullptr && bucket < kFanOut; ++bucket) {
-    if (const std::uint64_t count = found->buckets[bucket].load(std::memory_order_acquire)) {
-      filled.push_back({middle_of(octave, bucket), count});
+// Calls visit(index, count) for each bucket that has samples, in the order of the indices.
+template <typename Visit>
+void Histogram::visit_filled(Visit visit) const {
+  for (std::size_t top = 0; top < kGroups; ++top) {
+    const Group* group = groups_[top].load(std::memory_order_acquire);
+    for (std::size_t middle = 0; group != nullptr && middle < kFanOut; ++middle) {
+      const Octave* octave = group->octaves[middle].load(std::memory_order_acquire);
+      for (std::size_t last = 0; octave != nullptr && last < kFanOut; ++last) {
+        if (const std::uint64_t count = octave->buckets[last].load(std::memory_order_acquire)) {
+          visit((top * kFanOut + middle) * kFanOut + last, count);
+        }
+      }
     }
   }
 }
 
-void Histogram::append_octaves(Snapshot& filled, std::size_t first, std::size_t end) const {
-  for (std::size_t octave = first; octave < end; ++octave) {
-    append_octave(filled, octave);
-  }
+// Zeros of both signs have the same bound.
+void Histogram::State::add(std::size_t index, std::uint64_t count) {
+  const Range range = range_of(index);
+  Filled& bucket = filled[upper_bound_of(range)];
+  bucket.middle = middle_of(range);
+  bucket.count += count;
 }
 
-Histogram::Snapshot Histogram::snapshot() const {
-  constexpr std::size_t kSubnormalOctaves = kFractionBits;
-  Snapshot filled;
-  append_octaves(filled, kNegative, kNegative + 1);
-  append_octaves(filled, kNegativeSubnormal, kNegativeSubnormal + kSubnormalOctaves);
-  append_octaves(filled, kNegative + 1, kSubnormal);
-  // So far in ascending order of magnitude, but negative values sort the other way round.
-  std::reverse(filled.begin(), filled.end());
-  append_octaves(filled, kZero, kZero + 1);
-  append_octaves(filled, kSubnormal, kSubnormal + kSubnormalOctaves);
-  append_octaves(filled, kZero + 1, kNegative);
-  return filled;
+// The buckets first: a sample that is in the count is then in the other values, too.
+Histogram::State Histogram::state() const {
+  State state;
+  visit_filled([&](std::size_t index, std::uint64_t count) { state.add(index, count); });
+  state.sum = sum_.load(std::memory_order_relaxed);
+  state.min = min_.load(std::memory_order_relaxed);
+  state.max = max_.load(std::memory_order_relaxed);
+  return state;
 }
 
 namespace {
 
 // The sample of rank ceil(total * permille / 1000). In integers, since a double doesn't
 // hold every rank.
-template <typename Snapshot>
-double percentile(const Snapshot& filled, std::uint64_t total, std::uint64_t permille) {
+template <typename Filled>
+double percentile(const Filled& filled, std::uint64_t total, std::uint64_t permille) {
   const std::uint64_t rank = total / 1000 * permille + (total % 1000 * permille + 999) / 1000;
   std::uint64_t below = 0;
-  for (const auto& bucket : filled) {
+  for (const auto& [bound, bucket] : filled) {
     below += bucket.count;
     if (below >= rank) {
       return bucket.middle;
     }
   }
-  return filled.back().middle;
+  return filled.rbegin()->second.middle;
 }
 
 constexpr struct {
@@ -221,34 +245,73 @@ void write_member(JsonWriter& json, const char* key, double value) {
   json.number(value);
 }
 
+template <typename Filled>
+void write_buckets(JsonWriter& json, const Filled& filled) {
+  json.key("buckets");
+  json.begin_array();
+  for (const auto& [bound, bucket] : filled) {
+    json.next_element();
+    json.begin_array();
+    json.next_element();
+    json.number(bound);
+    json.next_element();
+    json.number(bucket.count);
+    json.end_array();
+  }
+  json.end_array();
+}
+
 }  // namespace
 
-void Histogram::write(JsonWriter& json) const {
-  const Snapshot filled = snapshot();
+void Histogram::State::write(JsonWriter& json) const {
   std::uint64_t total = 0;
-  for (const Filled& bucket : filled) {
+  for (const auto& [bound, bucket] : filled) {
     total += bucket.count;
   }
   const double none = std::numeric_limits<double>::quiet_NaN();
-  const double sum = sum_.load(std::memory_order_relaxed);
   // Adding 0.0 turns -0.0 into 0.0: the sign of a zero means nothing here.
-  const double min = total == 0 ? none : min_.load(std::memory_order_relaxed) + 0.0;
-  const double max = total == 0 ? none : max_.load(std::memory_order_relaxed) + 0.0;
+  const double lowest = total == 0 ? none : min + 0.0;
+  const double highest = total == 0 ? none : max + 0.0;
   json.begin_object();
   json.key("count");
   json.number(total);
   write_member(json, "sum", sum);
-  write_member(json, "min", min);
-  write_member(json, "max", max);
+  write_member(json, "min", lowest);
+  write_member(json, "max", highest);
   // Clamped to the samples: rounding in the sum may take the mean beyond them, as the
   // middle of a bucket may a percentile.
   const double mean = total == 0 ? none : sum / static_cast<double>(total);
-  write_member(json, "mean", std::isfinite(mean) ? std::clamp(mean, min, max) : none);
+  write_member(json, "mean", std::isfinite(mean) ? std::clamp(mean, lowest, highest) : none);
   for (const auto& [key, permille] : kPercentiles) {
-    write_member(json, key,
-                 total == 0 ? none : std::clamp(percentile(filled, total, permille), min, max));
+    write_member(
+        json, key,
+        total == 0 ? none : std::clamp(percentile(filled, total, permille), lowest, highest));
   }
+  write_buckets(json, filled);
   json.end_object();
+}
+
+void Histogram::write(JsonWriter& json) const { state().write(json); }
+
+void Histogram::keep(KeptWords& words) const {
+  for (const auto* value : {&sum_, &min_, &max_}) {
+    words.add(std::bit_cast<std::uint64_t>(value->load(std::memory_order_relaxed)));
+  }
+  visit_filled([&](std::size_t index, std::uint64_t count) {
+    words.add(index);
+    words.add(count);
+  });
+}
+
+void Histogram::write_kept(JsonWriter& json, std::span<const std::uint64_t> words) const {
+  State state;
+  state.sum = std::bit_cast<double>(words[0]);
+  state.min = std::bit_cast<double>(words[1]);
+  state.max = std::bit_cast<double>(words[2]);
+  for (std::size_t next = 3; next < words.size(); next += 2) {
+    state.add(words[next], words[next + 1]);
+  }
+  state.write(json);
 }
 
 }  // namespace circmetrics

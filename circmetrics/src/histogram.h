@@ -7,7 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <vector>
+#include <map>
+#include <span>
 
 #include "circmetrics.h"
 #include "metric.h"
@@ -36,6 +37,8 @@ class Histogram final : public Metric {
   bool insert_scaled(std::int64_t value, std::int32_t scale, std::uint32_t count);
 
   void write(JsonWriter& json) const override;
+  void keep(KeptWords& words) const override;
+  void write_kept(JsonWriter& json, std::span<const std::uint64_t> words) const override;
 
  private:
   static constexpr std::size_t kFanOut = 64;
@@ -49,17 +52,26 @@ class Histogram final : public Metric {
     ~Group();
   };
 
-  // The buckets that hold samples, in ascending order.
   struct Filled {
     double middle;
     std::uint64_t count;
   };
-  using Snapshot = std::vector<Filled>;
+
+  // What a report shows.
+  struct State {
+    std::map<double, Filled> filled;  // the buckets that hold samples, by their upper bounds
+    double sum;
+    double min;
+    double max;
+
+    void add(std::size_t index, std::uint64_t count);
+    void write(JsonWriter& json) const;
+  };
 
   Count* find_or_make_bucket(double value);
-  Snapshot snapshot() const;
-  void append_octave(Snapshot& filled, std::size_t octave) const;
-  void append_octaves(Snapshot& filled, std::size_t first, std::size_t end) const;
+  template <typename Visit>
+  void visit_filled(Visit visit) const;
+  State state() const;
 
   std::array<std::atomic<Group*>, kGroups> groups_{};
   std::atomic<double> sum_{0};

@@ -14,6 +14,18 @@
 #include "histogram.h"
 
 namespace circmetrics {
+namespace {
+
+constinit const Metric* g_newest = nullptr;
+
+}  // namespace
+
+void Metric::list() {
+  older_ = g_newest;
+  g_newest = this;
+}
+
+const Metric* Metric::newest() { return g_newest; }
 
 std::unique_ptr<Metric> make_metric(int type) {
   switch (type) {

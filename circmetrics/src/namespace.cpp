@@ -1,5 +1,7 @@
 #include "namespace.h"
 
+#include "inherited.h"
+
 namespace circmetrics {
 
 // Creates the namespace or metric before its entry: when memory runs out, neither exists.
@@ -20,18 +22,24 @@ Metric* Namespace::find_or_make_metric(const char* name, int type) {
     Metric* metric = found->second.metric.get();
     return metric->type() == type ? metric : nullptr;
   }
-  auto made = make_metric(type);
+  auto made = is_own(name) ? nullptr : make_metric(type);
   if (made == nullptr) {
     return nullptr;
   }
   auto& metric = entries_[name].metric;
   metric = std::move(made);
+  metric->list();
+  Inherited::begin_first();
   return metric.get();
+}
+
+bool Namespace::is_own(std::string_view name) const {
+  return is_root_ && (name == kProcess || name == kInherited);
 }
 
 std::size_t Namespace::slashes_behind(const std::string& name) const {
   std::size_t slashes = 0;
-  if (entries_.at(name).metric != nullptr) {
+  if (is_own(name) || entries_.at(name).metric != nullptr) {
     for (std::string key = name; entries_.count(key) != 0; key += '/') {
       ++slashes;
     }

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "metric.h"
@@ -17,9 +18,17 @@ namespace circmetrics {
 // thread-safe: callers hold the registration lock.
 class Namespace {
  public:
+  // The root has names of its own: no metric can have one, and a namespace that has one is
+  // reported as if it were behind a metric.
+  static constexpr const char* kProcess = "@process";
+  static constexpr const char* kInherited = "@inherited";
+
+  explicit Namespace(bool is_root = false) : is_root_(is_root) {}
+
   Namespace* find_or_make_namespace(const char* name);
 
-  // Null when a metric of another type has the name, and for an unknown type.
+  // Null when a metric of another type has the name, for one of the root's own names, and for
+  // an unknown type.
   Metric* find_or_make_metric(const char* name, int type);
 
   // The contents in the order of a report. A namespace begins with a step that has its
@@ -41,8 +50,10 @@ class Namespace {
 
   using Entries = std::map<std::string, Entry>;
 
+  bool is_own(std::string_view name) const;
   std::size_t slashes_behind(const std::string& name) const;
 
+  const bool is_root_;
   Entries entries_;
 };
 

@@ -6,7 +6,9 @@
 
 #include <new>
 
+#include "inherited.h"
 #include "json_writer.h"
+#include "process.h"
 
 namespace circmetrics {
 namespace {
@@ -39,10 +41,14 @@ void unlock() {
   g_holder.notify_one();
 }
 
+// The process that forks: in the child, its parent may be gone.
+constinit pid_t g_forking = 0;
+
 void before_fork() {
   if (t_forks++ == 0) {
     lock();
   }
+  g_forking = getpid();
 }
 
 void after_fork() {
@@ -51,8 +57,14 @@ void after_fork() {
   }
 }
 
+void after_fork_in_child() {
+  Process::begin_child(g_forking);
+  Inherited::begin_child();
+  after_fork();
+}
+
 [[maybe_unused]] const int g_guarded_at_load =
-    pthread_atfork(&before_fork, &after_fork, &after_fork);
+    pthread_atfork(&before_fork, &after_fork, &after_fork_in_child);
 
 }  // namespace
 
@@ -85,7 +97,7 @@ Recorder* Recorder::make() {
 void Recorder::abandon_all() {
   Recorder* recorder = newest_.load(std::memory_order_acquire);
   for (; recorder != nullptr; recorder = recorder->previous_) {
-    new (&recorder->root_) Namespace;
+    new (&recorder->root_) Namespace(kIsRoot);
   }
 }
 
@@ -94,19 +106,73 @@ std::vector<Namespace::Step> Recorder::steps() const {
   return root_.steps();
 }
 
-// Reads the metrics without the lock: reading a gauge whose variable is gone may raise
-// SIGSEGV, and the handler of that signal may fork.
+namespace {
+
+std::string key_of(const Namespace::Step& step) {
+  return *step.name + std::string(step.slashes, '/');
+}
+
+// The members of an object, and its end. `write_metric` writes a metric's member.
+template <typename WriteMetric>
+void write_members(JsonWriter& json, const std::vector<Namespace::Step>& steps,
+                   WriteMetric write_metric) {
+  for (const Namespace::Step& step : steps) {
+    if (step.name == nullptr) {
+      json.end_object();
+    } else if (step.metric == nullptr) {
+      json.key(key_of(step));
+      json.begin_object();
+    } else {
+      write_metric(step);
+    }
+  }
+}
+
+// Reads the metrics without the lock: reading a gauge whose variable is gone may raise SIGSEGV,
+// and the handler of that signal may fork.
+void write_values(JsonWriter& json, const std::vector<Namespace::Step>& steps) {
+  json.begin_object();
+  write_members(json, steps, [&](const Namespace::Step& step) {
+    json.key(key_of(step));
+    step.metric->write(json);
+  });
+}
+
+void write_inherited(JsonWriter& json, const std::vector<Namespace::Step>& steps) {
+  const Inherited::Values values = Inherited::values();
+  json.begin_object();
+  write_members(json, steps, [&](const Namespace::Step& step) {
+    if (const auto found = values.find(step.metric); found != values.end()) {
+      json.key(key_of(step));
+      step.metric->write_kept(json, found->second);
+    }
+  });
+}
+
+// Returns where the process has its first values from.
+Inherited::Origin write_process(JsonWriter& json) {
+  const RegistrationLock lock;
+  json.key(Namespace::kProcess);
+  Process::current().write(json);
+  return Inherited::origin();
+}
+
+}  // namespace
+
+// The process comes first in the text, but is read after the values: a child that is forked while
+// a gauge is read writes a report of its own.
 std::string Recorder::to_json() const {
+  const std::vector<Namespace::Step> all = steps();
+  JsonWriter values;
+  write_values(values, all);
   JsonWriter json;
   json.begin_object();
-  for (const auto& [name, slashes, metric] : steps()) {
-    if (name == nullptr) {
-      json.end_object();
-      continue;
-    }
-    json.key(*name + std::string(slashes, '/'));
-    metric != nullptr ? metric->write(json) : json.begin_object();
+  const Inherited::Origin origin = write_process(json);
+  if (origin != Inherited::Origin::kNone) {
+    json.key(Namespace::kInherited);
+    origin == Inherited::Origin::kKept ? write_inherited(json, all) : json.null();
   }
+  json.end_with(values.take_text());
   return json.take_text();
 }
 

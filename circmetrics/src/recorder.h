@@ -48,7 +48,9 @@ class Recorder {
 
   std::vector<Namespace::Step> steps() const;
 
-  Namespace root_;
+  static constexpr bool kIsRoot = true;
+
+  Namespace root_{kIsRoot};
   Recorder* previous_ = nullptr;
 
   static std::atomic<Recorder*> newest_;
