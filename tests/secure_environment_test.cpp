@@ -9,80 +9,26 @@
 #include <quorvane/module.h>
 #include <quorvane/stats.h>
 #include <sys/auxv.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "support/processes.h"
 #include "support/scenario.h"
+#include "support/secure_program.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using quorvane::logging::get_singleton_outlet;
 using test::Ran;
+using test::SecureProgram;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-// A group other than this process's. Root may give a file to any group, others only to their own.
-gid_t another_group() {
-  if (geteuid() == 0) {
-    return getegid() == 65534 ? 65533 : 65534;
-  }
-  std::vector<gid_t> groups(static_cast<std::size_t>(getgroups(0, nullptr)));
-  getgroups(static_cast<int>(groups.size()), groups.data());
-  for (const gid_t group : groups) {
-    if (group != getegid()) {
-      return group;
-    }
-  }
-  throw std::runtime_error("needs root or a second group to make a set-group-id program");
-}
-
-bool honours_set_id(const std::string& directory) {
-  struct statvfs status {};
-  return statvfs(directory.c_str(), &status) == 0 && access(directory.c_str(), W_OK) == 0 &&
-         (status.f_flag & (ST_NOSUID | ST_NOEXEC)) == 0;
-}
-
-// A copy of this program that the kernel starts in secure mode, as it does set-user-id
-// programs. It is set-group-id and keeps its user, so that it can still read this tree.
-class SecureProgram {
- public:
-  SecureProgram() {
-    std::filesystem::copy_file("/proc/self/exe", path_);
-    if (chown(path_.c_str(), static_cast<uid_t>(-1), another_group()) != 0 ||
-        chmod(path_.c_str(), 02755) != 0) {
-      throw std::runtime_error("no set-group-id program at " + path_);
-    }
-  }
-  ~SecureProgram() { unlink(path_.c_str()); }
-  SecureProgram(const SecureProgram&) = delete;
-  SecureProgram& operator=(const SecureProgram&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  // Temporary directories are often mounted nosuid.
-  static std::string directory() {
-    for (const std::string& candidate :
-         {std::filesystem::temp_directory_path().string(), std::string(QV_BINARY_DIR)}) {
-      if (honours_set_id(candidate)) {
-        return candidate;
-      }
-    }
-    throw std::runtime_error("no directory in which set-group-id programs work");
-  }
-
-  std::string path_ = directory() + "/qv_secure_environment_test." + std::to_string(getpid());
-};
 
 class SecureEnvironment : public testing::Test {
  protected:
@@ -93,6 +39,7 @@ class SecureEnvironment : public testing::Test {
                                       {{"QV_LOG_FILE", dir_.file("log")},
                                        {"QV_LOG_FILE_Global", dir_.file("global")},
                                        {"QV_LOG_LEVEL", "DEBUG"},
+                                       {"QV_LOG_LEVELS", "test=ALL"},
                                        {"QV_LOG_SYNC", "1"},
                                        {"HOME", dir_.path()},
                                        {"QV_PIDFILE_ROOT", dir_.path() + "/"},
@@ -143,6 +90,16 @@ SCENARIO(tells_its_log) {
 TEST_F(SecureEnvironment, ChoosesNoLogFile) {
   EXPECT_EQ(run("tells_its_log").out, "-1 -1 0 ");
   EXPECT_THAT(files(), IsEmpty());
+}
+
+SCENARIO(tells_a_modules_level) {
+  show_records();
+  std::cout << quorvane::Module("test/secure")->level;
+  return is_secure() ? 0 : kNotSecure;
+}
+
+TEST_F(SecureEnvironment, ChoosesNoLevelOfAModule) {
+  EXPECT_EQ(run("tells_a_modules_level").out, "0");
 }
 
 SCENARIO(looks_for_pid_files) {

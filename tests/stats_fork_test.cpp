@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -25,7 +26,7 @@
 #include <vector>
 
 #include "stats_test/fixture.h"
-#include "support/recorder_path.h"
+#include "support/library_path.h"
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/thread_state.h"
@@ -248,6 +249,50 @@ TEST_F(StatsFork, BesideARecorderThatIsLoadedWaitsForIt) {
   EXPECT_EQ(reports(file()).size(), 3U);
 }
 
+namespace {
+
+// Starts a process that lets this one go on, `after` it has been stopped.
+void start_waker(std::chrono::milliseconds after) {
+  const pid_t stopped = getpid();
+  const pid_t waker = fork();
+  if (waker == 0) {
+    alarm(60);
+    const std::string path = "/proc/" + std::to_string(stopped) + "/stat";
+    while (test::read_file(path).find(") T ") == std::string::npos) {
+      std::this_thread::yield();
+    }
+    std::this_thread::sleep_for(after);
+    kill(stopped, SIGCONT);
+    _exit(0);
+  }
+}
+
+}  // namespace
+
+// While the process is stopped, the load makes no progress. It goes on after the second for
+// which a fork waits.
+SCENARIO(stop_while_a_recorder_is_loaded) {
+  static std::optional<test::Watched> forking;
+  static std::atomic<bool> is_loaded{false};
+  static bool is_right = false;
+  alarm(100);
+  start_waker(std::chrono::milliseconds(1500));
+  g_on_load = [] {
+    forking.emplace([] { is_right = ends_well(fork_child([] { return is_loaded.load(); })); });
+    forking->settle();
+    raise(SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    is_loaded = true;
+  };
+  const bool works = uses_statistics();
+  forking->join();
+  return works && is_right ? 0 : 1;
+}
+
+TEST_F(StatsFork, OfAProcessThatWasStoppedStillWaitsForTheRecorder) {
+  EXPECT_TRUE(run_with("fake", "stop_while_a_recorder_is_loaded").exited_with(0));
+}
+
 // A plugin's constructor runs under the loader's lock. The other thread waits for that lock
 // to load the recorder.
 SCENARIO(fork_in_a_plugin_that_is_loaded) {
@@ -375,7 +420,7 @@ TEST_F(StatsFork, OpensARelativePathAgainWhereItWas) {
                               "' --scenario report_after_the_numbers_are_taken '" +
                               dir_.file("own") + "' parent";
   const Environment environment{{"QV_STATS_REPORT_FILE", "report"},
-                                {"LD_LIBRARY_PATH", test::kRecorderPath}};
+                                {"LD_LIBRARY_PATH", test::kLibraryPath}};
   EXPECT_TRUE(test::run_program("/bin/sh", {"-c", command}, environment).exited_with(0));
   EXPECT_EQ(reports(file()).size(), 4U);
 }
@@ -539,6 +584,6 @@ TEST_F(StatsFork, AReportAfterHalfALineBeginsALineOfItsOwn) {
   const Lines lines = lines_of(read_file(file()));
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0], "{\"ts\": 1, \"lo");
-  EXPECT_EQ(log_of(lines[1]), json::object());
-  EXPECT_EQ(log_of(lines[2]), json::object());
+  EXPECT_EQ(values_of(lines[1]), json::object());
+  EXPECT_EQ(values_of(lines[2]), json::object());
 }

@@ -88,7 +88,7 @@ SCENARIO(read_three_reports) {
     qv_stats_counter_inc_do(counter, 1);
     std::string line;
     std::getline(stream, line);
-    if (log_of(line) != json{{"periodic", {{"n", index}}}}) {
+    if (values_of(line) != json{{"periodic", {{"n", index}}}}) {
       return index;
     }
   }

@@ -18,8 +18,7 @@ bool is_at(const char* path, const FileId& file) {
   return stat(path, &status) == 0 && id_of(status) == file;
 }
 
-int open_off_standard(const char* path, int flags, mode_t mode) {
-  const int fd = open(path, flags, mode);
+int move_off_standard(int fd, int flags) {
   if (fd < 0 || fd > STDERR_FILENO) {
     return fd;
   }
@@ -29,6 +28,10 @@ int open_off_standard(const char* path, int flags, mode_t mode) {
   close(fd);
   errno = error;
   return moved;
+}
+
+int open_off_standard(const char* path, int flags, mode_t mode) {
+  return move_off_standard(open(path, flags, mode), flags);
 }
 
 }  // namespace descriptor

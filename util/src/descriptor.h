@@ -27,9 +27,12 @@ bool is_open_on(int fd, const FileId& file);
 // Whether the path leads to this file.
 bool is_at(const char* path, const FileId& file);
 
-// open(2), but the descriptor is never 0, 1 or 2: a program that was started without its
-// standard descriptors would print into the file. -1 with errno if the file can't be
-// opened. Safe in a fork handler.
+// Takes over a new descriptor, or -1, and returns one that isn't 0, 1 or 2: a program that was
+// started without its standard descriptors would print into the file. Closed at exec if `flags`
+// have O_CLOEXEC. -1 with errno if there is none. Safe in a fork handler.
+int move_off_standard(int fd, int flags);
+
+// open(2) with that.
 int open_off_standard(const char* path, int flags, mode_t mode = 0);
 
 }  // namespace descriptor

@@ -1,9 +1,9 @@
 // Keeps forks out of steps that a child must not find half done. No wait lasts longer than
-// a second.
+// about a second in which the process runs.
 //
 // fork_guard is for mutexes that are held briefly. Loading a recorder runs foreign code,
-// which may be slow, fork, or wait for a thread that forks: so every wait here ends after
-// a second, and no thread waits for itself.
+// which may be slow, fork, or wait for a thread that forks: so every wait here ends, and no
+// thread waits for itself.
 #ifndef QUORVANE_SRC_FORK_GATE_H_
 #define QUORVANE_SRC_FORK_GATE_H_
 

@@ -16,7 +16,7 @@
 #include <limits>
 #include <string_view>
 
-#include "src/descriptor.h"
+#include "src/log_file.h"
 #include "src/once.h"
 #include "src/process_generation.h"
 
@@ -30,6 +30,8 @@ const char* QV_LOG_LEVEL_ENV = "QV_LOG_LEVEL";
 LoggingModuleData g_singleton_outlet = {-1, -1, QV_LOG_LEVEL_ERROR};
 
 namespace {
+
+constinit LogFile g_log_file;
 
 constexpr std::size_t kRecordSize = 4096;
 constexpr std::size_t kLevels = QV_LOG_LEVEL_ALL + 1;
@@ -150,8 +152,7 @@ void set_up_outlet() {
   const int sync = secure_getenv("QV_LOG_SYNC") != nullptr ? O_SYNC : 0;
   // Survives an exec.
   // Kept: docs/compatibility.md
-  outlet.fd =
-      descriptor::open_off_standard(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
+  outlet.fd = g_log_file.open(path, O_WRONLY | O_CREAT | O_APPEND | sync, 0644);
   outlet.error_fd = STDERR_FILENO;
   if (outlet.fd < 0) {
     std::fprintf(stderr, "QVUtil: Failed to open requested log file %s.\n", path.c_str());
@@ -241,3 +242,5 @@ LoggingModuleData* get_singleton_outlet() {
 
 }  // namespace logging
 }  // namespace quorvane
+
+int qv_log_reopen(void) { return quorvane::logging::g_log_file.reopen(); }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "src/fork_guard.h"
+#include "src/module_levels.h"
 
 namespace quorvane {
 namespace module {
@@ -26,18 +27,36 @@ void destroy(Module* module) {
   delete module;
 }
 
-// An empty component is malformed except at the end.
-// Kept: docs/compatibility.md
-bool is_well_formed(std::string_view path) {
-  return path.find("//") == std::string_view::npos && (path.empty() || path.front() != '/');
-}
-
 Lookup& registry() {
   static Lookup& lookup = *new Lookup(get_singleton_outlet());
   return lookup;
 }
 
-// Both are made at load, so that no fork happens while another thread makes them.
+const ModuleLevels& read_levels() {
+  const char* const setting = secure_getenv("QV_LOG_LEVELS");
+  const auto& levels = *new ModuleLevels(setting == nullptr ? "" : setting);
+  if (!levels.malformed().empty()) {
+    QV_LOG(Module::get_internal(), WARN,
+           "Unexpected parts of environment variable \"QV_LOG_LEVELS\": \"%s\"",
+           levels.malformed().c_str());
+  }
+  return levels;
+}
+
+const ModuleLevels& levels() {
+  static const ModuleLevels& levels = read_levels();
+  return levels;
+}
+
+// A level that the program has set itself stays, and so do all levels without a log file.
+void set_level(Module& module) {
+  if (module.outlet->fd >= 0 && module.level == module.outlet->level) {
+    module.level = levels().find(*module.routes).value_or(module.level);
+  }
+}
+
+// These are made at load, so that no fork happens while another thread makes them.
+[[maybe_unused]] const ModuleLevels& g_levels_read_at_load = levels();
 [[maybe_unused]] Lookup& g_registry_made_at_load = registry();
 [[maybe_unused]] Module* const g_internal_made_at_load = Module::get_internal();
 
@@ -99,6 +118,7 @@ void Lookup::commit(std::unique_ptr<Module>&& module) {
   map_.reserve(map_.size() + entries.size());
   const auto owner = std::make_shared<Owner>(nullptr, &destroy);
 
+  set_level(*module);
   owner->reset(module.release());
   for (auto& entry : entries) {
     entry.second = std::shared_ptr<Module>(owner, owner->get());

@@ -278,8 +278,8 @@ std::chrono::duration<long> report_period() {
   return std::chrono::duration<long>(seconds);
 }
 
-// Two waits, each of a second at most, keep children safe. Forks wait for dlopen, so that a child
-// finds the loader's state consistent. And the recorder stays unused until the forks that
+// Two waits, each of about a second at most, keep children safe. Forks wait for dlopen, so that
+// a child finds the loader's state consistent. And the recorder stays unused until the forks that
 // began before it was loaded are over, since these don't run its fork handlers.
 void* load_recorder() {
   void* library = nullptr;

@@ -3,8 +3,8 @@
 ///
 /// Thread-safety: any thread may log at any time; a record is one write(2) per
 /// descriptor, so records of different threads and processes never mix within a line.
-/// Fork-safety: a child may log at once; its records carry its own ids. Not in signal
-/// handlers.
+/// Fork-safety: a child may log at once; its records carry its own ids. Signal handlers:
+/// qv_log_reopen only.
 #ifndef QUORVANE_LOG_H_
 #define QUORVANE_LOG_H_
 
@@ -51,6 +51,22 @@ QV_EXPORT void qv_log_do(void* module, qv_log_level_t level, unsigned long reser
 /** qv_log_do with an argument list. */
 QV_EXPORT void qv_logv_do(void* module, qv_log_level_t level, unsigned long reserved,
                           const char* format, va_list args) __attribute__((format(printf, 4, 0)));
+
+/** Opens the path of the log file again, creates the file if it is missing, and puts it in
+ * place of the open one: for a log that was renamed. No record is lost, and each is whole in
+ * one of the two files. The path is the one that was opened at load, even after a chdir. The
+ * descriptor keeps its number and its flags.
+ *
+ * Returns 0 and keeps errno, or returns -1 with errno and leaves the log as it was: with an
+ * error of open(2); ENOENT too if a relative path had no working directory at load; EBADF if
+ * the program has closed the descriptor, even if it has opened another file under its number.
+ * Without a log file, or if the file couldn't be opened at load, does nothing and returns 0.
+ * A call while another one is in progress, perhaps in the thread that it interrupts, returns 0
+ * at once; the other one then opens the path once more. Logs nothing. Doesn't block on a FIFO.
+ *
+ * Any thread; signal handlers; a child of fork, which reopens its own descriptor only. A
+ * duplicate of the descriptor stays open on the old file. */
+QV_EXPORT int qv_log_reopen(void);
 
 #ifdef __cplusplus
 }  // extern "C"

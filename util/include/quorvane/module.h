@@ -46,10 +46,14 @@ QV_EXPORT void* qv_module_create(void);
  * thread at a time. */
 QV_EXPORT void qv_module_route(const char* path, void* module);
 
-/** Registers the module under each of its routes and takes ownership. A route that is
- * already registered, or that the module has twice, logs an ERROR record through this
- * module, whatever its level, and aborts. A module without routes is destroyed. Without
- * memory the library's internal module logs a WARN record, and the module stays the
+/** Registers the module under each of its routes and takes ownership. If QV_LOG_LEVELS has a
+ * level for one of the routes (the longest path in it decides), the module gets it, unless the
+ * program has changed the module's level or no log file is open. Malformed parts of that
+ * variable give one WARN record of the library's internal module at load.
+ *
+ * A route that is already registered, or that the module has twice, logs an ERROR record
+ * through this module, whatever its level, and aborts. A module without routes is destroyed.
+ * Without memory the library's internal module logs a WARN record, and the module stays the
  * caller's, unregistered. A null module is ignored. Any thread. */
 QV_EXPORT void qv_module_commit(void* module);
 
