@@ -107,12 +107,6 @@ TEST(CacheOpenError, IsEinvalForAWrongArgument) {
   EXPECT_THAT(names_in(root.path()), IsEmpty());
 }
 
-TEST(CacheOpenError, IsEnotsupForAReservedKind) {
-  const TempDir root;
-  EXPECT_EQ(error_of_opening("remote", root.path().c_str(), "maps"), ENOTSUP);
-  EXPECT_EQ(error_of_opening("tiered", root.path().c_str(), "maps"), ENOTSUP);
-}
-
 TEST(CacheError, IsEinvalForANullOrEmptyArgument) {
   const TempDir root;
   const CCache cache = open_cache("volatile", root.path());

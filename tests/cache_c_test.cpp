@@ -39,7 +39,8 @@ class StoredCache : public AnyCache {};
 std::string name_of(const testing::TestParamInfo<std::string>& kind) { return kind.param; }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, AnyCache,
-                         testing::Values("basic", "lazy_lookup", "indexed", "volatile"), name_of);
+                         testing::Values("basic", "lazy_lookup", "indexed", "tiered", "volatile"),
+                         name_of);
 INSTANTIATE_TEST_SUITE_P(Kinds, StoredCache, testing::Values("basic", "lazy_lookup", "indexed"),
                          name_of);
 
@@ -270,7 +271,7 @@ TEST_P(AnyCache, ServesAProgramInC) {
             "already there\n"
             "visited key\n"
             "none: no error\n"
-            "refused: an argument is wrong, or there is no root directory\n"
+            "refused: an argument is wrong, or there is no root directory or no server\n"
             "1 entries\n");
 }
 

@@ -22,9 +22,9 @@
 #include <string>
 #include <vector>
 
+#include "support/library_path.h"
 #include "support/lines.h"
 #include "support/processes.h"
-#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
 
@@ -702,7 +702,7 @@ std::vector<std::string> reports_of(const std::string& file, Arguments arguments
   arguments.insert(arguments.end(), {"--jobs", "3"});
   const Ran ran =
       test::run_program(PROGRAM, arguments,
-                        {{"QV_STATS_REPORT_FILE", file}, {"LD_LIBRARY_PATH", test::kRecorderPath}});
+                        {{"QV_STATS_REPORT_FILE", file}, {"LD_LIBRARY_PATH", test::kLibraryPath}});
   EXPECT_TRUE(ran.exited_with(0)) << ran.err;
   return lines_of(test::read_file(file));
 }
@@ -736,8 +736,8 @@ TEST_F(Fingerprint, HelpNamesEveryOptionAndExitStatus) {
   const Ran ran = test::run_program(PROGRAM, {"--help"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_EQ(ran.err, "");
-  for (const char* part : {"--store", "--kind", "basic", "lazy_lookup", "indexed", "--root",
-                           "--jobs", "--help", "Exit status"}) {
+  for (const char* part : {"--store", "--kind", "basic", "lazy_lookup", "indexed", "remote",
+                           "tiered", "--root", "--jobs", "--help", "Exit status"}) {
     EXPECT_THAT(ran.out, HasSubstr(part));
   }
 }

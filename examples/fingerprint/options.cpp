@@ -29,8 +29,10 @@ constexpr const char* HELP =
     "                which nothing is read before a look-up; basic: one file, read\n"
     "                into memory; or lazy_lookup: two files, keys and values, of\n"
     "                which only the keys are read into memory. Each kind has files\n"
-    "                of its own.\n"
-    "  --root DIR    the directory that holds the store; it must exist\n"
+    "                of its own. remote: no files, but the servers that QV_CACHE_REMOTE\n"
+    "                names, which machines share; or tiered: those of indexed first, then\n"
+    "                the servers\n"
+    "  --root DIR    the directory that holds the store's files; it must exist\n"
     "                (default: the value of QV_CACHE_STORE_ROOT)\n"
     "  --jobs N      worker processes, 1 to 1024 (default: one per core)\n"
     "  --help        this text\n"
@@ -50,13 +52,23 @@ bool parse_jobs(const char* text, unsigned& out) {
   return error == std::errc() && stop == end && out >= 1 && out <= MAX_JOBS;
 }
 
-bool parse_kind(const std::string& name, StoreKind& out) {
-  static const std::map<std::string, StoreKind> kinds{{"basic", StoreKind::basic},
-                                                      {"lazy_lookup", StoreKind::lazy_lookup},
-                                                      {"indexed", StoreKind::indexed}};
+bool parse_kind(const std::string& name, Options& out) {
+  struct Kind {
+    StoreKind files;
+    bool uses_files;
+    bool uses_servers;
+  };
+  static const std::map<std::string, Kind> kinds{
+      {"basic", {StoreKind::basic, true, false}},
+      {"lazy_lookup", {StoreKind::lazy_lookup, true, false}},
+      {"indexed", {StoreKind::indexed, true, false}},
+      {"remote", {StoreKind::indexed, false, true}},
+      {"tiered", {StoreKind::indexed, true, true}}};
   const auto kind = kinds.find(name);
   if (kind != kinds.end()) {
-    out = kind->second;
+    out.kind = kind->second.files;
+    out.uses_files = kind->second.uses_files;
+    out.uses_servers = kind->second.uses_servers;
   }
   return kind != kinds.end();
 }
@@ -76,7 +88,7 @@ const char* take_value(int option_name, Options& out) {
       out.root = optarg;
       return nullptr;
     case 'k':
-      return parse_kind(optarg, out.kind) ? nullptr : "not a kind of store: ";
+      return parse_kind(optarg, out) ? nullptr : "not a kind of store: ";
     default:
       return parse_jobs(optarg, out.jobs) ? nullptr : "not a number of jobs: ";
   }
@@ -90,7 +102,7 @@ std::optional<int> check(Options& out) {
     const char* root = std::getenv("QV_CACHE_STORE_ROOT");
     out.root = root == nullptr ? "" : root;
   }
-  if (out.root.empty()) {
+  if (out.uses_files && out.root.empty()) {
     return wrong_usage("no directory for the store: set QV_CACHE_STORE_ROOT or pass --root DIR");
   }
   if (out.jobs == 0) {

@@ -19,6 +19,8 @@ struct Options {
   std::string tree;                   // the directory to walk
   std::string store = "fingerprint";  // the store's name
   quorvane::cache::StoreKind kind = quorvane::cache::StoreKind::indexed;
+  bool uses_files = true;
+  bool uses_servers = false;
   std::string root;
   unsigned jobs = 0;
 };

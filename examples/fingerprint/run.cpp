@@ -29,6 +29,7 @@ void do_share(const Tree& tree, unsigned number, const Options& options, OpenedC
   if (opened.persistent && !opened.cache->flush()) {
     ++counts.unstored;
   }
+  opened.cache.reset();  // stores in the files what servers gave; the worker's end doesn't
 }
 
 bool do_all(const Tree& tree, const Options& options, OpenedCache& opened, WorkerPool& pool) {

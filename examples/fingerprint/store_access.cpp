@@ -1,6 +1,7 @@
 #include "fingerprint/store_access.h"
 
 #include <quorvane/file_store.h>
+#include <quorvane/remote_store.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -15,6 +16,7 @@ namespace {
 using quorvane::cache::Cache;
 using quorvane::cache::CleanupController;
 using quorvane::cache::LazyLookupStore;
+using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
 using quorvane::cache::StoreOptions;
 
@@ -24,6 +26,9 @@ std::unique_ptr<Cache> volatile_cache(const Options& options, const std::string&
 }
 
 std::vector<std::string> paths(const Options& options) {
+  if (!options.uses_files) {
+    return {};
+  }
   const std::string root = options.root + "/";
   switch (options.kind) {
     case StoreKind::basic:
@@ -45,19 +50,33 @@ CleanupController* limit() {
   return is_set ? nullptr : &unlimited;
 }
 
-}  // namespace
-
-OpenedCache open_cache(const Options& options) {
+std::unique_ptr<Store> make_file_store(const Options& options) {
   StoreOptions store_options;
   store_options.kind = options.kind;
   store_options.name = options.store;
   store_options.root = options.root;
   store_options.controller = limit();
-  auto store = quorvane::cache::make_store(store_options);
+  return quorvane::cache::make_store(store_options);
+}
+
+std::unique_ptr<Store> make_store(const Options& options) {
+  auto files = options.uses_files ? make_file_store(options) : nullptr;
+  const bool is_whole = files == nullptr ? !options.uses_files : files->is_valid();
+  return options.uses_servers && is_whole
+             ? quorvane::cache::make_remote_store(options.store, std::move(files))
+             : std::move(files);
+}
+
+}  // namespace
+
+OpenedCache open_cache(const Options& options) {
+  auto store = make_store(options);
   OpenedCache opened;
   if (store == nullptr || !store->is_valid()) {
-    opened.cache =
-        volatile_cache(options, options.root + ": not a directory that a store can be kept in");
+    opened.cache = volatile_cache(
+        options, options.uses_servers
+                     ? "the store's directory or servers can't be used (the log says why)"
+                     : options.root + ": not a directory that a store can be kept in");
     return opened;
   }
   opened.cache = std::make_unique<Cache>(options.store, std::move(store), true);
@@ -72,6 +91,9 @@ OpenedCache open_cache(const Options& options) {
 
 std::string store_files(const Options& options) {
   const std::vector<std::string> all = paths(options);
+  if (all.empty()) {
+    return "the servers";
+  }
   return all.size() == 1 ? all.front() : all.front() + " and " + all.back();
 }
 

@@ -18,11 +18,12 @@ struct OpenedCache {
   bool persistent = false;                        // false: volatile, and the user was told
 };
 
-// Opens the store. If its root or its files can't be used, complains once and returns a
-// volatile cache, so that the run goes on.
+// Opens the store. If its root, its files or the setting of its servers can't be used, complains
+// once and returns a volatile cache, so that the run goes on. It also goes on while no server
+// answers.
 OpenedCache open_cache(const Options& options);
 
-// The paths of the store's files, for messages.
+// The paths of the store's files, or that it has none, for messages.
 std::string store_files(const Options& options);
 
 // The total size of the store's files; 0 when there are none.

@@ -24,7 +24,7 @@ inline std::string compile_command(const std::string& source, const std::string&
                                    const std::string& options = "") {
   const std::string library = QV_BINARY_DIR "/lib";
   return QV_CXX_COMPILER " -std=c++20 -Wall -Wextra -Werror " QV_SANITIZE_FLAG " -I'" QV_SOURCE_DIR
-                         "/util/include' '" +
+                         "/util/include' -I'" QV_SOURCE_DIR "/remote/include' '" +
          source + "' -L'" + library + "' -lQVUtil " + options + " -Wl,-rpath,'" + library +
          "' -o '" + program + "'";
 }

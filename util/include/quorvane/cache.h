@@ -117,7 +117,8 @@ class QV_EXPORT Cache {
   /// memory for what it has found, gives a WARN record and counts as a miss. Any thread.
   const std::vector<util::RoBuffer>* get_value(const util::RoBuffer& key);
 
-  /// Adds an entry whose key is in neither map, nor in a LookupStore. Returns false and
+  /// Adds an entry whose key is in neither map, nor in a LookupStore as far as that tells at
+  /// once (LookupStore::find_at_once): to look for it waits for no other machine. Returns false and
   /// changes nothing when the key is there already or the cache is invalid. Refused with a
   /// WARN record: an entry that could be written but never read back (an empty key, no
   /// atoms, an empty atom), one for which there is no memory, and one about which a
@@ -133,19 +134,22 @@ class QV_EXPORT Cache {
   /// all that was added before the call is stored, also when there was nothing to store.
   /// False when the cache has additions but no store, or when the store failed: what failed
   /// stays unstored for the next flush and the destructor, whose records and check this
-  /// gives, too. Waits for a flush that runs in another thread; look-ups and additions go on
-  /// meanwhile, and the calling thread can't be cancelled. Any thread, but not from within
-  /// the store.
+  /// gives, too. A store on other machines that keeps entries on this one keeps those that it has
+  /// found, also when there are no additions. Waits for a flush that runs in another thread;
+  /// look-ups and additions go on meanwhile, and the calling thread can't be cancelled. Any thread,
+  /// but not from within the store.
   bool flush();
 
   /// A hint that these `count` keys will be looked up: hands those that this process has
-  /// neither found nor added to LookupStore::prefetch. Does nothing for other stores. `keys`
-  /// may be null when `count` is 0. Logs nothing, never fails. Any thread.
+  /// neither found nor added to LookupStore::prefetch. Does nothing for other stores. An indexed
+  /// store doesn't wait. A store on other machines brings the entries in one round trip, or in
+  /// several if they are very many, each within its time limit, so that looking them up takes
+  /// none. `keys` may be null when `count` is 0. Logs nothing itself, never fails. Any thread.
   void prefetch(const util::RoBuffer* keys, std::size_t count);
 
-  /// How many entries there are, loaded or stored, and added. A LookupStore is asked for each
-  /// addition that this process hasn't stored, since another process may have; if it throws, a
-  /// WARN record says so, and only additions count. Any thread.
+  /// How many entries there are, loaded or stored, and added. A LookupStore is asked, as in
+  /// add_value, for each addition that this process hasn't stored, since another process may
+  /// have; if it throws, a WARN record says so, and only additions count. Any thread.
   std::size_t size();
 
   ///@{ The first entry, and the end. Must not run while add_value does. With a LookupStore,
@@ -172,6 +176,8 @@ class QV_EXPORT Cache {
   const std::vector<util::RoBuffer>* find_known(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* try_ask_store(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* ask_store(const util::RoBuffer& key);
+  const std::vector<util::RoBuffer>* keep_found(const util::RoBuffer& key,
+                                                std::vector<util::RoBuffer>&& value);
   void take_snapshot() const;
 
   bool is_stored(const util::RoBuffer& key);

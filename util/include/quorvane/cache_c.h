@@ -3,21 +3,23 @@
  *
  * A cache maps byte strings, the keys, to lists of byte strings, the atoms. Opening a cache
  * finds what was stored under its name; qv_cache_flush and qv_cache_close store what was
- * added. quorvane/cache.h describes caches, quorvane/file_store.h their files.
+ * added. quorvane/cache.h describes caches, quorvane/file_store.h their files, and
+ * quorvane/remote_store.h those on servers.
  *
  * A function that fails sets errno to one of these:
  *
  * | errno   | cause |
  * |---------|-------|
- * | EINVAL  | An argument is wrong, or there is no root directory. |
+ * | EINVAL  | An argument is wrong, or there is no root directory or no server. |
  * | ENOENT  | The root directory, or a store that must exist, isn't there. |
  * | EACCES  | The root directory or the store's files don't permit it. |
  * | EROFS   | The cache is read-only, so its additions aren't stored; or the file system is. |
  * | ENOMEM  | There is no memory. |
- * | EIO     | The store is damaged or can't be used. |
- * | ENOTSUP | This build has no such kind of cache. |
+ * | EIO     | The store is damaged or can't be used, or servers didn't take all additions. |
+ * | ENOTSUP | libqvremote.so.1, which some kinds of cache need, isn't installed. |
  *
- * The log has the details, under the module "util/src/cache". A wrong argument isn't logged.
+ * The log has the details, under the modules "util/src/cache" and "cache/remote". A wrong
+ * argument isn't logged.
  * Apart from qv_cache_get, a function that succeeds leaves errno undefined.
  *
  * Thread-safety: any number of threads may use a cache, but nobody may add while
@@ -53,11 +55,15 @@ typedef struct qv_cache_value qv_cache_value_t;
 #define QV_CACHE_MUST_EXIST 2U
 
 /** Opens the cache `name`. `kind` is "indexed" (the best for most uses), "basic" or
- * "lazy_lookup", as quorvane/file_store.h describes them, or "volatile": without a store.
- * "remote" and "tiered" are reserved, and give ENOTSUP. `root` is the existing directory of
- * the files; null or empty means that of QV_CACHE_STORE_ROOT. `name` must be neither null nor
- * empty, and has no '/'. `flags` is 0 or made of the two flags above; a volatile cache takes
- * none, and ignores `root`.
+ * "lazy_lookup", as quorvane/file_store.h describes them; "remote": on the servers of
+ * QV_CACHE_REMOTE; "tiered": on these servers, and what they gave in an indexed cache, too; or
+ * "volatile": without a store. `root` is the existing directory of the files; null or empty means
+ * that of QV_CACHE_STORE_ROOT. A remote cache must have none. `name` must be neither null nor
+ * empty, and has no '/'. `flags` is 0 or made of the two flags above. Remote, tiered and volatile
+ * caches take none, and a volatile one ignores `root`.
+ *
+ * A remote cache opens whether or not the servers answer. A tiered one is an indexed one
+ * without QV_CACHE_REMOTE, and if its files are damaged, only the servers count.
  *
  * A cache without files is empty, and gets its files now or with the first flush. But if it is
  * read-only, and not basic, opening it fails with ENOENT.
@@ -96,12 +102,15 @@ QV_EXPORT int qv_cache_add(qv_cache_t* cache, const void* key, size_t key_size,
 QV_EXPORT int qv_cache_flush(qv_cache_t* cache);
 
 /** A hint that these `count` keys will be looked up: `sizes[i]` bytes at `keys[i]`. An indexed
- * cache asks the kernel to read their entries ahead; the other kinds do nothing. Skips keys
- * that are null or empty. Never fails, and doesn't wait. */
+ * cache asks the kernel to read their entries ahead, and doesn't wait for that. A remote or tiered
+ * cache brings them from the servers in one round trip, or in several if they are very many, each
+ * within its time limit. The other kinds do nothing. Skips keys that are null or empty. Never
+ * fails. */
 QV_EXPORT void qv_cache_prefetch(qv_cache_t* cache, const void* const* keys, const size_t* sizes,
                                  size_t count);
 
-/** How many entries there are, stored and added. 0 if `cache` is null. */
+/** How many entries there are, stored and added; of those on servers, the ones that this process
+ * knows. 0 if `cache` is null. */
 QV_EXPORT uint64_t qv_cache_size(qv_cache_t* cache);
 
 /** What qv_cache_each calls for an entry. Returns 0 to go on. The key is valid as long as the

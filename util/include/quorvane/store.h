@@ -81,8 +81,8 @@ class QV_EXPORT Store {
 /// The interface of a store that is asked key by key: opening it reads no entries. Its
 /// try_load opens it and leaves the map empty. A cache calls the other operations of this
 /// class at any time.
-/// Thread-safety: any thread may call find, entries and prefetch, also while another thread
-/// stores. Fork-safety: a child may use its copy at once.
+/// Thread-safety: any thread may call find, find_at_once, entries and prefetch, also while
+/// another thread stores. Fork-safety: a child may use its copy at once.
 class QV_EXPORT LookupStore : public Store {
  public:
   ~LookupStore() override;
@@ -92,14 +92,18 @@ class QV_EXPORT LookupStore : public Store {
   /// miss. An entry that is damaged is a miss, with a record. May throw std::bad_alloc.
   virtual bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) = 0;
 
-  /// How many entries are stored by now.
+  /// How many entries are stored by now; in a store on other machines, how many of them this
+  /// process knows.
   virtual std::uint64_t entries() = 0;
 
-  /// A hint that these keys will be looked up: asks the kernel to read their entries ahead.
-  /// Doesn't wait for that, and changes nothing else.
+  /// A hint that these keys will be looked up. A store of files asks the kernel to read their
+  /// entries ahead, and doesn't wait for that. A store on other machines brings the entries in
+  /// one round trip, or in several if they are very many, each within its time limit. Changes
+  /// nothing else. May throw std::bad_alloc.
   virtual void prefetch(const util::RoBuffer* keys, std::size_t count) = 0;
 
-  /// Adds all stored entries to `out`. False when they can't be read.
+  /// Adds all stored entries to `out`; those that entries() counts. False when they can't be
+  /// read.
   virtual bool try_read_all(EntryMap& out) = 0;
 
   ///@{ After how many additions that are not stored yet a cache flushes on its own; 0, the
@@ -107,6 +111,15 @@ class QV_EXPORT LookupStore : public Store {
   void set_flush_after(std::uint64_t entries) { flush_after_ = entries; }
   std::uint64_t flush_after() const { return flush_after_; }
   ///@}
+
+  /// The same as find, but asks no other machine: an entry that only such a one has is a miss.
+  /// A cache asks this before it adds a key, and when it counts. By default, calls find.
+  virtual bool find_at_once(const util::RoBuffer& key, std::vector<util::RoBuffer>& value);
+
+  /// The cache is flushed and has no additions. A store that keeps on this machine what others
+  /// gave does so now, as it does in try_store_diff. A cache doesn't call the two at the same
+  /// time. By default, does nothing. Must not throw.
+  virtual void keep_found();
 
  private:
   std::uint64_t flush_after_ = 0;

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <new>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include "src/cache/cache_stats.h"
@@ -105,12 +106,24 @@ void report_stored(const std::string& name, const Store& store, std::size_t entr
          name.c_str(), type_of(store).c_str(), entries);
 }
 
-std::uint64_t flush_after_of(const Store& store) {
-  if (const auto* file_store = dynamic_cast<const FileStoreSkeleton*>(&store)) {
-    return file_store->flush_after();
+// Most stores that are asked key by key are exactly this. To see that, unlike a dynamic_cast,
+// costs no time when a process opens its first cache.
+bool is_indexed_store(const Store& store) {
+  return typeid(store) == typeid(IndexedStore) ||
+         dynamic_cast<const IndexedStore*>(&store) != nullptr;
+}
+
+LookupStore* lookup_store_of(Store& store) {
+  return typeid(store) == typeid(IndexedStore) ? static_cast<IndexedStore*>(&store)
+                                               : dynamic_cast<LookupStore*>(&store);
+}
+
+std::uint64_t flush_after_of(const Store& store, const LookupStore* lookup_store) {
+  if (lookup_store != nullptr) {
+    return lookup_store->flush_after();
   }
-  const auto* lookup_store = dynamic_cast<const LookupStore*>(&store);
-  return lookup_store != nullptr ? lookup_store->flush_after() : 0;
+  const auto* file_store = dynamic_cast<const FileStoreSkeleton*>(&store);
+  return file_store != nullptr ? file_store->flush_after() : 0;
 }
 
 }  // namespace
@@ -118,14 +131,13 @@ std::uint64_t flush_after_of(const Store& store) {
 // What a cache needs to ask its store key by key.
 struct Cache::LookedUp {
   LookedUp(LookupStore& lookup_store, const std::string& name)
-      : store(lookup_store),
-        stats(dynamic_cast<IndexedStore*>(&store) != nullptr ? &CacheStats::of(name) : nullptr) {}
+      : store(lookup_store), stats(is_indexed_store(store) ? &CacheStats::of(name) : nullptr) {}
 
   // A store that throws counts as one that doesn't have the key.
   bool has(const util::RoBuffer& key) const {
     try {
       std::vector<util::RoBuffer> value;
-      return store.find(key, value);
+      return store.find_at_once(key, value);
     } catch (const abi::__forced_unwind&) {
       throw;
     } catch (...) {
@@ -194,10 +206,11 @@ void Cache::load() {
     QV_LOG(g_module, INFO, "Loaded %s cache data with %s store type, num entries = %lu",
            name_.c_str(), type.c_str(), loaded_map_.size());
   }
-  if (auto* lookup_store = dynamic_cast<LookupStore*>(store_.get())) {
+  auto* const lookup_store = lookup_store_of(*store_);
+  if (lookup_store != nullptr) {
     looked_up_ = std::make_unique<LookedUp>(*lookup_store, name_);
   }
-  flush_after_ = flush_after_of(*store_);
+  flush_after_ = flush_after_of(*store_, lookup_store);
   flush_at_ = flush_after_;
   valid_ = true;
   QV_LOG(g_module, INFO, "Created %s cache with %s store type", name_.c_str(), type.c_str());
@@ -271,9 +284,10 @@ const std::vector<util::RoBuffer>* Cache::look_up(const util::RoBuffer& key) {
   }
   if (looked_up_->stats != nullptr) {
     looked_up_->stats->count_lookup(value != nullptr);
-  }
-  if (value == nullptr) {
-    QV_LOG(g_module, DEBUG, "Miss in %s cache: %s", name_.c_str(), HexKey(key).text());
+    // Not with other stores: a key that is on other machines is nothing for a log on this one.
+    if (value == nullptr) {
+      QV_LOG(g_module, DEBUG, "Miss in %s cache: %s", name_.c_str(), HexKey(key).text());
+    }
   }
   return value;
 }
@@ -301,12 +315,14 @@ const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key) 
   return looked_up_->snapshot.has_run() ? find_loaded(key) : nullptr;
 }
 
-// Meanwhile another thread may have added the key, or found it: its value stays.
 const std::vector<util::RoBuffer>* Cache::ask_store(const util::RoBuffer& key) {
   std::vector<util::RoBuffer> value;
-  if (!looked_up_->store.find(key, value)) {
-    return nullptr;
-  }
+  return looked_up_->store.find(key, value) ? keep_found(key, std::move(value)) : nullptr;
+}
+
+// Meanwhile another thread may have added the key, or found it: its value stays.
+const std::vector<util::RoBuffer>* Cache::keep_found(const util::RoBuffer& key,
+                                                     std::vector<util::RoBuffer>&& value) {
   const fork_guard::Lock lock(diff_mutex_);
   const auto added = diff_map_.find(key);
   if (added != diff_map_.end()) {
@@ -418,7 +434,15 @@ bool Cache::is_stored(const util::RoBuffer& key) {
   if (looked_up_ == nullptr) {
     return find_loaded(key) != nullptr;
   }
-  return find_known(key) != nullptr || ask_store(key) != nullptr;
+  if (find_known(key) != nullptr) {
+    return true;
+  }
+  std::vector<util::RoBuffer> value;
+  if (!looked_up_->store.find_at_once(key, value)) {
+    return false;
+  }
+  keep_found(key, std::move(value));
+  return true;
 }
 
 // The caller holds the mutex.
@@ -453,6 +477,9 @@ bool Cache::store_unstored() {
   const bool stored = expect_stored(name_, [&] {
     const map diff = copy_unstored();
     entries = diff.size();
+    if (diff.empty() && looked_up_ != nullptr) {
+      looked_up_->store.keep_found();
+    }
     return diff.empty() || store_->try_store_diff(diff);
   });
   if (stored && entries > 0) {

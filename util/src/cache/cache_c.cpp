@@ -1,6 +1,7 @@
 #include <quorvane/cache_c.h>
 
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
 
@@ -14,8 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "src/cache/checks.h"
 #include "src/cache/failure.h"
 #include "src/cache/open_error.h"
+#include "src/fork_gate.h"
 #include "src/uncancellable.h"
 
 using quorvane::Uncancellable;
@@ -23,6 +26,7 @@ using quorvane::cache::Cache;
 using quorvane::cache::error_of_failed_load;
 using quorvane::cache::error_of_invalid;
 using quorvane::cache::Failure;
+using quorvane::cache::g_module;
 using quorvane::cache::make_store;
 using quorvane::cache::Store;
 using quorvane::cache::StoreKind;
@@ -93,11 +97,11 @@ std::optional<StoreKind> kind_of(std::string_view name) {
   return std::nullopt;
 }
 
-bool is_reserved(std::string_view kind) { return kind == "remote" || kind == "tiered"; }
+bool is_null_or_empty(const char* text) { return text == nullptr || *text == '\0'; }
 
 // A '/' would put the files elsewhere.
 bool is_good_name(const char* name) {
-  return name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr;
+  return !is_null_or_empty(name) && std::strchr(name, '/') == nullptr;
 }
 
 StoreOptions options_of(StoreKind kind, const char* root, const char* name, unsigned flags) {
@@ -133,6 +137,64 @@ int open_stored(const StoreOptions& options, std::unique_ptr<qv_cache>& opened) 
   return error == EIO ? error_of_failed_load(options) : error;
 }
 
+// libqvremote.so's way to make a store, which takes `local` over. Null if there is no such
+// library. Only who uses it needs the libraries that it needs. As with the recorder of
+// statistics, forks wait for dlopen, and the library waits for forks without its handlers.
+using MakeRemote = Store* (*)(const char* name, Store* local);
+MakeRemote load_make_remote() {
+  void* library = nullptr;
+  {
+    const quorvane::fork_gate::Closed closed;
+    library = dlopen("libqvremote.so.1", RTLD_NOW | RTLD_LOCAL);
+  }
+  quorvane::fork_gate::wait_for_earlier_forks();
+  void* const make = library != nullptr ? dlsym(library, "qv_remote_store_make") : nullptr;
+  if (make == nullptr) {
+    const char* const cause = dlerror();
+    QV_LOG(g_module, ERROR, "No store on servers: %s", cause != nullptr ? cause : "unknown cause");
+  }
+  return reinterpret_cast<MakeRemote>(make);
+}
+
+// `local` may be null.
+int open_remote(const char* name, std::unique_ptr<Store> local, std::unique_ptr<qv_cache>& opened) {
+  const MakeRemote make = load_make_remote();
+  if (make == nullptr) {
+    return ENOTSUP;
+  }
+  std::unique_ptr<Store> store(make(name, local.release()));
+  if (store == nullptr) {
+    return ENOMEM;
+  }
+  return store->is_valid() ? make_cache(name, std::move(store), false, opened) : EINVAL;
+}
+
+int open_tiered(const StoreOptions& options, std::unique_ptr<qv_cache>& opened) {
+  std::unique_ptr<Store> local = make_store(options);
+  if (local == nullptr) {
+    return ENOMEM;
+  }
+  if (!local->is_valid()) {
+    return error_of_invalid(*local, options);
+  }
+  return open_remote(options.name.c_str(), std::move(local), opened);
+}
+
+// The kinds that take no flags.
+int open_other(std::string_view kind, const char* root, const char* name,
+               std::unique_ptr<qv_cache>& opened) {
+  if (kind == "volatile") {
+    return make_cache(name, nullptr, false, opened);
+  }
+  if (kind == "remote" && is_null_or_empty(root)) {
+    return open_remote(name, nullptr, opened);
+  }
+  if (kind == "tiered") {
+    return open_tiered(options_of(StoreKind::indexed, root, name, 0), opened);
+  }
+  return EINVAL;
+}
+
 int open_cache(const char* kind, const char* root, const char* name, unsigned flags,
                std::unique_ptr<qv_cache>& opened) {
   if (kind == nullptr || !is_good_name(name) || (flags & ~kAllFlags) != 0) {
@@ -141,10 +203,7 @@ int open_cache(const char* kind, const char* root, const char* name, unsigned fl
   if (const auto store_kind = kind_of(kind)) {
     return open_stored(options_of(*store_kind, root, name, flags), opened);
   }
-  if (std::string_view(kind) == "volatile" && flags == 0) {
-    return make_cache(name, nullptr, false, opened);
-  }
-  return is_reserved(kind) ? ENOTSUP : EINVAL;
+  return flags == 0 ? open_other(kind, root, name, opened) : EINVAL;
 }
 
 bool is_good_entry(const void* key, size_t key_size, const void* const* atoms, const size_t* sizes,
@@ -288,7 +347,7 @@ const char* qv_cache_error_text(int error) {
     case 0:
       return "no error";
     case EINVAL:
-      return "an argument is wrong, or there is no root directory";
+      return "an argument is wrong, or there is no root directory or no server";
     case ENOENT:
       return "the root directory or the store isn't there";
     case EACCES:
@@ -300,7 +359,7 @@ const char* qv_cache_error_text(int error) {
     case EIO:
       return "the store is damaged or can't be used";
     case ENOTSUP:
-      return "this build has no such kind of cache";
+      return "libqvremote.so.1 isn't installed";
     default:
       return "unknown error";
   }

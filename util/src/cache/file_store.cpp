@@ -1,7 +1,6 @@
 #include <quorvane/file_store.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -46,6 +45,18 @@ class Mark {
   std::atomic<bool>& mark_;
 };
 
+// Reads what sscanf reads with "%zu", but a process's first sscanf takes as long as to open a
+// store's file.
+bool read_threshold(const char* text, std::size_t& threshold) {
+  char* end = nullptr;
+  const std::size_t number = std::strtoul(text, &end, 10);
+  if (end == text) {
+    return false;
+  }
+  threshold = number;
+  return true;
+}
+
 std::size_t threshold_from_environment() {
   if (const auto size = size_from_environment()) {
     log_threshold(*size);
@@ -53,8 +64,10 @@ std::size_t threshold_from_environment() {
   }
   const char* threshold_env = secure_getenv("QV_CACHE_STORE_CLEANUP_THRESHOLD");
   std::size_t threshold = 0;
-  if (CACHE_EXPECT(2, threshold_env) && CACHE_EXPECT(2, sscanf(threshold_env, "%zu", &threshold) ==
-                                                            1)) {  // Kept: docs/compatibility.md
+  if (CACHE_EXPECT(2, threshold_env) &&
+      CACHE_EXPECT_AS(2, read_threshold(threshold_env, threshold),
+                      "sscanf(threshold_env, \"%zu\", &threshold) == 1",
+                      __LINE__)) {  // Kept: docs/compatibility.md
     log_threshold(threshold);
     return threshold;
   }

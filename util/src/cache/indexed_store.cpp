@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <typeinfo>
 #include <utility>
 
 #include "src/cache/cache_stats.h"
@@ -9,6 +10,7 @@
 #include "src/cache/indexed/engine.h"
 #include "src/cache/store_files.h"
 #include "src/cache/store_place.h"
+#include "src/cache/trace.h"
 
 namespace quorvane {
 namespace cache {
@@ -28,6 +30,36 @@ bool is_directory(const std::string& path) {
 std::int64_t nanoseconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::nanoseconds(std::chrono::steady_clock::now() - start).count();
 }
+
+// Null for a lock of another class. Spares the usual lock a dynamic_cast, whose first use in a
+// process takes time.
+StoreFLock* file_lock_of(Store::Lock* lock) {
+  const bool is_exactly_that = lock != nullptr && typeid(*lock) == typeid(StoreFLock);
+  return is_exactly_that ? static_cast<StoreFLock*>(lock) : dynamic_cast<StoreFLock*>(lock);
+}
+
+// Without statistics it doesn't look at the clock: to bind that at its first use takes as long as
+// to open a file.
+bool open_and_time(indexed::Engine& engine, const CacheStats& stats) {
+  if (!stats.is_captured()) {
+    return engine.open();
+  }
+  const auto start = std::chrono::steady_clock::now();
+  const bool opened = engine.open();
+  stats.add_open(nanoseconds_since(start));
+  return opened;
+}
+
+// For a controller, a store whose size is known.
+class Measured : public CleanableResource {
+ public:
+  explicit Measured(std::uint64_t bytes) : bytes_(bytes) {}
+  std::uint64_t get_usage() override { return bytes_; }
+  void clean() override {}
+
+ private:
+  const std::uint64_t bytes_;
+};
 
 // Adds to the statistics what the engine has counted in the life of this object.
 class Counted {
@@ -81,7 +113,7 @@ bool IndexedStore::is_valid() const {
 }
 
 bool IndexedStore::is_lock_lost() const {
-  auto* const lock = dynamic_cast<StoreFLock*>(lock_.get());
+  auto* const lock = file_lock_of(lock_.get());
   return lock != nullptr && lock->is_lost();
 }
 
@@ -91,10 +123,14 @@ bool IndexedStore::try_load(EntryMap& out) {
     return false;
   }
   const Counted counted(*engine_, stats_);
-  const auto start = std::chrono::steady_clock::now();
-  const bool opened = engine_->open();
-  stats_.add_open(nanoseconds_since(start));
-  measure();
+  Trace traced(engine_.get(), trace::Operation::store_open);
+  const bool opened = open_and_time(*engine_, stats_);
+  Measured measured(engine_->usage_when_opened());
+  traced.end(measured.get_usage());
+  controller_->update_and_check_usage(ticket_, measured);
+  if (stats_.is_captured()) {
+    stats_.set_size(engine_->entries(), measured.get_usage());
+  }
   return opened;
 }
 
@@ -106,7 +142,9 @@ bool IndexedStore::try_store_diff(const EntryMap& diff) {
     return true;  // nothing to store, and so no record about it
   }
   const Counted counted(*engine_, stats_);
+  Trace traced(engine_.get(), trace::Operation::store_flush);
   const bool stored = engine_->store(diff, controller_->get_room(ticket_));
+  traced.end(diff.size());
   measure();
   return stored;
 }
@@ -120,7 +158,10 @@ void IndexedStore::measure() {
 }
 
 bool IndexedStore::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
-  return engine_->find(key, value);
+  Trace traced(engine_.get(), trace::Operation::store_find);
+  const bool is_found = engine_->find(key, value);
+  traced.end(is_found ? value.size() : 0);
+  return is_found;
 }
 
 std::uint64_t IndexedStore::entries() { return engine_->entries(); }

@@ -85,36 +85,35 @@ LockAndController make_lock(const StorePlace& place, const StoreOptions& options
   return {{limited, &limited->lock}, &limited->controller};
 }
 
-std::unique_ptr<Store> make_of_kind(StoreKind kind, const StorePlace& place,
-                                    const LockAndController& with) {
-  switch (kind) {
-    case StoreKind::basic:
-      return std::make_unique<BasicStore>(place, with.lock, with.controller);
-    case StoreKind::lazy_lookup:
-      return std::make_unique<LazyLookupStore>(place, with.lock, with.controller);
-    case StoreKind::indexed:
-      return std::make_unique<IndexedStore>(place, with.lock, with.controller);
-  }
-  return nullptr;
+template <typename Kind>
+std::unique_ptr<Store> make_of(const StorePlace& place, const LockAndController& with,
+                               std::uint64_t flush_after) {
+  auto store = std::make_unique<Kind>(place, with.lock, with.controller);
+  store->set_flush_after(flush_after);
+  return store;
 }
 
-void set_flush_after(Store& store, std::uint64_t entries) {
-  if (auto* const file_store = dynamic_cast<FileStoreSkeleton*>(&store)) {
-    file_store->set_flush_after(entries);
-  } else if (auto* const lookup_store = dynamic_cast<LookupStore*>(&store)) {
-    lookup_store->set_flush_after(entries);
+std::unique_ptr<Store> make_of_kind(const StorePlace& place, const LockAndController& with,
+                                    const StoreOptions& options) {
+  switch (options.kind) {
+    case StoreKind::basic:
+      return make_of<BasicStore>(place, with, options.flush_after);
+    case StoreKind::lazy_lookup:
+      return make_of<LazyLookupStore>(place, with, options.flush_after);
+    case StoreKind::indexed:
+      return make_of<IndexedStore>(place, with, options.flush_after);
   }
+  return nullptr;
 }
 
 // Creates the files of a lazy store, without which it doesn't load. If only one of them
 // exists, leaves it alone: the load reports that. Ignores the root and the name of `options`.
 std::unique_ptr<Store> make_at(const StorePlace& place, const StoreOptions& options) {
   const LockAndController with = make_lock(place, options);
-  std::unique_ptr<Store> store = make_of_kind(options.kind, place, with);
+  std::unique_ptr<Store> store = make_of_kind(place, with, options);
   if (store == nullptr) {
     return store;
   }
-  set_flush_after(*store, options.flush_after);
   const bool is_lazy = options.kind == StoreKind::lazy_lookup;
   if (!store->is_valid() || place.read_only || !(is_lazy || options.must_exist)) {
     return store;

@@ -13,5 +13,11 @@ Store::~Store() = default;
 LookupStore::~LookupStore() = default;
 CleanableResource::~CleanableResource() = default;
 
+bool LookupStore::find_at_once(const util::RoBuffer& key, std::vector<util::RoBuffer>& value) {
+  return find(key, value);
+}
+
+void LookupStore::keep_found() {}
+
 }  // namespace cache
 }  // namespace quorvane

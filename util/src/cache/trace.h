@@ -2,6 +2,7 @@
 #ifndef QUORVANE_SRC_CACHE_TRACE_H_
 #define QUORVANE_SRC_CACHE_TRACE_H_
 
+#include <cerrno>
 #include <cstdint>
 
 #include <quorvane/tracer.h>
@@ -10,20 +11,22 @@ namespace quorvane {
 namespace cache {
 
 // One operation of a store. The constructor reports its start; end() reports its end with
-// the number of bytes that it read or wrote.
+// the number of bytes that it read or wrote, or another count that quorvane/tracer.h names.
 class Trace {
  public:
   Trace(const void* store, trace::Operation operation) : store_(store), operation_(operation) {
     report(trace::Event::start, 0);
   }
-  void end(std::uint64_t bytes) { report(trace::Event::end, bytes); }
+  void end(std::uint64_t count) { report(trace::Event::end, count); }
 
  private:
-  void report(trace::Event event, std::uint64_t bytes) {
+  void report(trace::Event event, std::uint64_t count) {
     if (&qvtracer::util::write_trace != nullptr) {
+      const int error = errno;
       qvtracer::util::write_trace(nullptr, &record_, static_cast<unsigned>(event),
                                   static_cast<unsigned>(operation_), store_,
-                                  reinterpret_cast<const void*>(bytes), nullptr, nullptr);
+                                  reinterpret_cast<const void*>(count), nullptr, nullptr);
+      errno = error;
     }
   }
 

@@ -4,6 +4,7 @@
 
 #include "src/cache/indexed/index_builder.h"
 #include "src/cache/indexed/scan.h"
+#include "src/cache/trace.h"
 
 namespace quorvane {
 namespace cache {
@@ -23,6 +24,17 @@ bool Append::recover() {
   if (!writer_.open(paths_.data, pair_.data.id())) {
     return false;
   }
+  if (writer_.size() == pair_.index.covered() && pair_.index.indexed() >= pair_.index.covered() &&
+      !pair_.index.is_moving()) {
+    return true;
+  }
+  Trace traced(store_, trace::Operation::store_recover);
+  const bool is_recovered = finish();
+  traced.end(pair_.index.covered());
+  return is_recovered;
+}
+
+bool Append::finish() {
   const std::uint64_t size = writer_.size();
   if (size != pair_.index.covered() && !take_tail(size)) {
     return false;

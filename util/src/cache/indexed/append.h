@@ -29,7 +29,9 @@ class Append {
     failed          // nothing is stored; errno
   };
 
-  Append(const Paths& paths, Pair& pair) : paths_(paths), pair_(pair) {}
+  // The tracer hears of `store`.
+  Append(const Paths& paths, Pair& pair, const void* store)
+      : paths_(paths), pair_(pair), store_(store) {}
 
   // Finishes what a killed process has begun. Call it first. False with errno.
   bool recover();
@@ -58,6 +60,7 @@ class Append {
     std::uint64_t damaged;  // the offset of the damaged entry of its key, or 0
   };
 
+  bool finish();
   bool take_tail(std::uint64_t size);
   void count_entries();
   Result write();
@@ -66,6 +69,7 @@ class Append {
 
   const Paths& paths_;
   Pair& pair_;
+  const void* const store_;
   DataWriter writer_;
   std::vector<Chosen> chosen_;
   std::vector<Slot> slots_;

@@ -15,6 +15,7 @@
 #include "src/cache/failure.h"
 #include "src/cache/indexed/index_builder.h"
 #include "src/cache/indexed/scan.h"
+#include "src/cache/trace.h"
 
 namespace quorvane {
 namespace cache {
@@ -78,10 +79,12 @@ Engine::Engine(const std::string& root, const std::string& name, std::shared_ptr
 // --- opening ---
 
 bool Engine::open() try {
+  opened_usage_ = 0;
   std::unique_ptr<Pair> pair;
   Pair* const before = present_.get();
   const Status status = present_.open(pair);
   if (status == Status::fits) {
+    opened_usage_ = pair->usage_when_opened();
     present_.attach(std::move(pair), before);
     return true;
   }
@@ -161,6 +164,13 @@ bool Engine::report(const Pair& pair, Status status, const std::string& path) co
 }
 
 bool Engine::build_index(const DataFile& data) {
+  Trace traced(this, trace::Operation::store_recover);
+  const bool is_built = try_build_index(data);
+  traced.end(data.size_when_opened());
+  return is_built;
+}
+
+bool Engine::try_build_index(const DataFile& data) {
   IndexBuilder builder(data);
   const ScanResult result = builder.collect(data.size_when_opened(), true);
   if (result.is_damaged) {
@@ -341,7 +351,7 @@ Engine::Step Engine::try_change(StoreTurn& turn, Replaced& replaced, const Entry
   if (!pair->index.is_writable() && may_write(paths_.data)) {  // another user has made it
     return build_index(pair->data) ? Step::again : Step::reported;
   }
-  Append append(paths_, *pair);
+  Append append(paths_, *pair, this);
   if (!append.recover()) {
     return Step::failed;
   }
@@ -465,12 +475,15 @@ Engine::Step Engine::clean_files(StoreTurn& turn, const Pair& from, const Bound&
   if (!clean.begin(from)) {
     return Step::failed;
   }
+  Trace traced(this, trace::Operation::store_clean);
   turn.release();
   const bool is_copied = clean.copy(from);
   const int error = errno;
   turn.take();
   errno = error;
-  return finish_clean(clean, is_copied, from.data.identity());
+  const Step step = finish_clean(clean, is_copied, from.data.identity());
+  traced.end(clean.kept());
+  return step;
 }
 
 // With the lock. A disk without room for copies may have room for an empty store.
@@ -483,7 +496,7 @@ Engine::Step Engine::finish_clean(Clean& clean, bool is_copied, std::uint64_t id
   if (pair->data.identity() != identity) {
     return Step::again;  // somebody has replaced the files by hand
   }
-  if (!Append(paths_, *pair).recover()) {
+  if (!Append(paths_, *pair, this).recover()) {
     return Step::failed;
   }
   const std::uint64_t entries = pair->index.entries();

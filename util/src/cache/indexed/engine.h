@@ -58,6 +58,12 @@ class Engine {
   // The bytes of both files.
   std::uint64_t usage() const;
 
+  // The same as the last open() found it, unless it had to make a file. Makes no system call then.
+  std::uint64_t usage_when_opened() const {
+    const std::uint64_t opened = opened_usage_;
+    return opened != 0 ? opened : usage();
+  }
+
   // The entries that all cleans of this process have kept and dropped.
   std::uint64_t kept() const { return kept_; }
   std::uint64_t dropped() const { return dropped_; }
@@ -85,6 +91,7 @@ class Engine {
   bool open_locked();
   bool create_or_rebuild(const Pair& pair, Status status);
   bool build_index(const DataFile& data);
+  bool try_build_index(const DataFile& data);
   bool report(const Pair& pair, Status status, const std::string& path) const;
 
   bool change(const EntryMap& diff, std::uint64_t limit, const char* verb);
@@ -109,6 +116,7 @@ class Engine {
   PresentPair present_;
   FoundKeys found_;
   Reported reported_;
+  std::atomic<std::uint64_t> opened_usage_{0};
   std::atomic<std::uint64_t> kept_{0};
   std::atomic<std::uint64_t> dropped_{0};
   std::atomic<std::uint64_t> lock_waited_{0};

@@ -32,6 +32,7 @@ class IndexFile {
   std::uint32_t version() const { return page_.version; }  // of a file of another version too
   std::uint64_t slots() const { return page_.slots; }
   std::uint64_t covered_when_opened() const { return page_.covered; }
+  std::uint64_t mapped_size() const { return mapping_.size(); }  // the whole file
   const descriptor::FileId& id() const { return id_; }
   bool is_writable() const { return writable_; }
 

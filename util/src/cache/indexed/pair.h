@@ -60,6 +60,9 @@ class Pair {
   // find nothing, and are repeated in the pair that has replaced this one.
   void retire();
 
+  // The bytes of both files.
+  std::uint64_t usage_when_opened() const { return data.size_when_opened() + index.mapped_size(); }
+
   DataFile data;
   IndexFile index;
 

@@ -1,0 +1,2 @@
+find_library(HIREDIS_LIBRARY hiredis REQUIRED)
+target_link_libraries(remote_bench PRIVATE QVUtil::QVRemote ${HIREDIS_LIBRARY})

@@ -1,0 +1,1 @@
+add_dependencies(demo_remote_test fingerprint)

@@ -1,0 +1,2 @@
+target_link_libraries(fingerprint_remote_test PRIVATE qv_redis_servers)
+add_dependencies(fingerprint_remote_test fingerprint)

@@ -1,0 +1,11 @@
+# Tests that start Redis servers, and talk to them past the library.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(HIREDIS REQUIRED IMPORTED_TARGET hiredis)
+add_library(qv_redis_servers STATIC support/redis_servers.cpp)
+target_link_libraries(qv_redis_servers PUBLIC qv_test_support PRIVATE PkgConfig::HIREDIS qv_warnings)
+foreach(source ${test_sources})
+  get_filename_component(name ${source} NAME_WE)
+  if(name MATCHES "^remote_.*_server_test$")
+    target_link_libraries(${name} PRIVATE qv_redis_servers)
+  endif()
+endforeach()

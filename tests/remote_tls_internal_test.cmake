@@ -1,0 +1,1 @@
+target_sources(remote_tls_internal_test PRIVATE support/tls_server.cpp)
