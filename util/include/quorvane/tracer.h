@@ -33,7 +33,23 @@ enum class Operation : unsigned {
   store_append = 12,     ///< the store; the bytes written, at the end; null; null
   pool_allocate = 14,    ///< the pool; the buffer, at the end; its size; the pool's head
   pool_deallocate = 15,  ///< the pool; the buffer; its size; the pool's head
-  pool_free = 16         ///< the pool; the buffer; its size; the pool's tail
+  pool_free = 16,        ///< the pool; the buffer; its size; the pool's tail
+
+  /// The files of an indexed store; the bytes of both, at the end; null; null.
+  store_open = 17,
+  /// A look-up that the process's own memory doesn't answer. The files of an indexed store; at the
+  /// end, the atoms that were found, or null; null; null.
+  store_find = 18,
+  /// The files of an indexed store; the entries that are handed over, at the end; null; null.
+  store_flush = 19,
+  /// What a killed process has left is finished, or an index is made anew. The files of an indexed
+  /// store; the bytes of entries that were read for it, at the end; null; null.
+  store_recover = 20,
+  /// The files of an indexed store; the entries that are kept, at the end; null; null.
+  store_clean = 21,
+  /// Requests are sent to all servers that they concern, and answered. The servers of a store; the
+  /// requests, at the end; null; null.
+  remote_round_trip = 22
 };
 
 }  // namespace trace

@@ -1,0 +1,1 @@
+target_link_libraries(trace_bench PRIVATE QVUtil::QVTrace)
