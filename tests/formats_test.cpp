@@ -10,14 +10,13 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <regex>
 #include <string>
 #include <vector>
 
-#include "support/documents.h"
-#include "support/recorder_path.h"
+#include "support/hexdump.h"
+#include "support/library_path.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -25,39 +24,8 @@
 namespace {
 
 using quorvane::util::RoBuffer;
+using test::hexdump;
 using test::Ran;
-
-// The block "```hexdump NAME", without the fences.
-std::string documented(const std::string& name) {
-  const std::string block =
-      test::fenced_block(test::read_file(QV_SOURCE_DIR "/docs/formats.md"), "```hexdump " + name);
-  return block.empty() ? "no block " + name : block;
-}
-
-// What hexdump -C prints, without the last line, which has the size. The bytes are those at
-// `offset` of the file.
-std::string hexdump(const std::string& bytes, std::size_t offset = 0) {
-  std::string dump;
-  char piece[24];
-  for (std::size_t row = 0; row < bytes.size(); row += 16) {
-    std::snprintf(piece, sizeof(piece), "%08zx ", offset + row);
-    dump += piece;
-    std::string text;
-    for (std::size_t i = row; i < row + 16; ++i) {
-      dump += i == row + 8 ? " " : "";
-      if (i >= bytes.size()) {
-        dump += "   ";
-        continue;
-      }
-      const auto byte = static_cast<unsigned char>(bytes[i]);
-      std::snprintf(piece, sizeof(piece), " %02x", byte);
-      dump += piece;
-      text += byte >= 0x20 && byte < 0x7f ? bytes[i] : '.';
-    }
-    dump += "  |" + text + "|\n";
-  }
-  return dump;
-}
 
 std::string replaced(const std::string& text, const std::string& pattern, const std::string& by) {
   return std::regex_replace(text, std::regex(pattern), by);
@@ -109,13 +77,13 @@ class FormatsDocument : public testing::Test {
 
 TEST_F(FormatsDocument, ShowsTheBytesOfABasicStore) {
   ASSERT_TRUE(fill_store("basic").exited_with(0));
-  EXPECT_EQ(documented("store"), hexdump(test::read_file(dir_.file("demo"))));
+  EXPECT_EQ(test::documented_hexdump("store"), hexdump(test::read_file(dir_.file("demo"))));
 }
 
 TEST_F(FormatsDocument, ShowsTheBytesOfBothFilesOfALazyStore) {
   ASSERT_TRUE(fill_store("lazy_lookup").exited_with(0));
-  EXPECT_EQ(documented("keys"), hexdump(test::read_file(dir_.file("key_demo"))));
-  EXPECT_EQ(documented("values"), hexdump(test::read_file(dir_.file("val_demo"))));
+  EXPECT_EQ(test::documented_hexdump("keys"), hexdump(test::read_file(dir_.file("key_demo"))));
+  EXPECT_EQ(test::documented_hexdump("values"), hexdump(test::read_file(dir_.file("val_demo"))));
 }
 
 // Puts bytes of the page in the place of those that differ from one store to the next.
@@ -129,7 +97,7 @@ TEST_F(FormatsDocument, ShowsTheBytesOfAnIndexedStoresData) {
   ASSERT_TRUE(fill_store("indexed").exited_with(0));
   std::string data = test::read_file(dir_.file("dat_demo"));
   put(data, 8, kIdentity);
-  EXPECT_EQ(documented("data"), hexdump(data));
+  EXPECT_EQ(test::documented_hexdump("data"), hexdump(data));
 }
 
 // The 16 bytes of each row that has a slot in use.
@@ -155,9 +123,9 @@ TEST_F(FormatsDocument, ShowsTheBytesOfAnIndexedStoresIndex) {
   put(index, 16, "\x01\xfe\0\0\0\0\0\0\x27\x0b\x16\0\0\0\0\0"s);
   put(index, 32, "\x5e\xc1\x20\x9f\x84\x6a\x3d\xb7\xf2\x08\x71\xcc\x19\xae\x45\xd3");
   put(index, 56, "\x93\x2a\xe6\x0d\x7c\xb1\x54\x8f");
-  EXPECT_EQ(documented("index"), hexdump(index.substr(0, 96)));
+  EXPECT_EQ(test::documented_hexdump("index"), hexdump(index.substr(0, 96)));
   EXPECT_EQ(index.find_first_not_of('\0', 96), index.find_first_not_of('\0', 4096));
-  EXPECT_EQ(documented("slots"), hexdump_of_slots(index));
+  EXPECT_EQ(test::documented_hexdump("slots"), hexdump_of_slots(index));
 }
 
 TEST_F(FormatsDocument, IsRightAboutTheNamesOfAnIndexedStoresFiles) {
@@ -192,7 +160,7 @@ TEST_F(FormatsDocument, ShowsTheBytesOfAProcessIdSet) {
   EXPECT_EQ(qv_pidset_remove(set, 5), 0);
   qv_pidset_close(set);
   const std::string page = test::read_file(path);
-  EXPECT_EQ(documented("pids"), hexdump(page.substr(0, 20)));
+  EXPECT_EQ(test::documented_hexdump("pids"), hexdump(page.substr(0, 20)));
   EXPECT_EQ(page.find_first_not_of('\0', 20), std::string::npos);
 }
 
@@ -201,17 +169,21 @@ TEST_F(FormatsDocument, ShowsTheBytesOfALogRecord) {
   std::string record =
       replaced(ran.log, R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)", "2024-03-01T12:00:00.000042Z");
   record = replaced(record, R"(, \d+, \d+, ")", ", 1234, 1240, \"");
-  EXPECT_EQ(documented("log"), hexdump(record));
+  EXPECT_EQ(test::documented_hexdump("log"), hexdump(record));
 }
 
 TEST_F(FormatsDocument, ShowsTheBytesOfAStatisticsReport) {
   const std::string file = dir_.file("reports");
   ASSERT_TRUE(test::run_scenario("report_statistics", {{"QV_STATS_REPORT_FILE", file},
-                                                       {"LD_LIBRARY_PATH", test::kRecorderPath}})
+                                                       {"LD_LIBRARY_PATH", test::kLibraryPath}})
                   .exited_with(0));
-  const std::string report =
-      replaced(test::read_file(file), R"(^\{"ts": \d+,)", R"({"ts": 1709294400,)");
-  EXPECT_EQ(documented("report"), hexdump(report));
+  const std::string report = replaced(
+      test::read_file(file),
+      R"(^\{"ts": \d+, "log":\{"@process":\{"pid":\d+,"program":"formats_test","start":\d+,)"
+      R"("parent":\d+\})",
+      R"({"ts": 1709294400, "log":{"@process":{"pid":1234,"program":"reader",)"
+      R"("start":1709290800,"parent":1})");
+  EXPECT_EQ(test::documented_hexdump("report"), hexdump(report));
 }
 
 }  // namespace

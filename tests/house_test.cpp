@@ -25,6 +25,9 @@ namespace fs = std::filesystem;
 
 const fs::path kUtil = fs::path(QV_SOURCE_DIR) / "util";
 const fs::path kHeaders = kUtil / "include" / "quorvane";
+const fs::path kRemote = fs::path(QV_SOURCE_DIR) / "remote";
+const fs::path kTracing = fs::path(QV_SOURCE_DIR) / "tracing";
+const fs::path kRemoteHeaders = kRemote / "include" / "quorvane";
 
 std::vector<fs::path> sources_below(const fs::path& directory) {
   std::vector<fs::path> files;
@@ -73,9 +76,16 @@ bool has_c_functions(const fs::path& header) {
   return test::read_file(header).find("extern \"C\" {") != std::string::npos;
 }
 
+std::vector<fs::path> public_headers() {
+  std::vector<fs::path> headers = sources_below(kHeaders);
+  const std::vector<fs::path> of_remote = sources_below(kRemoteHeaders);
+  headers.insert(headers.end(), of_remote.begin(), of_remote.end());
+  return headers;
+}
+
 std::vector<Compilation> compilations() {
   std::vector<Compilation> all;
-  for (const fs::path& header : sources_below(kHeaders)) {
+  for (const fs::path& header : public_headers()) {
     all.push_back({header.filename(), "c++17"});
     all.push_back({header.filename(), "c++20"});
     if (has_c_functions(header)) {
@@ -96,7 +106,7 @@ TEST_P(Header, CompilesAloneWithoutWarnings) {
   const CommandResult result =
       run(std::string(is_c ? QV_C_COMPILER : QV_CXX_COMPILER) + " -std=" + row.standard +
           " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" + (kUtil / "include").string() +
-          " " + file);
+          " -I" + (kRemote / "include").string() + " " + file);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.output, "");
 }
@@ -129,7 +139,8 @@ std::optional<int> floor_of(const fs::path& file) {
   static const std::map<std::string, int> floors{{"export", 0},        {"process_generation", 0},
                                                  {"fork_guard", 0},    {"descriptor", 0},
                                                  {"uncancellable", 0}, {"fork_gate", 0},
-                                                 {"once", 0},          {"log", 1},
+                                                 {"once", 0},          {"log_file", 1},
+                                                 {"log", 1},           {"module_levels", 2},
                                                  {"module", 2},        {"fault", 3},
                                                  {"env_config", 3},    {"buffer", 4},
                                                  {"tracer", 4},        {"circular_buffer_pool", 4},
@@ -319,10 +330,62 @@ TEST(Floors, TheLibraryIncludesNothingFromOutside) {
 }
 
 TEST(Floors, ExportedHeadersIncludeOnlyExportedHeaders) {
-  for (const fs::path& file : sources_below(kHeaders)) {
+  for (const fs::path& file : public_headers()) {
     for (const std::string& name : includes_of(file)) {
-      EXPECT_TRUE(!is_ours(name) || name.rfind("quorvane/", 0) == 0)
+      EXPECT_TRUE(!(is_ours(name) || fs::exists(kRemote / name)) || name.rfind("quorvane/", 0) == 0)
           << file << " includes " << name;
+    }
+  }
+}
+
+// What libqvremote.so shares with libQVUtil.so: the public headers, and hidden helpers that it
+// has copies of.
+TEST(Floors, TheRemoteLibraryIncludesOnlyHelpersOfTheOther) {
+  static const std::set<std::string> shared{"src/fork_guard.h",       "src/process_generation.h",
+                                            "src/descriptor.h",       "src/uncancellable.h",
+                                            "src/cache/flush_turn.h", "src/cache/trace.h"};
+  int arrows = 0;
+  for (const fs::path& file : sources_below(kRemote)) {
+    for (const std::string& name : includes_of(file)) {
+      if (is_ours(name) && !fs::exists(kRemote / name)) {
+        EXPECT_TRUE(name.rfind("quorvane/", 0) == 0 || shared.count(name) != 0)
+            << file << " includes " << name;
+        ++arrows;
+      }
+    }
+  }
+  EXPECT_GT(arrows, 3);
+}
+
+// The same for libqvtrace.so, which also looks up the log's functions.
+TEST(Floors, TheTracerIncludesOnlyHelpersOfTheLibrary) {
+  static const std::set<std::string> shared{"quorvane/tracer.h",        "quorvane/log.h",
+                                            "quorvane/module.h",        "src/once.h",
+                                            "src/process_generation.h", "src/descriptor.h",
+                                            "src/uncancellable.h",      "src/cache/flush_turn.h"};
+  std::set<std::string> included;
+  for (const fs::path& file : sources_below(kTracing)) {
+    for (const std::string& name : includes_of(file)) {
+      if (is_ours(name)) {
+        EXPECT_FALSE(fs::exists(kTracing / name)) << name << " would mean two files";
+        included.insert(name);
+      }
+    }
+  }
+  EXPECT_EQ(included, shared);
+}
+
+// An include of "src/NAME.h" would mean one or the other, by the order of directories.
+TEST(Floors, NoHiddenHeaderOfTheRemoteLibraryHidesOneOfTheOther) {
+  for (const fs::path& file : sources_below(kRemote / "src")) {
+    EXPECT_FALSE(fs::exists(kUtil / file.lexically_relative(kRemote))) << file;
+  }
+}
+
+TEST(Floors, NothingButTheCInterfaceKnowsTheRemoteLibrary) {
+  for (const fs::path& file : sources_below(kUtil)) {
+    for (const std::string& name : includes_of(file)) {
+      EXPECT_THAT(name, testing::Not(testing::HasSubstr("remote_store"))) << file;
     }
   }
 }
@@ -399,12 +462,24 @@ TEST(CompatibilityPage, NamesTestsThatExist) {
 
 TEST(ArchitecturePage, NamesEveryPublicHeaderAndOnlySourcesThatExist) {
   const std::string page = test::read_file(QV_SOURCE_DIR "/docs/architecture.md");
-  for (const fs::path& header : sources_below(kHeaders)) {
+  for (const fs::path& header : public_headers()) {
     EXPECT_THAT(page, testing::HasSubstr("`" + header.filename().string() + "`"));
   }
-  static const std::regex source(R"re(`((src|buffer_pool)/[\w/]+\.(cpp|h))`)re");
+  static const std::regex source(
+      R"re(`((src|buffer_pool|remote/src|tracing/src)/[\w/]+\.(cpp|h))`)re");
   for (std::sregex_iterator it(page.begin(), page.end(), source), end; it != end; ++it) {
-    EXPECT_TRUE(fs::exists(kUtil / (*it)[1].str())) << (*it)[1];
+    const std::string name = (*it)[1];
+    const bool is_in_util = (*it)[2] == "src" || (*it)[2] == "buffer_pool";
+    EXPECT_TRUE(fs::exists(is_in_util ? kUtil / name : fs::path(QV_SOURCE_DIR) / name)) << name;
+  }
+}
+
+TEST(ArchitecturePage, NamesEveryUnitOfTheRemoteLibraryAndTheTracer) {
+  const std::string page = test::read_file(QV_SOURCE_DIR "/docs/architecture.md");
+  for (const fs::path& library : {kRemote, kTracing}) {
+    for (const fs::path& file : sources_below(library / "src")) {
+      EXPECT_THAT(page, testing::HasSubstr("`" + file.stem().string() + "`"));
+    }
   }
 }
 
@@ -423,7 +498,7 @@ TEST(Version, StandsInOnePlace) {
   const CommandResult places = run(
       "cd '" QV_SOURCE_DIR "' && grep -rlwF '" + version() +
       "' CMakeLists.txt CMakePresets.json CONTRIBUTING.md README.md bench circmetrics cmake docs"
-      " examples fuzz scripts tests util");
+      " examples fuzz remote scripts tests tracing util");
   EXPECT_EQ(places.output, "CMakeLists.txt\n");
 }
 
@@ -433,10 +508,11 @@ TEST(Version, StandsInOnePlace) {
 // A sanitizer adds symbols of its own.
 
 // Each symbol with its version: NAME@@VERSION. Compilers differ in what they inline, so weak
-// copies of inline functions don't count: one list serves every compiler.
-std::vector<std::string> versioned_symbols() {
+// copies of inline functions don't count: one list serves every compiler. The tracer's function is
+// weak as well, since its declaration is.
+std::vector<std::string> versioned_symbols(const std::string& library) {
   const CommandResult result =
-      run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/libQVUtil.so");
+      run("nm -D --defined-only --format=posix " QV_BINARY_DIR "/lib/" + library);
   EXPECT_EQ(result.status, 0) << result.output;
   std::vector<std::string> names;
   for (const std::string& line : test::lines_of(result.output)) {
@@ -445,7 +521,9 @@ std::vector<std::string> versioned_symbols() {
     std::string type;
     fields >> name >> type;
     const bool is_class_data = name.rfind("_ZT", 0) == 0;
-    if (type != "A" && ((type != "W" && type != "V" && type != "u") || is_class_data)) {
+    const bool is_tracers = name.find("8qvtracer") != std::string::npos;
+    if (type != "A" &&
+        ((type != "W" && type != "V" && type != "u") || is_class_data || is_tracers)) {
       names.push_back(name);
     }
   }
@@ -453,8 +531,8 @@ std::vector<std::string> versioned_symbols() {
   return names;
 }
 
-std::vector<std::string> exported_symbols() {
-  std::vector<std::string> names = versioned_symbols();
+std::vector<std::string> exported_symbols(const std::string& library) {
+  std::vector<std::string> names = versioned_symbols(library);
   for (std::string& name : names) {
     name.resize(std::min(name.size(), name.find('@')));
   }
@@ -462,24 +540,41 @@ std::vector<std::string> exported_symbols() {
   return names;
 }
 
+struct Library {
+  std::string name;
+  std::string list;  // of its symbols
+  std::string version;
+};
+
+const std::vector<Library> kLibraries{
+    {"libQVUtil.so", "util/QVUtil.symbols", "@@QVUTIL_1.0"},
+    {"libqvremote.so", "remote/QVRemote.symbols", "@@QVREMOTE_1.0"},
+    {"libqvtrace.so", "tracing/QVTrace.symbols", "@@QVTRACE_1.0"}};
+
 TEST(ExportedSymbols, AreTheListInTheRepository) {
-  std::string list;
-  for (const std::string& name : exported_symbols()) {
-    list += name + "\n";
+  for (const Library& library : kLibraries) {
+    std::string list;
+    for (const std::string& name : exported_symbols(library.name)) {
+      list += name + "\n";
+    }
+    EXPECT_EQ(list, test::read_file(fs::path(QV_SOURCE_DIR) / library.list))
+        << "if the change is intended, apply the difference to " << library.list;
   }
-  EXPECT_EQ(list, test::read_file(kUtil / "QVUtil.symbols"))
-      << "if the change is intended, apply the difference to util/QVUtil.symbols";
 }
 
 TEST(ExportedSymbols, CarryTheVersionOfTheirFirstRelease) {
-  const std::vector<std::string> names = versioned_symbols();
-  ASSERT_FALSE(names.empty());
-  EXPECT_THAT(names, testing::Each(testing::EndsWith("@@QVUTIL_1.0")));
+  for (const Library& library : kLibraries) {
+    const std::vector<std::string> names = versioned_symbols(library.name);
+    ASSERT_FALSE(names.empty());
+    EXPECT_THAT(names, testing::Each(testing::EndsWith(library.version)));
+  }
 }
 
 TEST(ExportedSymbols, AreOurs) {
-  for (const std::string& name : exported_symbols()) {
-    EXPECT_THAT(name, testing::ContainsRegex("^qv_|quorvane|^_Z[0-9]+qv_")) << name;
+  for (const Library& library : kLibraries) {
+    for (const std::string& name : exported_symbols(library.name)) {
+      EXPECT_THAT(name, testing::ContainsRegex("^qv_|quorvane|^_Z[0-9]+qv_|^_ZN8qvtracer")) << name;
+    }
   }
 }
 #endif

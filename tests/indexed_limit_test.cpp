@@ -109,6 +109,15 @@ TEST_F(LimitedIndexedCache, StoresNothingThatNeverFits) {
   EXPECT_TRUE(get(*cache, "large"));
 }
 
+TEST_F(LimitedIndexedCache, CountsWhatItOpensTowardsTheLimitOfAController) {
+  fill(*open_cache(limited()), "old", 20);
+  CleanupController controller(kLimit);
+  StoreOptions options = test::indexed_options(root_.path());
+  options.controller = &controller;
+  const auto cache = open_cache(options);
+  EXPECT_EQ(controller.get_room(controller.get_ticket()), kLimit - bytes());
+}
+
 TEST_F(LimitedIndexedCache, SharesTheLimitOfAController) {
   CleanupController controller(2 * kLimit);
   StoreOptions options = test::indexed_options(root_.path());

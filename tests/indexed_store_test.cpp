@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "support/indexed_cache.h"
+#include "support/library_path.h"
 #include "support/log_records.h"
-#include "support/recorder_path.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
@@ -203,7 +203,7 @@ TEST(IndexedCacheStatistics, AreReportedUnderItsName) {
   const TempDir root;
   const test::Ran ran = test::run_scenario(
       "counts_in_an_indexed_cache",
-      {{"QV_STATS_REPORT_FILE", root.file("report")}, {"LD_LIBRARY_PATH", test::kRecorderPath}},
+      {{"QV_STATS_REPORT_FILE", root.file("report")}, {"LD_LIBRARY_PATH", test::kLibraryPath}},
       {root.path()});
   EXPECT_TRUE(ran.exited_with(0));
   const std::string report = test::read_file(root.file("report"));

@@ -59,10 +59,33 @@ TEST_F(Readme, TheFirstProgramForgetsWithoutAStoreRoot) {
 
 TEST_F(Readme, NamesEveryVariableThatTheLibraryReads) {
   const std::string text = test::read_file(README);
-  for (const char* variable :
-       {"QV_LOG_FILE", "QV_LOG_FILE_Global", "HOME", "QV_LOG_LEVEL", "QV_LOG_SYNC",
-        "QV_CACHE_STORE_ROOT", "QV_CACHE_STORE_SIZE", "QV_CACHE_STORE_CLEANUP_THRESHOLD",
-        "QV_STATS_REPORT_FILE", "QV_STATS_REPORT_PERIOD", "QV_PIDFILE_ROOT", "TMPDIR"}) {
+  for (const char* variable : {"QV_LOG_FILE",
+                               "QV_LOG_FILE_Global",
+                               "HOME",
+                               "QV_LOG_LEVEL",
+                               "QV_LOG_LEVELS",
+                               "QV_LOG_SYNC",
+                               "QV_CACHE_STORE_ROOT",
+                               "QV_CACHE_STORE_SIZE",
+                               "QV_CACHE_STORE_CLEANUP_THRESHOLD",
+                               "QV_CACHE_REMOTE",
+                               "QV_CACHE_REMOTE_NAMESPACE",
+                               "QV_CACHE_REMOTE_USER",
+                               "QV_CACHE_REMOTE_PASSWORD_FILE",
+                               "QV_CACHE_REMOTE_CONNECT_TIMEOUT",
+                               "QV_CACHE_REMOTE_TIMEOUT",
+                               "QV_CACHE_REMOTE_STORE_TIMEOUT",
+                               "QV_CACHE_REMOTE_MAX_VALUE",
+                               "QV_CACHE_REMOTE_TTL",
+                               "QV_CACHE_REMOTE_READ_ONLY",
+                               "QV_CACHE_REMOTE_CA_FILE",
+                               "QV_CACHE_REMOTE_CERT_FILE",
+                               "QV_CACHE_REMOTE_KEY_FILE",
+                               "QV_STATS_REPORT_FILE",
+                               "QV_STATS_REPORT_PERIOD",
+                               "QV_TRACE_FILE",
+                               "QV_PIDFILE_ROOT",
+                               "TMPDIR"}) {
     EXPECT_THAT(text, HasSubstr("| `" + std::string(variable) + "` |"));
   }
 }

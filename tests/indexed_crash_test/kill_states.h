@@ -76,7 +76,7 @@ struct Tally {
 // Of how many states one is recovered from. Under a sanitizer, a process takes many times as
 // long to start.
 #ifdef QV_SANITIZED
-constexpr std::size_t kStride = 4;
+constexpr std::size_t kStride = 12;
 #else
 constexpr std::size_t kStride = 1;
 #endif
