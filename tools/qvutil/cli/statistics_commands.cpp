@@ -1,0 +1,9 @@
+#include <CLI/CLI.hpp>
+
+#include "qvutil/cli/commands.h"
+
+namespace quorvane::tool {
+
+void add_statistics(CLI::App&, Action&) {}
+
+}  // namespace quorvane::tool

@@ -1,0 +1,46 @@
+// Where a command prints, and in what form.
+#ifndef TOOLS_QVUTIL_OUTPUT_CONSOLE_H_
+#define TOOLS_QVUTIL_OUTPUT_CONSOLE_H_
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+namespace quorvane::tool {
+
+enum class Colour { none, red, green, yellow, bold, dim };
+
+// Results go to out(), everything else to err(). With --json, each line of out() is one JSON
+// object, and there is nothing else.
+class Console {
+ public:
+  struct Style {
+    bool json = false;
+    bool colour = false;
+    bool progress = false;  // standard error is a terminal
+    int columns = 0;        // of the terminal that standard output is; 0: it is none
+  };
+
+  Console(std::ostream& out, std::ostream& err, Style style)
+      : out_(out), err_(err), style_(style) {}
+
+  // Of this process: colour on a terminal unless NO_COLOR is set or TERM is dumb.
+  static Style style_of_process(bool json);
+
+  std::ostream& out() { return out_; }
+  std::ostream& err() { return err_; }
+  const Style& style() const { return style_; }
+  bool json() const { return style_.json; }
+
+  // `text` in this colour, if colours are used.
+  std::string paint(Colour colour, std::string_view text) const;
+
+ private:
+  std::ostream& out_;
+  std::ostream& err_;
+  Style style_;
+};
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_OUTPUT_CONSOLE_H_

@@ -1,0 +1,52 @@
+// The progress of what takes longer than a second.
+#ifndef TOOLS_QVUTIL_OUTPUT_PROGRESS_H_
+#define TOOLS_QVUTIL_OUTPUT_PROGRESS_H_
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "qvutil/output/console.h"
+
+namespace quorvane::tool {
+
+// A line on standard error, if that is a terminal: how much is done, at which rate, and the
+// time left. It appears after a second, is renewed at most ten times a second, and disappears
+// at the end.
+class Progress {
+ public:
+  // `what` is what the command does: "verifying demo". `total` in bytes; 0: unknown.
+  Progress(Console& console, std::string what, std::uint64_t total);
+  ~Progress();
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // So many bytes are done by now. Cheap: may be called for each entry.
+  void at(std::uint64_t done) {
+    if (shows_ && done >= next_done_) {
+      update(done);
+    }
+  }
+
+  // The line for `done` bytes after `seconds`.
+  static std::string line(const std::string& what, std::uint64_t done, std::uint64_t total,
+                          double seconds);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void update(std::uint64_t done);
+
+  Console& console_;
+  std::string what_;
+  std::uint64_t total_;
+  bool shows_;
+  std::uint64_t next_done_ = 0;  // the clock isn't read before
+  Clock::time_point start_ = Clock::now();
+  Clock::time_point next_ = start_ + std::chrono::seconds(1);
+  bool is_on_screen_ = false;
+};
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_OUTPUT_PROGRESS_H_

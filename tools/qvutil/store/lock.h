@@ -1,0 +1,56 @@
+// The lock of a store.
+#ifndef TOOLS_QVUTIL_STORE_LOCK_H_
+#define TOOLS_QVUTIL_STORE_LOCK_H_
+
+#include <sys/types.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <quorvane/file_store.h>
+
+#include "qvutil/output/console.h"
+#include "qvutil/store/cache_files.h"
+
+namespace quorvane::tool {
+
+// The exclusive lock, as a process with the library takes it: it undoes an append that was cut
+// short. For commands that change files. Waiting for longer than a second is said on standard
+// error, with the holder.
+class WriteLock {
+ public:
+  // Throws Failure if the lock file can't be opened.
+  WriteLock(Console& console, const CacheFiles& files);
+  ~WriteLock();
+  WriteLock(const WriteLock&) = delete;
+  WriteLock& operator=(const WriteLock&) = delete;
+
+ private:
+  std::unique_ptr<cache::StoreFLock> lock_;
+};
+
+// Keeps writers out, changes nothing: a note of an append that was cut short stays. No lock if
+// there is no lock file.
+class ReadLock {
+ public:
+  // Throws Failure if the lock file can't be read.
+  ReadLock(Console& console, const CacheFiles& files);
+  ~ReadLock();
+  ReadLock(const ReadLock&) = delete;
+  ReadLock& operator=(const ReadLock&) = delete;
+
+  // Whether a killed process has left the note of an append: the next writer undoes it.
+  bool has_note() const { return has_note_; }
+
+ private:
+  int fd_ = -1;
+  bool has_note_ = false;
+};
+
+// The process that holds the lock, if there is one and the kernel tells.
+std::optional<pid_t> holder_of(const CacheFiles& files);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_STORE_LOCK_H_
