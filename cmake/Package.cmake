@@ -1,6 +1,7 @@
 # What `cmake --install` installs, and the Debian packages that `cpack` makes of
 # it: libqvutil1 (component runtime), libqvremote1 (remote), libqvtrace1 (trace),
-# libqvutil-dev (devel), libcircmetrics (recorder). Configured with -DCMAKE_INSTALL_PREFIX=/usr,
+# libqvutil-dev (devel), libcircmetrics (recorder), qvutil (tool), and for each with programs or
+# libraries one with its debug symbols, NAME-dbgsym. Configured with -DCMAKE_INSTALL_PREFIX=/usr,
 # the libraries go where Debian has them, in a directory named after the architecture.
 include(CMakePackageConfigHelpers)
 
@@ -35,6 +36,11 @@ install(FILES ${PROJECT_BINARY_DIR}/qvutil.pc ${PROJECT_BINARY_DIR}/qvremote.pc
   ${PROJECT_BINARY_DIR}/qvtrace.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
 
+install(TARGETS qvutil RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+install(FILES docs/man/qvutil.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+install(FILES tools/qvutil/completion.bash RENAME qvutil
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
+
 file(GLOB qv_man3 CONFIGURE_DEPENDS docs/man/*.3)
 file(GLOB qv_man7 CONFIGURE_DEPENDS docs/man/*.7)
 # A page describes a family of functions. Each further function gets a page that links to it.
@@ -54,18 +60,21 @@ install(FILES ${qv_man7} DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT deve
 # The manual pages refer to them.
 install(FILES docs/guide.md docs/formats.md
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libqvutil-dev COMPONENT devel)
+# A project of its own: `cmake -S examples`, with the warnings that it includes.
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libqvutil-dev COMPONENT devel)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/DebianFiles.cmake)
 set(CPACK_PACKAGE_CONTACT "QVUtil maintainers")
-set(CPACK_COMPONENTS_ALL runtime remote trace devel recorder)
+set(CPACK_COMPONENTS_ALL runtime remote trace devel recorder tool)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)  # libQVUtil.so
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Strips what is packed, and puts the symbols into NAME-dbgsym packages.
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 
 # A program that was linked against this version may use what earlier ones lack.
 # Written here, since cpack would complain about the recorder, which has no soname
@@ -89,7 +98,9 @@ set(CPACK_DEBIAN_REMOTE_PACKAGE_CONTROL_EXTRA ${qv_control}/remote/shlibs ${qv_c
 set(CPACK_DEBIAN_TRACE_PACKAGE_CONTROL_EXTRA ${qv_control}/trace/shlibs ${qv_control}/triggers)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${qv_runtime})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "libcircmetrics, ${qv_remote}, ${qv_trace}")
+# Without the recorder, statistics count nothing.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS libcircmetrics)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SUGGESTS "qvutil, ${qv_remote}, ${qv_trace}")
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "utility library for processes that fork (library)
 QVUtil gives the processes of a distributed product logging, settings from the
 environment, fault checks, hashing, statistics, and a key/value cache that they
@@ -125,4 +136,14 @@ set(CPACK_DEBIAN_RECORDER_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RECORDER_DESCRIPTION "metrics recorder that QVUtil loads at run time
 With it, processes that use QVUtil can count, and report what they counted as
 lines of JSON.")
+
+set(CPACK_DEBIAN_TOOL_PACKAGE_NAME qvutil)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
+  "${qv_runtime} (>= ${PROJECT_VERSION}), ${qv_remote} (>= ${PROJECT_VERSION})")
+# Draws the plots.
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS gnuplot-nox)
+set(CPACK_DEBIAN_TOOL_DESCRIPTION "caches, logs and statistics of QVUtil (tool)
+Shows and mends what programs with QVUtil leave on disk: lists, checks and repairs
+caches, merges logs and traces, and plots statistics.")
 include(CPack)
