@@ -26,6 +26,7 @@ namespace fs = std::filesystem;
 const fs::path kUtil = fs::path(QV_SOURCE_DIR) / "util";
 const fs::path kHeaders = kUtil / "include" / "quorvane";
 const fs::path kRemote = fs::path(QV_SOURCE_DIR) / "remote";
+const fs::path kTool = fs::path(QV_SOURCE_DIR) / "tools" / "qvutil";
 const fs::path kTracing = fs::path(QV_SOURCE_DIR) / "tracing";
 const fs::path kRemoteHeaders = kRemote / "include" / "quorvane";
 
@@ -390,6 +391,29 @@ TEST(Floors, NothingButTheCInterfaceKnowsTheRemoteLibrary) {
   }
 }
 
+// The tool uses what any program can use. Its folders are floors, lowest first.
+TEST(Floors, TheToolIncludesOnlyExportedHeadersAndWhatIsBelow) {
+  static const std::map<std::string, int> floors{{"output", 1},   {"store", 2},  {"rewrite", 3},
+                                                 {"log", 3},      {"report", 3}, {"trace", 3},
+                                                 {"commands", 4}, {"cli", 5}};
+  int arrows = 0;
+  for (const fs::path& file : sources_below(kTool)) {
+    const std::string folder = file.parent_path().filename();
+    const int own = folder == "qvutil" ? 6 : floors.at(folder);
+    for (const std::string& name : includes_of(file)) {
+      EXPECT_FALSE(name.rfind("src/", 0) == 0) << file << " includes " << name;
+      EXPECT_TRUE(name != "CLI/CLI.hpp" || folder == "cli") << file << " is slow to compile";
+      // How a command ends, all know.
+      if (name.rfind("qvutil/", 0) == 0 && name != "qvutil/cli/outcome.h") {
+        EXPECT_LE(floors.at(fs::path(name).parent_path().filename()), own)
+            << file << " includes " << name;
+        ++arrows;
+      }
+    }
+  }
+  EXPECT_GT(arrows, 20);
+}
+
 // ---------------------------------------------------------------------- pages
 
 // The lines of docs/pictures/floors.dot that draw a floor.
@@ -498,7 +522,7 @@ TEST(Version, StandsInOnePlace) {
   const CommandResult places = run(
       "cd '" QV_SOURCE_DIR "' && grep -rlwF '" + version() +
       "' CMakeLists.txt CMakePresets.json CONTRIBUTING.md README.md bench circmetrics cmake docs"
-      " examples fuzz remote scripts tests tracing util");
+      " examples fuzz remote scripts tests tools tracing util");
   EXPECT_EQ(places.output, "CMakeLists.txt\n");
 }
 
