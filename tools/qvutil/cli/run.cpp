@@ -34,8 +34,8 @@ std::string page_of(CLI::App& app) {
     page += name + command->get_description() + "\n";
   }
   return page +
-         "\n--json: one JSON object a line. Exit status: 0 fine, 1 found something, 2 couldn't.\n"
-         "`qvutil COMMAND --help` lists a command's options; qvutil(1) describes all.\n";
+         "\nWith --json, each line is one JSON object. Status: 0 fine, 1 found something,\n"
+         "2 couldn't. `qvutil COMMAND --help` lists options; qvutil(1) describes all.\n";
 }
 
 // The options and commands that could have stood in the place of `word`.

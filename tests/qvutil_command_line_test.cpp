@@ -1,0 +1,133 @@
+// What every command of qvutil has in common.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "qvutil/cli/suggest.h"
+#include "support/lines.h"
+#include "support/scenario.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+test::Ran qvutil(const test::Arguments& arguments) {
+  return test::run_program(QV_BINARY_DIR "/bin/qvutil", arguments);
+}
+
+std::vector<std::string> commands() {
+  std::vector<std::string> names;
+  for (const std::string& line : test::lines_of(qvutil({"help"}).out)) {
+    if (line.rfind("  ", 0) == 0) {
+      names.push_back(line.substr(2, line.find(' ', 2) - 2));
+    }
+  }
+  return names;
+}
+
+TEST(CommandLine, HasAHelpThatFitsAScreen) {
+  const test::Ran ran = qvutil({"help"});
+  EXPECT_TRUE(ran.exited_with(0));
+  const std::vector<std::string> lines = test::lines_of(ran.out);
+  EXPECT_LT(lines.size(), 24U);
+  for (const std::string& line : lines) {
+    EXPECT_LE(line.size(), 80U) << line;
+  }
+  EXPECT_EQ(qvutil({"--help"}).out, ran.out);
+  EXPECT_EQ(qvutil({"-h"}).out, ran.out);
+}
+
+TEST(CommandLine, ListsItsCommandsInTheOrderOfTheManualPage) {
+  std::vector<std::string> described;
+  for (const std::string& line :
+       test::lines_of(test::read_file(QV_SOURCE_DIR "/docs/man/qvutil.1"))) {
+    if (line.rfind(".Ss ", 0) == 0) {
+      described.push_back(line.substr(4));
+    }
+  }
+  described.emplace_back("help");
+  EXPECT_EQ(commands(), described);
+}
+
+TEST(CommandLine, WithoutACommandIsAnError) {
+  const test::Ran ran = qvutil({});
+  EXPECT_TRUE(ran.exited_with(2));
+  EXPECT_EQ(ran.out, "");
+  EXPECT_EQ(ran.err, qvutil({"help"}).out);
+}
+
+TEST(CommandLine, EveryCommandHasAHelp) {
+  for (const std::string& command : commands()) {
+    const test::Ran ran = qvutil({command, "--help"});
+    EXPECT_TRUE(ran.exited_with(0)) << command;
+    EXPECT_THAT(ran.out, HasSubstr("Usage: qvutil " + command)) << command;
+    EXPECT_EQ(ran.err, "") << command;
+  }
+}
+
+// The page says what the program does: each option of a command stands in it.
+TEST(CommandLine, HasAllOptionsInTheManualPage) {
+  const std::string page = test::read_file(QV_SOURCE_DIR "/docs/man/qvutil.1");
+  for (const std::string& command : commands()) {
+    const std::size_t start = page.find("\n.Ss " + command + "\n");
+    const std::string section =
+        start == std::string::npos ? "" : page.substr(start, page.find("\n.S", start + 4) - start);
+    for (const std::string& line : test::lines_of(qvutil({command, "--help"}).out)) {
+      const std::size_t at = line.find("--");
+      if (line.rfind("  -", 0) == 0 && at != std::string::npos) {
+        const std::string option = line.substr(at + 1, line.find_first_of(" ,", at) - at - 1);
+        if (option != "-help" && command != "help") {
+          EXPECT_THAT(section, HasSubstr("Fl " + option)) << command << " -" << option;
+        }
+      }
+    }
+  }
+}
+
+TEST(CommandLine, SaysWhichWordIsWrongAndWhatWasMeant) {
+  EXPECT_EQ(qvutil({"verfy"}).err, "qvutil: unknown command verfy; did you mean verify?\n");
+  EXPECT_EQ(qvutil({"xyzzy"}).err, "qvutil: unknown command xyzzy\n");
+  EXPECT_EQ(qvutil({"pids", "--prun", "set"}).err,
+            "qvutil pids: unknown option --prun; did you mean --prune?\n");
+  EXPECT_EQ(qvutil({"pids", "set", "--jso"}).err,
+            "qvutil pids: unknown option --jso; did you mean --json?\n");
+  EXPECT_EQ(qvutil({"pids", "set", "surplus"}).err, "qvutil pids: unknown argument surplus\n");
+  EXPECT_EQ(qvutil({"pids"}).err, "qvutil pids: PATH is required\nTry `qvutil pids --help`.\n");
+  for (const test::Arguments& wrong :
+       {test::Arguments{"verfy"}, {"pids", "--prun", "set"}, {"pids"}, {"pids", "a", "b"}}) {
+    EXPECT_TRUE(qvutil(wrong).exited_with(2));
+  }
+}
+
+TEST(CommandLine, SaysThatItsOutputIsLost) {
+  for (const char* command : {"help", "ls /usr/share"}) {
+    const test::Ran ran = test::run_program(
+        "/bin/sh", {"-c", std::string(QV_BINARY_DIR "/bin/qvutil ") + command + " >/dev/full"});
+    EXPECT_TRUE(ran.exited_with(2)) << command;
+    EXPECT_THAT(ran.err, HasSubstr("can't write to standard output")) << command;
+  }
+}
+
+// As other filters do, when nobody reads on.
+TEST(CommandLine, EndsQuietlyWhenItsReaderIsGone) {
+  const test::Ran ran = test::run_program(
+      "/bin/sh",
+      {"-c", "trap '' CHLD; { " QV_BINARY_DIR "/bin/qvutil help; echo $? >&2; } | true"});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.err, testing::AnyOf("0\n", "141\n"));
+}
+
+TEST(Suggestion, IsTheNearestWordOfTheList) {
+  using quorvane::tool::suggestion;
+  EXPECT_EQ(suggestion("comapct", {"compact", "convert"}), "compact");
+  EXPECT_EQ(suggestion("vrify", {"ls", "verify"}), "verify");
+  EXPECT_EQ(suggestion("statss", {"show", "stats"}), "stats");
+  EXPECT_EQ(suggestion("sl", {"ls", "rm"}), "ls");
+  EXPECT_EQ(suggestion("entirely", {"ls", "rm"}), "");
+  EXPECT_EQ(suggestion("", {"ls"}), "");
+}
+
+}  // namespace
