@@ -36,10 +36,12 @@ install(FILES ${PROJECT_BINARY_DIR}/qvutil.pc ${PROJECT_BINARY_DIR}/qvremote.pc
   ${PROJECT_BINARY_DIR}/qvtrace.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT devel)
 
-install(TARGETS qvutil RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
-install(FILES docs/man/qvutil.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES tools/qvutil/completion.bash RENAME qvutil
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
+if(QV_BUILD_TOOLS)
+  install(TARGETS qvutil RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
+  install(FILES docs/man/qvutil.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+  install(FILES tools/qvutil/completion.bash RENAME qvutil
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT tool)
+endif()
 
 file(GLOB qv_man3 CONFIGURE_DEPENDS docs/man/*.3)
 file(GLOB qv_man7 CONFIGURE_DEPENDS docs/man/*.7)
