@@ -228,7 +228,8 @@ TEST(RemoteOutage, LeaksNoDescriptorOverTenThousandFailures) {
   const auto end = Clock::now() + kSurelyEnded;
   while (test::open_descriptors() > before && Clock::now() < end) {
   }
-  EXPECT_EQ(test::open_descriptors(), before);
+  // There may have been more while the servers began.
+  EXPECT_LE(test::open_descriptors(), before);
 }
 
 TEST(RemoteOutage, LeaksNoDescriptorOverTenThousandRefusedConnections) {
