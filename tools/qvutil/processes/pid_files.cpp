@@ -58,10 +58,15 @@ std::vector<std::int32_t> pids_in(const Place& place) {
     throw failure_of("can't read " + shown(place.directory), errno);
   }
   std::vector<std::int32_t> pids;
+  errno = 0;
   while (const dirent* const entry = readdir(directory.get())) {
     if (const auto pid = pid_of(entry->d_name, place.prefix)) {
       pids.push_back(*pid);
     }
+    errno = 0;
+  }
+  if (errno != 0) {
+    throw failure_of("can't read " + shown(place.directory), errno);
   }
   std::sort(pids.begin(), pids.end());
   return pids;

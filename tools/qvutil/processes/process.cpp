@@ -100,7 +100,7 @@ void lock_file(Console& console, int fd, int operation, const std::string& path)
     if (errno == EWOULDBLOCK && Clock::now() < patience) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     } else if (errno == EWOULDBLOCK) {
-      console.err() << "waiting for the lock on " << shown(path) << std::endl;
+      console.err() << "qvutil: waiting for the lock on " << shown(path) << std::endl;
       how = operation;
     } else if (errno != EINTR) {
       throw failure_of("can't lock " + shown(path), errno);
