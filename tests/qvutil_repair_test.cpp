@@ -298,6 +298,44 @@ TEST_P(QvutilRepair, GivesWayToAnEmptyCacheIfNothingIsWhole) {
   EXPECT_EQ(read_file(damaged.main_file() + ".damaged"), bytes);
 }
 
+// Writes an input of the store's fuzzer as the files of a cache.
+void write_seed(const CacheFiles& cache, std::string bytes) {
+  if (cache.kind == Kind::basic) {
+    write_file(cache.main_file(), bytes);
+    return;
+  }
+  bytes.erase(0, cache.kind == Kind::indexed ? 1 : 0);  // flags
+  const std::size_t main = static_cast<unsigned char>(bytes.at(0)) +
+                           std::size_t{256} * static_cast<unsigned char>(bytes.at(1));
+  bytes.erase(0, 2);
+  write_file(cache.main_file(), bytes.substr(0, main));
+  if (cache.kind == Kind::lazy_lookup) {
+    write_file(cache.path("val_"), bytes.substr(std::min(main, bytes.size())));
+  }
+}
+
+TEST_P(QvutilRepair, MakesEveryHostileFileACacheThatOpens) {
+  const std::string seeds = std::string(QV_SOURCE_DIR "/fuzz/seeds/") +
+                            (GetParam() == Kind::basic         ? "basic_store"
+                             : GetParam() == Kind::lazy_lookup ? "lazy_lookup_store"
+                                                               : "indexed_store");
+  int opened = 0;
+  for (const std::string& seed : test::names_in(seeds)) {
+    SCOPED_TRACE(seed);
+    write_seed(cache(seed), read_file(seeds + "/" + seed));
+    try {
+      EXPECT_EQ(repair(cache(seed)), Outcome::fine);
+    } catch (const Failure& failure) {
+      EXPECT_NE(std::string(failure.what()).find(" of its format"), std::string::npos)
+          << failure.what();
+      continue;
+    }
+    EXPECT_TRUE(content_of(cache(seed)).has_value());
+    ++opened;
+  }
+  EXPECT_GT(opened, 5);
+}
+
 TEST(QvutilRepairLazy, KeepsTheFirstOfARepeatedKey) {
   const test::TempDir root;
   const CacheFiles cache{Kind::lazy_lookup, root.path(), "demo"};

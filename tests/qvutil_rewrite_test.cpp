@@ -318,7 +318,7 @@ TEST(QvutilConvertLines, KeepsTheFirstOfARepeatedKey) {
   EXPECT_EQ(convert_lines(root.file("lines"), "lazy_lookup", path_of(copy), console),
             Outcome::fine);
   EXPECT_EQ(content_of(copy), (Content{{"k", {"1"}}}));
-  EXPECT_EQ(console.out(), copy.main_file() + ": 1 entry; left out 1 repeated key\n");
+  EXPECT_EQ(console.out(), "copy (lazy_lookup): 1 entry; left out 1 repeated key\n");
 }
 
 TEST(QvutilConvertLines, NamesTheLineThatIsNoEntry) {

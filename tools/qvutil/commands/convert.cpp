@@ -20,6 +20,8 @@
 namespace quorvane::tool {
 namespace {
 
+constexpr const char* kNeedsName = "--from jsonl needs a name for the new cache: --as CACHE";
+
 struct Converted {
   std::uint64_t entries = 0;
   std::uint64_t repeated = 0;
@@ -121,9 +123,16 @@ CacheFiles target_of(const ConvertOptions& options, const Source& source, Kind k
     return named_cache(options.as, kind);
   }
   if (!source.cache()) {
-    throw Failure("--from jsonl needs a name for the new cache: --as CACHE");
+    throw Failure(kNeedsName);
   }
   return {kind, source.cache()->root, source.cache()->name};
+}
+
+// Whoever may use the source may use a new cache, too.
+void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
+  for (const std::string& path : staged.files()) {
+    adopt_mode(path, source.main_file());
+  }
 }
 
 Converted convert_to_files(Console& console, const ConvertOptions& options, const Source& source,
@@ -142,6 +151,9 @@ Converted convert_to_files(Console& console, const ConvertOptions& options, cons
     const auto writer = make_writer(workspace.staged());
     done = source.copy_to(*writer, console, true);
   }
+  if (source.cache()) {
+    adopt_mode_of(*source.cache(), workspace.staged());
+  }
   install(workspace.staged(), target);
   return done;
 }
@@ -149,25 +161,24 @@ Converted convert_to_files(Console& console, const ConvertOptions& options, cons
 // The last component of a path.
 std::string last_of(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-Converted convert_to_servers(Console& console, const ConvertOptions& options,
-                             const Source& source) {
+std::string remote_name_of(const ConvertOptions& options, const Source& source) {
   if (options.as.empty() && !source.cache()) {
-    throw Failure("--from jsonl needs a name for the new cache: --as CACHE");
+    throw Failure(kNeedsName);
   }
-  const std::string name = options.as.empty() ? source.cache()->name : last_of(options.as);
-  return source.copy_to(*StoreWriter::into_remote(name), console, false);
+  return options.as.empty() ? source.cache()->name : last_of(options.as);
 }
 
-void print(Console& console, const Converted& done, const std::string& target) {
+void print(Console& console, const Converted& done, const std::string& name, const char* kind) {
   if (console.json()) {
-    print_json(console, {{"to", json_of_bytes(target)},
+    print_json(console, {{"cache", json_of_bytes(name)},
+                         {"kind", kind},
                          {"entries", done.entries},
                          {"repeated", done.repeated},
                          {"places", done.places.count()},
                          {"bytes_lost", done.places.bytes()}});
     return;
   }
-  console.out() << shown(target) << ": " << counted(done.entries, "entry", "entries");
+  console.out() << shown(name) << " (" << kind << "): " << counted(done.entries, "entry", "entries");
   if (done.repeated != 0) {
     console.out() << "; left out " << counted(done.repeated, "repeated key", "repeated keys");
   }
@@ -193,10 +204,11 @@ Outcome convert(Console& console, const ConvertOptions& options) {
   } else if (const auto kind = kind_named(options.to)) {
     const CacheFiles target = target_of(options, source, *kind);
     done = convert_to_files(console, options, source, target);
-    print(console, done, target.main_file());
+    print(console, done, target.name, name_of(target.kind));
   } else {
-    done = convert_to_servers(console, options, source);
-    print(console, done, "the servers");
+    const std::string name = remote_name_of(options, source);
+    done = source.copy_to(*StoreWriter::into_remote(name), console, false);
+    print(console, done, name, "remote");
   }
   warn_of(console, done);
   return done.places.count() == 0 ? Outcome::fine : Outcome::found;
