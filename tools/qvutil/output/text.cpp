@@ -141,6 +141,10 @@ std::string grouped(std::uint64_t number) {
   return text;
 }
 
+std::string counted(std::uint64_t number, const char* one, const char* many) {
+  return grouped(number) + " " + (number == 1 ? one : many);
+}
+
 std::string size_text(std::uint64_t bytes) {
   if (bytes < 1000) {
     return std::to_string(bytes) + " B";

@@ -28,6 +28,9 @@ std::size_t width_of(std::string_view text);
 // The number with a blank for each power of 1000: "1 234 567".
 std::string grouped(std::uint64_t number);
 
+// "1 entry", "1 234 entries".
+std::string counted(std::uint64_t number, const char* one, const char* many);
+
 // "512 B", "1.5 kB", "12 MB": powers of 1000, two digits or more.
 std::string size_text(std::uint64_t bytes);
 

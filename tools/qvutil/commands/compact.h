@@ -1,0 +1,24 @@
+// qvutil compact: a cache in as few bytes as its entries need.
+#ifndef TOOLS_QVUTIL_COMMANDS_COMPACT_H_
+#define TOOLS_QVUTIL_COMMANDS_COMPACT_H_
+
+#include <optional>
+#include <string>
+
+#include "qvutil/cli/outcome.h"
+#include "qvutil/output/console.h"
+#include "qvutil/store/cache_files.h"
+
+namespace quorvane::tool {
+
+struct CompactOptions {
+  std::string cache;
+  std::optional<Kind> kind;
+};
+
+// Drops repeated keys, tails that were cut short, and values that no key leads to.
+Outcome compact(Console& console, const CompactOptions& options);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_COMMANDS_COMPACT_H_

@@ -1,0 +1,217 @@
+#include "qvutil/commands/convert.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+#include "qvutil/output/json.h"
+#include "qvutil/output/text.h"
+#include "qvutil/rewrite/copier.h"
+#include "qvutil/rewrite/file_calls.h"
+#include "qvutil/rewrite/install.h"
+#include "qvutil/rewrite/json_lines.h"
+#include "qvutil/rewrite/store_writer.h"
+#include "qvutil/rewrite/target.h"
+#include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/lock.h"
+
+namespace quorvane::tool {
+namespace {
+
+constexpr const char* kNeedsName = "--from jsonl needs a name for the new cache: --as CACHE";
+
+struct Converted {
+  std::uint64_t entries = 0;
+  std::uint64_t repeated = 0;
+  Places places;
+};
+
+std::optional<Kind> kind_named(const std::string& name) {
+  for (const Kind kind : {Kind::basic, Kind::lazy_lookup, Kind::indexed}) {
+    if (name == name_of(kind)) {
+      return kind;
+    }
+  }
+  return std::nullopt;
+}
+
+// Where entries come from.
+class Source {
+ public:
+  explicit Source(const ConvertOptions& options) : options_(options) {
+    if (!options.from_json_lines) {
+      cache_ = find_cache(options.sources.front(), options.kind);
+    }
+  }
+
+  // Nothing for files with JSON lines.
+  const std::optional<CacheFiles>& cache() const { return cache_; }
+
+  // `is_locked`: the caller holds the lock of the cache.
+  Converted copy_to(EntryWriter& writer, Console& console, bool is_locked) const {
+    return cache_ ? copy_cache(writer, console, is_locked) : copy_lines(writer);
+  }
+
+ private:
+  Converted copy_cache(EntryWriter& writer, Console& console, bool is_locked) const {
+    Copier copier(writer);
+    Progress progress(console, "converting " + shown(cache_->name), bytes_of(*cache_));
+    if (is_locked) {
+      scan_locked(*cache_, copier, progress);
+    } else {
+      scan(console, *cache_, copier, progress);
+    }
+    writer.finish();
+    return {copier.copied(), copier.repeated(), copier.places()};
+  }
+
+  Converted copy_lines(EntryWriter& writer) const {
+    JsonLinesRead read;
+    for (const std::string& name : options_.sources) {
+      if (name == "-") {
+        read_json_lines(std::cin, "standard input", writer, read);
+        continue;
+      }
+      std::ifstream file(name);
+      if (!file) {
+        throw failure_of("can't open " + shown(name), errno);
+      }
+      read_json_lines(file, name, writer, read);
+    }
+    writer.finish();
+    return {read.entries, read.repeated, {}};
+  }
+
+  const ConvertOptions& options_;
+  std::optional<CacheFiles> cache_;
+};
+
+// The locks of the source and of the target: one, if they are the same, or two, always in the
+// same order, so that two processes never wait for each other.
+class Locks {
+ public:
+  Locks(Console& console, const std::optional<CacheFiles>& source, const CacheFiles& target) {
+    if (!source || source->lock_file() == target.lock_file()) {
+      target_ = std::make_unique<WriteLock>(console, target);
+    } else if (source->lock_file() < target.lock_file()) {
+      lock_source(console, *source);
+      target_ = std::make_unique<WriteLock>(console, target);
+    } else {
+      target_ = std::make_unique<WriteLock>(console, target);
+      lock_source(console, *source);
+    }
+  }
+
+ private:
+  // The source may be where this process may not write.
+  void lock_source(Console& console, const CacheFiles& source) {
+    source_ = std::make_unique<ReadLock>(console, source);
+    if (source_->has_note()) {
+      throw Failure("an append to " + shown(source.name) +
+                    " was cut short; `qvutil repair` undoes it");
+    }
+  }
+
+  std::unique_ptr<ReadLock> source_;
+  std::unique_ptr<WriteLock> target_;
+};
+
+CacheFiles target_of(const ConvertOptions& options, const Source& source, Kind kind) {
+  if (!options.as.empty()) {
+    return named_cache(options.as, kind);
+  }
+  if (!source.cache()) {
+    throw Failure(kNeedsName);
+  }
+  return {kind, source.cache()->root, source.cache()->name};
+}
+
+// Whoever may use the source may use a new cache, too.
+void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
+  for (const std::string& path : staged.files()) {
+    adopt_mode(path, source.main_file());
+  }
+}
+
+Converted convert_to_files(Console& console, const ConvertOptions& options, const Source& source,
+                           const CacheFiles& target) {
+  if (source.cache() && source.cache()->main_file() == target.main_file()) {
+    throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
+  }
+  ensure_pair(target);
+  const Locks locks(console, source.cache(), target);
+  if (has_content(target) && !options.force) {
+    throw Failure("there is " + shown(target.main_file()) + " already; --force replaces it");
+  }
+  const Workspace workspace(target);
+  Converted done;
+  {
+    const auto writer = make_writer(workspace.staged());
+    done = source.copy_to(*writer, console, true);
+  }
+  if (source.cache()) {
+    adopt_mode_of(*source.cache(), workspace.staged());
+  }
+  install(workspace.staged(), target);
+  return done;
+}
+
+// The last component of a path.
+std::string last_of(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+std::string remote_name_of(const ConvertOptions& options, const Source& source) {
+  if (options.as.empty() && !source.cache()) {
+    throw Failure(kNeedsName);
+  }
+  return options.as.empty() ? source.cache()->name : last_of(options.as);
+}
+
+void print(Console& console, const Converted& done, const std::string& name, const char* kind) {
+  if (console.json()) {
+    print_json(console, {{"cache", json_of_bytes(name)},
+                         {"kind", kind},
+                         {"entries", done.entries},
+                         {"repeated", done.repeated},
+                         {"places", done.places.count()},
+                         {"bytes_lost", done.places.bytes()}});
+    return;
+  }
+  console.out() << shown(name) << " (" << kind << "): " << counted(done.entries, "entry", "entries");
+  if (done.repeated != 0) {
+    console.out() << "; left out " << counted(done.repeated, "repeated key", "repeated keys");
+  }
+  console.out() << "\n";
+}
+
+void warn_of(Console& console, const Converted& done) {
+  if (done.places.count() != 0) {
+    console.err() << "The source has "
+                  << counted(done.places.count(), "damaged place", "damaged places")
+                  << "; what is whole is converted\n";
+  }
+}
+
+}  // namespace
+
+Outcome convert(Console& console, const ConvertOptions& options) {
+  const Source source(options);
+  Converted done;
+  if (options.to == "jsonl") {
+    JsonLinesWriter writer(console);
+    done = source.copy_to(writer, console, false);
+  } else if (const auto kind = kind_named(options.to)) {
+    const CacheFiles target = target_of(options, source, *kind);
+    done = convert_to_files(console, options, source, target);
+    print(console, done, target.name, name_of(target.kind));
+  } else {
+    const std::string name = remote_name_of(options, source);
+    done = source.copy_to(*StoreWriter::into_remote(name), console, false);
+    print(console, done, name, "remote");
+  }
+  warn_of(console, done);
+  return done.places.count() == 0 ? Outcome::fine : Outcome::found;
+}
+
+}  // namespace quorvane::tool

@@ -1,0 +1,90 @@
+#include "qvutil/commands/repair.h"
+
+#include <string>
+#include <vector>
+
+#include "qvutil/output/json.h"
+#include "qvutil/output/text.h"
+#include "qvutil/rewrite/file_calls.h"
+#include "qvutil/rewrite/mend.h"
+#include "qvutil/rewrite/survey.h"
+#include "qvutil/store/lock.h"
+
+namespace quorvane::tool {
+namespace {
+
+void print_json_summary(Console& console, const CacheFiles& cache, const Survey& survey,
+                        const std::vector<std::string>& kept) {
+  Json names = Json::array();
+  for (const std::string& name : kept) {
+    names.push_back(json_of_bytes(name));
+  }
+  print_json(console, {{"cache", json_of_bytes(cache.name)},
+                       {"kind", name_of(cache.kind)},
+                       {"whole", survey.places().count() == 0},
+                       {"entries", survey.entries()},
+                       {"places", survey.places().count()},
+                       {"bytes_lost", survey.places().bytes()},
+                       {"damaged_files", names}});
+}
+
+std::string list_of(const std::vector<std::string>& names) {
+  std::string list;
+  for (const std::string& name : names) {
+    list += (list.empty() ? "" : ", ") + shown(name);
+  }
+  return list;
+}
+
+void print(Console& console, const CacheFiles& cache, const Survey& survey, bool is_done,
+           const std::vector<std::string>& kept) {
+  const Places& places = survey.places();
+  const std::string entries = counted(survey.entries(), "entry", "entries");
+  if (places.count() != 0) {
+    places.print(console);
+  }
+  if (console.json()) {
+    print_json_summary(console, cache, survey, kept);
+    return;
+  }
+  if (places.count() == 0) {
+    console.out() << shown(cache.name) << " is whole: " << entries << "\n";
+    return;
+  }
+  console.out() << (is_done ? "Kept " : "Would keep ") << entries << ". "
+                << counted(places.count(), "damaged place", "damaged places") << " with "
+                << counted(places.bytes(), "byte", "bytes") << (is_done ? " are" : " would be")
+                << " lost.\n";
+  if (!kept.empty()) {
+    console.out() << "Damaged: " << list_of(kept) << "\n";
+  }
+}
+
+Outcome look(Console& console, const CacheFiles& cache) {
+  Survey survey;
+  Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
+  scan(console, cache, survey, progress);
+  print(console, cache, survey, false, {});
+  return survey.places().count() == 0 ? Outcome::fine : Outcome::found;
+}
+
+}  // namespace
+
+Outcome repair(Console& console, const RepairOptions& options) {
+  const CacheFiles cache = find_cache(options.cache, options.kind);
+  if (options.dry_run) {
+    return look(console, cache);
+  }
+  const WriteLock lock(console, cache);
+  Survey survey;
+  Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
+  scan_locked(cache, survey, progress);
+  std::vector<std::string> kept;
+  if (survey.places().count() != 0) {
+    kept = mend(console, cache, survey);
+  }
+  print(console, cache, survey, true, kept);
+  return Outcome::fine;
+}
+
+}  // namespace quorvane::tool

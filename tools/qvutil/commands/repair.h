@@ -1,0 +1,25 @@
+// qvutil repair: what is whole of a damaged cache.
+#ifndef TOOLS_QVUTIL_COMMANDS_REPAIR_H_
+#define TOOLS_QVUTIL_COMMANDS_REPAIR_H_
+
+#include <optional>
+#include <string>
+
+#include "qvutil/cli/outcome.h"
+#include "qvutil/output/console.h"
+#include "qvutil/store/cache_files.h"
+
+namespace quorvane::tool {
+
+struct RepairOptions {
+  std::string cache;
+  std::optional<Kind> kind;
+  bool dry_run = false;  // only say what would be lost
+};
+
+// Fine: the cache is whole, or it is now. Found, with dry_run: it is damaged.
+Outcome repair(Console& console, const RepairOptions& options);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_COMMANDS_REPAIR_H_

@@ -1,0 +1,27 @@
+// qvutil rm: a cache without some of its entries.
+#ifndef TOOLS_QVUTIL_COMMANDS_RM_H_
+#define TOOLS_QVUTIL_COMMANDS_RM_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "qvutil/cli/outcome.h"
+#include "qvutil/output/console.h"
+#include "qvutil/store/cache_files.h"
+
+namespace quorvane::tool {
+
+struct RmOptions {
+  std::string cache;
+  std::optional<Kind> kind;
+  std::vector<std::string> keys;
+  bool hex = false;  // the keys are hexadecimal
+};
+
+// Found: a key wasn't there. The others are removed nevertheless.
+Outcome rm(Console& console, const RmOptions& options);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_COMMANDS_RM_H_

@@ -1,0 +1,38 @@
+// Entries as JSON lines: {"key":"k","atoms":["v"]}. Bytes that are not UTF-8 are {"hex":"00ff"}.
+#ifndef TOOLS_QVUTIL_REWRITE_JSON_LINES_H_
+#define TOOLS_QVUTIL_REWRITE_JSON_LINES_H_
+
+#include <cstdint>
+#include <istream>
+#include <string>
+
+#include "qvutil/output/console.h"
+#include "qvutil/rewrite/entry_writer.h"
+
+namespace quorvane::tool {
+
+// Prints them. Doesn't tell repeated keys.
+class JsonLinesWriter : public EntryWriter {
+ public:
+  explicit JsonLinesWriter(Console& console) : console_(console) {}
+
+  bool add(std::string_view key, const Atoms& atoms) override;
+  void finish() override {}
+
+ private:
+  Console& console_;
+};
+
+struct JsonLinesRead {
+  std::uint64_t entries = 0;   // that the writer took
+  std::uint64_t repeated = 0;  // and that it left out
+};
+
+// Reads them to the end of a file, which has the name `name` in messages. Skips empty lines.
+// Throws Failure for any other line that isn't an entry.
+void read_json_lines(std::istream& lines, const std::string& name, EntryWriter& writer,
+                     JsonLinesRead& read);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_REWRITE_JSON_LINES_H_

@@ -1,0 +1,20 @@
+// A cache that needn't exist yet.
+#ifndef TOOLS_QVUTIL_REWRITE_TARGET_H_
+#define TOOLS_QVUTIL_REWRITE_TARGET_H_
+
+#include <string>
+
+#include "qvutil/store/cache_files.h"
+
+namespace quorvane::tool {
+
+// `cache` is a path ROOT/NAME, or a name under the environment's root. Throws Failure if it is
+// neither.
+CacheFiles named_cache(const std::string& cache, Kind kind);
+
+// Whether it has something that a new one would replace.
+bool has_content(const CacheFiles& cache);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_REWRITE_TARGET_H_
