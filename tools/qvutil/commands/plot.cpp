@@ -31,7 +31,7 @@ std::string picture_of(const std::vector<Panel>& panels, Form form) {
   if (form == Form::html) {
     return html_page("Statistics", html_of(panels));
   }
-  return run_gnuplot(plot_script(panels, form == Form::png ? Picture::png : Picture::svg));
+  return run_gnuplot(plot_script(panels, form == Form::png ? PlotForm::png : PlotForm::svg));
 }
 
 }  // namespace

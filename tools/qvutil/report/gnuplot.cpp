@@ -10,10 +10,9 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <string>
-#include <system_error>
 
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/text.h"
@@ -67,19 +66,41 @@ std::string heading_of(const Panel& panel) {
   return panel.type == MetricType::counter ? panel.metric + ", a second" : panel.metric;
 }
 
-// One second more than nothing, so that the axis has a length.
-std::string range_of(const Panel& panel) {
+struct Range {
   std::int64_t from = INT64_MAX;
   std::int64_t to = 0;
-  for (const Line& line : panel.lines) {
+};
+
+Range range_of(const Panel& panel) {
+  Range range;
+  for (const PlotLine& line : panel.lines) {
     for (const Point& point : line.points) {
-      from = std::min(from, point.from);
-      to = std::max(to, point.to);
+      range.from = std::min(range.from, point.from);
+      range.to = std::max(range.to, point.to);
     }
   }
-  from = std::min(from, to);
-  return "set xrange [" + std::to_string(from) + ":" + std::to_string(std::max(to, from + 1)) +
-         "]\n";
+  range.from = std::min(range.from, range.to);
+  range.to = std::max(range.to, range.from + 1);  // an axis has a length
+  return range;
+}
+
+// A tick every so many seconds, at most five of them, at times that people like.
+std::int64_t step_of(const Range& range) {
+  constexpr std::array<std::int64_t, 20> kSteps{1,     2,     5,     10,    15,     30,    60,
+                                                120,   300,   600,   900,   1800,   3600,  7200,
+                                                10800, 21600, 43200, 86400, 172800, 604800};
+  const std::int64_t least = (range.to - range.from + 4) / 5;
+  const auto* const step = std::lower_bound(kSteps.begin(), kSteps.end(), least);
+  return step == kSteps.end() ? (least / 604800 + 1) * 604800 : *step;
+}
+
+std::string axis_of(const Panel& panel) {
+  const Range range = range_of(panel);
+  const std::int64_t step = step_of(range);
+  const char* format = step < 60 ? "%H:%M:%S" : step < 86400 ? "%H:%M" : "%d %b";
+  return "set xrange [" + std::to_string(range.from) + ":" + std::to_string(range.to) +
+         "]\nset xtics " + std::to_string(step) + "\nset format x '" + format + "'\nset xlabel '" +
+         time_text(range.from) + "'\n";
 }
 
 std::string plot_of(const Panel& panel, std::size_t index) {
@@ -87,7 +108,7 @@ std::string plot_of(const Panel& panel, std::size_t index) {
   for (std::size_t line = 0; line < panel.lines.size(); ++line) {
     text += data_of(data_name(index, line), panel.lines[line].points);
   }
-  text += range_of(panel) + "set title " + quoted(heading_of(panel)) + " noenhanced\nplot ";
+  text += axis_of(panel) + "set title " + quoted(heading_of(panel)) + " noenhanced\nplot ";
   for (std::size_t line = 0; line < panel.lines.size(); ++line) {
     text += (line == 0 ? "" : ", ") + data_name(index, line) + " using 1:2 with lines lw 2 title " +
             quoted(panel.lines[line].title) + " noenhanced";
@@ -106,14 +127,14 @@ struct Layout {
   std::size_t rows;
 };
 
-std::string terminal_of(Picture picture, const Layout& layout) {
+std::string terminal_of(PlotForm picture, const Layout& layout) {
   switch (picture) {
-    case Picture::png:
+    case PlotForm::png:
       return "set terminal pngcairo noenhanced size " + layout.size() + " font 'sans,10'\n";
-    case Picture::svg:
+    case PlotForm::svg:
       return "set terminal svg noenhanced size " + layout.size() +
              " dynamic font 'sans-serif,12' background '#ffffff'\n";
-    case Picture::inline_svg:
+    case PlotForm::inline_svg:
       break;
   }
   return "set terminal svg noenhanced size " + layout.size() + " dynamic font 'sans-serif,12'\n";
@@ -123,15 +144,13 @@ std::string terminal_of(Picture picture, const Layout& layout) {
 constexpr const char* kStyle = R"(set encoding utf8
 set xdata time
 set timefmt '%s'
-set format x "%H:%M:%S\n%d %b"
-set xtics autofreq
-set xtics maxcount 5
 set yrange [*<0:0<*]
 set border 3 lc rgb '#808080'
 set tics nomirror textcolor rgb '#808080'
 set grid ytics lc rgb '#808080' lw 0.3
+set xlabel textcolor rgb '#808080'
 set title textcolor rgb '#808080'
-set key outside bottom center horizontal textcolor rgb '#808080'
+set key outside top center horizontal textcolor rgb '#808080'
 set linetype 1 lc rgb '#0072b2'
 set linetype 2 lc rgb '#e69f00'
 set linetype 3 lc rgb '#d55e00'
@@ -179,6 +198,13 @@ class Memory {
   int fd_;
 };
 
+// The first line that has a text.
+std::string first_line(const std::string& text) {
+  const std::size_t begin = text.find_first_not_of(" \n");
+  return begin == std::string::npos ? "it said nothing"
+                                    : shown(text.substr(begin, text.find('\n', begin) - begin));
+}
+
 // Returns the status of the process as waitpid(2) gives it.
 int spawn_gnuplot(int in, int out, int err) {
   posix_spawn_file_actions_t actions;
@@ -204,7 +230,7 @@ int spawn_gnuplot(int in, int out, int err) {
 
 }  // namespace
 
-std::string plot_script(const std::vector<Panel>& panels, Picture picture) {
+std::string plot_script(const std::vector<Panel>& panels, PlotForm picture) {
   const Layout layout(panels.size());
   std::string text = terminal_of(picture, layout) + kStyle;
   if (panels.size() > 1) {
@@ -224,7 +250,7 @@ std::string run_gnuplot(const std::string& script) {
   in.write(script);
   const int status = spawn_gnuplot(in.fd(), out.fd(), err.fd());
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw Failure("gnuplot couldn't make the picture: " + shown(err.read()));
+    throw Failure("gnuplot couldn't make the picture: " + first_line(err.read()));
   }
   return out.read();
 }

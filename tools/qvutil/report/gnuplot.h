@@ -10,14 +10,14 @@
 
 namespace quorvane::tool {
 
-enum class Picture {
+enum class PlotForm {
   svg,         // on white
   png,         // on white
   inline_svg,  // to stand in a page: no background
 };
 
 // What gnuplot is told. Texts can't end a string in it, run a command or mark text up.
-std::string plot_script(const std::vector<Panel>& panels, Picture picture);
+std::string plot_script(const std::vector<Panel>& panels, PlotForm picture);
 
 // Runs gnuplot, without a shell and without the user's settings, and returns what it prints.
 // Throws Failure if it isn't installed or refuses.

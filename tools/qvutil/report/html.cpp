@@ -84,7 +84,7 @@ std::string html_of(const std::vector<Panel>& panels) {
   std::string html = "<div class=\"plots\">\n";
   for (const Panel& panel : panels) {
     html += "<figure>";
-    html += inline_svg(run_gnuplot(plot_script({panel}, Picture::inline_svg)));
+    html += inline_svg(run_gnuplot(plot_script({panel}, PlotForm::inline_svg)));
     html += "</figure>\n";
   }
   return html + "</div>\n";

@@ -3,7 +3,6 @@
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <string>
 #include <utility>
@@ -13,16 +12,16 @@
 namespace quorvane::tool {
 namespace {
 
-Line line_of(std::string title, const Points& points) { return {std::move(title), points.all()}; }
-
 std::string title_of(const ProcessKey& process) {
   const std::string pid = std::to_string(process.pid);
   return process.program.empty() ? pid : process.program + " " + pid;
 }
 
-bool has_counted(const Points& points) {
-  return std::any_of(points.all().begin(), points.all().end(),
-                     [](const Point& point) { return point.value != 0; });
+bool has_counted(const std::vector<PlotLine>& lines) {
+  return std::any_of(lines.begin(), lines.end(), [](const PlotLine& line) {
+    return std::any_of(line.points.begin(), line.points.end(),
+                       [](const Point& point) { return point.value != 0; });
+  });
 }
 
 // Puts each pair of neighbours together.
@@ -96,27 +95,33 @@ Series::OfProcess& Series::lines_of(OfMetric& metric, const ProcessKey& process)
   return metric[process];
 }
 
+void Series::add_lines(Panel& panel, const ProcessKey& process, const OfProcess& lines,
+                       const MetricTypes& types, bool is_only_one) {
+  const std::string title = title_of(process);
+  if (!lines.rates.all().empty() || !lines.values.all().empty()) {
+    const bool is_whole = !lines.rates.all().empty();
+    panel.type = is_whole ? types.of(panel.metric, Value(std::int64_t{0})) : MetricType::gauge;
+    const bool is_counter = panel.type == MetricType::counter;
+    panel.lines.push_back({title, (is_counter ? lines.rates : lines.values).all()});
+  } else if (!lines.p99.all().empty()) {
+    panel.type = MetricType::histogram;
+    if (is_only_one) {
+      panel.lines.push_back({"p50, " + title, lines.p50.all()});
+      panel.lines.push_back({"p90, " + title, lines.p90.all()});
+    }
+    panel.lines.push_back({"p99, " + title, lines.p99.all()});
+  }
+}
+
 std::vector<Panel> Series::panels(const MetricTypes& types) const {
   std::vector<Panel> panels;
   for (const auto& [path, processes] : metrics_) {
-    Panel panel{path, MetricType::histogram, {}};
-    bool is_worth_it = false;
+    Panel panel{path, MetricType::gauge, {}};
     for (const auto& [process, lines] : processes) {
-      const std::string title = title_of(process);
-      if (!lines.rates.all().empty() || !lines.values.all().empty()) {
-        panel.type =
-            lines.rates.all().empty() ? MetricType::gauge : types.of(path, Value(std::int64_t{0}));
-        const bool is_counter = panel.type == MetricType::counter;
-        panel.lines.push_back(line_of(title, is_counter ? lines.rates : lines.values));
-        is_worth_it |= !is_counter || has_counted(lines.rates);
-      } else if (!lines.p50.all().empty()) {
-        panel.lines.push_back(line_of("p50, " + title, lines.p50));
-        panel.lines.push_back(line_of("p90, " + title, lines.p90));
-        panel.lines.push_back(line_of("p99, " + title, lines.p99));
-        is_worth_it = true;
-      }
+      add_lines(panel, process, lines, types, processes.size() == 1);
     }
-    if (is_worth_it) {
+    const bool is_worth_it = panel.type != MetricType::counter || has_counted(panel.lines);
+    if (is_worth_it && !panel.lines.empty()) {
       panels.push_back(std::move(panel));
     }
   }

@@ -35,7 +35,7 @@ class Points {
   std::vector<Point> points_;
 };
 
-struct Line {
+struct PlotLine {
   std::string title;
   std::vector<Point> points;
 };
@@ -43,10 +43,11 @@ struct Line {
 struct Panel {
   std::string metric;  // its path
   MetricType type = MetricType::counter;
-  std::vector<Line> lines;
+  std::vector<PlotLine> lines;
 };
 
-// Collects intervals: rates of counters, values of gauges, percentiles of histograms.
+// Collects intervals: rates of counters, values of gauges, percentiles of histograms. With several
+// processes, there is room for one percentile of each.
 class Series {
  public:
   static constexpr std::size_t kMostPanels = 48;
@@ -75,6 +76,8 @@ class Series {
   using OfMetric = std::map<ProcessKey, OfProcess>;
 
   bool is_wanted(const std::string& path) const;
+  static void add_lines(Panel& panel, const ProcessKey& process, const OfProcess& lines,
+                        const MetricTypes& types, bool is_only_one);
   OfProcess& lines_of(OfMetric& metric, const ProcessKey& process);
 
   std::vector<std::string> patterns_;
