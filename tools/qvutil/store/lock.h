@@ -6,12 +6,13 @@
 
 #include <memory>
 #include <optional>
-#include <string>
+#include <vector>
 
 #include <quorvane/file_store.h>
 
 #include "qvutil/output/console.h"
 #include "qvutil/store/cache_files.h"
+#include "qvutil/store/lock_note.h"
 
 namespace quorvane::tool {
 
@@ -34,18 +35,25 @@ class WriteLock {
 // there is no lock file.
 class ReadLock {
  public:
-  // Throws Failure if the lock file can't be read.
+  // Waits for it, like WriteLock. Throws Failure if the lock file can't be read.
   ReadLock(Console& console, const CacheFiles& files);
+  // Nothing if a writer holds it.
+  static std::optional<ReadLock> try_lock(const CacheFiles& files);
+  ReadLock(ReadLock&& other) noexcept;
+  ReadLock& operator=(ReadLock&&) = delete;
   ~ReadLock();
-  ReadLock(const ReadLock&) = delete;
-  ReadLock& operator=(const ReadLock&) = delete;
 
   // Whether a killed process has left the note of an append: the next writer undoes it.
-  bool has_note() const { return has_note_; }
+  bool has_note() const { return !noted_.empty(); }
+  // The files as they were before that.
+  const std::vector<NotedFile>& noted() const { return noted_; }
 
  private:
+  ReadLock() = default;
+  void read_note();
+
   int fd_ = -1;
-  bool has_note_ = false;
+  std::vector<NotedFile> noted_;
 };
 
 // The process that holds the lock, if there is one and the kernel tells.

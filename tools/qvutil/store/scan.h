@@ -28,6 +28,9 @@ struct Place {
   std::uint64_t size = 0;  // up to where whole bytes go on
   std::string reason;      // "the checksum of the entry is wrong"
   bool is_damage = true;   // otherwise only odd: the library takes it for no damage
+  // The entry here is whole, and was visited, but an earlier one has its key. Such places come
+  // after all entries.
+  bool is_repeated_key = false;
 };
 
 class Visitor {

@@ -1,0 +1,47 @@
+// The data file of an indexed store, and its index.
+#ifndef TOOLS_QVUTIL_STORE_INDEXED_SCAN_H_
+#define TOOLS_QVUTIL_STORE_INDEXED_SCAN_H_
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "qvutil/output/progress.h"
+#include "qvutil/store/scan.h"
+
+namespace quorvane::tool {
+
+// Visits the entries of a data file behind its header, and the places between them.
+class IndexedScan {
+ public:
+  // Nothing from `covered` on is acknowledged: what is not whole there, and is followed by
+  // nothing whole, was cut short. `name` is the file's.
+  IndexedScan(std::string name, std::string_view bytes, std::uint64_t covered, Visitor& visitor);
+
+  // Returns the number of whole entries.
+  std::uint64_t run(Progress& progress);
+
+  // Reads the entry at `offset`. Null if its sizes fit; else why they don't. Doesn't look at the
+  // checksum.
+  static const char* read(std::string_view bytes, std::uint64_t offset, Entry& entry);
+
+ private:
+  bool is_whole_at(std::uint64_t offset);
+  std::uint64_t next_entry(std::uint64_t offset);
+  const char* why_not(std::uint64_t offset);
+  void tell_damage(std::uint64_t offset, std::uint64_t next, const char* reason);
+  void check_padding(std::uint64_t from, std::uint64_t end);
+
+  const std::string name_;
+  const std::string_view bytes_;
+  const std::uint64_t covered_;
+  Visitor& visitor_;
+  Entry entry_;
+  // A forged file may have headers that claim more than all of its bytes; the search in them
+  // ends at some time.
+  std::uint64_t tries_left_;
+};
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_STORE_INDEXED_SCAN_H_
