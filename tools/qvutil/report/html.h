@@ -1,0 +1,27 @@
+// Pages that need nothing else: no other file, no script, no font.
+#ifndef TOOLS_QVUTIL_REPORT_HTML_H_
+#define TOOLS_QVUTIL_REPORT_HTML_H_
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvutil/report/series.h"
+
+namespace quorvane::tool {
+
+// Any bytes as text of a page, also in an attribute.
+std::string html_text(std::string_view bytes);
+
+// A whole page. `body` is HTML. Readable on a telephone, and dark where that is preferred.
+std::string html_page(std::string_view title, std::string_view body);
+
+// What gnuplot or another program drew, without what must not stand inside a page.
+std::string inline_svg(std::string_view svg);
+
+// The panels as pictures side by side, as many as there is room for. Runs gnuplot.
+std::string html_of(const std::vector<Panel>& panels);
+
+}  // namespace quorvane::tool
+
+#endif  // TOOLS_QVUTIL_REPORT_HTML_H_
