@@ -28,15 +28,6 @@ struct Converted {
   Places places;
 };
 
-std::optional<Kind> kind_named(const std::string& name) {
-  for (const Kind kind : {Kind::basic, Kind::lazy_lookup, Kind::indexed}) {
-    if (name == name_of(kind)) {
-      return kind;
-    }
-  }
-  return std::nullopt;
-}
-
 // Where entries come from.
 class Source {
  public:
