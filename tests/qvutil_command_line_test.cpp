@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -103,7 +105,7 @@ TEST(CommandLine, SaysWhichWordIsWrongAndWhatWasMeant) {
 }
 
 TEST(CommandLine, SaysThatItsOutputIsLost) {
-  for (const char* command : {"help", "ls /usr/share"}) {
+  for (const char* command : {"help", "--help", "ls --help", "log " QV_SOURCE_DIR "/README.md"}) {
     const test::Ran ran = test::run_program(
         "/bin/sh", {"-c", std::string(QV_BINARY_DIR "/bin/qvutil ") + command + " >/dev/full"});
     EXPECT_TRUE(ran.exited_with(2)) << command;
@@ -118,6 +120,20 @@ TEST(CommandLine, EndsQuietlyWhenItsReaderIsGone) {
       {"-c", "trap '' CHLD; { " QV_BINARY_DIR "/bin/qvutil help; echo $? >&2; } | true"});
   EXPECT_TRUE(ran.exited_with(0));
   EXPECT_THAT(ran.err, testing::AnyOf("0\n", "141\n"));
+}
+
+// It is none of the processes that it looks at.
+TEST(CommandLine, LeavesNoTracesOfItself) {
+  const test::TempDir dir;
+  const test::Ran ran = test::run_program(QV_BINARY_DIR "/bin/qvutil", {"ls", dir.path()},
+                                          {{"HOME", "/none"},
+                                           {"QV_LOG_FILE", std::nullopt},
+                                           {"QV_STATS_REPORT_FILE", dir.file("stats")},
+                                           {"QV_STATS_REPORT_PERIOD", "1"},
+                                           {"QV_PIDFILE_ROOT", dir.path() + "/"}});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.err, "There is no cache in " + dir.path() + ".\n");
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
 TEST(Suggestion, IsTheNearestWordOfTheList) {

@@ -98,12 +98,16 @@ int complain(const CLI::ParseError& error, CLI::App& app) {
 
 int run_action(const Action& action, bool json) {
   Console console(std::cout, std::cerr, Console::style_of_process(json));
-  const Outcome outcome = action(console);
+  return static_cast<int>(action(console));
+}
+
+// `status`, unless what was printed can't be written.
+int flushed(int status) {
   errno = 0;
-  if (!std::cout.flush()) {
-    throw failure_of("can't write to standard output", errno);
+  if (std::cout.flush()) {
+    return status;
   }
-  return static_cast<int>(outcome);
+  throw failure_of("can't write to standard output", errno);
 }
 
 // Parses the arguments. Returns whether there is a command to run; if not, `status` is that of
@@ -158,7 +162,7 @@ int run_command(int argc, char** argv) {
 int run(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
   try {
-    return run_command(argc, argv);
+    return flushed(run_command(argc, argv));
   } catch (const std::exception& error) {
     std::cerr << "qvutil: " << error.what() << "\n";
     return kFailed;
