@@ -211,7 +211,7 @@ Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progre
   const BusErrors guard;
   std::optional<ReadLock> lock(std::in_place, console, files);
   OpenedCache cache(files, lock->noted());
-  if (!cache.ends_with_rest()) {
+  if (cache.leave_out_rest()) {
     lock.reset();
   }
   return scan_opened(files, cache, visitor, progress);
