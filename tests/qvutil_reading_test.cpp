@@ -112,12 +112,15 @@ TEST_F(Reading, LsPrintsOneJsonObjectACache) {
   EXPECT_EQ(count, 3);
 }
 
-TEST_F(Reading, LsTellsWhoHoldsALock) {
+// Holds a lock until it is killed.
+pid_t lock_holder(const std::string& path) {
   int ready[2];
-  ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+  if (pipe2(ready, O_CLOEXEC) != 0) {
+    return -1;
+  }
   const pid_t holder = in_child([&] {
-    const int fd = open((root() + "/lock_basic").c_str(), O_RDONLY);
-    flock(fd, LOCK_EX);
+    flock(open(path.c_str(), O_RDONLY), LOCK_EX);
+    close(ready[0]);
     close(ready[1]);
     for (;;) {
       pause();
@@ -128,12 +131,42 @@ TEST_F(Reading, LsTellsWhoHoldsALock) {
   char byte;
   EXPECT_EQ(read(ready[0], &byte, 1), 0);  // the holder has closed its end
   close(ready[0]);
+  return holder;
+}
+
+TEST_F(Reading, LsTellsWhoHoldsALockAndWaitsForNobody) {
+  const std::string bytes = read_file(cache(Kind::basic));
+  write_file(cache(Kind::basic), bytes + bytes.substr(8, 20));  // an append is under way
+  const pid_t holder = lock_holder(root() + "/lock_basic");
   const Ran ran = qvutil({"ls", root()});
-  EXPECT_THAT(ran.out, HasSubstr("process " + std::to_string(holder) + " (qvutil_reading_"));
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_THAT(ran.out, HasSubstr("  busy   process " + std::to_string(holder) + " (qvutil_readin"));
   const Ran json = qvutil({"ls", root(), "--json"});
   EXPECT_THAT(json.out, HasSubstr("\"lock\":{\"pid\":" + std::to_string(holder)));
   kill(holder, SIGKILL);
   EXPECT_EQ(wait_for(holder), kKilledBy + SIGKILL);
+}
+
+TEST_F(Reading, VerifySaysWhomItWaitsFor) {
+  const pid_t holder = lock_holder(root() + "/lock_basic");
+  int err[2];
+  ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
+  const pid_t verifier = in_child([&] {
+    dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    execl(QV_BINARY_DIR "/bin/qvutil", "qvutil", "verify", cache(Kind::basic).c_str(), nullptr);
+    return 127;
+  });
+  close(err[1]);
+  std::FILE* const lines = fdopen(err[0], "r");
+  char line[512] = "";
+  ASSERT_NE(std::fgets(line, sizeof(line), lines), nullptr);
+  EXPECT_THAT(line, StartsWith("Waiting for the lock " + root() + "/lock_basic, held by process " +
+                               std::to_string(holder) + " (qvutil_readin"));
+  kill(holder, SIGKILL);
+  EXPECT_EQ(wait_for(holder), kKilledBy + SIGKILL);
+  EXPECT_EQ(wait_for(verifier), 0);
+  std::fclose(lines);
 }
 
 TEST(Ls, SaysThatARootIsEmpty) {
@@ -366,6 +399,38 @@ TEST(Verify, FindsNoDamageWhileTwoProcessesAppend) {
     const ScannedCache found = scanned(dir.path(), kind);
     EXPECT_EQ(found.entries.size(), 2 * kAppends + 1u);
     EXPECT_EQ(found.places_text(), "");
+  }
+}
+
+// Whether writers can take the lock during a scan.
+struct LockProbe : quorvane::tool::Visitor {
+  void entry(const quorvane::tool::Entry&) override {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    is_free = is_free && flock(fd, LOCK_EX | LOCK_NB) == 0;
+    close(fd);
+    ++entries;
+  }
+  void place(const quorvane::tool::Place&) override {}
+  std::string path;
+  bool is_free = true;
+  int entries = 0;
+};
+
+TEST_F(Reading, AScanKeepsNoWriterWaiting) {
+  const std::string data = read_file(root() + "/dat_indexed");
+  write_file(root() + "/dat_torn", data + data.substr(64, 40));  // without an index
+  write_file(root() + "/lock_torn", "");
+  const std::vector<quorvane::tool::CacheFiles> caches = quorvane::tool::caches_of(root());
+  EXPECT_EQ(caches.size(), 4u);
+  for (const quorvane::tool::CacheFiles& files : caches) {
+    LockProbe probe;
+    probe.path = files.lock_file();
+    std::ostringstream out;
+    quorvane::tool::Console console(out, out, {});
+    quorvane::tool::Progress progress(console, "", 0);
+    quorvane::tool::scan(console, files, probe, progress);
+    EXPECT_EQ(probe.entries, 2);
+    EXPECT_TRUE(probe.is_free) << files.name;
   }
 }
 
