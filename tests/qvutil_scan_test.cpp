@@ -297,6 +297,28 @@ TEST_P(Scan, EndsOnAnyBytes) {
   }
 }
 
+TEST_P(Scan, EndsOnTheSeedsOfTheFuzzers) {
+  make(kHostileEntries);
+  int seeds = 0;
+  for (const char* kind : {"basic_store", "lazy_lookup_store", "indexed_store"}) {
+    const std::string directory = QV_SOURCE_DIR "/fuzz/seeds/" + std::string(kind);
+    for (const std::string& name : names_in(directory)) {
+      const std::string seed = read_file(directory + "/" + name);
+      // The first bytes of some are settings of their fuzzer.
+      for (std::size_t skipped = 0; skipped < 4 && skipped < seed.size(); ++skipped) {
+        Files files = whole_;
+        for (auto& [file, bytes] : files) {
+          bytes = seed.substr(skipped);
+          write_files(root(), files);
+          scan_files();
+        }
+      }
+      ++seeds;
+    }
+  }
+  EXPECT_GT(seeds, 40);
+}
+
 // --- one kind ---
 
 TEST(ScanOfABasicCache, DoesntTakeTheFileOfAStoreInAValueForEntries) {

@@ -26,6 +26,11 @@ constexpr std::uint64_t kDataHeaderSize = 64;
 constexpr std::uint64_t kAlignment = 16;
 constexpr std::uint64_t kIndexPageSize = 4096;
 
+// The size of an indexed entry with its padding.
+constexpr std::uint64_t padded(std::uint64_t size) {
+  return (size + kAlignment - 1) / kAlignment * kAlignment;
+}
+
 // The number at `offset`, which must be inside.
 template <typename Number>
 Number number_at(std::string_view bytes, std::uint64_t offset) {

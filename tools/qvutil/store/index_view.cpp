@@ -3,7 +3,6 @@
 #include <farmhash.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstddef>
 #include <cstring>
@@ -90,16 +89,5 @@ bool IndexView::is_of_this_boot() const {
 }
 
 void IndexView::map() { slots_ = file_->bytes().data() + format::kIndexPageSize; }
-
-std::uint64_t IndexView::slot(std::uint64_t at) const {
-  // A writer may store it meanwhile.
-  auto* const slot =
-      reinterpret_cast<std::uint64_t*>(const_cast<char*>(slots_ + at * sizeof(std::uint64_t)));
-  return std::atomic_ref<std::uint64_t>(*slot).load(std::memory_order_acquire);
-}
-
-void IndexView::prefetch(std::uint64_t at) const {
-  __builtin_prefetch(slots_ + at * sizeof(std::uint64_t));
-}
 
 }  // namespace quorvane::tool

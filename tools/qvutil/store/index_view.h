@@ -2,6 +2,7 @@
 #ifndef TOOLS_QVUTIL_STORE_INDEX_VIEW_H_
 #define TOOLS_QVUTIL_STORE_INDEX_VIEW_H_
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,9 +34,14 @@ class IndexView {
   std::uint64_t slots() const { return page_.slots; }
 
   // The slot as it is now, at most slots() - 1. Only if it fits.
-  std::uint64_t slot(std::uint64_t at) const;
+  std::uint64_t slot(std::uint64_t at) const {
+    // A writer may store it meanwhile.
+    auto* const slot =
+        reinterpret_cast<std::uint64_t*>(const_cast<char*>(slots_ + at * sizeof(std::uint64_t)));
+    return std::atomic_ref<std::uint64_t>(*slot).load(std::memory_order_acquire);
+  }
   // Fetches it, so that slot() doesn't wait for memory.
-  void prefetch(std::uint64_t at) const;
+  void prefetch(std::uint64_t at) const { __builtin_prefetch(slots_ + at * sizeof(std::uint64_t)); }
   // Maps the slots.
   void map();
 

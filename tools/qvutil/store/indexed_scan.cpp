@@ -20,10 +20,6 @@ constexpr const char* kCut = "the entry is cut short";
 constexpr const char* kContradict = "the sizes of the entry contradict each other";
 constexpr const char* kChecksum = "the checksum of the entry is wrong";
 
-std::uint64_t padded(std::uint64_t size) {
-  return (size + format::kAlignment - 1) / format::kAlignment * format::kAlignment;
-}
-
 bool has_checksum(std::string_view bytes, const Entry& entry) {
   const auto checksum = static_cast<std::uint32_t>(
       ::util::Fingerprint64(bytes.data() + entry.offset + kSizeAt, entry.size - kSizeAt));
@@ -82,7 +78,7 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
   if (const char* const reason = read_sizes(bytes, offset, sizes)) {
     return reason;
   }
-  if (sizes.all > bytes.size() - offset || padded(sizes.all) > bytes.size() - offset) {
+  if (sizes.all > bytes.size() - offset || format::padded(sizes.all) > bytes.size() - offset) {
     return kCut;
   }
   entry.offset = offset;
@@ -99,6 +95,18 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
   return nullptr;
 }
 
+bool IndexedScan::is_cut(std::string_view bytes, std::uint64_t offset) {
+  const std::uint64_t left = bytes.size() - offset;
+  Sizes sizes;
+  return left < kHeaderSize || (read_sizes(bytes, offset, sizes) == nullptr &&
+                                (sizes.all > left || format::padded(sizes.all) > left));
+}
+
+Place IndexedScan::rest(const std::string& name, std::uint64_t offset, std::uint64_t end) {
+  return {name, offset, end - offset, "an append was cut short here; the next one overwrites it",
+          false};
+}
+
 std::uint64_t IndexedScan::run(Progress& progress) {
   std::uint64_t entries = 0;
   std::uint64_t offset = format::kDataHeaderSize;
@@ -106,7 +114,7 @@ std::uint64_t IndexedScan::run(Progress& progress) {
     progress.at(offset);
     const char* const reason = why_not(offset);
     if (reason == nullptr) {
-      const std::uint64_t end = offset + padded(entry_.size);
+      const std::uint64_t end = offset + format::padded(entry_.size);
       check_padding(offset + entry_.size, end);
       visitor_.entry(entry_);
       ++entries;
@@ -140,11 +148,10 @@ std::uint64_t IndexedScan::next_entry(std::uint64_t offset) {
   Sizes sizes;
   std::uint64_t at = offset + format::kAlignment;
   if (read_sizes(bytes_, offset, sizes) == nullptr) {
-    const std::uint64_t left = bytes_.size() - offset;
-    if (sizes.all > left || padded(sizes.all) > left) {
+    if (is_cut(bytes_, offset)) {
       return bytes_.size();
     }
-    at = offset + padded(sizes.all);
+    at = offset + format::padded(sizes.all);
   }
   for (; at < bytes_.size() && tries_left_ != 0; at += format::kAlignment) {
     if (is_whole_at(at)) {
@@ -155,12 +162,8 @@ std::uint64_t IndexedScan::next_entry(std::uint64_t offset) {
 }
 
 void IndexedScan::tell_damage(std::uint64_t offset, std::uint64_t next, const char* reason) {
-  Place place{name_, offset, next - offset, reason};
-  if (offset >= covered_ && next == bytes_.size() && tries_left_ != 0) {
-    place.is_damage = false;
-    place.reason = "an append was cut short here; the next one overwrites it";
-  }
-  visitor_.place(place);
+  const bool is_rest = offset >= covered_ && next == bytes_.size() && tries_left_ != 0;
+  visitor_.place(is_rest ? rest(name_, offset, next) : Place{name_, offset, next - offset, reason});
 }
 
 void IndexedScan::check_padding(std::uint64_t from, std::uint64_t end) {

@@ -25,6 +25,11 @@ class IndexedScan {
   // checksum.
   static const char* read(std::string_view bytes, std::uint64_t offset, Entry& entry);
 
+  // Whether the entry at `offset` exceeds the bytes, as the write of a killed process leaves it.
+  static bool is_cut(std::string_view bytes, std::uint64_t offset);
+  // The place that such an entry is.
+  static Place rest(const std::string& name, std::uint64_t offset, std::uint64_t end);
+
  private:
   bool is_whole_at(std::uint64_t offset);
   std::uint64_t next_entry(std::uint64_t offset);

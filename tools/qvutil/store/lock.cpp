@@ -10,9 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
+#include <future>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "qvutil/cli/outcome.h"
@@ -25,8 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kLargestNote = 4096;
-
-enum class Taken { yes, no, no_file };
 
 Failure refused(const std::string& path) {
   return failure_of("can't take the lock " + shown(path), errno);
@@ -47,45 +44,54 @@ bool is_at(int fd, const std::string& path) {
          opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-// Whoever replaces the lock file while it is opened excludes nobody, so it is opened again.
-Taken try_flock(const std::string& path, int operation, int& fd) {
-  for (;;) {
-    fd = open_lock_file(path);
-    if (fd < 0) {
-      return Taken::no_file;
-    }
-    const bool is_locked = flock(fd, operation | LOCK_NB) == 0;
-    const int error = errno;
-    if (is_locked && is_at(fd, path)) {
-      return Taken::yes;
-    }
-    close(fd);
-    fd = -1;
-    if (!is_locked && error != EINTR) {
-      errno = error;
-      return error == EWOULDBLOCK ? Taken::no : throw refused(path);
-    }
-  }
-}
-
 void say_waiting(Console& console, const CacheFiles& files) {
   const std::optional<pid_t> holder = holder_of(files);
   console.err() << "Waiting for the lock " << shown(files.lock_file())
                 << (holder ? ", held by " + process_text(*holder) : std::string()) << std::endl;
 }
 
-// Polls: a signal is no way to say who holds the lock while it is waited for.
-void wait_for(Console& console, const CacheFiles& files, const std::function<bool()>& try_once) {
-  const auto start = std::chrono::steady_clock::now();
+// Returns 0, or errno.
+int flock_of(int fd, int operation) {
+  int result = 0;
+  do {
+    result = flock(fd, operation);
+  } while (result != 0 && errno == EINTR);
+  return result == 0 ? 0 : errno;
+}
+
+// A thread waits in the kernel, which gives the lock to each in turn: a poll would hardly ever
+// find it free while others append all the time.
+int wait_for(Console& console, const CacheFiles& files, int fd, int operation, bool& is_said) {
+  std::future<int> taken = std::async(std::launch::async, &flock_of, fd, operation);
+  if (!is_said && taken.wait_for(1s) == std::future_status::timeout) {
+    is_said = true;
+    say_waiting(console, files);
+  }
+  return taken.get();
+}
+
+// Returns a descriptor that holds the lock, or -1 if there is no lock file. Whoever holds a file
+// that was replaced excludes nobody, so the new one is taken.
+int take(Console& console, const CacheFiles& files, int operation) {
+  const std::string path = files.lock_file();
   bool is_said = false;
-  auto pause = std::chrono::microseconds(50);
-  while (!try_once()) {
-    if (!is_said && std::chrono::steady_clock::now() - start >= 1s) {
-      is_said = true;
-      say_waiting(console, files);
+  for (;;) {
+    const int fd = open_lock_file(path);
+    if (fd < 0) {
+      return -1;
     }
-    std::this_thread::sleep_for(pause);
-    pause = std::min(2 * pause, std::chrono::microseconds(10ms));
+    int error = flock_of(fd, operation | LOCK_NB);
+    if (error == EWOULDBLOCK) {
+      error = wait_for(console, files, fd, operation, is_said);
+    }
+    if (error == 0 && is_at(fd, path)) {
+      return fd;
+    }
+    close(fd);
+    if (error != 0) {
+      errno = error;
+      throw refused(path);
+    }
   }
 }
 
@@ -117,14 +123,10 @@ class RootInEnvironment {
 
 WriteLock::WriteLock(Console& console, const CacheFiles& files) {
   // The library's own wait is told in its log only.
-  wait_for(console, files, [&] {
-    int fd = -1;
-    const Taken taken = try_flock(files.lock_file(), LOCK_EX, fd);
-    if (fd >= 0) {
-      close(fd);
-    }
-    return taken != Taken::no;
-  });
+  const int fd = take(console, files, LOCK_EX);
+  if (fd >= 0) {
+    close(fd);
+  }
   {
     const RootInEnvironment root(files.root);
     lock_ = std::make_unique<cache::StoreFLock>(files.name);
@@ -137,14 +139,14 @@ WriteLock::WriteLock(Console& console, const CacheFiles& files) {
 
 WriteLock::~WriteLock() { lock_->unlock(); }
 
-ReadLock::ReadLock(Console& console, const CacheFiles& files) {
-  wait_for(console, files, [&] { return try_flock(files.lock_file(), LOCK_SH, fd_) != Taken::no; });
+ReadLock::ReadLock(Console& console, const CacheFiles& files) : fd_(take(console, files, LOCK_SH)) {
   read_note();
 }
 
 std::optional<ReadLock> ReadLock::try_lock(const CacheFiles& files) {
   ReadLock lock;
-  if (try_flock(files.lock_file(), LOCK_SH, lock.fd_) == Taken::no) {
+  lock.fd_ = open_lock_file(files.lock_file());
+  if (lock.fd_ >= 0 && flock_of(lock.fd_, LOCK_SH | LOCK_NB) != 0) {
     return std::nullopt;
   }
   lock.read_note();

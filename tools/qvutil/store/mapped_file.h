@@ -26,7 +26,7 @@ class MappedFile {
   // Mapped at the first call. Throws Failure if that is refused.
   std::string_view bytes();
 
-  // Leaves out what follows. Before the first call of bytes().
+  // Leaves out what follows.
   void limit(std::uint64_t size);
 
   const std::string& path() const { return path_; }

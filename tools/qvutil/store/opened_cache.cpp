@@ -7,6 +7,7 @@
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/format.h"
+#include "qvutil/store/indexed_scan.h"
 
 namespace quorvane::tool {
 namespace {
@@ -92,6 +93,23 @@ void OpenedCache::open_index(const CacheFiles& files) {
 bool OpenedCache::ends_with_rest() const {
   return kind == Kind::indexed && main && index &&
          (!index->fits() || index->covered() < main->size());
+}
+
+bool OpenedCache::leave_out_rest() {
+  if (!ends_with_rest()) {
+    return true;
+  }
+  const std::string_view data = main->bytes();
+  Entry entry;
+  std::uint64_t end = index->fits() ? index->covered() : format::kDataHeaderSize;
+  while (end < data.size() && IndexedScan::read(data, end, entry) == nullptr) {
+    end += format::padded(entry.size);
+  }
+  if (end < data.size() && IndexedScan::is_cut(data, end)) {
+    places.push_back(IndexedScan::rest(main->name(), end, data.size()));
+    main->limit(end);
+  }
+  return end >= main->size();
 }
 
 std::uint64_t OpenedCache::bytes() const {

@@ -20,8 +20,12 @@ struct OpenedCache {
   // can't be opened, or has another version of its format.
   OpenedCache(const CacheFiles& files, const std::vector<NotedFile>& noted);
 
-  // Whether the next writer would cut a file: whoever reads must keep the lock meanwhile.
+  // Whether the next writer may cut the data of an indexed store.
   bool ends_with_rest() const;
+
+  // With the lock: leaves that rest out, so that the lock isn't needed any more. False if the
+  // data is damaged, and so its end isn't known: whoever reads it must keep the lock.
+  bool leave_out_rest();
 
   std::uint64_t bytes() const;
   std::int64_t changed() const;  // seconds since 1970

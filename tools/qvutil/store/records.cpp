@@ -82,7 +82,8 @@ bool RecordWalk::has_magic(std::uint64_t offset) const {
 // By the beginning of another entry, even if that is cut short in its magic number.
 bool RecordWalk::is_followed(std::uint64_t end) const {
   const std::string_view next = bytes_.substr(end, kMagicBytes.size());
-  return next == kMagicBytes.substr(0, next.size());
+  return has_magic(end) ||
+         (next.size() < kMagicBytes.size() && next == kMagicBytes.substr(0, next.size()));
 }
 
 // Whatever its magic number is.

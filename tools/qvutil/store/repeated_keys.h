@@ -5,24 +5,24 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string_view>
 #include <vector>
 
 namespace quorvane::tool {
 
-// In two passes over the same entries: the first finds hashes that may occur again, the second
-// compares the keys that have them. Keys must stay in memory. Two keys that share a 64-bit hash
-// by accident cost at most the notice of a third.
+// The first pass over the entries finds 64-bit hashes that occur again. Seldom, a second pass is
+// needed: it compares the keys that have them. Keys must stay in memory. Two keys that share a
+// hash by accident cost at most the notice of a third.
 class RepeatedKeys {
  public:
-  // For at most so many entries. More than kMost need several objects: each looks at one part
-  // of the keys.
-  RepeatedKeys(std::uint64_t entries, std::uint64_t part, std::uint64_t parts);
+  // Looks at one of so many parts of the keys. A part should have at most kMost of them.
+  RepeatedKeys(std::uint64_t part, std::uint64_t parts) : part_(part), parts_(parts) {}
 
-  static constexpr std::uint64_t kMost = std::uint64_t{1} << 24;
+  static constexpr std::uint64_t kMost = 6'000'000;  // 48 MB
 
-  // First pass.
+  // First pass. What exceeds kMost is left out.
   void add(std::string_view key);
 
   // Between the passes: whether a second one is needed.
@@ -38,23 +38,16 @@ class RepeatedKeys {
     std::uint64_t offset;
   };
 
-  // That many bits are fetched from memory at a time.
-  static constexpr std::size_t kAhead = 64;
+  bool is_in_part(std::uint64_t hash) const;
+  void find_suspects(const std::deque<std::uint64_t>& hashes);
 
-  void make_bits(std::uint64_t entries);
-  bool test_and_set(std::uint64_t hash);
-  bool is_set(std::uint64_t hash) const;
-  void add_due();
-  void keep_once();
-
-  std::uint64_t part_;
-  std::uint64_t parts_;
-  std::vector<std::uint64_t> bits_;
-  std::uint64_t mask_ = 0;
-  std::array<std::uint64_t, kAhead> due_;
-  std::size_t due_count_ = 0;
-  std::vector<std::uint64_t> suspects_;
-  std::vector<Suspect> found_;
+  const std::uint64_t part_;
+  const std::uint64_t parts_;
+  std::uint64_t count_ = 0;
+  // By their upper bits: a search among all would wait for memory at each hash.
+  std::array<std::deque<std::uint64_t>, 256> hashes_;
+  std::vector<std::uint64_t> table_;
+  std::vector<Suspect> suspects_;
 };
 
 }  // namespace quorvane::tool

@@ -65,13 +65,12 @@ void tell_repeated(const std::string& name, bool is_damage, const Pass& pass, Re
   pass(check);
 }
 
-// Visits everything, and then the places of repeated keys. `most` is a bound on the number of
-// entries.
-std::uint64_t scan_keys(const std::string& name, bool is_damage, std::uint64_t most,
-                        const Pass& pass, Visitor& visitor) {
+// Visits everything, and then the places of repeated keys.
+std::uint64_t scan_keys(const std::string& name, bool is_damage, const Pass& pass,
+                        Visitor& visitor) {
   std::uint64_t entries = 0;
   {
-    RepeatedKeys keys(most, 0, 1);
+    RepeatedKeys keys(0, 1);
     KeyCollector collector(keys, visitor);
     entries = pass(collector);
     if (entries <= RepeatedKeys::kMost) {
@@ -79,9 +78,10 @@ std::uint64_t scan_keys(const std::string& name, bool is_damage, std::uint64_t m
       return entries;
     }
   }
-  const std::uint64_t parts = entries / RepeatedKeys::kMost + 1;
+  // Twice as many as would do, since they are not of the same size.
+  const std::uint64_t parts = 2 * entries / RepeatedKeys::kMost + 1;
   for (std::uint64_t part = 0; part < parts; ++part) {
-    RepeatedKeys keys(RepeatedKeys::kMost, part, parts);
+    RepeatedKeys keys(part, parts);
     ForEach collect([&](const Entry& entry) { keys.add(entry.key); });
     pass(collect);
     tell_repeated(name, is_damage, pass, keys, visitor);
@@ -114,7 +114,7 @@ std::uint64_t scan_basic(OpenedCache& cache, Visitor& visitor, Progress& progres
   const Pass pass = [&](Visitor& to) {
     return RecordWalk(file.name(), format, to).run(format::kHeaderSize, progress);
   };
-  return scan_keys(file.name(), false, file.size() / format.least_size(), pass, visitor);
+  return scan_keys(file.name(), false, pass, visitor);
 }
 
 void tell_missing(const std::string& path, Visitor& visitor) {
@@ -138,8 +138,7 @@ std::uint64_t scan_lazy(const CacheFiles& files, OpenedCache& cache, Visitor& vi
     return RecordWalk(name, format, to).run(format::kHeaderSize, progress);
   };
   ValueCheck check(cache.values->name(), cache.values->bytes(), visitor);
-  const std::uint64_t entries =
-      scan_keys(name, true, cache.main->size() / format.least_size(), pass, check);
+  const std::uint64_t entries = scan_keys(name, true, pass, check);
   check.finish();
   return entries;
 }
@@ -175,8 +174,7 @@ std::uint64_t scan_indexed(OpenedCache& cache, Visitor& visitor, Progress& progr
   if (!index.fits()) {
     visitor.place({index.name(), 0, index.file_size(),
                    index.reason() + "; the next process makes it anew", false});
-    constexpr std::uint64_t kLeastEntry = 48;
-    return scan_keys(file.name(), false, file.size() / kLeastEntry, pass, visitor);
+    return scan_keys(file.name(), false, pass, visitor);
   }
   index.map();
   IndexCheck check(index, file.name(), bytes, visitor);
@@ -213,7 +211,7 @@ Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progre
   const BusErrors guard;
   std::optional<ReadLock> lock(std::in_place, console, files);
   OpenedCache cache(files, lock->noted());
-  if (!cache.ends_with_rest()) {
+  if (cache.leave_out_rest()) {
     lock.reset();
   }
   return scan_opened(files, cache, visitor, progress);

@@ -44,7 +44,7 @@ void count_data(std::string_view data, Survey& survey) {
   std::uint64_t offset = format::kDataHeaderSize;
   while (offset < data.size() && IndexedScan::read(data, offset, entry) == nullptr) {
     ++survey.entries;
-    offset += (entry.size + format::kAlignment - 1) / format::kAlignment * format::kAlignment;
+    offset += format::padded(entry.size);
   }
   survey.state = offset < data.size() ? State::cut_short : State::whole;
 }
