@@ -262,9 +262,9 @@ TEST_F(TraceTool, SumsUpByName) {
   }
   const std::string path = write("a", text + span(1, "flush", "1", "20000.5"));
   EXPECT_EQ(trace_of({{path}, ""}).out,
-            "OPERATION  COUNT   TOTAL    MEAN     P99     MAX\n"
-            "flush          1   20 ms   20 ms   20 ms   20 ms\n"
-            "find         100  146 us  1.5 us  1.0 us   47 us\n");
+            "OPERATION  COUNT   TOTAL    MEAN     P99    MAX\n"
+            "flush          1   20 ms   20 ms   20 ms  20 ms\n"
+            "find         100  146 us  1.5 us  1.0 us  47 us\n");
   const auto lines = test::lines_of(trace_of({{path}, ""}, true).out);
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_EQ(json::parse(lines[0])["max_us"], 20000.5);
