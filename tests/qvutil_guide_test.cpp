@@ -2,25 +2,101 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <quorvane/cache.h>
+#include <quorvane/file_store.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/console_block.h"
+#include "support/lock_probe.h"
+#include "support/store_bytes.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using test::Stage;
 
-// Fills the directory in which the commands of an incident run, and starts its processes.
+// Fills the directory in which the commands of an incident run, and starts its processes. It is
+// called once for each incident.
 using Prepare = std::function<Stage(const std::string& directory)>;
+
+constexpr const char* kPrograms = QV_BINARY_DIR "/bin/guide/";
+
+// With `entries` of which the key "/src/1.c" is one.
+void make_sizes(const std::string& root, quorvane::cache::StoreKind kind, int entries) {
+  std::filesystem::create_directory(root);
+  quorvane::cache::StoreOptions options;
+  options.kind = kind;
+  options.name = "sizes";
+  options.root = root;
+  quorvane::cache::Cache cache("sizes", quorvane::cache::make_store(options), false);
+  for (int i = 0; i < entries; ++i) {
+    cache.add_value(test::buffer("/src/" + std::to_string(i) + ".c"), test::buffers({"221"}));
+  }
+}
+
+void link_program(const std::string& directory, const std::string& program) {
+  std::filesystem::create_symlink(kPrograms + program, directory + "/" + program);
+}
+
+// Starts a program in `directory` that has a pid file in run/, logs into PROGRAM.log, and prints
+// into `out`.
+pid_t start(const std::string& directory, const std::string& program, const std::string& argument,
+            int out) {
+  return test::in_child([&] {
+    if (chdir(directory.c_str()) != 0 || dup2(out, STDOUT_FILENO) < 0) {
+      return 1;
+    }
+    setenv("QV_CACHE_STORE_ROOT", "cache", 1);
+    setenv("QV_LOG_FILE", (program + ".log").c_str(), 1);
+    setenv("QV_PIDFILE_ROOT", "run/", 1);
+    execl((kPrograms + program).c_str(), program.c_str(), argument.c_str(), nullptr);
+    return 1;
+  });
+}
+
+// The library says for whom it waits after five seconds.
+void await_record(const std::string& log) {
+  while (test::read_file(log).find("Waiting for") == std::string::npos) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+Stage hold_lock(const std::string& directory) {
+  make_sizes(directory + "/cache", quorvane::cache::StoreKind::basic, 1000);
+  std::filesystem::create_directory(directory + "/run");
+  test::Pipe out;
+  Stage stage;
+  stage.children.push_back(start(directory, "builder", "cache/lock_sizes", out.ends[1]));
+  char locked = 0;
+  EXPECT_EQ(read(out.ends[0], &locked, 1), 1);
+  stage.children.push_back(start(directory, "reader", "basic", out.ends[1]));
+  await_record(directory + "/reader.log");
+  stage.shown_as = {{std::to_string(stage.children[0]), "4711"},
+                    {std::to_string(stage.children[1]), "4712"}};
+  return stage;
+}
+
+Stage lose_index(const std::string& directory) {
+  make_sizes(directory + "/cache", quorvane::cache::StoreKind::indexed, 10'000);
+  std::filesystem::remove(directory + "/cache/idx_sizes");
+  link_program(directory, "reader");
+  return {};
+}
 
 // By the heading of the incident.
 const std::map<std::string, Prepare>& incidents() {
-  static const std::map<std::string, Prepare> all{};
+  static const std::map<std::string, Prepare> all{{"A process that holds a lock", &hold_lock},
+                                                  {"A slow start", &lose_index}};
   return all;
 }
 
@@ -66,14 +142,16 @@ std::string test_name(const testing::TestParamInfo<std::string>& heading) {
 
 class Incident : public testing::TestWithParam<std::string> {};
 
-// The sessions of an incident run one after the other in one directory.
+// The sessions of an incident are one: they run one after the other in one shell.
 TEST_P(Incident, PrintsWhatTheGuideShows) {
   const test::TempDir dir;
   const Stage stage = incidents().at(GetParam())(dir.path());
+  std::string session;
   for (const std::string& block : blocks_of(GetParam())) {
-    const std::string printed = test::as_shown(test::run_block(block, dir.path()), stage);
-    EXPECT_EQ(test::normalised(printed), test::normalised(block)) << printed;
+    session += block;
   }
+  const std::string printed = test::as_shown(test::run_block(session, dir.path()), stage);
+  EXPECT_EQ(test::normalised(printed), test::normalised(session)) << printed;
 }
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Incident);

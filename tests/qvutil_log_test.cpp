@@ -353,12 +353,12 @@ TEST_F(Log, SaysWhatItCannotRead) {
   const Printed printed = log_of(of({file("log")}));
   EXPECT_EQ(printed.outcome, Outcome::found);
   EXPECT_THAT(printed.out, testing::EndsWith(record("b")));
-  EXPECT_THAT(
-      test::lines_of(printed.err),
-      ElementsAre(
-          "can't read " + file("log.3.zst") + ": zstd is not supported; decompress it first",
-          "qvutil: can't read " + file("log.2.xz") + ": xz is not supported; decompress it first",
-          "qvutil: " + file("log.1.gz") + " is cut short"));
+  EXPECT_THAT(test::lines_of(printed.err),
+              ElementsAre("qvutil: can't read " + file("log.3.zst") +
+                              ": zstd is not supported; decompress it first",
+                          "qvutil: can't read " + file("log.2.xz") +
+                              ": xz is not supported; decompress it first",
+                          "qvutil: " + file("log.1.gz") + " is cut short"));
 }
 
 TEST_F(Log, OfDamagedCompressionIsReadUpToTheDamage) {

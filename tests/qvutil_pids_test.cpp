@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/sched.h>
 #include <quorvane/pidset.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -69,6 +70,19 @@ class Sleeper {
 pid_t dead_pid() {
   Sleeper sleeper;
   return sleeper.pid();
+}
+
+// A child with the id of a process that has ended; -1 with errno EPERM if it may not choose.
+pid_t revived(pid_t pid) {
+  clone_args arguments{};
+  arguments.exit_signal = SIGCHLD;
+  arguments.set_tid = reinterpret_cast<std::uint64_t>(&pid);
+  arguments.set_tid_size = 1;
+  const long child = syscall(SYS_clone3, &arguments, sizeof(arguments));
+  if (child == 0) {
+    test::sleep_until_killed();
+  }
+  return static_cast<pid_t>(child);
 }
 
 std::string set_bytes(const std::vector<std::int32_t>& ids, std::uint64_t count) {
@@ -228,6 +242,35 @@ TEST_F(Pids, WaitForTheLockAndSayIt) {
   EXPECT_FALSE(done.is_passed());
   close(fd);
   EXPECT_EQ(test::wait_for(child), 0);
+}
+
+TEST_F(Pids, ThatGetADeadOnesIdWhileItIsPrunedStay) {
+  const pid_t reused = dead_pid();
+  const std::string set = set_of({reused});
+  const int fd = open(set.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(flock(fd, LOCK_SH), 0);  // it can read the set, but not change it
+  test::Signpost done;
+  const pid_t pruner = test::in_child([&] {
+    close(fd);
+    std::ostringstream out;
+    quorvane::tool::Console console(out, out, {.json = true});
+    quorvane::tool::pids(console, {set, true});
+    done.pass();
+    return out.str().find(line(reused, "lives")) == std::string::npos ? 1 : 0;
+  });
+  EXPECT_TRUE(test::waits_for_lock(pruner, done));
+  const pid_t child = revived(reused);
+  const bool may_choose = child == reused || errno != EPERM;
+  flock(fd, LOCK_UN);  // the child has the descriptor, too
+  close(fd);
+  EXPECT_EQ(test::wait_for(pruner), may_choose ? 0 : 1);
+  if (!may_choose) {
+    GTEST_SKIP() << "only root may choose a process id";
+  }
+  ASSERT_EQ(child, reused);
+  EXPECT_EQ(test::read_file(set), set_bytes({reused}, 1));
+  kill(child, SIGKILL);
+  test::wait_for(child);
 }
 
 SCENARIO(prune_without) {

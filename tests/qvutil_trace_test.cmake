@@ -1,5 +1,3 @@
-# The programs of these tests preload the tracer.
-foreach(name qvutil_trace_test qvutil_guide_test)
-  add_dependencies(${name} QVTrace)
-  target_compile_definitions(${name} PRIVATE QV_TRACE_LIBRARY="$<TARGET_FILE:QVTrace>")
-endforeach()
+# Its programs preload the tracer.
+add_dependencies(qvutil_trace_test QVTrace)
+target_compile_definitions(qvutil_trace_test PRIVATE QV_TRACE_LIBRARY="$<TARGET_FILE:QVTrace>")

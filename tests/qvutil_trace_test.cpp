@@ -202,7 +202,7 @@ TEST_F(TraceTool, SurvivesHostileFiles) {
   const std::string whole = "[" + process(1, "p") + span(1, "find", "1", "2") +
                             span(1, "flush", "2.5", "0.5", 7) + process(3, "q");
   std::mt19937 random(3);
-  for (int round = 0; round < 1000; ++round) {
+  for (int round = 0; round < 200; ++round) {
     std::string bytes = whole;
     for (int i = 0; i < 3; ++i) {
       bytes[1 + random() % (bytes.size() - 1)] = static_cast<char>(random() % 256);
@@ -262,9 +262,9 @@ TEST_F(TraceTool, SumsUpByName) {
   }
   const std::string path = write("a", text + span(1, "flush", "1", "20000.5"));
   EXPECT_EQ(trace_of({{path}, ""}).out,
-            "OPERATION  COUNT   TOTAL    MEAN     P99     MAX\n"
-            "flush          1   20 ms   20 ms   20 ms   20 ms\n"
-            "find         100  146 us  1.5 us  1.0 us   47 us\n");
+            "OPERATION  COUNT   TOTAL    MEAN     P99    MAX\n"
+            "flush          1   20 ms   20 ms   20 ms  20 ms\n"
+            "find         100  146 us  1.5 us  1.0 us  47 us\n");
   const auto lines = test::lines_of(trace_of({{path}, ""}, true).out);
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_EQ(json::parse(lines[0])["max_us"], 20000.5);

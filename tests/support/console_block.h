@@ -98,6 +98,8 @@ inline std::string run_block(const std::string& block, const std::string& direct
   return run_program("/bin/sh", {"-c", script},
                      {{"PATH", QV_BINARY_DIR "/bin:" + std::string(path == nullptr ? "" : path)},
                       {"HOME", directory},
+                      {"LD_LIBRARY_PATH", QV_BINARY_DIR "/lib"},
+                      {"ASAN_OPTIONS", with_option("ASAN_OPTIONS", "verify_asan_link_order=0")},
                       {"QV_LOG_LEVEL", {}},
                       {"QV_LOG_FILE", "/dev/null"}})
       .out;

@@ -22,7 +22,7 @@ constexpr double kLetter = 7;  // the width of most
 constexpr double kLegendColumn = 200;
 constexpr double kMargin = 10;
 
-// Light enough for black letters, and not too light for a white page.
+// Light enough for black letters, and dark enough for a white page.
 constexpr std::array kColours{"#7fb2e5", "#f2a65a", "#8fca7a", "#e78a8a", "#b9a1e0",
                               "#d9c25c", "#6fc7bd", "#e59acb", "#b8a08a", "#a8b4c0"};
 
@@ -30,8 +30,9 @@ constexpr const char* kStyle = R"(<style>
 .qv-timeline{font:12px sans-serif;fill:#222}
 .qv-timeline .in{fill:#000}
 .qv-timeline .process{font-weight:bold}
+.qv-timeline .paper{fill:#fff}
 .qv-timeline line{stroke:#888;stroke-opacity:.4}
-@media(prefers-color-scheme:dark){.qv-timeline{fill:#ddd}}
+@media(prefers-color-scheme:dark){.qv-timeline{fill:#ddd}.qv-timeline .paper{fill:#1a1a1a}}
 </style>
 )";
 
@@ -164,7 +165,7 @@ void Drawing::write_axis(double y) {
 }
 
 void Drawing::write_span(const Span& span, double y) {
-  constexpr double kThinnest = 0.5;
+  constexpr double kThinnest = 1;
   const double x = x_of(span.start);
   const double width = std::max(kThinnest, x_of(span.start + span.duration) - x);
   out_ << "<rect x=\"" << number(x) << "\" y=\"" << number(y) << "\" width=\"" << number(width)
@@ -236,7 +237,7 @@ void Drawing::write() {
   out_ << "<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"qv-timeline\" viewBox=\"0 0 "
        << number(kWidth) << " " << number(height) << "\" width=\"" << number(kWidth)
        << "\" height=\"" << number(height) << "\" role=\"img\">\n<title>Timeline</title>\n"
-       << kStyle;
+       << kStyle << "<rect class=\"paper\" width=\"100%\" height=\"100%\"/>\n";
   write_lanes();
   out_ << "</svg>\n";
 }

@@ -66,6 +66,7 @@ std::vector<std::string> names_by_time(const std::vector<Lane>& lanes) {
     }
   }
   std::vector<std::string> names;
+  names.reserve(totals.size());
   for (const auto& [name, time] : totals) {
     names.push_back(name);
   }
