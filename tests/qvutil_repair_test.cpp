@@ -136,8 +136,8 @@ Damage damage_of(const CacheFiles& cache, const std::vector<Placed>& entries,
                 bytes.begin() + static_cast<std::ptrdiff_t>(end), '\0');
       return {path, bytes, {entry.main.begin, end}};
     }
-    default:  // garbage behind the end
-      for (std::uint64_t i = 0, length = 1 + random() % 100; i < length; ++i) {
+    default:  // garbage behind the end; less could be the rest of a value whose size is damaged
+      for (std::uint64_t i = 0, length = 64 + random() % 100; i < length; ++i) {
         bytes += static_cast<char>(random() % 256);
       }
       return {path, bytes, {size, bytes.size()}};
@@ -266,8 +266,9 @@ TEST_P(QvutilRepair, SaysInJsonWhatWasLost) {
   write_file(damaged.main_file(), damaged_bytes(damaged));
   test::HeardConsole console(true);
   EXPECT_EQ(repair(damaged, console), Outcome::fine);
-  EXPECT_EQ(std::count(console.out().begin(), console.out().end(), '\n'), 2) << console.out();
-  EXPECT_NE(console.out().find(R"("entries":2,"places":1)"), std::string::npos) << console.out();
+  const std::string out = console.out();
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
+  EXPECT_NE(out.find(R"("entries":2,"places":1)"), std::string::npos) << out;
 }
 
 TEST_P(QvutilRepair, KeepsTheModeOfTheFile) {
@@ -325,9 +326,9 @@ TEST_P(QvutilRepair, MakesEveryHostileFileACacheThatOpens) {
     write_seed(cache(seed), read_file(seeds + "/" + seed));
     try {
       EXPECT_EQ(repair(cache(seed)), Outcome::fine);
-    } catch (const Failure& failure) {
-      EXPECT_NE(std::string(failure.what()).find(" of its format"), std::string::npos)
-          << failure.what();
+    } catch (const Failure&) {  // of another version, and so not this tool's business
+      EXPECT_NE(seed.find("version"), std::string::npos);
+      EXPECT_FALSE(test::exists(cache(seed).main_file() + ".damaged"));
       continue;
     }
     EXPECT_TRUE(content_of(cache(seed)).has_value());

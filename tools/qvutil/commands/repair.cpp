@@ -8,6 +8,7 @@
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/mend.h"
 #include "qvutil/rewrite/survey.h"
+#include "qvutil/rewrite/workspace.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -76,6 +77,7 @@ Outcome repair(Console& console, const RepairOptions& options) {
     return look(console, cache);
   }
   const WriteLock lock(console, cache);
+  Workspace::remove_leftovers(cache);
   Survey survey;
   Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
   scan_locked(cache, survey, progress);

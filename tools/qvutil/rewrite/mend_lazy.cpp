@@ -12,6 +12,7 @@
 #include "qvutil/rewrite/seen_keys.h"
 #include "qvutil/store/format.h"
 #include "qvutil/store/mapped_file.h"
+#include "qvutil/store/scan.h"
 
 namespace quorvane::tool {
 namespace {
