@@ -151,6 +151,15 @@ const char* name_of(Kind kind) {
   return "";
 }
 
+std::optional<Kind> kind_named(const std::string& name) {
+  for (const Kind kind : {Kind::basic, Kind::lazy_lookup, Kind::indexed}) {
+    if (name == name_of(kind)) {
+      return kind;
+    }
+  }
+  return std::nullopt;
+}
+
 std::string CacheFiles::path(const std::string& prefix) const {
   return joined(root, prefix + name);
 }

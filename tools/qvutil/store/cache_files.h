@@ -13,6 +13,9 @@ enum class Kind { basic, lazy_lookup, indexed };
 // "basic", "lazy_lookup", "indexed".
 const char* name_of(Kind kind);
 
+// The kind of this name; nothing for another one.
+std::optional<Kind> kind_named(const std::string& name);
+
 // The files of one cache. They needn't exist.
 struct CacheFiles {
   Kind kind = Kind::basic;

@@ -4,7 +4,10 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
+
+#include "qvutil/cli/outcome.h"
 
 namespace quorvane::tool::format {
 
@@ -44,6 +47,15 @@ inline Start start_of(std::string_view bytes) {
   }
   return start;
 }
+
+// A file is of a version of its format that this tool doesn't know.
+class OtherVersion : public Failure {
+ public:
+  // `path` as it can be shown.
+  OtherVersion(const std::string& path, std::uint32_t version, std::uint32_t own)
+      : Failure(path + " has version " + std::to_string(version) +
+                " of its format, this tool knows version " + std::to_string(own)) {}
+};
 
 // Versions count up from 1. A greater number is a damaged one.
 inline bool is_other_version(std::uint32_t version, std::uint32_t own) {

@@ -58,6 +58,7 @@ void IndexCheck::look_up(const Due& due) {
   for (std::uint64_t probes = 0; probes <= mask; ++probes) {
     const std::uint64_t slot = index_.slot((due.hash + probes) & mask);
     if (slot == wanted) {
+      ++found_;
       return;
     }
     std::uint64_t earlier = 0;
@@ -116,24 +117,30 @@ void IndexCheck::finish() {
 // Slots of entries that are appended meanwhile don't count.
 void IndexCheck::check_slots() {
   std::uint64_t used = 0;
+  for (std::uint64_t at = 0; at < index_.slots(); ++at) {
+    const std::uint64_t slot = index_.slot(at);
+    used += slot != 0 && (slot & kOffsetMask) < index_.indexed() ? 1 : 0;
+  }
+  if (used != found_) {
+    tell_wrong_slots();
+  }
+  if (used < index_.entries()) {
+    tell_odd(kEntriesAt, sizeof(std::uint64_t), "the number of entries is wrong");
+  }
+}
+
+void IndexCheck::tell_wrong_slots() {
   std::uint64_t wrong = 0;
   std::uint64_t first = 0;
   for (std::uint64_t at = 0; at < index_.slots(); ++at) {
     const std::uint64_t slot = index_.slot(at);
-    if (slot == 0) {
-      continue;
-    }
-    ++used;
-    if ((slot & kOffsetMask) < index_.indexed() && !leads_to_entry(slot)) {
+    if (slot != 0 && (slot & kOffsetMask) < index_.indexed() && !leads_to_entry(slot)) {
       first = wrong++ == 0 ? at : first;
     }
   }
   if (wrong != 0) {
     tell_odd(place_of(first), sizeof(std::uint64_t),
              grouped(wrong) + " slots lead to no entry, this is the first");
-  }
-  if (used < index_.entries()) {
-    tell_odd(kEntriesAt, sizeof(std::uint64_t), "the number of entries is wrong");
   }
 }
 

@@ -39,6 +39,7 @@ class IndexCheck : public Visitor {
   void look_up(const Due& due);
   bool leads_to_same_key(std::uint64_t slot, const Due& due, std::uint64_t& earlier);
   void check_slots();
+  void tell_wrong_slots();
   bool leads_to_entry(std::uint64_t slot);
   void tell_odd(std::uint64_t offset, std::uint64_t size, const std::string& reason);
 
@@ -50,6 +51,7 @@ class IndexCheck : public Visitor {
   std::size_t due_count_ = 0;
   Entry other_;
   std::vector<Place> repeated_;
+  std::uint64_t found_ = 0;   // slots that lead to their entry
   std::uint64_t missed_ = 0;  // entries that no slot leads to
   std::uint64_t first_missed_ = 0;
 };

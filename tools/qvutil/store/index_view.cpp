@@ -62,9 +62,7 @@ std::string IndexView::why_not(const MappedFile& data, std::uint64_t identity) c
     return "the page of the index is damaged";
   }
   if (page_.version != format::kIndexedVersion) {
-    throw Failure(shown(file_->path()) + " has version " + std::to_string(page_.version) +
-                  " of its format, this tool knows version " +
-                  std::to_string(format::kIndexedVersion));
+    throw format::OtherVersion(shown(file_->path()), page_.version, format::kIndexedVersion);
   }
   if (page_.identity != identity || page_.device != data.device() || page_.inode != data.inode()) {
     return "the index is of another data file";

@@ -14,16 +14,12 @@ namespace quorvane::tool {
 class IndexView {
  public:
   // The index at `path` of this data. Reads the page; call it with the store's lock. Throws
-  // Failure if the index has another version of its format.
+  // OtherVersion if the index has another version of its format.
   IndexView(const std::string& path, const MappedFile& data, std::uint64_t identity);
 
   // Whether the library uses it. Otherwise it makes the index anew, and `reason` says why.
   bool fits() const { return reason_.empty(); }
   const std::string& reason() const { return reason_; }
-  // Whether there is a file, and of which data it is.
-  bool exists() const { return file_.has_value(); }
-  bool is_of(std::uint64_t identity) const { return page_.identity == identity; }
-
   const std::string& name() const { return name_; }
   std::uint64_t file_size() const { return file_ ? file_->size() : 0; }
   std::int64_t changed() const { return file_ ? file_->changed() : 0; }

@@ -18,8 +18,7 @@ std::uint32_t version_of(Kind kind) {
 void check_version(MappedFile& file, std::uint32_t magic, std::uint32_t version) {
   const format::Start start = format::start_of(file.bytes());
   if (start.magic == magic && format::is_other_version(start.version, version)) {
-    throw Failure(shown(file.path()) + " has version " + std::to_string(start.version) +
-                  " of its format, this tool knows version " + std::to_string(version));
+    throw format::OtherVersion(shown(file.path()), start.version, version);
   }
 }
 

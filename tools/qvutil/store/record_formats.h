@@ -11,7 +11,7 @@ namespace quorvane::tool {
 
 class BasicFormat : public RecordFormat {
  public:
-  explicit BasicFormat(std::string_view bytes) : RecordFormat(bytes, 30) {}
+  explicit BasicFormat(std::string_view bytes) : RecordFormat(bytes, 30, true) {}
   Record read(std::uint64_t offset, Entry& entry) const override;
 };
 
@@ -19,7 +19,7 @@ class LazyFormat : public RecordFormat {
  public:
   // The atoms are in `values`.
   LazyFormat(std::string_view bytes, std::string_view values)
-      : RecordFormat(bytes, 37), values_(values) {}
+      : RecordFormat(bytes, 37, false), values_(values) {}
   Record read(std::uint64_t offset, Entry& entry) const override;
 
  private:

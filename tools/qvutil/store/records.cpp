@@ -113,6 +113,9 @@ bool RecordWalk::is_believed(std::uint64_t offset, std::uint64_t end) {
 }
 
 bool RecordWalk::goes_on(std::uint64_t end) const {
+  if (!format_.ends_with_value()) {
+    return false;
+  }
   constexpr std::uint64_t kRun = 4;
   const std::string_view run = bytes_.substr(end - kRun, 2 * kRun);
   return run.find_first_not_of(run.front()) == std::string_view::npos;

@@ -23,8 +23,8 @@ struct Record {
 
 class RecordFormat {
  public:
-  RecordFormat(std::string_view bytes, std::uint64_t least_size)
-      : bytes_(bytes), least_size_(least_size) {}
+  RecordFormat(std::string_view bytes, std::uint64_t least_size, bool ends_with_value)
+      : bytes_(bytes), least_size_(least_size), ends_with_value_(ends_with_value) {}
   virtual ~RecordFormat() = default;
 
   // What stands at `offset`, where 4 bytes are. Doesn't look at the magic number.
@@ -32,6 +32,7 @@ class RecordFormat {
 
   std::string_view bytes() const { return bytes_; }
   std::uint64_t least_size() const { return least_size_; }  // of an entry
+  bool ends_with_value() const { return ends_with_value_; }
 
  protected:
   // The number at `at`, and moves it on. False if there are no 8 bytes.
@@ -42,6 +43,7 @@ class RecordFormat {
  private:
   std::string_view bytes_;
   std::uint64_t least_size_;
+  bool ends_with_value_;
 };
 
 // Visits all entries of a file behind its header, and the places between them.

@@ -8,7 +8,7 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::uint64_t kBitsAnEntry = 32;
+constexpr std::uint64_t kBitsAnEntry = 8;
 constexpr std::uint64_t kMostBits = std::uint64_t{1} << 28;  // 32 MB
 constexpr std::uint64_t kWord = 64;
 
@@ -24,10 +24,14 @@ std::uint64_t bits_for(std::uint64_t entries) {
 }  // namespace
 
 RepeatedKeys::RepeatedKeys(std::uint64_t entries, std::uint64_t part, std::uint64_t parts)
-    : part_(part),
-      parts_(parts),
-      bits_(bits_for(entries) / kWord),
-      mask_(bits_.size() * kWord - 1) {}
+    : part_(part), parts_(parts) {
+  make_bits(entries);
+}
+
+void RepeatedKeys::make_bits(std::uint64_t entries) {
+  bits_.assign(bits_for(entries) / kWord, 0);
+  mask_ = bits_.size() * kWord - 1;
+}
 
 bool RepeatedKeys::test_and_set(std::uint64_t hash) {
   std::uint64_t& word = bits_[(hash & mask_) / kWord];
@@ -47,12 +51,23 @@ void RepeatedKeys::add(std::string_view key) {
   if (parts_ > 1 && (hash >> 32) % parts_ != part_) {
     return;
   }
-  if (test_and_set(hash)) {
-    if (suspects_.size() == suspects_.capacity()) {
-      keep_once();
-    }
-    suspects_.push_back(hash);
+  __builtin_prefetch(&bits_[(hash & mask_) / kWord], 1);
+  due_[due_count_++] = hash;
+  if (due_count_ == kAhead) {
+    add_due();
   }
+}
+
+void RepeatedKeys::add_due() {
+  for (std::size_t i = 0; i < due_count_; ++i) {
+    if (test_and_set(due_[i])) {
+      if (suspects_.size() == suspects_.capacity()) {
+        keep_once();
+      }
+      suspects_.push_back(due_[i]);
+    }
+  }
+  due_count_ = 0;
 }
 
 void RepeatedKeys::keep_once() {
@@ -61,8 +76,10 @@ void RepeatedKeys::keep_once() {
 }
 
 bool RepeatedKeys::has_suspects() {
+  add_due();
   keep_once();
-  std::fill(bits_.begin(), bits_.end(), 0);
+  bits_ = {};
+  make_bits(8 * suspects_.size());  // few, so that most keys need no search
   found_.reserve(suspects_.size());
   for (const std::uint64_t hash : suspects_) {
     found_.push_back({hash, {}, 0});

@@ -2,6 +2,7 @@
 #ifndef TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 #define TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -37,14 +38,21 @@ class RepeatedKeys {
     std::uint64_t offset;
   };
 
+  // That many bits are fetched from memory at a time.
+  static constexpr std::size_t kAhead = 64;
+
+  void make_bits(std::uint64_t entries);
   bool test_and_set(std::uint64_t hash);
   bool is_set(std::uint64_t hash) const;
+  void add_due();
   void keep_once();
 
   std::uint64_t part_;
   std::uint64_t parts_;
   std::vector<std::uint64_t> bits_;
-  std::uint64_t mask_;
+  std::uint64_t mask_ = 0;
+  std::array<std::uint64_t, kAhead> due_;
+  std::size_t due_count_ = 0;
   std::vector<std::uint64_t> suspects_;
   std::vector<Suspect> found_;
 };
