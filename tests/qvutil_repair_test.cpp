@@ -26,7 +26,7 @@ using test::write_file;
 Outcome repair(const CacheFiles& cache, test::HeardConsole& console, bool dry_run = false) {
   quorvane::tool::RepairOptions options;
   options.cache = cache.root + "/" + cache.name;
-  options.kind = cache.kind;
+  options.kind = name_of(cache.kind);
   options.dry_run = dry_run;
   return quorvane::tool::repair(console.get(), options);
 }
@@ -118,8 +118,8 @@ Damage damage_of(const CacheFiles& cache, const std::vector<Placed>& entries,
   const Placed& entry = entries[random() % entries.size()];
   switch (random() % 4) {
     case 0: {  // cut short
-      const std::uint64_t at = entry.main.begin + 1 + random() % (entry.main.end -
-                                                                  entry.main.begin - 1);
+      const std::uint64_t at =
+          entry.main.begin + 1 + random() % (entry.main.end - entry.main.begin - 1);
       return {path, bytes.substr(0, at), {at, size}};
     }
     case 1: {  // a field that is much too large, or another magic number or checksum
@@ -166,6 +166,8 @@ bool is_touched(const Placed& entry, const Damage& damage, bool in_values) {
 
 class QvutilRepair : public ::testing::TestWithParam<Kind> {
  protected:
+  static void SetUpTestSuite() { test::sync_nothing(); }
+
   CacheFiles cache(const std::string& name = "demo") const {
     return {GetParam(), root_.path(), name};
   }

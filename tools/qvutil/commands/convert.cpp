@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
@@ -15,6 +16,7 @@
 #include "qvutil/rewrite/store_writer.h"
 #include "qvutil/rewrite/target.h"
 #include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -28,21 +30,12 @@ struct Converted {
   Places places;
 };
 
-std::optional<Kind> kind_named(const std::string& name) {
-  for (const Kind kind : {Kind::basic, Kind::lazy_lookup, Kind::indexed}) {
-    if (name == name_of(kind)) {
-      return kind;
-    }
-  }
-  return std::nullopt;
-}
-
 // Where entries come from.
 class Source {
  public:
   explicit Source(const ConvertOptions& options) : options_(options) {
     if (!options.from_json_lines) {
-      cache_ = find_cache(options.sources.front(), options.kind);
+      cache_ = find_cache(options.sources.front(), kind_named(options.kind));
     }
   }
 
@@ -178,7 +171,8 @@ void print(Console& console, const Converted& done, const std::string& name, con
                          {"bytes_lost", done.places.bytes()}});
     return;
   }
-  console.out() << shown(name) << " (" << kind << "): " << counted(done.entries, "entry", "entries");
+  console.out() << shown(name) << " (" << kind
+                << "): " << counted(done.entries, "entry", "entries");
   if (done.repeated != 0) {
     console.out() << "; left out " << counted(done.repeated, "repeated key", "repeated keys");
   }

@@ -8,6 +8,7 @@
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/install.h"
 #include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -61,7 +62,7 @@ void print(Console& console, const CacheFiles& cache, const Keys& keys) {
 
 Outcome rm(Console& console, const RmOptions& options) {
   Keys keys = keys_of(options);
-  const CacheFiles cache = find_cache(options.cache, options.kind);
+  const CacheFiles cache = find_cache(options.cache, kind_named(options.kind));
   remove(console, cache, keys);
   print(console, cache, keys);
   for (const auto& [key, is_removed] : keys) {
