@@ -53,12 +53,12 @@ void print(Console& console, const CacheFiles& cache, const DamageReport& report
     console.out() << shown(cache.name) << " is whole: " << entries << "\n";
     return;
   }
-  console.out() << (is_done ? "Kept " : "Would keep ") << entries << ". "
-                << counted(places.count(), "damaged place", "damaged places") << " with "
-                << counted(places.bytes(), "byte", "bytes") << (is_done ? " are" : " would be")
-                << " lost.\n";
+  console.out() << (is_done ? "Kept " : "Would keep ") << entries
+                << (is_done ? ", lost " : " and lose ")
+                << counted(places.bytes(), "byte", "bytes") << " in "
+                << counted(places.count(), "place", "places") << "\n";
   if (!kept.empty()) {
-    console.out() << "Damaged: " << list_of(kept) << "\n";
+    console.out() << "What was damaged is in " << list_of(kept) << "\n";
   }
 }
 
