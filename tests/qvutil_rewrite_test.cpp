@@ -282,6 +282,15 @@ TEST_P(QvutilRewrite, ConvertKeepsTheNameUnlessToldOtherwise) {
   EXPECT_THROW(convert(demo, name_of(demo.kind), "", console_), Failure);
 }
 
+TEST_P(QvutilRewrite, ConvertKnowsACacheByAllItsPaths) {
+  const CacheFiles demo = stored(kSome);
+  const std::string path = root_.path() + "/./demo";
+  EXPECT_THROW(convert(demo, name_of(demo.kind), path, console_, true), Failure);
+  const Kind other = demo.kind == Kind::indexed ? Kind::basic : Kind::indexed;
+  EXPECT_EQ(convert(demo, name_of(other), path, console_), Outcome::fine);
+  EXPECT_EQ(content_of({other, demo.root, "demo"}), kSome);
+}
+
 TEST_P(QvutilRewrite, ConvertReplacesACacheOnlyWithForce) {
   const CacheFiles demo = stored(kSome);
   const CacheFiles other{Kind::basic, root_.path(), "other"};

@@ -86,9 +86,11 @@ class Source {
 class Locks {
  public:
   Locks(Console& console, const std::optional<CacheFiles>& source, const CacheFiles& target) {
-    if (!source || source->lock_file() == target.lock_file()) {
+    const std::string own = canonical_lock(target);
+    const std::string other = source ? canonical_lock(*source) : own;
+    if (other == own) {
       target_ = std::make_unique<WriteLock>(console, target);
-    } else if (source->lock_file() < target.lock_file()) {
+    } else if (other < own) {
       lock_source(console, *source);
       target_ = std::make_unique<WriteLock>(console, target);
     } else {
@@ -130,7 +132,8 @@ void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
 
 Converted convert_to_files(Console& console, const ConvertOptions& options, const Source& source,
                            const CacheFiles& target) {
-  if (source.cache() && source.cache()->main_file() == target.main_file()) {
+  if (source.cache() && source.cache()->kind == target.kind &&
+      canonical_lock(*source.cache()) == canonical_lock(target)) {
     throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
   }
   ensure_pair(target);
