@@ -25,8 +25,7 @@ Keys keys_of(const RmOptions& options) {
   return keys;
 }
 
-// Whether there was anything to remove.
-bool remove(Console& console, const CacheFiles& cache, Keys& keys) {
+void remove(Console& console, const CacheFiles& cache, Keys& keys) {
   const WriteLock lock(console, cache);
   const Workspace workspace(cache);
   const auto writer = make_writer(workspace.staged());
@@ -45,7 +44,6 @@ bool remove(Console& console, const CacheFiles& cache, Keys& keys) {
     writer->finish();
     install(workspace.staged(), cache);
   }
-  return is_any_found;
 }
 
 void print(Console& console, const CacheFiles& cache, const Keys& keys) {

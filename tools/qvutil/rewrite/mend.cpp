@@ -30,7 +30,7 @@ std::vector<std::string> mend(Console& console, const CacheFiles& cache,
   writer->finish();
   std::vector<std::string> kept;
   for (const std::string& path : cache.files()) {
-    if (is_in(report.places().files(), path)) {
+    if (is_in(report.places().files(), path) && size_of_file(path)) {
       kept.push_back(keep_as_damaged(path));
     }
   }
