@@ -204,7 +204,13 @@ TEST_P(QvutilRewriteKilled, LeavesTheOldCacheOrTheNewOneAtEveryStep) {
   EXPECT_GT(kills, 10);
 }
 
-TEST_P(QvutilRewriteKilled, LeavesTheOldCacheOrTheNewOneWhenTheDiskIsFull) {
+// The other commands write and rename as these two do.
+class QvutilRewriteRefused : public QvutilRewriteKilled {};
+INSTANTIATE_TEST_SUITE_P(All, QvutilRewriteRefused,
+                         ::testing::Combine(::testing::Values(Command::rm, Command::repair),
+                                            ::testing::ValuesIn(test::kAllKinds)));
+
+TEST_P(QvutilRewriteRefused, LeavesTheOldCacheOrTheNewOneWhenTheDiskIsFull) {
   const std::vector<std::string> names = names_after();
   int refusals = 0;
   for (bool is_refused = true; is_refused && !HasFailure(); refusals += kStride) {

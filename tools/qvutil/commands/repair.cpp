@@ -54,18 +54,27 @@ void print(Console& console, const CacheFiles& cache, const DamageReport& report
     return;
   }
   console.out() << (is_done ? "Kept " : "Would keep ") << entries
-                << (is_done ? ", lost " : " and lose ")
-                << counted(places.bytes(), "byte", "bytes") << " in "
-                << counted(places.count(), "place", "places") << "\n";
+                << (is_done ? ", lost " : " and lose ") << counted(places.bytes(), "byte", "bytes")
+                << " in " << counted(places.count(), "place", "places") << "\n";
   if (!kept.empty()) {
     console.out() << "What was damaged is in " << list_of(kept) << "\n";
   }
 }
 
-Outcome look(Console& console, const CacheFiles& cache) {
+// The line of its progress is gone when it returns: results are printed there.
+DamageReport check(Console& console, const CacheFiles& cache, bool is_locked) {
   DamageReport report;
   Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
-  scan(console, cache, report, progress);
+  if (is_locked) {
+    scan_locked(cache, report, progress);
+  } else {
+    scan(console, cache, report, progress);
+  }
+  return report;
+}
+
+Outcome look(Console& console, const CacheFiles& cache) {
+  const DamageReport report = check(console, cache, false);
   print(console, cache, report, false, {});
   return report.places().count() == 0 ? Outcome::fine : Outcome::found;
 }
@@ -79,9 +88,7 @@ Outcome repair(Console& console, const RepairOptions& options) {
   }
   const WriteLock lock(console, cache);
   Workspace::remove_leftovers(cache);
-  DamageReport report;
-  Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
-  scan_locked(cache, report, progress);
+  const DamageReport report = check(console, cache, true);
   std::vector<std::string> kept;
   if (report.places().count() != 0) {
     kept = mend(console, cache, report);
