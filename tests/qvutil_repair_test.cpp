@@ -26,7 +26,7 @@ using test::write_file;
 Outcome repair(const CacheFiles& cache, test::HeardConsole& console, bool dry_run = false) {
   quorvane::tool::RepairOptions options;
   options.cache = cache.root + "/" + cache.name;
-  options.kind = cache.kind;
+  options.kind = name_of(cache.kind);
   options.dry_run = dry_run;
   return quorvane::tool::repair(console.get(), options);
 }
@@ -118,8 +118,8 @@ Damage damage_of(const CacheFiles& cache, const std::vector<Placed>& entries,
   const Placed& entry = entries[random() % entries.size()];
   switch (random() % 4) {
     case 0: {  // cut short
-      const std::uint64_t at = entry.main.begin + 1 + random() % (entry.main.end -
-                                                                  entry.main.begin - 1);
+      const std::uint64_t at =
+          entry.main.begin + 1 + random() % (entry.main.end - entry.main.begin - 1);
       return {path, bytes.substr(0, at), {at, size}};
     }
     case 1: {  // a field that is much too large, or another magic number or checksum
@@ -136,8 +136,8 @@ Damage damage_of(const CacheFiles& cache, const std::vector<Placed>& entries,
                 bytes.begin() + static_cast<std::ptrdiff_t>(end), '\0');
       return {path, bytes, {entry.main.begin, end}};
     }
-    default:  // garbage behind the end
-      for (std::uint64_t i = 0, length = 1 + random() % 100; i < length; ++i) {
+    default:  // garbage behind the end; less could be the rest of a value whose size is damaged
+      for (std::uint64_t i = 0, length = 64 + random() % 100; i < length; ++i) {
         bytes += static_cast<char>(random() % 256);
       }
       return {path, bytes, {size, bytes.size()}};
@@ -166,6 +166,8 @@ bool is_touched(const Placed& entry, const Damage& damage, bool in_values) {
 
 class QvutilRepair : public ::testing::TestWithParam<Kind> {
  protected:
+  static void SetUpTestSuite() { test::sync_nothing(); }
+
   CacheFiles cache(const std::string& name = "demo") const {
     return {GetParam(), root_.path(), name};
   }
@@ -255,7 +257,7 @@ TEST_P(QvutilRepair, DryRunFindsTheDamageAndChangesNothing) {
   const std::vector<std::string> names = test::names_in(root_.path());
   test::HeardConsole console;
   EXPECT_EQ(repair(damaged, console, true), Outcome::found);
-  EXPECT_NE(console.out().find("Would keep 2 entries. 1 damaged place with "), std::string::npos)
+  EXPECT_NE(console.out().find("Would keep 2 entries and lose "), std::string::npos)
       << console.out();
   EXPECT_EQ(test::names_in(root_.path()), names);
   EXPECT_EQ(read_file(damaged.main_file()), bytes);
@@ -266,8 +268,9 @@ TEST_P(QvutilRepair, SaysInJsonWhatWasLost) {
   write_file(damaged.main_file(), damaged_bytes(damaged));
   test::HeardConsole console(true);
   EXPECT_EQ(repair(damaged, console), Outcome::fine);
-  EXPECT_EQ(std::count(console.out().begin(), console.out().end(), '\n'), 2) << console.out();
-  EXPECT_NE(console.out().find(R"("entries":2,"places":1)"), std::string::npos) << console.out();
+  const std::string out = console.out();
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
+  EXPECT_NE(out.find(R"("entries":2,"places":1)"), std::string::npos) << out;
 }
 
 TEST_P(QvutilRepair, KeepsTheModeOfTheFile) {
@@ -325,9 +328,9 @@ TEST_P(QvutilRepair, MakesEveryHostileFileACacheThatOpens) {
     write_seed(cache(seed), read_file(seeds + "/" + seed));
     try {
       EXPECT_EQ(repair(cache(seed)), Outcome::fine);
-    } catch (const Failure& failure) {
-      EXPECT_NE(std::string(failure.what()).find(" of its format"), std::string::npos)
-          << failure.what();
+    } catch (const Failure&) {  // of another version, and so not this tool's business
+      EXPECT_NE(seed.find("version"), std::string::npos);
+      EXPECT_FALSE(test::exists(cache(seed).main_file() + ".damaged"));
       continue;
     }
     EXPECT_TRUE(content_of(cache(seed)).has_value());

@@ -40,22 +40,22 @@ std::uint64_t size_of(const CacheFiles& cache) {
 
 Outcome rm(const CacheFiles& cache, const std::vector<std::string>& keys,
            test::HeardConsole& console, bool hex = false) {
-  return quorvane::tool::rm(console.get(), {path_of(cache), cache.kind, keys, hex});
+  return quorvane::tool::rm(console.get(), {path_of(cache), name_of(cache.kind), keys, hex});
 }
 
 Outcome compact(const CacheFiles& cache, test::HeardConsole& console) {
-  return quorvane::tool::compact(console.get(), {path_of(cache), cache.kind});
+  return quorvane::tool::compact(console.get(), {path_of(cache), name_of(cache.kind)});
 }
 
 Outcome convert(const CacheFiles& from, const std::string& to, const std::string& as,
                 test::HeardConsole& console, bool force = false) {
   return quorvane::tool::convert(console.get(),
-                                 {{path_of(from)}, false, from.kind, to, as, force});
+                                 {{path_of(from)}, false, name_of(from.kind), to, as, force});
 }
 
 Outcome convert_lines(const std::string& file, const std::string& to, const std::string& as,
                       test::HeardConsole& console) {
-  return quorvane::tool::convert(console.get(), {{file}, true, std::nullopt, to, as, false});
+  return quorvane::tool::convert(console.get(), {{file}, true, "", to, as, false});
 }
 
 class QvutilRewrite : public ::testing::TestWithParam<Kind> {
@@ -187,8 +187,7 @@ TEST_P(QvutilRewrite, CompactDropsRepeatedKeys) {
   write_file(demo.main_file(), bytes + bytes.substr(demo.kind == Kind::indexed ? 64 : 8));
   unlink(demo.path("idx_").c_str());
   EXPECT_EQ(compact(demo, console_), Outcome::fine);
-  EXPECT_NE(console_.out().find("dropped 3 repeated keys\n"), std::string::npos)
-      << console_.out();
+  EXPECT_NE(console_.out().find("dropped 3 repeated keys\n"), std::string::npos) << console_.out();
   EXPECT_EQ(size_of(demo), size);
   EXPECT_EQ(content_of(demo), kSome);
 }
@@ -269,9 +268,8 @@ TEST_P(QvutilRewrite, JsonLinesThereAndBackLoseNothing) {
   EXPECT_EQ(convert(demo, "jsonl", "", console_), Outcome::fine);
   write_file(root_.file("demo.jsonl"), console_.out());
   const CacheFiles copy = cache("copy");
-  EXPECT_EQ(
-      convert_lines(root_.file("demo.jsonl"), name_of(copy.kind), path_of(copy), console_),
-      Outcome::fine);
+  EXPECT_EQ(convert_lines(root_.file("demo.jsonl"), name_of(copy.kind), path_of(copy), console_),
+            Outcome::fine);
   EXPECT_EQ(content_of(copy), all_bytes());
 }
 
@@ -282,6 +280,15 @@ TEST_P(QvutilRewrite, ConvertKeepsTheNameUnlessToldOtherwise) {
   EXPECT_EQ(content_of({other, demo.root, "demo"}), kSome);
   EXPECT_EQ(content_of(demo), kSome);
   EXPECT_THROW(convert(demo, name_of(demo.kind), "", console_), Failure);
+}
+
+TEST_P(QvutilRewrite, ConvertKnowsACacheByAllItsPaths) {
+  const CacheFiles demo = stored(kSome);
+  const std::string path = root_.path() + "/./demo";
+  EXPECT_THROW(convert(demo, name_of(demo.kind), path, console_, true), Failure);
+  const Kind other = demo.kind == Kind::indexed ? Kind::basic : Kind::indexed;
+  EXPECT_EQ(convert(demo, name_of(other), path, console_), Outcome::fine);
+  EXPECT_EQ(content_of({other, demo.root, "demo"}), kSome);
 }
 
 TEST_P(QvutilRewrite, ConvertReplacesACacheOnlyWithForce) {
@@ -364,8 +371,7 @@ TEST(QvutilConvertRemote, FailsWithoutServers) {
 // --- the program ---
 
 test::Ran run(const test::Arguments& arguments, const std::string& root) {
-  return test::run_program(QV_BINARY_DIR "/bin/qvutil", arguments,
-                           {{"QV_CACHE_STORE_ROOT", root}});
+  return test::run_program(QV_BINARY_DIR "/bin/qvutil", arguments, {{"QV_CACHE_STORE_ROOT", root}});
 }
 
 TEST(QvutilRewriteProgram, TakesItsOptions) {
@@ -377,23 +383,22 @@ TEST(QvutilRewriteProgram, TakesItsOptions) {
   EXPECT_TRUE(run({"convert", "demo", "--to", "indexed"}, root.path()).exited_with(0));
   const test::Ran ambiguous = run({"compact", "demo"}, root.path());
   EXPECT_TRUE(ambiguous.exited_with(2)) << ambiguous.out;
-  const test::Ran lines = run({"convert", "demo", "--kind", "indexed", "--to", "jsonl"},
-                              root.path());
-  EXPECT_EQ(lines.out,
-            "{\"key\":\"aa\",\"atoms\":[\"1\"]}\n{\"key\":\"ccc\",\"atoms\":[\"" +
-                std::string(300, 'x') + "\"]}\n");
+  const test::Ran lines =
+      run({"convert", "demo", "--kind", "indexed", "--to", "jsonl"}, root.path());
+  EXPECT_EQ(lines.out, "{\"key\":\"aa\",\"atoms\":[\"1\"]}\n{\"key\":\"ccc\",\"atoms\":[\"" +
+                           std::string(300, 'x') + "\"]}\n");
 }
 
 TEST(QvutilRewriteProgram, SaysWhyItCant) {
   const test::TempDir root;
-  for (const test::Arguments& arguments : std::vector<test::Arguments>{
-           {"repair", "none"},
-           {"rm", "demo"},
-           {"rm", "none", "key"},
-           {"convert", "demo"},
-           {"convert", "demo", "--to", "paper"},
-           {"convert", "demo", "other", "--to", "basic"},
-           {"convert", "demo", "--from", "remote", "--to", "basic"}}) {
+  for (const test::Arguments& arguments :
+       std::vector<test::Arguments>{{"repair", "none"},
+                                    {"rm", "demo"},
+                                    {"rm", "none", "key"},
+                                    {"convert", "demo"},
+                                    {"convert", "demo", "--to", "paper"},
+                                    {"convert", "demo", "other", "--to", "basic"},
+                                    {"convert", "demo", "--from", "remote", "--to", "basic"}}) {
     const test::Ran ran = run(arguments, root.path());
     EXPECT_TRUE(ran.exited_with(2)) << ran.out;
     EXPECT_NE(ran.err, "");

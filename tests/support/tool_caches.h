@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_TOOL_CACHES_H_
 
 #include <quorvane/file_store.h>
+#include <sys/syscall.h>
 
 #include <map>
 #include <memory>
@@ -14,14 +15,14 @@
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
 #include "qvutil/store/cache_files.h"
+#include "support/refuse.h"
 #include "support/store_bytes.h"
 #include "support/temp_dir.h"
 
 namespace test {
 
-constexpr quorvane::tool::Kind kAllKinds[] = {quorvane::tool::Kind::basic,
-                                              quorvane::tool::Kind::lazy_lookup,
-                                              quorvane::tool::Kind::indexed};
+constexpr quorvane::tool::Kind kAllKinds[] = {
+    quorvane::tool::Kind::basic, quorvane::tool::Kind::lazy_lookup, quorvane::tool::Kind::indexed};
 
 using Content = std::map<std::string, std::vector<std::string>>;
 
@@ -72,6 +73,10 @@ inline std::optional<Content> content_of(const quorvane::tool::CacheFiles& cache
   }
   return content;
 }
+
+// From now on this process and its children wait for no disk: thousands of syncs would take most
+// of a test's time, and a test can't tell whether they were made.
+inline void sync_nothing() { refuse(SYS_fsync, 0); }
 
 // A console whose output a test reads.
 class HeardConsole {

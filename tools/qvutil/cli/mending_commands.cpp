@@ -12,19 +12,8 @@
 namespace quorvane::tool {
 namespace {
 
-void add_kind(CLI::App& command, std::optional<Kind>& kind) {
-  command
-      .add_option_function<std::string>(
-          "--kind",
-          [&kind](const std::string& name) {
-            for (const Kind each : {Kind::basic, Kind::lazy_lookup, Kind::indexed}) {
-              if (name == name_of(each)) {
-                kind = each;
-              }
-            }
-          },
-          "Where caches of several kinds have the name")
-      ->type_name("KIND")
+void add_kind(CLI::App& command, std::string& kind) {
+  command.add_option("--kind", kind, "Of the cache, if several kinds have the name")
       ->check(CLI::IsMember({"basic", "lazy_lookup", "indexed"}));
 }
 

@@ -6,6 +6,7 @@
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/install.h"
 #include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -68,7 +69,7 @@ void print(Console& console, const CacheFiles& cache, const Compacted& done) {
 }  // namespace
 
 Outcome compact(Console& console, const CompactOptions& options) {
-  const CacheFiles cache = find_cache(options.cache, options.kind);
+  const CacheFiles cache = find_cache(options.cache, kind_named(options.kind));
   print(console, cache, rewrite(console, cache));
   return Outcome::fine;
 }

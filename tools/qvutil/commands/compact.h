@@ -2,18 +2,16 @@
 #ifndef TOOLS_QVUTIL_COMMANDS_COMPACT_H_
 #define TOOLS_QVUTIL_COMMANDS_COMPACT_H_
 
-#include <optional>
 #include <string>
 
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
-#include "qvutil/store/cache_files.h"
 
 namespace quorvane::tool {
 
 struct CompactOptions {
   std::string cache;
-  std::optional<Kind> kind;
+  std::string kind;  // "": any
 };
 
 // Drops repeated keys, tails that were cut short, and values that no key leads to.

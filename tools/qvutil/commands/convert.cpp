@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
@@ -15,6 +16,7 @@
 #include "qvutil/rewrite/store_writer.h"
 #include "qvutil/rewrite/target.h"
 #include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -33,7 +35,7 @@ class Source {
  public:
   explicit Source(const ConvertOptions& options) : options_(options) {
     if (!options.from_json_lines) {
-      cache_ = find_cache(options.sources.front(), options.kind);
+      cache_ = find_cache(options.sources.front(), kind_named(options.kind));
     }
   }
 
@@ -84,9 +86,11 @@ class Source {
 class Locks {
  public:
   Locks(Console& console, const std::optional<CacheFiles>& source, const CacheFiles& target) {
-    if (!source || source->lock_file() == target.lock_file()) {
+    const std::string own = canonical_lock(target);
+    const std::string other = source ? canonical_lock(*source) : own;
+    if (other == own) {
       target_ = std::make_unique<WriteLock>(console, target);
-    } else if (source->lock_file() < target.lock_file()) {
+    } else if (other < own) {
       lock_source(console, *source);
       target_ = std::make_unique<WriteLock>(console, target);
     } else {
@@ -128,7 +132,8 @@ void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
 
 Converted convert_to_files(Console& console, const ConvertOptions& options, const Source& source,
                            const CacheFiles& target) {
-  if (source.cache() && source.cache()->main_file() == target.main_file()) {
+  if (source.cache() && source.cache()->kind == target.kind &&
+      canonical_lock(*source.cache()) == canonical_lock(target)) {
     throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
   }
   ensure_pair(target);
@@ -169,7 +174,8 @@ void print(Console& console, const Converted& done, const std::string& name, con
                          {"bytes_lost", done.places.bytes()}});
     return;
   }
-  console.out() << shown(name) << " (" << kind << "): " << counted(done.entries, "entry", "entries");
+  console.out() << shown(name) << " (" << kind
+                << "): " << counted(done.entries, "entry", "entries");
   if (done.repeated != 0) {
     console.out() << "; left out " << counted(done.repeated, "repeated key", "repeated keys");
   }

@@ -2,23 +2,21 @@
 #ifndef TOOLS_QVUTIL_COMMANDS_CONVERT_H_
 #define TOOLS_QVUTIL_COMMANDS_CONVERT_H_
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
-#include "qvutil/store/cache_files.h"
 
 namespace quorvane::tool {
 
 struct ConvertOptions {
   std::vector<std::string> sources;  // a cache, or with from_json_lines files; "-": standard input
   bool from_json_lines = false;
-  std::optional<Kind> kind;  // of the cache that is the source
-  std::string to;            // the name of a kind, "jsonl" or "remote"
-  std::string as;            // the new cache; "": has the name and the root of the source
-  bool force = false;        // replace the new cache if it is there
+  std::string kind;    // of the cache that is the source; "": any
+  std::string to;      // the name of a kind, "jsonl" or "remote"
+  std::string as;      // the new cache; "": has the name and the root of the source
+  bool force = false;  // replace the new cache if it is there
 };
 
 // Found: the source is damaged. What is whole of it is converted.

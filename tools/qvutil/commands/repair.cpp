@@ -5,15 +5,17 @@
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
+#include "qvutil/rewrite/damage_report.h"
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/mend.h"
-#include "qvutil/rewrite/survey.h"
+#include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
 namespace {
 
-void print_json_summary(Console& console, const CacheFiles& cache, const Survey& survey,
+void print_json_summary(Console& console, const CacheFiles& cache, const DamageReport& report,
                         const std::vector<std::string>& kept) {
   Json names = Json::array();
   for (const std::string& name : kept) {
@@ -21,10 +23,10 @@ void print_json_summary(Console& console, const CacheFiles& cache, const Survey&
   }
   print_json(console, {{"cache", json_of_bytes(cache.name)},
                        {"kind", name_of(cache.kind)},
-                       {"whole", survey.places().count() == 0},
-                       {"entries", survey.entries()},
-                       {"places", survey.places().count()},
-                       {"bytes_lost", survey.places().bytes()},
+                       {"whole", report.places().count() == 0},
+                       {"entries", report.entries()},
+                       {"places", report.places().count()},
+                       {"bytes_lost", report.places().bytes()},
                        {"damaged_files", names}});
 }
 
@@ -36,54 +38,62 @@ std::string list_of(const std::vector<std::string>& names) {
   return list;
 }
 
-void print(Console& console, const CacheFiles& cache, const Survey& survey, bool is_done,
+void print(Console& console, const CacheFiles& cache, const DamageReport& report, bool is_done,
            const std::vector<std::string>& kept) {
-  const Places& places = survey.places();
-  const std::string entries = counted(survey.entries(), "entry", "entries");
+  const Places& places = report.places();
+  const std::string entries = counted(report.entries(), "entry", "entries");
   if (places.count() != 0) {
     places.print(console);
   }
   if (console.json()) {
-    print_json_summary(console, cache, survey, kept);
+    print_json_summary(console, cache, report, kept);
     return;
   }
   if (places.count() == 0) {
     console.out() << shown(cache.name) << " is whole: " << entries << "\n";
     return;
   }
-  console.out() << (is_done ? "Kept " : "Would keep ") << entries << ". "
-                << counted(places.count(), "damaged place", "damaged places") << " with "
-                << counted(places.bytes(), "byte", "bytes") << (is_done ? " are" : " would be")
-                << " lost.\n";
+  console.out() << (is_done ? "Kept " : "Would keep ") << entries
+                << (is_done ? ", lost " : " and lose ") << counted(places.bytes(), "byte", "bytes")
+                << " in " << counted(places.count(), "place", "places") << "\n";
   if (!kept.empty()) {
-    console.out() << "Damaged: " << list_of(kept) << "\n";
+    console.out() << "What was damaged is in " << list_of(kept) << "\n";
   }
 }
 
-Outcome look(Console& console, const CacheFiles& cache) {
-  Survey survey;
+// The line of its progress is gone when it returns: results are printed there.
+DamageReport check(Console& console, const CacheFiles& cache, bool is_locked) {
+  DamageReport report;
   Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
-  scan(console, cache, survey, progress);
-  print(console, cache, survey, false, {});
-  return survey.places().count() == 0 ? Outcome::fine : Outcome::found;
+  if (is_locked) {
+    scan_locked(cache, report, progress);
+  } else {
+    scan(console, cache, report, progress);
+  }
+  return report;
+}
+
+Outcome look(Console& console, const CacheFiles& cache) {
+  const DamageReport report = check(console, cache, false);
+  print(console, cache, report, false, {});
+  return report.places().count() == 0 ? Outcome::fine : Outcome::found;
 }
 
 }  // namespace
 
 Outcome repair(Console& console, const RepairOptions& options) {
-  const CacheFiles cache = find_cache(options.cache, options.kind);
+  const CacheFiles cache = find_cache(options.cache, kind_named(options.kind));
   if (options.dry_run) {
     return look(console, cache);
   }
   const WriteLock lock(console, cache);
-  Survey survey;
-  Progress progress(console, "checking " + shown(cache.name), bytes_of(cache));
-  scan_locked(cache, survey, progress);
+  Workspace::remove_leftovers(cache);
+  const DamageReport report = check(console, cache, true);
   std::vector<std::string> kept;
-  if (survey.places().count() != 0) {
-    kept = mend(console, cache, survey);
+  if (report.places().count() != 0) {
+    kept = mend(console, cache, report);
   }
-  print(console, cache, survey, true, kept);
+  print(console, cache, report, true, kept);
   return Outcome::fine;
 }
 

@@ -2,18 +2,16 @@
 #ifndef TOOLS_QVUTIL_COMMANDS_REPAIR_H_
 #define TOOLS_QVUTIL_COMMANDS_REPAIR_H_
 
-#include <optional>
 #include <string>
 
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
-#include "qvutil/store/cache_files.h"
 
 namespace quorvane::tool {
 
 struct RepairOptions {
   std::string cache;
-  std::optional<Kind> kind;
+  std::string kind;      // "": any
   bool dry_run = false;  // only say what would be lost
 };
 

@@ -8,6 +8,7 @@
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/install.h"
 #include "qvutil/rewrite/workspace.h"
+#include "qvutil/store/cache_files.h"
 #include "qvutil/store/lock.h"
 
 namespace quorvane::tool {
@@ -24,8 +25,7 @@ Keys keys_of(const RmOptions& options) {
   return keys;
 }
 
-// Whether there was anything to remove.
-bool remove(Console& console, const CacheFiles& cache, Keys& keys) {
+void remove(Console& console, const CacheFiles& cache, Keys& keys) {
   const WriteLock lock(console, cache);
   const Workspace workspace(cache);
   const auto writer = make_writer(workspace.staged());
@@ -44,7 +44,6 @@ bool remove(Console& console, const CacheFiles& cache, Keys& keys) {
     writer->finish();
     install(workspace.staged(), cache);
   }
-  return is_any_found;
 }
 
 void print(Console& console, const CacheFiles& cache, const Keys& keys) {
@@ -61,7 +60,7 @@ void print(Console& console, const CacheFiles& cache, const Keys& keys) {
 
 Outcome rm(Console& console, const RmOptions& options) {
   Keys keys = keys_of(options);
-  const CacheFiles cache = find_cache(options.cache, options.kind);
+  const CacheFiles cache = find_cache(options.cache, kind_named(options.kind));
   remove(console, cache, keys);
   print(console, cache, keys);
   for (const auto& [key, is_removed] : keys) {

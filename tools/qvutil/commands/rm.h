@@ -2,19 +2,17 @@
 #ifndef TOOLS_QVUTIL_COMMANDS_RM_H_
 #define TOOLS_QVUTIL_COMMANDS_RM_H_
 
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
-#include "qvutil/store/cache_files.h"
 
 namespace quorvane::tool {
 
 struct RmOptions {
   std::string cache;
-  std::optional<Kind> kind;
+  std::string kind;  // "": any
   std::vector<std::string> keys;
   bool hex = false;  // the keys are hexadecimal
 };

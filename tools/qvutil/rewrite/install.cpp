@@ -38,7 +38,9 @@ void ensure_pair(const CacheFiles& cache) {
   if (cache.kind != Kind::lazy_lookup) {
     return;
   }
+  cache::CleanupController no_limit(0);  // the bounds of the environment are for programs
   cache::StoreOptions options;
+  options.controller = &no_limit;
   options.kind = cache::StoreKind::lazy_lookup;
   options.name = cache.name;
   options.root = cache.root;

@@ -17,7 +17,8 @@ bool is_in(const std::set<std::string>& names, const std::string& path) {
 
 }  // namespace
 
-std::vector<std::string> mend(Console& console, const CacheFiles& cache, const Survey& survey) {
+std::vector<std::string> mend(Console& console, const CacheFiles& cache,
+                              const DamageReport& report) {
   const Workspace workspace(cache);
   if (cache.kind == Kind::lazy_lookup) {
     return mend_lazy(console, workspace, cache);
@@ -29,7 +30,7 @@ std::vector<std::string> mend(Console& console, const CacheFiles& cache, const S
   writer->finish();
   std::vector<std::string> kept;
   for (const std::string& path : cache.files()) {
-    if (is_in(survey.places().files(), path)) {
+    if (is_in(report.places().files(), path) && size_of_file(path)) {
       kept.push_back(keep_as_damaged(path));
     }
   }

@@ -43,12 +43,12 @@ void Places::print(Console& console) const {
     }
     return;
   }
-  Table table({{"FILE"},
-               {"OFFSET", Table::Align::right},
-               {"BYTES", Table::Align::right},
-               {"WHAT"}});
+  Table table(
+      {{"FILE"}, {"OFFSET", Table::Align::right}, {"BYTES", Table::Align::right}, {"WHAT"}});
   for (const Place& place : some_) {
-    table.row({shown(place.file), std::to_string(place.offset), std::to_string(place.size),
+    table.row({shown(place.file),
+               std::to_string(place.offset),
+               std::to_string(place.size),
                {shown(place.reason), Colour::red}});
   }
   table.print(console);

@@ -1,5 +1,8 @@
 #include "qvutil/rewrite/target.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include "qvutil/cli/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/rewrite/file_calls.h"
@@ -15,6 +18,15 @@ CacheFiles named_cache(const std::string& cache, Kind kind) {
     throw Failure("a cache is ROOT/NAME or NAME, not " + shown(cache));
   }
   return {kind, root_or_default(has_root ? cache.substr(0, slash + 1) : ""), name};
+}
+
+std::string canonical_lock(const CacheFiles& cache) {
+  std::error_code error;
+  const std::filesystem::path root = std::filesystem::canonical(cache.root, error);
+  if (error) {
+    throw Failure("can't use " + shown(cache.root) + ": " + error.message());
+  }
+  return (root / ("lock_" + cache.name)).string();
 }
 
 bool has_content(const CacheFiles& cache) {

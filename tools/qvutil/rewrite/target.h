@@ -12,6 +12,10 @@ namespace quorvane::tool {
 // neither.
 CacheFiles named_cache(const std::string& cache, Kind kind);
 
+// The lock of a cache, the same for all paths that lead to it. Throws Failure if there is no such
+// directory.
+std::string canonical_lock(const CacheFiles& cache);
+
 // Whether it has something that a new one would replace.
 bool has_content(const CacheFiles& cache);
 

@@ -12,6 +12,8 @@
 namespace quorvane::tool {
 namespace {
 
+std::string directory_of(const CacheFiles& cache) { return cache.path(".qvutil_"); }
+
 void remove(const std::string& directory) {
   std::error_code ignored;
   std::filesystem::remove_all(directory, ignored);
@@ -20,13 +22,15 @@ void remove(const std::string& directory) {
 }  // namespace
 
 Workspace::Workspace(const CacheFiles& cache) : staged_(cache) {
-  staged_.root = cache.path(".qvutil_");
-  remove(staged_.root);
+  remove_leftovers(cache);
+  staged_.root = directory_of(cache);
   if (mkdir(staged_.root.c_str(), 0700) != 0) {
     throw failure_of("can't make the directory " + shown(staged_.root), errno);
   }
 }
 
 Workspace::~Workspace() { remove(staged_.root); }
+
+void Workspace::remove_leftovers(const CacheFiles& cache) { remove(directory_of(cache)); }
 
 }  // namespace quorvane::tool

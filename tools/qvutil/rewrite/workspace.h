@@ -20,9 +20,11 @@ class Workspace {
   Workspace(const Workspace&) = delete;
   Workspace& operator=(const Workspace&) = delete;
 
+  // Removes what a killed process left, for a command that needs no workspace.
+  static void remove_leftovers(const CacheFiles& cache);
+
   // The same cache, but with its files here.
   const CacheFiles& staged() const { return staged_; }
-  std::string path(const std::string& name) const { return staged_.root + "/" + name; }
 
  private:
   CacheFiles staged_;

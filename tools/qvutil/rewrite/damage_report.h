@@ -1,6 +1,6 @@
 // What is whole of a cache, and what isn't.
-#ifndef TOOLS_QVUTIL_REWRITE_SURVEY_H_
-#define TOOLS_QVUTIL_REWRITE_SURVEY_H_
+#ifndef TOOLS_QVUTIL_REWRITE_DAMAGE_REPORT_H_
+#define TOOLS_QVUTIL_REWRITE_DAMAGE_REPORT_H_
 
 #include <cstdint>
 
@@ -10,7 +10,7 @@
 namespace quorvane::tool {
 
 // Visits the entries of a scan without copying them.
-class Survey : public Visitor {
+class DamageReport : public Visitor {
  public:
   void entry(const Entry&) override { ++entries_; }
   // A lazy cache doesn't open if a key is repeated: the repair keeps the first entry.
@@ -29,4 +29,4 @@ class Survey : public Visitor {
 
 }  // namespace quorvane::tool
 
-#endif  // TOOLS_QVUTIL_REWRITE_SURVEY_H_
+#endif  // TOOLS_QVUTIL_REWRITE_DAMAGE_REPORT_H_

@@ -1,0 +1,1 @@
+target_link_libraries(qvutil_convert_remote_test PRIVATE qv_redis_servers QVUtil::QVRemote)
