@@ -137,7 +137,8 @@ std::string terminal_of(PlotForm picture, const Layout& layout) {
     case PlotForm::inline_svg:
       break;
   }
-  return "set terminal svg noenhanced size " + layout.size() + " dynamic font 'sans-serif,12'\n";
+  // Small, so that texts can still be read where it is made narrower.
+  return "set terminal svg noenhanced size 460,290 dynamic font 'sans-serif,13'\n";
 }
 
 // Colours that can be told apart, also on black and by the colour-blind.
