@@ -4,9 +4,9 @@
 #include <string>
 
 #include "qvutil/output/json.h"
+#include "qvutil/output/new_file.h"
 #include "qvutil/output/text.h"
 #include "qvutil/report/html.h"
-#include "qvutil/report/output_file.h"
 #include "qvutil/report/sections.h"
 
 namespace quorvane::tool {
@@ -30,7 +30,9 @@ Outcome report(Console& console, const ReportOptions& options) {
   if (!options.logs.empty()) {
     add(errors_section(console, options.logs));
   }
-  write_output(options.output, html_page("Report", body));
+  NewFile file(options.output);
+  file.out() << html_page("Report", body);
+  file.finish();
   if (console.json()) {
     print_json(console, {{"file", json_of_bytes(options.output)}});
   } else {
