@@ -22,7 +22,7 @@ h1, h2, h3, p, td, th { overflow-wrap: anywhere; }
 .soft { color: var(--soft); } .good { color: var(--good); } .bad { color: var(--bad); }
 .plots { display: grid; gap: 1rem; grid-template-columns: repeat(auto-fit, minmax(min(100%, 26rem), 1fr)); }
 figure { margin: 0; min-width: 0; } svg { display: block; width: 100%; height: auto; }
-svg text { fill: currentColor; }
+.plots svg text { fill: var(--ink); }
 .wide { overflow-x: auto; max-width: 100%; } .wide svg { min-width: 45rem; }
 table { border-collapse: collapse; width: 100%; }
 th, td { padding: .25rem .6rem .25rem 0; text-align: left; border-bottom: 1px solid var(--line);
