@@ -6,6 +6,7 @@
 
 #include "qvutil/cli/commands.h"
 #include "qvutil/commands/plot.h"
+#include "qvutil/commands/report.h"
 #include "qvutil/commands/stats.h"
 
 namespace quorvane::tool {
@@ -44,11 +45,32 @@ void add_plot(CLI::App& app, Action& action) {
       [&action, options] { action = [options](Console& c) { return plot(c, *options); }; });
 }
 
+void add_files(CLI::App* command, const std::string& name, std::vector<std::string>& files,
+               const std::string& help) {
+  command->add_option(name, files, help)->type_name("FILE")->allow_extra_args(false);
+}
+
+void add_report(CLI::App& app, Action& action) {
+  const auto options = std::make_shared<ReportOptions>();
+  CLI::App* command =
+      app.add_subcommand("report", "Caches, statistics, timeline, errors: one page");
+  command->add_option("ROOT", options->roots, "Directories of caches")->required();
+  command->add_option("-o,--output", options->output, "The page: HTML that needs no other file")
+      ->required();
+  add_files(command, "--stats", options->stats, "Statistics reports");
+  add_files(command, "--trace", options->traces, "Trace files");
+  add_files(command, "--log", options->logs, "Logs");
+  add_patterns(command, "--gauge", options->gauges, kGaugeHelp);
+  command->callback(
+      [&action, options] { action = [options](Console& c) { return report(c, *options); }; });
+}
+
 }  // namespace
 
 void add_statistics(CLI::App& app, Action& action) {
   add_stats(app, action);
   add_plot(app, action);
+  add_report(app, action);
 }
 
 }  // namespace quorvane::tool

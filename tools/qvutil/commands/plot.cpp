@@ -3,10 +3,10 @@
 #include <string>
 
 #include "qvutil/output/json.h"
+#include "qvutil/output/new_file.h"
 #include "qvutil/output/text.h"
 #include "qvutil/report/gnuplot.h"
 #include "qvutil/report/html.h"
-#include "qvutil/report/output_file.h"
 
 namespace quorvane::tool {
 namespace {
@@ -43,7 +43,10 @@ Outcome plot(Console& console, const PlotOptions& options) {
     throw Failure(
         "nothing to plot: it takes two reports of a process, in different seconds, or its start");
   }
-  write_output(options.output, picture_of(plots.panels, form));
+  const std::string picture = picture_of(plots.panels, form);
+  NewFile file(options.output);
+  file.out() << picture;
+  file.finish();
   if (console.json()) {
     print_json(console,
                {{"file", json_of_bytes(options.output)}, {"metrics", plots.panels.size()}});

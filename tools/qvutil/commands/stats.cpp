@@ -1,5 +1,7 @@
 #include "qvutil/commands/stats.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <set>
 #include <utility>
@@ -13,6 +15,15 @@
 
 namespace quorvane::tool {
 namespace {
+
+// So that what was read is seen while more is waited for. At the end of the command, its caller
+// does it.
+void flush(Console& console, const StatsOptions& options) {
+  errno = 0;
+  if (options.follow && !console.out().flush()) {
+    throw failure_of("can't write to standard output", errno);
+  }
+}
 
 // Each report, or each interval, as it comes.
 class Stream {
@@ -37,7 +48,7 @@ class Stream {
     intervals_.next(std::move(report), size);
   }
 
-  void at_end() { console_.out().flush(); }
+  void at_end() { flush(console_, options_); }
 
  private:
   Console& console_;
@@ -71,7 +82,7 @@ class Last {
       });
     }
     new_.clear();
-    console_.out().flush();
+    flush(console_, options_);
     if (processes_.forgotten() != forgotten_) {
       forgotten_ = processes_.forgotten();
       console_.err() << "qvutil: " << shown(options_.path) << ": " << grouped(forgotten_)

@@ -22,7 +22,13 @@ namespace {
 
 constexpr std::size_t kLongestTitle = 60;  // characters
 
-// In single quotes nothing but a quote has a meaning.
+// Gnuplot takes a doubled quote for the string's end if it comes first, and what follows a
+// semicolon for a command; in backquotes stands a command for the shell. Their look-alikes mean
+// nothing to it.
+std::string harmless(char c) {
+  return c == '\'' ? "\u2019" : c == '`' ? "\u02cb" : std::string(1, c);
+}
+
 std::string quoted(const std::string& bytes) {
   std::string text = "'";
   std::size_t width = 0;
@@ -33,7 +39,7 @@ std::string quoted(const std::string& bytes) {
       text += "...";
       break;
     }
-    text += c == '\'' ? "''" : std::string(1, c);
+    text += harmless(c);
   }
   return text + "'";
 }
@@ -137,7 +143,8 @@ std::string terminal_of(PlotForm picture, const Layout& layout) {
     case PlotForm::inline_svg:
       break;
   }
-  return "set terminal svg noenhanced size " + layout.size() + " dynamic font 'sans-serif,12'\n";
+  // Small, so that texts can still be read where it is made narrower.
+  return "set terminal svg noenhanced size 460,290 dynamic font 'sans-serif,13'\n";
 }
 
 // Colours that can be told apart, also on black and by the colour-blind.
@@ -198,11 +205,14 @@ class Memory {
   int fd_;
 };
 
-// The first line that has a text.
-std::string first_line(const std::string& text) {
-  const std::size_t begin = text.find_first_not_of(" \n");
-  return begin == std::string::npos ? "it said nothing"
-                                    : shown(text.substr(begin, text.find('\n', begin) - begin));
+// The last line that has a text: warnings come before the error.
+std::string last_line(std::string text) {
+  const std::size_t end = text.find_last_not_of(" \n");
+  if (end == std::string::npos) {
+    return "it said nothing";
+  }
+  text.resize(end + 1);
+  return shown(text.substr(text.find_last_of('\n') + 1));
 }
 
 // Returns the status of the process as waitpid(2) gives it.
@@ -250,7 +260,7 @@ std::string run_gnuplot(const std::string& script) {
   in.write(script);
   const int status = spawn_gnuplot(in.fd(), out.fd(), err.fd());
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw Failure("gnuplot couldn't make the picture: " + first_line(err.read()));
+    throw Failure("gnuplot couldn't make the picture: " + last_line(err.read()));
   }
   return out.read();
 }

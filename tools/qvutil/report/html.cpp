@@ -22,8 +22,8 @@ h1, h2, h3, p, td, th { overflow-wrap: anywhere; }
 .soft { color: var(--soft); } .good { color: var(--good); } .bad { color: var(--bad); }
 .plots { display: grid; gap: 1rem; grid-template-columns: repeat(auto-fit, minmax(min(100%, 26rem), 1fr)); }
 figure { margin: 0; min-width: 0; } svg { display: block; width: 100%; height: auto; }
-svg text { fill: currentColor; }
-.wide { overflow-x: auto; max-width: 100%; }
+.plots svg text { fill: var(--ink); }
+.wide { overflow-x: auto; max-width: 100%; } .wide svg { min-width: 45rem; }
 table { border-collapse: collapse; width: 100%; }
 th, td { padding: .25rem .6rem .25rem 0; text-align: left; border-bottom: 1px solid var(--line);
   vertical-align: top; }
@@ -35,6 +35,26 @@ th, td { padding: .25rem .6rem .25rem 0; text-align: left; border-bottom: 1px so
     padding: .1rem 0; white-space: normal; }
   table.cards td::before { content: attr(data-name); color: var(--soft); flex: none; } }
 )";
+
+// Removes what stands from each `begin` up to and with the next `end`.
+void remove_all(std::string& text, std::string_view begin, std::string_view end) {
+  for (std::size_t at = text.find(begin); at != std::string::npos; at = text.find(begin, at)) {
+    const std::size_t last = text.find(end, at + begin.size());
+    text.erase(at, last == std::string::npos ? last : last + end.size() - at);
+  }
+}
+
+// What gnuplot drew as a part of a page: its symbols, which no plot here uses, and its names of
+// elements would be there once for each picture.
+std::string inline_svg(const std::string& svg) {
+  const std::size_t begin = svg.find("<svg");
+  std::string text = begin == std::string::npos ? "" : svg.substr(begin);
+  remove_all(text, "<defs>", "</defs>");
+  remove_all(text, " id=\"gnuplot", "\"");
+  remove_all(text, "<title>Gnuplot", "</title>");
+  remove_all(text, "<desc>", "</desc>");
+  return text;
+}
 
 }  // namespace
 
@@ -75,15 +95,10 @@ std::string html_page(std::string_view title, std::string_view body) {
   return page + "</body>\n</html>\n";
 }
 
-std::string inline_svg(std::string_view svg) {
-  const std::size_t begin = svg.find("<svg");
-  return std::string(begin == std::string_view::npos ? "" : svg.substr(begin));
-}
-
 std::string html_of(const std::vector<Panel>& panels) {
   std::string html = "<div class=\"plots\">\n";
   for (const Panel& panel : panels) {
-    html += "<figure>";
+    html += "<figure aria-label=\"" + html_text(panel.metric) + "\">";
     html += inline_svg(run_gnuplot(plot_script({panel}, PlotForm::inline_svg)));
     html += "</figure>\n";
   }

@@ -16,9 +16,6 @@ std::string html_text(std::string_view bytes);
 // A whole page. `body` is HTML. Readable on a telephone, and dark where that is preferred.
 std::string html_page(std::string_view title, std::string_view body);
 
-// What gnuplot or another program drew, without what must not stand inside a page.
-std::string inline_svg(std::string_view svg);
-
 // The panels as pictures side by side, as many as there is room for. Runs gnuplot.
 std::string html_of(const std::vector<Panel>& panels);
 
