@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -78,12 +79,11 @@ TEST(CommandLine, HasAllOptionsInTheManualPage) {
     const std::string section =
         start == std::string::npos ? "" : page.substr(start, page.find("\n.S", start + 4) - start);
     for (const std::string& line : test::lines_of(qvutil({command, "--help"}).out)) {
-      const std::size_t at = line.find("--");
-      if (line.rfind("  -", 0) == 0 && at != std::string::npos) {
-        const std::string option = line.substr(at + 1, line.find_first_of(" ,", at) - at - 1);
-        if (option != "-help" && command != "help") {
-          EXPECT_THAT(section, HasSubstr("Fl " + option)) << command << " -" << option;
-        }
+      static const std::regex option(R"re(^  (?:-(\w),)?-(-[\w-]+))re");  // "  -o,--output ..."
+      std::smatch names;
+      if (std::regex_search(line, names, option) && names[2] != "-help" && command != "help") {
+        const std::string name = names[1].matched ? names[1] : names[2];
+        EXPECT_THAT(section, HasSubstr("Fl " + name)) << command;
       }
     }
   }
