@@ -27,12 +27,14 @@ figure { margin: 0; min-width: 0; } svg { display: block; width: 100%; height: a
 table { border-collapse: collapse; width: 100%; }
 th, td { padding: .25rem .6rem .25rem 0; text-align: left; border-bottom: 1px solid var(--line);
   vertical-align: top; }
-.number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
+th { overflow-wrap: normal; white-space: nowrap; }
+.short { white-space: nowrap; } .number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
 @media (max-width: 40rem) {
   table.cards thead { display: none; }
   table.cards tr { display: block; padding: .5rem 0; border-bottom: 1px solid var(--line); }
   table.cards td { display: flex; justify-content: space-between; gap: 1rem; border: 0;
     padding: .1rem 0; white-space: normal; }
+  table.cards td:has(span:empty) { display: none; }
   table.cards td::before { content: attr(data-name); color: var(--soft); flex: none; } }
 )";
 

@@ -3,6 +3,7 @@
 #define TOOLS_QVUTIL_REPORT_HTML_TABLE_H_
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quorvane::tool {
@@ -12,7 +13,7 @@ class HtmlTable {
  public:
   struct Cell {
     std::string text;        // any bytes
-    std::string class_name;  // "number", "good", "bad" or nothing
+    std::string class_name;  // "number", "short", "good", "bad" or nothing
   };
 
   explicit HtmlTable(std::vector<std::string> headings) : headings_(std::move(headings)) {}

@@ -67,14 +67,4 @@ std::optional<Interval> interval_to(const Report& first) {
   return Interval{first.process, *first.process.start, first.time, first.metrics, values_of(first)};
 }
 
-Metrics of_interest(const Interval& interval, const MetricTypes& types) {
-  Metrics metrics = interval.added;
-  for (const auto& [path, value] : interval.values) {
-    if (types.of(path, value) == MetricType::gauge) {
-      metrics[path] = value;
-    }
-  }
-  return metrics;
-}
-
 }  // namespace quorvane::tool

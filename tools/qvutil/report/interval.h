@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <optional>
 
-#include "qvutil/report/metric_types.h"
 #include "qvutil/report/report.h"
 
 namespace quorvane::tool {
@@ -28,9 +27,6 @@ std::optional<Interval> interval_between(const Report& earlier, const Report& la
 
 // From the start of the process. Nothing if that is unknown, or the report has its parent's counts.
 std::optional<Interval> interval_to(const Report& first);
-
-// What is worth knowing of the interval: the values of gauges, what was added of all others.
-Metrics of_interest(const Interval& interval, const MetricTypes& types);
 
 }  // namespace quorvane::tool
 

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/table.h"
@@ -13,6 +15,17 @@ namespace quorvane::tool {
 namespace {
 
 constexpr int kDigits = 6;
+
+// What is worth knowing of an interval: the values of gauges, what was added of all others.
+Metrics of_interest(const Interval& interval, const MetricTypes& types) {
+  Metrics metrics = interval.added;
+  for (const auto& [path, value] : interval.values) {
+    if (types.of(path, value) == MetricType::gauge) {
+      metrics[path] = value;
+    }
+  }
+  return metrics;
+}
 
 // Calls `each` with the path, the type and the summary of each metric.
 template <typename Each>

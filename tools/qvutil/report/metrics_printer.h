@@ -2,6 +2,8 @@
 #ifndef TOOLS_QVUTIL_REPORT_METRICS_PRINTER_H_
 #define TOOLS_QVUTIL_REPORT_METRICS_PRINTER_H_
 
+#include <string>
+
 #include "qvutil/output/console.h"
 #include "qvutil/report/interval.h"
 #include "qvutil/report/metric_types.h"

@@ -32,6 +32,10 @@ bool is_bad(State state) {
   return state == State::damaged || state == State::other_version || state == State::unreadable;
 }
 
+const char* class_of(State state) {
+  return is_bad(state) ? "bad" : state == State::whole ? "good" : "";
+}
+
 // "12 caches, 3.4 MB".
 std::string total_text(std::size_t caches, std::uint64_t bytes) {
   return grouped(caches) + (caches == 1 ? " cache, " : " caches, ") + size_text(bytes);
@@ -66,7 +70,7 @@ Section caches_section(const std::string& root) {
                {grouped(found.entries), "number"},
                {size_text(found.bytes), "number"},
                {age_text(found), "number"},
-               {name_of(found.state) + reason, is_bad(found.state) ? "bad" : "good"},
+               {name_of(found.state) + reason, class_of(found.state)},
                {holder ? process_text(*holder) : "", ""}});
     section.has_damage |= is_bad(found.state);
     bytes += found.bytes;
@@ -131,8 +135,8 @@ Section errors_section(Console& console, const std::vector<std::string>& logs) {
   HtmlTable table({"Time", "Process", "Message"});
   for (auto record = last.rbegin(); record != last.rend(); ++record) {
     const auto head = record->head();
-    table.row({{std::string(head->time), ""},
-               {std::to_string(head->pid), ""},
+    table.row({{std::string(head->time), "short"},
+               {std::to_string(head->pid), "short"},
                {beginning_of(record->message()), ""}});
   }
   return {"<h2>Last errors</h2>\n<p class=\"soft\">" + grouped(errors) +

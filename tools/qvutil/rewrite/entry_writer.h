@@ -10,7 +10,8 @@
 
 namespace quorvane::tool {
 
-// Memory doesn't grow with the number of entries.
+// Entries don't stay in memory. When the library enlarges the index of a store, it needs some 50
+// bytes for each of its entries.
 class EntryWriter {
  public:
   using Atoms = std::vector<std::string_view>;

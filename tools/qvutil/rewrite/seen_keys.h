@@ -13,7 +13,7 @@
 
 namespace quorvane::tool {
 
-// A set of keys. A large one is an indexed store: memory doesn't grow with the number of keys.
+// A set of keys. A large one is an indexed store: its keys don't stay in memory.
 class SeenKeys {
  public:
   // `directory` has room for the store, which is removed with the set.
