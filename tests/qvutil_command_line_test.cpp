@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "qvutil/cli/suggest.h"
+#include "qvutil/output/suggest.h"
 #include "support/lines.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"

@@ -2,13 +2,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <quorvane/cache.h>
 #include <quorvane/file_store.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -93,9 +96,46 @@ Stage lose_index(const std::string& directory) {
   return {};
 }
 
+void make_older(const std::string& directory, std::time_t seconds) {
+  const timespec then{std::time(nullptr) - seconds, 0};
+  const timespec times[2] = {then, then};
+  for (const std::string& name : test::names_in(directory)) {
+    EXPECT_EQ(utimensat(AT_FDCWD, (directory + "/" + name).c_str(), times, 0), 0);
+  }
+}
+
+void store(const std::string& root, quorvane::cache::StoreKind kind, const std::string& name,
+           const std::vector<test::Entry>& entries) {
+  quorvane::cache::StoreOptions options;
+  options.kind = kind;
+  options.root = root;
+  options.name = name;
+  const auto made = quorvane::cache::make_store(options);
+  quorvane::cache::EntryMap loaded;
+  EXPECT_TRUE(made->try_load(loaded) && made->try_store_diff(test::entry_map(entries)));
+}
+
+Stage use_old_keys(const std::string& directory) {
+  const std::string root = directory + "/cache";
+  std::filesystem::create_directory(root);
+  store(root, quorvane::cache::StoreKind::indexed, "kernels",
+        {{"v1/add", {std::string(900, 'a'), "gfx9"}},
+         {"v1/conv2d", {std::string(48000, 'c'), "gfx9"}},
+         {"v1/mul", {std::string(1100, 'm'), "gfx9"}}});
+  store(root, quorvane::cache::StoreKind::basic, "images",
+        {{"logo", {std::string(5000 - 40, 'i')}}});
+  make_older(root, 3 * 86400);
+  return {};
+}
+
+Stage begin_empty(const std::string&) { return {}; }
+
 // By the heading of the incident.
 const std::map<std::string, Prepare>& incidents() {
-  static const std::map<std::string, Prepare> all{{"A process that holds a lock", &hold_lock},
+  static const std::map<std::string, Prepare> all{{"A cache that gives no hits", &use_old_keys},
+                                                  {"A damaged store", &begin_empty},
+                                                  {"A full disk", &begin_empty},
+                                                  {"A process that holds a lock", &hold_lock},
                                                   {"A slow start", &lose_index}};
   return all;
 }
@@ -154,7 +194,6 @@ TEST_P(Incident, PrintsWhatTheGuideShows) {
   EXPECT_EQ(test::normalised(printed), test::normalised(session)) << printed;
 }
 
-GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Incident);
 INSTANTIATE_TEST_SUITE_P(Guide, Incident, testing::ValuesIn(headings()), test_name);
 
 }  // namespace

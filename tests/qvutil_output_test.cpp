@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
 #include "qvutil/output/json.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/progress.h"
 #include "qvutil/output/table.h"
 #include "qvutil/output/text.h"

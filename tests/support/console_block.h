@@ -87,13 +87,16 @@ inline std::string quoted(const std::string& text) {
 }
 
 // Runs the commands in one shell in `directory`, with the built programs in PATH. Returns what a
-// terminal would show, in the form of a block. $? is that of the previous command.
+// terminal would show, in the form of a block: each command begins a line. $? is that of the
+// previous command.
 inline std::string run_block(const std::string& block, const std::string& directory) {
+  const std::string output = quoted(directory + ".out");
   std::string script = "cd " + quoted(directory) + " || exit\nexec 2>&1\n";
   for (const std::string& command : commands_in(block)) {
-    script += "status=$?; printf '$ %s\\n' " + quoted(command) + "; (exit $status)\n" + command;
-    script += "\n";
+    script += "status=$?; printf '$ %s\\n' " + quoted(command) + "; (exit $status)\n{ " + command;
+    script += "\n} >" + output + " 2>&1; status=$?; sed '$a\\' " + output + "; (exit $status)\n";
   }
+  script += "rm " + output + "\n";
   const char* const path = std::getenv("PATH");
   return run_program("/bin/sh", {"-c", script},
                      {{"PATH", QV_BINARY_DIR "/bin:" + std::string(path == nullptr ? "" : path)},

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/console.h"
 #include "qvutil/store/cache_files.h"
 #include "support/refuse.h"

@@ -5,8 +5,8 @@
 
 #include <functional>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 
 namespace CLI {
 class App;

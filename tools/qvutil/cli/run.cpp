@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -11,7 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include "qvutil/cli/commands.h"
-#include "qvutil/cli/suggest.h"
+#include "qvutil/output/suggest.h"
 
 namespace quorvane::tool {
 namespace {
@@ -101,10 +102,10 @@ int run_action(const Action& action, bool json) {
   return static_cast<int>(action(console));
 }
 
-// `status`, unless what was printed can't be written.
+// `status`, unless what was printed can't be written. Who has failed has said why.
 int flushed(int status) {
   errno = 0;
-  if (std::cout.flush()) {
+  if (status == kFailed || std::cout.flush()) {
     return status;
   }
   throw failure_of("can't write to standard output", errno);
@@ -161,6 +162,7 @@ int run_command(int argc, char** argv) {
 
 int run(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error like a full disk
   try {
     return flushed(run_command(argc, argv));
   } catch (const std::exception& error) {

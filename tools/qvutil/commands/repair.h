@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/log/rotated.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 namespace {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

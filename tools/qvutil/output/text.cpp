@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 namespace {

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/processes/members.h"
 

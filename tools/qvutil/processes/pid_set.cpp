@@ -12,7 +12,7 @@
 
 #include <quorvane/pidset.h>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/processes/members.h"
 

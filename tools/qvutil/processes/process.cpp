@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <string>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/progress.h"
 #include "qvutil/output/text.h"
 #include "qvutil/report/interrupted.h"

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

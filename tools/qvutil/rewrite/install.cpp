@@ -2,7 +2,7 @@
 
 #include <quorvane/file_store.h>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/install_lazy.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/rewrite/output_file.h"

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/json.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/rewrite/file_calls.h"
 

@@ -1,7 +1,7 @@
 #include "qvutil/rewrite/places.h"
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/json.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/table.h"
 #include "qvutil/output/text.h"
 

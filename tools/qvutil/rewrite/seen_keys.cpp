@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

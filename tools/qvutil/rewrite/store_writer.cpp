@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

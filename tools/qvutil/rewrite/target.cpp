@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/rewrite/file_calls.h"
 #include "qvutil/store/format.h"

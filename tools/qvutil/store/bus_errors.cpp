@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 namespace {

@@ -13,8 +13,8 @@
 #include <system_error>
 #include <tuple>
 
-#include "qvutil/cli/outcome.h"
-#include "qvutil/cli/suggest.h"
+#include "qvutil/output/outcome.h"
+#include "qvutil/output/suggest.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/format.h"
 
@@ -68,6 +68,15 @@ constexpr std::array<Prefix, 4> kPrefixes{
 bool is_of_no_cache(const std::string& name) {
   return name == "lock" || has_prefix(name, "lock_") || has_prefix(name, "new_") ||
          has_prefix(name, "newdat_") || has_prefix(name, "newidx_");
+}
+
+// NAME.damaged, NAME.damaged.2 and so on: of a cache that was repaired. Still to be looked at by
+// name.
+bool is_kept_by_repair(const std::string& name) {
+  const std::size_t at = name.rfind(".damaged");
+  return at != std::string::npos && at != 0 &&
+         name.find_first_not_of(".0123456789", at + std::string_view(".damaged").size()) ==
+             std::string::npos;
 }
 
 std::string joined(const std::string& root, const std::string& name) {
@@ -213,7 +222,9 @@ std::vector<CacheFiles> caches_of(const std::string& root) {
   }
   std::set<std::tuple<std::string, Kind>> found;
   for (; !error && files != std::filesystem::directory_iterator(); files.increment(error)) {
-    if (const auto cache = cache_of_file(root, files->path().filename())) {
+    const std::string name = files->path().filename();
+    const auto cache = is_kept_by_repair(name) ? std::nullopt : cache_of_file(root, name);
+    if (cache) {
       found.emplace(cache->name, cache->kind);
     }
   }

@@ -34,7 +34,8 @@ struct CacheFiles {
 // Failure if there is none, or one of several kinds and `kind` doesn't say which.
 CacheFiles find_cache(const std::string& cache, std::optional<Kind> kind);
 
-// All caches of a directory, by name and then by kind. Throws Failure if it can't be read.
+// All caches of a directory, by name and then by kind, without the files that a repair has kept
+// (NAME.damaged). Throws Failure if it can't be read.
 std::vector<CacheFiles> caches_of(const std::string& root);
 
 // `root`, or that of the environment if it is empty. Throws Failure if there is none.

@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/store/cache_files.h"
 #include "qvutil/store/scan.h"
 

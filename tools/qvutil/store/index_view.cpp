@@ -9,7 +9,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/format.h"
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/lock_table.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/bus_errors.h"
 #include "qvutil/store/format.h"

@@ -4,7 +4,7 @@
 #include <sstream>
 #include <vector>
 
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/store/bus_errors.h"
 #include "qvutil/store/format.h"
 #include "qvutil/store/indexed_scan.h"

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "qvutil/cli/outcome.h"
 #include "qvutil/output/json.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {

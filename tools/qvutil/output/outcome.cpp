@@ -1,4 +1,4 @@
-#include "qvutil/cli/outcome.h"
+#include "qvutil/output/outcome.h"
 
 #include <string>
 #include <system_error>

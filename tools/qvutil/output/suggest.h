@@ -1,6 +1,6 @@
 // What a user may have meant by a misspelt word.
-#ifndef TOOLS_QVUTIL_CLI_SUGGEST_H_
-#define TOOLS_QVUTIL_CLI_SUGGEST_H_
+#ifndef TOOLS_QVUTIL_OUTPUT_SUGGEST_H_
+#define TOOLS_QVUTIL_OUTPUT_SUGGEST_H_
 
 #include <string>
 #include <vector>
@@ -13,4 +13,4 @@ std::string suggestion(const std::string& word, const std::vector<std::string>& 
 
 }  // namespace quorvane::tool
 
-#endif  // TOOLS_QVUTIL_CLI_SUGGEST_H_
+#endif  // TOOLS_QVUTIL_OUTPUT_SUGGEST_H_

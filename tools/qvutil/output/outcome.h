@@ -1,6 +1,6 @@
 // How a command ends.
-#ifndef TOOLS_QVUTIL_CLI_OUTCOME_H_
-#define TOOLS_QVUTIL_CLI_OUTCOME_H_
+#ifndef TOOLS_QVUTIL_OUTPUT_OUTCOME_H_
+#define TOOLS_QVUTIL_OUTPUT_OUTCOME_H_
 
 #include <stdexcept>
 #include <string>
@@ -26,4 +26,4 @@ Failure failure_of(const std::string& what, int error_number);
 
 }  // namespace quorvane::tool
 
-#endif  // TOOLS_QVUTIL_CLI_OUTCOME_H_
+#endif  // TOOLS_QVUTIL_OUTPUT_OUTCOME_H_

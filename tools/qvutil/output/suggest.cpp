@@ -1,4 +1,4 @@
-#include "qvutil/cli/suggest.h"
+#include "qvutil/output/suggest.h"
 
 #include <algorithm>
 #include <cstddef>
