@@ -62,7 +62,10 @@ std::string data_of(const std::string& name, const std::vector<Point>& points) {
       text += "\n";
     }
     const std::string value = " " + number(point.value) + "\n";
-    text += std::to_string(point.from) + value + std::to_string(point.to) + value;
+    text += std::to_string(point.from);
+    text += value;
+    text += std::to_string(point.to);
+    text += value;
     before = &point;
   }
   return text + "EOD\n";

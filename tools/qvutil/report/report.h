@@ -2,13 +2,14 @@
 #ifndef TOOLS_QVUTIL_REPORT_REPORT_H_
 #define TOOLS_QVUTIL_REPORT_REPORT_H_
 
-#include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <variant>
 
 #include "qvutil/report/histogram.h"
@@ -29,7 +30,9 @@ struct ProcessKey {
   std::optional<std::int64_t> start;  // seconds since 1970
   std::string program;                // empty if unknown
 
-  auto operator<=>(const ProcessKey&) const = default;
+  bool operator<(const ProcessKey& other) const {
+    return std::tie(pid, start, program) < std::tie(other.pid, other.start, other.program);
+  }
 };
 
 struct Report {
