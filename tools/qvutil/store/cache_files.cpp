@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
@@ -51,19 +50,15 @@ bool is_basic(const format::Start& start) {
   return start.magic == format::kMagic && start.version == format::kBasicVersion;
 }
 
-// The files of other kinds of a cache that a name with this prefix may belong to.
+// What the names of files begin with whose caches aren't basic.
 struct Prefix {
   const char* text;
   Kind kind;
-  bool is_main;
-  const char* main;
 };
-constexpr std::array<Prefix, 4> kPrefixes{
-    Prefix{"key_", Kind::lazy_lookup, true, "key_"},
-    {"val_", Kind::lazy_lookup, false, "key_"},
-    {"dat_", Kind::indexed, true, "dat_"},
-    {"idx_", Kind::indexed, false, "dat_"},
-};
+constexpr std::array<Prefix, 4> kPrefixes{Prefix{"key_", Kind::lazy_lookup},
+                                          {"val_", Kind::lazy_lookup},
+                                          {"dat_", Kind::indexed},
+                                          {"idx_", Kind::indexed}};
 
 bool is_of_no_cache(const std::string& name) {
   return name == "lock" || has_prefix(name, "lock_") || has_prefix(name, "new_") ||
