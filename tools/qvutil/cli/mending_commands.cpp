@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "qvutil/cli/add_cache.h"
 #include "qvutil/cli/commands.h"
 #include "qvutil/commands/compact.h"
 #include "qvutil/commands/convert.h"
@@ -11,19 +12,6 @@
 
 namespace quorvane::tool {
 namespace {
-
-void add_kind(CLI::App& command, std::string& kind) {
-  command.add_option("--kind", kind, "Of the cache, if several kinds have the name")
-      ->check(CLI::IsMember({"basic", "lazy_lookup", "indexed"}));
-}
-
-template <typename Options>
-void add_cache(CLI::App& command, Options& options) {
-  command.add_option("CACHE", options.cache, "A path ROOT/NAME, or a name")
-      ->type_name("")
-      ->required();
-  add_kind(command, options.kind);
-}
 
 void add_repair(CLI::App& app, Action& action) {
   const auto options = std::make_shared<RepairOptions>();

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "qvutil/cli/add_cache.h"
 #include "qvutil/cli/commands.h"
 #include "qvutil/commands/find.h"
 #include "qvutil/commands/get.h"
@@ -13,18 +14,6 @@
 
 namespace quorvane::tool {
 namespace {
-
-void add_kind(CLI::App& command, std::string& kind) {
-  command.add_option("--kind", kind, "Of the cache, if several kinds have the name")
-      ->check(CLI::IsMember({"basic", "lazy_lookup", "indexed"}));
-}
-
-template <typename Options>
-void add_cache(CLI::App& command, Options& options) {
-  command.add_option("CACHE", options.cache, "ROOT/NAME, or a name under QV_CACHE_STORE_ROOT")
-      ->required();
-  add_kind(command, options.kind);
-}
 
 // Lets the command call `run` with its options.
 template <typename Options>

@@ -31,9 +31,9 @@ struct Converted {
 };
 
 // Where entries come from.
-class Source {
+class EntrySource {
  public:
-  explicit Source(const ConvertOptions& options) : options_(options) {
+  explicit EntrySource(const ConvertOptions& options) : options_(options) {
     if (!options.from_json_lines) {
       cache_ = find_cache(options.sources.front(), kind_named(options.kind));
     }
@@ -113,7 +113,7 @@ class Locks {
   std::unique_ptr<WriteLock> target_;
 };
 
-CacheFiles target_of(const ConvertOptions& options, const Source& source, Kind kind) {
+CacheFiles target_of(const ConvertOptions& options, const EntrySource& source, Kind kind) {
   if (!options.as.empty()) {
     return named_cache(options.as, kind);
   }
@@ -130,8 +130,8 @@ void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
   }
 }
 
-Converted convert_to_files(Console& console, const ConvertOptions& options, const Source& source,
-                           const CacheFiles& target) {
+Converted convert_to_files(Console& console, const ConvertOptions& options,
+                           const EntrySource& source, const CacheFiles& target) {
   if (source.cache() && source.cache()->kind == target.kind &&
       canonical_lock(*source.cache()) == canonical_lock(target)) {
     throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
@@ -157,7 +157,7 @@ Converted convert_to_files(Console& console, const ConvertOptions& options, cons
 // The last component of a path.
 std::string last_of(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-std::string remote_name_of(const ConvertOptions& options, const Source& source) {
+std::string remote_name_of(const ConvertOptions& options, const EntrySource& source) {
   if (options.as.empty() && !source.cache()) {
     throw Failure(kNeedsName);
   }
@@ -193,7 +193,7 @@ void warn_of(Console& console, const Converted& done) {
 }  // namespace
 
 Outcome convert(Console& console, const ConvertOptions& options) {
-  const Source source(options);
+  const EntrySource source(options);
   Converted done;
   if (options.to == "jsonl") {
     JsonLinesWriter writer(console);

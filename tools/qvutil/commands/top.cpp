@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/table.h"
@@ -88,7 +89,7 @@ std::string range_text(std::size_t power) {
 
 std::string bar(std::uint64_t part, std::uint64_t most) {
   const double share = static_cast<double>(part) / static_cast<double>(most);
-  const auto columns = static_cast<std::size_t>(share * kBarColumns + 0.5);
+  const auto columns = static_cast<std::size_t>(std::lround(share * kBarColumns));
   return std::string(std::max<std::size_t>(columns, 1), '#');
 }
 

@@ -151,7 +151,7 @@ std::string terminal_of(PlotForm picture, const Layout& layout) {
 }
 
 // Colours that can be told apart, also on black and by the colour-blind.
-constexpr const char* kStyle = R"(set encoding utf8
+constexpr const char* kPlotStyle = R"(set encoding utf8
 set xdata time
 set timefmt '%s'
 set yrange [*<0:0<*]
@@ -245,7 +245,7 @@ int spawn_gnuplot(int in, int out, int err) {
 
 std::string plot_script(const std::vector<Panel>& panels, PlotForm picture) {
   const Layout layout(panels.size());
-  std::string text = terminal_of(picture, layout) + kStyle;
+  std::string text = terminal_of(picture, layout) + kPlotStyle;
   if (panels.size() > 1) {
     text += "set multiplot layout " + std::to_string(layout.rows) + "," +
             std::to_string(layout.columns) + "\n";

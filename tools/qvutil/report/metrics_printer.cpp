@@ -88,7 +88,7 @@ Json json_of(const ProcessKey& process) {
 
 // In quotes if it has to be.
 std::string csv_text(const std::string& bytes) {
-  const std::string text = shown(bytes);
+  std::string text = shown(bytes);
   if (text.find_first_of(",\"") == std::string::npos) {
     return text;
   }
@@ -106,7 +106,10 @@ void print_rows(Console& console, std::int64_t time, const ProcessKey& process,
   for_each_summary(
       metrics, types, seconds, [&](const std::string& path, MetricType, const Json& summary) {
         for (const auto& [name, number] : summary.items()) {
-          const std::string metric = summary.size() == 1 ? path : path + "." + name;
+          std::string metric = path;
+          if (summary.size() != 1) {
+            metric.append(".").append(name);
+          }
           console.out() << head << csv_text(metric) << ',' << number_text(number) << '\n';
         }
       });

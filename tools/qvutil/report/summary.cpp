@@ -9,7 +9,7 @@
 namespace quorvane::tool {
 namespace {
 
-Json number(double value) { return std::isfinite(value) ? Json(value) : Json(); }
+Json finite(double value) { return std::isfinite(value) ? Json(value) : Json(); }
 
 double as_double(const Value& value) {
   if (const auto* whole = std::get_if<std::int64_t>(&value)) {
@@ -20,20 +20,20 @@ double as_double(const Value& value) {
 }
 
 Json summary_of(const Histogram& histogram, std::optional<double> seconds) {
-  Json json;
+  Json summary;
   const std::uint64_t count = histogram.count();
   if (seconds) {
-    json["per_second"] = number(static_cast<double>(count) / *seconds);
+    summary["per_second"] = finite(static_cast<double>(count) / *seconds);
   }
-  json["count"] = count;
-  json["sum"] = number(histogram.sum);
-  json["min"] = number(histogram.min);
-  json["mean"] = number(histogram.mean());
-  json["p50"] = number(histogram.percentile(0.5));
-  json["p90"] = number(histogram.percentile(0.9));
-  json["p99"] = number(histogram.percentile(0.99));
-  json["max"] = number(histogram.max);
-  return json;
+  summary["count"] = count;
+  summary["sum"] = finite(histogram.sum);
+  summary["min"] = finite(histogram.min);
+  summary["mean"] = finite(histogram.mean());
+  summary["p50"] = finite(histogram.percentile(0.5));
+  summary["p90"] = finite(histogram.percentile(0.9));
+  summary["p99"] = finite(histogram.percentile(0.99));
+  summary["max"] = finite(histogram.max);
+  return summary;
 }
 
 }  // namespace
@@ -43,12 +43,12 @@ Json summary(MetricType type, const Value& value, std::optional<double> seconds)
     return summary_of(*histogram, seconds);
   }
   if (type == MetricType::counter && seconds) {
-    return Json{{"per_second", number(as_double(value) / *seconds)}};
+    return Json{{"per_second", finite(as_double(value) / *seconds)}};
   }
   if (const auto* whole = std::get_if<std::int64_t>(&value)) {
     return Json{{"value", *whole}};
   }
-  return Json{{"value", number(as_double(value))}};
+  return Json{{"value", finite(as_double(value))}};
 }
 
 std::string number_text(const Json& number, int digits) {

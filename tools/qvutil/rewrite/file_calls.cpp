@@ -15,7 +15,7 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::size_t kBatch = std::size_t{1} << 18;
+constexpr std::size_t kCopied = std::size_t{1} << 18;
 
 std::string directory_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -73,9 +73,9 @@ void copy_bytes(int from, std::uint64_t offset, int to, std::uint64_t to_offset)
     throw failure_of("can't copy a file", errno);
   }
   const auto end = static_cast<std::uint64_t>(status.st_size);
-  std::vector<char> buffer(kBatch);
+  std::vector<char> buffer(kCopied);
   while (offset < end) {
-    const std::uint64_t most = std::min<std::uint64_t>(end - offset, kBatch);
+    const std::uint64_t most = std::min<std::uint64_t>(end - offset, kCopied);
     const ssize_t size = pread(from, buffer.data(), most, static_cast<off_t>(offset));
     if (size < 0 && errno == EINTR) {
       continue;

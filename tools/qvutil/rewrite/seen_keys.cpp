@@ -13,7 +13,7 @@ namespace {
 
 // Kept in memory.
 constexpr std::size_t kMostKeys = 50000;
-constexpr std::size_t kMostBytes = std::size_t{4} << 20;
+constexpr std::size_t kMostKeyBytes = std::size_t{4} << 20;
 
 // A store has no keys without values.
 const EntryWriter::Atoms& mark() {
@@ -39,7 +39,7 @@ bool SeenKeys::add(std::string_view key) {
     return false;
   }
   few_bytes_ += key.size();
-  if (few_.size() > kMostKeys || few_bytes_ > kMostBytes) {
+  if (few_.size() > kMostKeys || few_bytes_ > kMostKeyBytes) {
     move_to_store();
   }
   return true;

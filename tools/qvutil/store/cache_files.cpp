@@ -227,6 +227,7 @@ std::vector<CacheFiles> caches_of(const std::string& root) {
     throw Failure("can't read " + shown(root) + ": " + error.message());
   }
   std::vector<CacheFiles> caches;
+  caches.reserve(found.size());
   for (const auto& [name, kind] : found) {
     caches.push_back({kind, root, name});
   }

@@ -17,6 +17,9 @@ constexpr std::uint32_t kBasicVersion = 1;
 constexpr std::uint32_t kLazyVersion = 2;
 constexpr std::uint64_t kHeaderSize = 8;
 
+// Sizes, counts and offsets.
+constexpr std::uint64_t kNumber = sizeof(std::uint64_t);
+
 // Indexed stores.
 constexpr std::uint32_t kDataMagic = 0x44495651;   // "QVID"
 constexpr std::uint32_t kEntryMagic = 0x45495651;  // "QVIE"

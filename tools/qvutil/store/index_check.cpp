@@ -1,12 +1,11 @@
 #include "qvutil/store/index_check.h"
 
-#include <farmhash.h>
-
 #include <utility>
 
 #include "qvutil/output/text.h"
 #include "qvutil/store/format.h"
 #include "qvutil/store/indexed_scan.h"
+#include "qvutil/store/key_hash.h"
 
 namespace quorvane::tool {
 namespace {
@@ -19,10 +18,6 @@ constexpr std::uint64_t kIndexedAt = 72;
 constexpr std::uint64_t kEntriesAt = 80;
 constexpr std::uint64_t kMovingAt = 88;
 constexpr std::uint64_t kZerosAt = 96;
-
-std::uint64_t hash_of(std::string_view key) {
-  return ::util::Fingerprint64(key.data(), key.size());
-}
 
 bool has_tag(std::uint64_t slot, std::uint64_t hash) { return ((slot ^ hash) & ~kOffsetMask) == 0; }
 

@@ -11,11 +11,8 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::uint64_t kHeaderSize = 24;
+constexpr std::uint64_t kEntryHeaderSize = 24;
 constexpr std::uint64_t kSizeAt = 8;
-constexpr std::uint64_t kNumber = sizeof(std::uint64_t);
-
-constexpr const char* kNoEntry = "no entry begins here";
 constexpr const char* kCut = "the entry is cut short";
 constexpr const char* kContradict = "the sizes of the entry contradict each other";
 constexpr const char* kChecksum = "the checksum of the entry is wrong";
@@ -36,7 +33,7 @@ struct Sizes {
 // Not null: what is wrong. None of the sums wraps: the factors have 32 bits.
 const char* read_sizes(std::string_view bytes, std::uint64_t offset, Sizes& sizes) {
   const std::uint64_t available = bytes.size() - offset;
-  if (available < kHeaderSize) {
+  if (available < kEntryHeaderSize) {
     return kCut;
   }
   if (format::number_at<std::uint32_t>(bytes, offset) != format::kEntryMagic) {
@@ -45,16 +42,17 @@ const char* read_sizes(std::string_view bytes, std::uint64_t offset, Sizes& size
   sizes.all = format::number_at<std::uint64_t>(bytes, offset + kSizeAt);
   sizes.key = format::number_at<std::uint32_t>(bytes, offset + 16);
   sizes.atoms = format::number_at<std::uint32_t>(bytes, offset + 20);
-  const std::uint64_t fixed = kHeaderSize + sizes.atoms * kNumber + sizes.key;
+  const std::uint64_t fixed = kEntryHeaderSize + sizes.atoms * format::kNumber + sizes.key;
   if (sizes.key == 0 || sizes.atoms == 0 || fixed > sizes.all) {
     return kContradict;
   }
-  if (sizes.atoms * kNumber > available - kHeaderSize) {
+  if (sizes.atoms * format::kNumber > available - kEntryHeaderSize) {
     return kCut;
   }
   std::uint64_t left = sizes.all - fixed;
   for (std::uint64_t i = 0; i < sizes.atoms; ++i) {
-    const auto size = format::number_at<std::uint64_t>(bytes, offset + kHeaderSize + i * kNumber);
+    const auto size =
+        format::number_at<std::uint64_t>(bytes, offset + kEntryHeaderSize + i * format::kNumber);
     if (size == 0 || size > left) {
       return kContradict;
     }
@@ -83,12 +81,13 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
   }
   entry.offset = offset;
   entry.size = sizes.all;
-  std::uint64_t at = offset + kHeaderSize + sizes.atoms * kNumber;
+  std::uint64_t at = offset + kEntryHeaderSize + sizes.atoms * format::kNumber;
   entry.key = bytes.substr(at, sizes.key);
   at += sizes.key;
   entry.atoms.clear();
   for (std::uint64_t i = 0; i < sizes.atoms; ++i) {
-    const auto size = format::number_at<std::uint64_t>(bytes, offset + kHeaderSize + i * kNumber);
+    const auto size =
+        format::number_at<std::uint64_t>(bytes, offset + kEntryHeaderSize + i * format::kNumber);
     entry.atoms.push_back(bytes.substr(at, size));
     at += size;
   }
@@ -98,8 +97,8 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
 bool IndexedScan::is_cut(std::string_view bytes, std::uint64_t offset) {
   const std::uint64_t left = bytes.size() - offset;
   Sizes sizes;
-  return left < kHeaderSize || (read_sizes(bytes, offset, sizes) == nullptr &&
-                                (sizes.all > left || format::padded(sizes.all) > left));
+  return left < kEntryHeaderSize || (read_sizes(bytes, offset, sizes) == nullptr &&
+                                     (sizes.all > left || format::padded(sizes.all) > left));
 }
 
 Place IndexedScan::rest(const std::string& name, std::uint64_t offset, std::uint64_t end) {

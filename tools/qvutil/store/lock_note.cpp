@@ -9,15 +9,15 @@ namespace {
 
 constexpr std::uint32_t kMagic = 0x4E565151;  // "QQVN"
 constexpr std::uint32_t kVersion = 1;
-constexpr std::uint64_t kHeaderSize = 16;
+constexpr std::uint64_t kNoteHeaderSize = 16;
 constexpr std::uint64_t kFileSize = 32;  // without the name
 
 bool is_note(std::string_view content) {
-  if (content.size() < kHeaderSize) {
+  if (content.size() < kNoteHeaderSize) {
     return false;
   }
   const format::Start start = format::start_of(content);
-  const std::string_view files = content.substr(kHeaderSize);
+  const std::string_view files = content.substr(kNoteHeaderSize);
   return start.magic == kMagic && start.version == kVersion &&
          format::number_at<std::uint64_t>(content, 8) ==
              ::util::Fingerprint64(files.data(), files.size());
@@ -30,7 +30,7 @@ std::vector<NotedFile> noted_files(std::string_view content) {
     return {};
   }
   std::vector<NotedFile> files;
-  for (content.remove_prefix(kHeaderSize); !content.empty();) {
+  for (content.remove_prefix(kNoteHeaderSize); !content.empty();) {
     if (content.size() < kFileSize) {
       return {};
     }

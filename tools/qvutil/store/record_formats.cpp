@@ -5,7 +5,6 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::uint64_t kNumber = sizeof(std::uint64_t);
 constexpr const char* kNoAtoms = "the number of atoms is 0";
 constexpr const char* kEmptyAtom = "the size of an atom is 0";
 
@@ -32,7 +31,7 @@ Record BasicFormat::read(std::uint64_t offset, Entry& entry) const {
     return {"the entry is cut short in the number of its atoms", at};
   }
   if (atoms == 0) {
-    return {kNoAtoms, at - kNumber};
+    return {kNoAtoms, at - format::kNumber};
   }
   for (; atoms > 0; --atoms) {
     std::uint64_t size = 0;
@@ -40,10 +39,10 @@ Record BasicFormat::read(std::uint64_t offset, Entry& entry) const {
       return {"the entry is cut short in the size of an atom", at};
     }
     if (size == 0) {
-      return {kEmptyAtom, at - kNumber};
+      return {kEmptyAtom, at - format::kNumber};
     }
     if (!take_atom(bytes(), at, size, entry)) {
-      return {"an atom extends beyond the end of the file", at - kNumber};
+      return {"an atom extends beyond the end of the file", at - format::kNumber};
     }
   }
   return {nullptr, at};
@@ -61,12 +60,12 @@ Record LazyFormat::read(std::uint64_t offset, Entry& entry) const {
     return {"the entry is cut short behind its key", at};
   }
   if (atoms == 0) {
-    return {kNoAtoms, at - kNumber};
+    return {kNoAtoms, at - format::kNumber};
   }
-  if (atoms > (bytes().size() - at) / kNumber) {
-    return {"the sizes of the atoms extend beyond the end of the file", at - kNumber};
+  if (atoms > (bytes().size() - at) / format::kNumber) {
+    return {"the sizes of the atoms extend beyond the end of the file", at - format::kNumber};
   }
-  const std::uint64_t end = at + atoms * kNumber;
+  const std::uint64_t end = at + atoms * format::kNumber;
   if (value < format::kHeaderSize) {
     return {"the value begins in the header of its file", end, true};
   }
@@ -76,7 +75,7 @@ Record LazyFormat::read(std::uint64_t offset, Entry& entry) const {
     std::uint64_t size = 0;
     take(at, size);
     if (size == 0) {
-      return {kEmptyAtom, at - kNumber};
+      return {kEmptyAtom, at - format::kNumber};
     }
     is_inside = is_inside && take_atom(values_, from, size, entry);
   }

@@ -10,7 +10,6 @@ namespace quorvane::tool {
 namespace {
 
 constexpr std::string_view kMagicBytes = "\xa5\xc3\xa5\xc3";
-constexpr const char* kNoEntry = "no entry begins here";
 constexpr const char* kWrongSizes = "the sizes of the entry are wrong: no other follows it";
 
 }  // namespace

@@ -1,19 +1,11 @@
 #include "qvutil/store/repeated_keys.h"
 
-#include <farmhash.h>
-
 #include <algorithm>
 #include <bit>
 
+#include "qvutil/store/key_hash.h"
+
 namespace quorvane::tool {
-namespace {
-
-std::uint64_t hash_of(std::string_view key) {
-  return ::util::Fingerprint64(key.data(), key.size());
-}
-
-}  // namespace
-
 bool RepeatedKeys::is_in_part(std::uint64_t hash) const {
   return parts_ == 1 || (hash >> 24) % parts_ == part_;
 }

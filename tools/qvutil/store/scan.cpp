@@ -151,10 +151,10 @@ bool check_data_header(MappedFile& file, Visitor& visitor) {
                    "the header is cut short; the next process writes it", false});
     return false;
   }
-  constexpr std::uint64_t kZerosAt = 16;
-  if (bytes.substr(kZerosAt, format::kDataHeaderSize - kZerosAt).find_first_not_of('\0') !=
+  constexpr std::uint64_t kRestAt = 16;
+  if (bytes.substr(kRestAt, format::kDataHeaderSize - kRestAt).find_first_not_of('\0') !=
       std::string_view::npos) {
-    visitor.place({file.name(), kZerosAt, format::kDataHeaderSize - kZerosAt,
+    visitor.place({file.name(), kRestAt, format::kDataHeaderSize - kRestAt,
                    "the rest of the header is not zero", false});
   }
   return check_header(file, format::kDataMagic, format::kIndexedVersion, format::kDataHeaderSize,

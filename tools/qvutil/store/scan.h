@@ -33,6 +33,9 @@ struct Place {
   bool is_repeated_key = false;
 };
 
+// The reason of a place where an entry should begin.
+constexpr const char* kNoEntry = "no entry begins here";
+
 class Visitor {
  public:
   virtual ~Visitor() = default;

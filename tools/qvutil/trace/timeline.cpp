@@ -7,8 +7,8 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::size_t kMostNames = 10'000;       // of processes
-constexpr std::size_t kMostArgumentBytes = 200;  // of a span
+constexpr std::size_t kMostProcessNames = 10'000;  // of processes
+constexpr std::size_t kMostArgumentBytes = 200;    // of a span
 constexpr int kDeepest = 8;
 
 // Drops the spans that lie within too many others. A span that ends in the microsecond in which
@@ -79,7 +79,7 @@ std::vector<std::string> names_by_time(const std::vector<Lane>& lanes) {
 }  // namespace
 
 void Timeline::add(const TraceEvent& event) {
-  if (event.names_process && process_names_.size() < kMostNames) {
+  if (event.names_process && process_names_.size() < kMostProcessNames) {
     process_names_[event.pid] = event.name;
   }
   if (!event.is_span) {
