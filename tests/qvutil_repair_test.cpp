@@ -126,7 +126,8 @@ Damage damage_of(const CacheFiles& cache, const std::vector<Placed>& entries,
       const std::uint64_t at =
           entry.main.begin + offset_of_field(cache.kind, entry.key.size(), random);
       const std::uint64_t third = at + 2;
-      bytes[third] = static_cast<char>(bytes[third] ^ (1 + random() % 127));
+      bytes[third] =
+          static_cast<char>(static_cast<unsigned char>(bytes[third]) ^ (1 + random() % 127));
       return {path, bytes, {third, third + 1}};
     }
     case 2: {  // a hole from the beginning of an entry
