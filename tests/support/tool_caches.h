@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "qvutil/output/outcome.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 #include "qvutil/store/cache_files.h"
 #include "support/refuse.h"
 #include "support/store_bytes.h"
