@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qvutil/output/json.h"
+#include "qvutil/output/markup.h"
 #include "qvutil/report/html.h"
 #include "support/reports.h"
 #include "support/scenario.h"
@@ -267,6 +268,6 @@ TEST_F(ReportCommand, WhatCantBeReadLeavesTheOldPage) {
 }
 
 TEST(HtmlText, HasNoMarkupAndNoControlCharacters) {
-  EXPECT_EQ(quorvane::tool::html_text("<a b=\"c\">&'\x1b\xff"),
+  EXPECT_EQ(quorvane::tool::markup_text("<a b=\"c\">&'\x1b\xff"),
             "&lt;a b=&quot;c&quot;&gt;&amp;&#39;\\x1b\\xff");
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "qvutil/output/text.h"
+#include "qvutil/output/markup.h"
 #include "qvutil/report/gnuplot.h"
 
 namespace quorvane::tool {
@@ -60,39 +60,13 @@ std::string inline_svg(const std::string& svg) {
 
 }  // namespace
 
-std::string html_text(std::string_view bytes) {
-  std::string text;
-  for (const char c : shown(bytes)) {
-    switch (c) {
-      case '&':
-        text += "&amp;";
-        break;
-      case '<':
-        text += "&lt;";
-        break;
-      case '>':
-        text += "&gt;";
-        break;
-      case '"':
-        text += "&quot;";
-        break;
-      case '\'':
-        text += "&#39;";
-        break;
-      default:
-        text += c;
-    }
-  }
-  return text;
-}
-
 std::string html_page(std::string_view title, std::string_view body) {
   std::string page = "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
   page += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>";
-  page += html_text(title);
+  page += markup_text(title);
   page += "</title>\n<style>";
   page += kStyle;
-  page += "</style>\n</head>\n<body>\n<h1>" + html_text(title) + "</h1>\n";
+  page += "</style>\n</head>\n<body>\n<h1>" + markup_text(title) + "</h1>\n";
   page += body;
   return page + "</body>\n</html>\n";
 }
@@ -100,7 +74,7 @@ std::string html_page(std::string_view title, std::string_view body) {
 std::string html_of(const std::vector<Panel>& panels) {
   std::string html = "<div class=\"plots\">\n";
   for (const Panel& panel : panels) {
-    html += "<figure aria-label=\"" + html_text(panel.metric) + "\">";
+    html += "<figure aria-label=\"" + markup_text(panel.metric) + "\">";
     html += inline_svg(run_gnuplot(plot_script({panel}, PlotForm::inline_svg)));
     html += "</figure>\n";
   }

@@ -10,9 +10,6 @@
 
 namespace quorvane::tool {
 
-// Any bytes as text of a page, also in an attribute.
-std::string html_text(std::string_view bytes);
-
 // A whole page. `body` is HTML. Readable on a telephone, and dark where that is preferred.
 std::string html_page(std::string_view title, std::string_view body);
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "qvutil/log/logs.h"
+#include "qvutil/output/markup.h"
 #include "qvutil/output/text.h"
 #include "qvutil/report/html.h"
 #include "qvutil/report/html_table.h"
@@ -75,7 +76,7 @@ Section caches_section(const std::string& root) {
     section.has_damage |= is_bad(found.state);
     bytes += found.bytes;
   }
-  section.html = "<h2>Caches in " + html_text(root) + "</h2>\n<p class=\"soft\">" +
+  section.html = "<h2>Caches in " + markup_text(root) + "</h2>\n<p class=\"soft\">" +
                  total_text(caches.size(), bytes) + "</p>\n" + (table.empty() ? "" : table.html());
   return section;
 }

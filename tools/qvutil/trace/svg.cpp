@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "qvutil/output/markup.h"
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {
@@ -36,35 +37,6 @@ constexpr const char* kStyle = R"(<style>
 </style>
 )";
 
-// Without the characters that XML has a meaning for, or forbids.
-std::string xml(std::string_view bytes) {
-  std::string text;
-  for (const char c : shown(bytes)) {
-    switch (c) {
-      case '&':
-        text += "&amp;";
-        break;
-      case '<':
-        text += "&lt;";
-        break;
-      case '>':
-        text += "&gt;";
-        break;
-      case '"':
-        text += "&quot;";
-        break;
-      default:
-        text += c;
-    }
-  }
-  for (const std::string_view forbidden : {"\xef\xbf\xbe", "\xef\xbf\xbf"}) {
-    for (std::size_t at = 0; (at = text.find(forbidden, at)) != std::string::npos;) {
-      text.replace(at, forbidden.size(), "?");
-    }
-  }
-  return text;
-}
-
 std::string number(double value) {
   std::array<char, 64> text;
   std::snprintf(text.data(), text.size(), "%.1f", value);
@@ -76,7 +48,7 @@ std::string fitting(std::string_view name, double width) {
   std::string letters = shown(name);
   const auto most = static_cast<std::size_t>(width / kLetter);
   if (width_of(letters) <= most) {
-    return xml(name);
+    return markup_text(name);
   }
   std::size_t end = 0;
   for (std::size_t count = 0; end < letters.size() && count < most; ++count) {
@@ -85,7 +57,7 @@ std::string fitting(std::string_view name, double width) {
     } while (end < letters.size() && (static_cast<unsigned char>(letters[end]) & 0xc0) == 0x80);
   }
   letters.resize(end);
-  return most < 2 ? "" : xml(letters);
+  return most < 2 ? "" : markup_text(letters);
 }
 
 void write_text(std::ostream& out, double x, double y, const std::string& text,
@@ -170,9 +142,9 @@ void Drawing::write_span(const Span& span, double y) {
   const double width = std::max(kThinnest, x_of(span.start + span.duration) - x);
   out_ << "<rect x=\"" << number(x) << "\" y=\"" << number(y) << "\" width=\"" << number(width)
        << "\" height=\"" << number(kRow - 2) << "\" fill=\"" << colour_of(span.name) << "\"><title>"
-       << xml(span.name) << ", " << duration_text(static_cast<double>(span.duration) / 1e9);
+       << markup_text(span.name) << ", " << duration_text(static_cast<double>(span.duration) / 1e9);
   if (!span.arguments.empty()) {
-    out_ << " " << xml(span.arguments);
+    out_ << " " << markup_text(span.arguments);
   }
   out_ << "</title></rect>\n";
   const std::string name = fitting(span.name, width - 6);
