@@ -136,6 +136,29 @@ TEST(CommandLine, LeavesNoTracesOfItself) {
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
+// What `qvutil ls` prints on a terminal, for a root with one cache.
+std::string on_terminal(const std::string& options, const test::Environment& environment) {
+  const test::TempDir root;
+  test::write_file(root.file("cache"), std::string("\xa5\xc3\xa5\xc3\x01\0\0\0", 8));
+  const std::string command = QV_BINARY_DIR "/bin/qvutil ls '" + root.path() + "' " + options;
+  const test::Ran ran =
+      test::run_program("/usr/bin/script", {"-qec", command, "/dev/null"}, environment);
+  EXPECT_TRUE(ran.exited_with(0)) << ran.err;
+  EXPECT_THAT(ran.out, HasSubstr("cache"));
+  return ran.out;
+}
+
+TEST(CommandLine, HasColoursOnATerminalUnlessItIsToldNotTo) {
+  const std::string escape = "\033[";
+  EXPECT_THAT(on_terminal("", {{"TERM", "xterm"}}), HasSubstr(escape));
+  EXPECT_THAT(on_terminal("", {{"TERM", "xterm"}, {"NO_COLOR", ""}}), HasSubstr(escape));
+  for (const test::Environment& environment :
+       {test::Environment{{"TERM", "xterm"}, {"NO_COLOR", "1"}}, {{"TERM", "dumb"}}}) {
+    EXPECT_THAT(on_terminal("", environment), testing::Not(HasSubstr(escape)));
+  }
+  EXPECT_THAT(on_terminal("--json", {{"TERM", "xterm"}}), testing::Not(HasSubstr(escape)));
+}
+
 TEST(Suggestion, IsTheNearestWordOfTheList) {
   using quorvane::tool::suggestion;
   EXPECT_EQ(suggestion("comapct", {"compact", "convert"}), "compact");
