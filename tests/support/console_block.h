@@ -109,26 +109,34 @@ inline std::string run_block(const std::string& block, const std::string& direct
 }
 
 // The text without what differs from run to run: times, durations, rates, the ids in log records,
-// and the widths of columns.
+// and the widths of columns, which is also the space before a right-aligned one that comes first.
 inline std::string normalised(std::string text) {
   static const std::vector<std::pair<std::regex, std::string>> rules{
       {std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?Z)"), "TIME"},
       {std::regex(R"(TIME, \d+, \d+, ")"), "TIME, PID, TID, \""},
       {std::regex(R"(\b\d+(\.\d+)? [kMGT]?B/s)"), "RATE"},
       {std::regex(R"(\b\d+(\.\d+)? (us|ms|s|min|h|d)\b)"), "DURATION"},
-      {std::regex(R"( +)"), " "}};
+      {std::regex(R"( +)"), " "},
+      {std::regex(R"((^|\n) )"), "$1"}};
   for (const auto& [pattern, replacement] : rules) {
     text = std::regex_replace(text, pattern, replacement);
   }
   return text;
 }
 
-// `text` with the words of the document.
-inline std::string as_shown(std::string text, const Stage& stage) {
-  for (const auto& [word, shown] : stage.shown_as) {
-    text = std::regex_replace(text, std::regex("\\b" + word + "\\b"), shown);
+// `text` with the words of the document. A replacement is not looked at again: it may be the id of
+// another process.
+inline std::string as_shown(const std::string& text, const Stage& stage) {
+  static const std::regex word(R"(\w+)");
+  std::string result;
+  auto rest = text.begin();
+  for (std::sregex_iterator at(text.begin(), text.end(), word), end; at != end; ++at) {
+    const auto found = stage.shown_as.find(at->str());
+    result.append(rest, (*at)[0].first);
+    result += found == stage.shown_as.end() ? at->str() : found->second;
+    rest = (*at)[0].second;
   }
-  return text;
+  return result.append(rest, text.end());
 }
 
 }  // namespace test
