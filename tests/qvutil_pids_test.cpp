@@ -7,10 +7,12 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/user.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -26,6 +28,7 @@
 #include "support/refuse.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
+#include "support/tracee.h"
 
 namespace {
 
@@ -83,6 +86,11 @@ pid_t revived(pid_t pid) {
     test::sleep_until_killed();
   }
   return static_cast<pid_t>(child);
+}
+
+// Whether it stands in front of the system call.
+bool is_at_call(const test::Tracee& tracee, long number) {
+  return ptrace(PTRACE_PEEKUSER, tracee.pid(), offsetof(user_regs_struct, orig_rax), 0) == number;
 }
 
 std::string set_bytes(const std::vector<std::int32_t>& ids, std::uint64_t count) {
@@ -371,6 +379,32 @@ TEST_F(Pids, OfFilesThatTheLibraryWroteAreTold) {
                                      {{"QV_PIDFILE_ROOT", dir_.path() + "/"}}, {dir_.path()});
   EXPECT_THAT(ran.out, HasSubstr("\"pid\":" + std::to_string(ran.pid) + ","));
   EXPECT_THAT(ran.out, HasSubstr("\"program\":\"qvutil_pids_test\""));
+}
+
+TEST_F(Pids, ThatGetADeadOnesIdBeforeItsFileIsRemovedKeepTheFile) {
+  const pid_t reused = dead_pid();
+  make_older(pid_file(reused), -3600);  // whenever the process starts
+  test::Tracee pruner([&] {
+    std::ostringstream out;
+    quorvane::tool::Console console(out, out, {});
+    quorvane::tool::pids(console, {dir_.path(), true});
+  });
+  int stop = 0;
+  do {
+    stop = pruner.resume(PTRACE_SYSCALL);
+  } while (stop != 0 && !is_at_call(pruner, SYS_rename));
+  ASSERT_EQ(stop, test::Tracee::kAtCall);  // it has taken the process for dead
+  const pid_t child = revived(reused);
+  while (pruner.resume(PTRACE_CONT) != 0) {
+  }
+  // Without the right to choose an id, the process stays dead, and its file is removed.
+  const bool lives = child == reused;
+  EXPECT_EQ(test::names_in(dir_.path()).size(), lives ? 1U : 0U);
+  EXPECT_EQ(test::exists(file("qv." + std::to_string(reused))), lives);
+  if (child > 0) {
+    kill(child, SIGKILL);
+    test::wait_for(child);
+  }
 }
 
 TEST_F(Pids, ThatAreDeadLoseTheirFilesOnlyWhenTold) {

@@ -2,7 +2,9 @@
 #include <fcntl.h>
 #include <quorvane/file_store.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -12,10 +14,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "qvutil/commands/ls.h"
 #include "qvutil/store/cache_files.h"
 #include "support/lazy_files.h"
 #include "support/made_store.h"
 #include "support/processes.h"
+#include "support/refuse.h"
 #include "support/scanned_cache.h"
 #include "support/scenario.h"
 #include "support/temp_dir.h"
@@ -210,6 +214,35 @@ TEST(Ls, FindsDamagedCachesAndThoseOfOtherVersions) {
   EXPECT_THAT(ran.out, HasSubstr("torn   basic        1"));
   EXPECT_THAT(ran.out, HasSubstr("damaged"));
   EXPECT_THAT(ran.err, HasSubstr("newer has version 9 of its format, this tool knows version 1"));
+}
+
+SCENARIO(list_refused) {
+  constexpr auto kHow = static_cast<std::uint32_t>(O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (arguments.at(1) == "open") {
+    refuse(SYS_openat, EACCES, When{2, kHow});
+  } else {
+    refuse(SYS_mmap, ENOMEM, When{3, MAP_SHARED});
+  }
+  std::ostringstream out;
+  quorvane::tool::Console console(out, out, {});
+  const auto outcome = quorvane::tool::ls(console, {arguments.at(0)});
+  std::printf("%s", out.str().c_str());
+  return static_cast<int>(outcome);
+}
+
+TEST_F(Reading, LsListsCachesThatTheKernelDoesNotLetItRead) {
+  const auto expect = [&](const std::string& call, const std::string& reason) {
+    const Ran ran = run_scenario("list_refused", {}, {root(), call});
+    EXPECT_TRUE(ran.exited_with(1)) << call << ": " << ran.out << ran.err;
+    for (const Kind kind : kKinds) {
+      EXPECT_THAT(ran.out,
+                  testing::ContainsRegex("\n" + std::string(name_of(kind)) + " .* unreadable"))
+          << call;
+    }
+    EXPECT_THAT(ran.out, HasSubstr(reason)) << call;
+  };
+  expect("open", "Permission denied");
+  expect("map", "Cannot allocate memory");
 }
 
 // --- which cache ---
