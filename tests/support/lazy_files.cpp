@@ -3,6 +3,7 @@
 #include <cstring>
 #include <set>
 #include <utility>
+
 #include "support/temp_dir.h"
 
 namespace test {
