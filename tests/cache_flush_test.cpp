@@ -126,7 +126,7 @@ std::vector<std::string> keys_in_file(const std::string& kind, const std::string
     return keys;
   }
   if (kind == kLazy) {
-    const test::LazyWalk walk = test::LazyWalker(test::read_lazy_files(root), "", true).walk();
+    const test::LazyWalk walk = test::walk_lazy_files(test::read_lazy_files(root), "", true);
     EXPECT_EQ(walk.messages, Messages{});
     append(walk.entries);
   } else {

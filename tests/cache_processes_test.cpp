@@ -100,7 +100,7 @@ std::map<std::string, int> occurrences(const std::string& kind, const StoreRoot&
   };
   if (kind == kLazy) {
     const test::LazyFiles files = test::read_lazy_files(root.path());
-    const test::LazyWalk walk = test::LazyWalker(files, "", true).walk();
+    const test::LazyWalk walk = test::walk_lazy_files(files, "", true);
     EXPECT_EQ(walk.messages, Messages{});
     count(walk.entries);
     return times;

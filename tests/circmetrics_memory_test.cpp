@@ -5,11 +5,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 #include "circmetrics_test/fixture.h"
+#include "support/json.h"
 #include "support/no_memory.h"
 #include "support/processes.h"
 #include "support/thread_state.h"

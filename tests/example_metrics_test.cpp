@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
 #include <string>
 
+#include "support/json.h"
 #include "support/library_path.h"
 #include "support/lines.h"
 #include "support/scenario.h"

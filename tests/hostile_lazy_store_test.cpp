@@ -77,7 +77,7 @@ class Checker {
 
  private:
   void load(const LazyFiles& files, const std::string& what) {
-    const test::LazyWalk walk = test::LazyWalker(files, key_path(), true).walk();
+    const test::LazyWalk walk = test::walk_lazy_files(files, key_path(), true);
     EntryMap out;
     LazyLookupStore store("maps", lock_, &controller_);
     const bool ok = [&] {
@@ -96,7 +96,7 @@ class Checker {
   }
 
   void scan(const LazyFiles& files, const std::string& what) {
-    const test::LazyWalk walk = test::LazyWalker(files, key_path(), false).walk();
+    const test::LazyWalk walk = test::walk_lazy_files(files, key_path(), false);
     KeySet keys;
     LazyLookupStore store("maps", lock_, &controller_);
     const bool ok = [&] {

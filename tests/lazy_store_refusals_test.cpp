@@ -382,7 +382,7 @@ TEST(LazyStoreKilled, BeforeTheKeysLeavesTheValuesAndNoKeyOfThem) {
   EXPECT_TRUE(root.run("killed_at_the_longer_file", {}, "WARN").killed_by(SIGXFSZ));
   EXPECT_EQ(root.files().key, before.key);
   EXPECT_EQ(root.files().val, test::add_to(before, kNew).val);
-  const test::LazyWalk walk = test::LazyWalker(root.files(), root.key(), true).walk();
+  const test::LazyWalk walk = test::walk_lazy_files(root.files(), root.key(), true);
   EXPECT_EQ(walk.messages, Messages{});
 }
 

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 #include <string>
@@ -24,6 +23,7 @@
 #include "qvutil/log/filter.h"
 #include "qvutil/log/reader.h"
 #include "qvutil/log/record.h"
+#include "support/json.h"
 #include "support/lines.h"
 #include "support/lock_probe.h"
 #include "support/processes.h"

@@ -12,10 +12,10 @@
 #include <fstream>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
 
 #include "qvutil/commands/ls.h"
 #include "qvutil/store/cache_files.h"
+#include "support/json.h"
 #include "support/lazy_files.h"
 #include "support/made_store.h"
 #include "support/processes.h"

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <sstream>
@@ -21,6 +20,7 @@
 #include "qvutil/trace/summary.h"
 #include "qvutil/trace/timeline.h"
 #include "support/indexed_cache.h"
+#include "support/json.h"
 #include "support/lines.h"
 #include "support/processes.h"
 #include "support/scenario.h"

@@ -11,9 +11,10 @@
 #include <cmath>
 #include <cstddef>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+
+#include "support/json.h"
 
 namespace circmetrics_test {
 

@@ -12,13 +12,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "stats_test/fake_recorder.h"
+#include "support/json.h"
 #include "support/library_path.h"
 #include "support/lines.h"
 #include "support/processes.h"

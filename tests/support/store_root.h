@@ -49,31 +49,20 @@ class StoreRoot {
 };
 
 // The records of a store that can no longer find its lock file.
-inline std::vector<std::string> lock_is_lost(const std::string& path) {
-  return {"WARN Cache store " + path + " lock couldn't be obtained: No such file or directory.",
-          expectation("store_->try_store_diff(diff_map_)")};
-}
+std::vector<std::string> lock_is_lost(const std::string& path);
 
 // --- inside a scenario ---
 
-inline std::string root_path() { return getenv("QV_CACHE_STORE_ROOT"); }
-inline std::string root_file(const std::string& name) { return root_path() + "/" + name; }
+std::string root_path();
+std::string root_file(const std::string& name);
 
 // A controller that never cleans. It outlives the static destructors.
-inline quorvane::cache::CleanupController& no_limit() {
-  static auto& controller = *new quorvane::cache::CleanupController(0);
-  return controller;
-}
+quorvane::cache::CleanupController& no_limit();
 
-inline std::unique_ptr<quorvane::cache::Store> maps_store(quorvane::cache::StoreKind kind) {
-  return quorvane::cache::make_file_store(kind, "maps", &no_limit());
-}
+std::unique_ptr<quorvane::cache::Store> maps_store(quorvane::cache::StoreKind kind);
 
 // Logs every failed check, however harmless.
-inline void log_every_check() {
-  module_of("util/src/cache")->fault_log_level = 3;
-  module_of("util/src/mmapped_file")->fault_log_level = 3;
-}
+void log_every_check();
 
 }  // namespace test
 

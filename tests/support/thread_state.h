@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,39 +15,15 @@ namespace test {
 
 // The fields of /proc/self/task/TID/stat from the state on, which is number 3 in proc(5).
 // "" once the thread has ended.
-inline std::string stat_from_state(pid_t tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string text;
-  std::getline(stat, text);
-  const std::size_t name_end = text.rfind(')');
-  return name_end == std::string::npos ? "" : text.substr(name_end + 2);
-}
+std::string stat_from_state(pid_t tid);
 
-inline bool is_asleep(pid_t tid) { return stat_from_state(tid).rfind('S', 0) == 0; }
+bool is_asleep(pid_t tid);
 
 // The CPU time of the thread, in clock ticks.
-inline long computed_ticks(pid_t tid) {
-  std::istringstream fields(stat_from_state(tid));
-  std::string skipped;
-  for (int field = 3; field < 14; ++field) {
-    fields >> skipped;
-  }
-  long user = 0;
-  long system = 0;
-  fields >> user >> system;
-  return user + system;
-}
+long computed_ticks(pid_t tid);
 
 // How often the thread has slept.
-inline long sleeps(pid_t tid) {
-  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
-  std::string word;
-  while (status >> word && word != "voluntary_ctxt_switches:") {
-  }
-  long count = -1;
-  status >> count;
-  return count;
-}
+long sleeps(pid_t tid);
 
 // A thread that runs one function, and whose state can be watched while it does.
 class Watched {

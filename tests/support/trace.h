@@ -7,10 +7,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "support/json.h"
 #include "support/temp_dir.h"
 
 namespace test {

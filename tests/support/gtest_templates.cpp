@@ -1,0 +1,2 @@
+#define QV_TEMPLATE template
+#include "support/gtest_templates.h"
