@@ -125,6 +125,7 @@ void start_again(bool with_old) {
 
 // What the next process makes of the files.
 bool works_for_the_next(bool had_old, const std::vector<Entry>& added, bool was_stored) {
+  const test::OneThread alone;
   const Store store = make_store();
   if (!store->open() || (had_old && !has_old(*store))) {
     return false;
@@ -217,6 +218,7 @@ SCENARIO(limit_file_sizes) {
   for (rlim_t limit = 0; limit < 300000; limit += 1 + limit / 8) {
     start_again(with_old);
     const int status = test::wait_for(test::in_child([&] {
+      const test::OneThread alone;
       const Store store = operation.prepare();
       signal(SIGXFSZ, SIG_IGN);
       const rlimit size{limit, limit};
