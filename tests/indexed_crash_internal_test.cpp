@@ -13,6 +13,7 @@
 using indexed_crash_test::delete_index;
 using indexed_crash_test::entries;
 using indexed_crash_test::KillStates;
+using indexed_crash_test::operator+;
 using indexed_crash_test::page_of;
 using indexed_crash_test::Tally;
 using quorvane::cache::EntryMap;
@@ -22,7 +23,8 @@ namespace {
 
 constexpr std::size_t kSmall = 20;
 constexpr std::size_t kLarge = 700;        // twenty of them fill several pages
-constexpr std::size_t kHuge = 600 * 1024;  // two of them are written at once, a third alone
+constexpr std::size_t kHuge = 512 * 1024;  // two of them are written at once, what follows alone
+constexpr std::size_t kOfPages = 40 * 1024;
 
 // Entries of this size fill a store up to this limit, so that the next append cleans it. At
 // least so many stay.
@@ -63,6 +65,11 @@ SCENARIO(first_append) { return KillStates({}).check_append(entries("new", 3, kS
 SCENARIO(append) {
   return KillStates(entries("old", 5, kSmall))
       .check_append(entries("new", std::stoi(arguments.at(0)), std::stoul(arguments.at(1))));
+}
+
+SCENARIO(append_in_two_writes) {
+  return KillStates(entries("old", 5, kSmall))
+      .check_append(entries("new", 2, kHuge) + entries("newest", 1, kOfPages));
 }
 
 SCENARIO(grow) {
@@ -192,7 +199,7 @@ TEST_F(IndexedKillAnywhere, InAnAppendOfTwentyEntriesDoesNoHarm) {
 }
 
 TEST_F(IndexedKillAnywhere, InAnAppendThatNeedsTwoWritesDoesNoHarm) {
-  run("append", {"3", std::to_string(kHuge)});
+  run("append_in_two_writes");
   EXPECT_GE(operation_.tails, 2 * 10);
   EXPECT_EQ(operation_.unindexed, 5);
   EXPECT_GT(recovery_.tails, of_recoveries(2 * 10));

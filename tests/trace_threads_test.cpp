@@ -261,8 +261,8 @@ TEST_F(TraceThreads, DoNotDisturbTheChildrenOfTheirProcess) {
                   .exited_with(0));
   std::size_t children = 0;
   for (const std::string& name : test::names_in(dir_.path())) {
-    const test::Events spans = test::spans_in(dir_.file(name));
     if (name != "trace.json") {
+      const test::Events spans = test::spans_in(dir_.file(name));
       ++children;
       EXPECT_EQ(test::bytes_in(spans), test::numbers_from_0(1000)) << name;
       EXPECT_EQ(spans.at(0).at("args").at("store"), "0x9");

@@ -31,6 +31,19 @@ void overwrite(const std::string& path, const std::string& bytes) {
   }
 }
 
+void read_into(std::string& bytes, const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat status {};
+  bool is_read = fd >= 0 && fstat(fd, &status) == 0;
+  bytes.resize(static_cast<std::size_t>(status.st_size));
+  is_read =
+      is_read && pread(fd, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
+  close(fd);
+  if (!is_read) {
+    throw std::runtime_error("read " + path);
+  }
+}
+
 // How much of `after` may have been written when a write that turned `before` into it was cut
 // short.
 std::set<std::size_t> cuts(const std::string& before, const std::string& after) {
@@ -88,11 +101,11 @@ DirState DirStates::take() {
     }
   }
   for (const ino_t inode : inodes) {
-    std::string bytes = read_file(kept(inode));
+    read_into(read_, kept(inode));
     const auto known = last_.files.find(inode);
-    state.files[inode] = known != last_.files.end() && *known->second == bytes
+    state.files[inode] = known != last_.files.end() && *known->second == read_
                              ? known->second
-                             : std::make_shared<const std::string>(std::move(bytes));
+                             : std::make_shared<const std::string>(read_);
   }
   last_ = state;
   return state;

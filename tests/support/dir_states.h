@@ -40,8 +40,9 @@ class DirStates {
   std::string kept(ino_t inode) const { return kept_.file(std::to_string(inode)); }
 
   const std::string directory_;
-  TempDir kept_;   // has a second link to each file, named after its inode
-  DirState last_;  // as taken or restored
+  TempDir kept_;      // has a second link to each file, named after its inode
+  DirState last_;     // as taken or restored
+  std::string read_;  // kept, since few files change between two moments
 };
 
 // The states between `before` and `after` that a kill in the middle of a write leaves, which
