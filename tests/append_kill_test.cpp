@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "support/lock_probe.h"
-#include "support/one_thread.h"
 #include "support/processes.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
@@ -107,7 +106,6 @@ struct Tally {
 
   void look_at(const std::string& kind, const std::vector<int>& stored, int killed,
                std::size_t value_size) {
-    const test::OneThread alone;
     const auto cache = open_cache(kind);
     unreadable += !cache->is_valid();
     for (const int append : stored) {
@@ -154,10 +152,7 @@ SCENARIO(kill_at_each_call) {
       add_entries(*open_cache(kind), 0, value_size);
       stored.push_back(0);
     }
-    killed = is_killed_at(stop, [&] {
-      const test::OneThread alone;
-      add_entries(*open_cache(kind), stop, value_size);
-    });
+    killed = is_killed_at(stop, [&] { add_entries(*open_cache(kind), stop, value_size); });
     tally.kills += killed;
     if (!killed) {
       stored.push_back(stop);
@@ -184,7 +179,6 @@ SCENARIO(kill_anywhere) {
     const int first = next;
     const pid_t child = fork();
     if (child == 0) {
-      const test::OneThread alone;
       for (int append = first;; ++append) {
         add_entries(*open_cache(kind), append, kValueSize);
         static_cast<void>(!write(acknowledged[1], &append, sizeof(append)));

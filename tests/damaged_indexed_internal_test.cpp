@@ -12,7 +12,6 @@
 
 #include "support/hostile.h"
 #include "support/indexed_store.h"
-#include "support/one_thread.h"
 #include "support/scenario.h"
 #include "support/store_root.h"
 #include "support/temp_dir.h"
@@ -35,9 +34,9 @@ constexpr int kStored = 10;
 
 const std::vector<Entry> kEntries = test::numbered_entries(0, kStored);
 
-bool write_store(const std::vector<Entry>& entries = kEntries) {
+bool write_store() {
   const auto store = test::indexed_store();
-  return store->open() && store->store(test::entry_map(entries));
+  return store->open() && store->store(test::entry_map(kEntries));
 }
 
 std::string flipped(std::string bytes, std::size_t at, unsigned bit = 0) {
@@ -107,23 +106,19 @@ TEST(DamagedIndexedStore, TakesNoDamagedHeaderForATornEntry) {
 
 // The value of the last entry holds whole entries, at offsets where entries may begin.
 SCENARIO(tear_the_last_entry) {
-  const test::OneThread alone;
-  const std::vector<Entry> entries = test::numbered_entries(0, 3);
-  const int stored = static_cast<int>(entries.size());
-  write_store(entries);
+  write_store();
   const Entry nested{"nested", {"12345678" + test::read_file(data_path())}};
   const auto writer = test::indexed_store();
   if (!writer->open() || !writer->store(test::entry_map({nested}))) {
     return 1;
   }
   const std::string data = test::read_file(data_path());
-  for (std::size_t size = test::entry_offsets(data)[entries.size()] + 1; size < data.size();
-       ++size) {
+  for (std::size_t size = test::entry_offsets(data)[kStored] + 1; size < data.size(); ++size) {
     unlink(data_path().c_str());  // rewriting a file may wait for the disk
     test::write_file(data_path(), data.substr(0, size));
     unlink(index_path().c_str());
     const auto store = test::indexed_store();
-    const bool holds = store->open() && test::count_found(*store, entries) == stored &&
+    const bool holds = store->open() && test::count_found(*store, kEntries) == kStored &&
                        !test::look_up(*store, "nested") &&
                        store->store(test::entry_map({nested})) &&
                        test::count_found(*store, {nested}) == 1;

@@ -18,7 +18,6 @@
 
 #include "support/hostile.h"
 #include "support/indexed_store.h"
-#include "support/one_thread.h"
 #include "support/refuse_nth.h"
 #include "support/scenario.h"
 #include "support/store_root.h"
@@ -125,7 +124,6 @@ void start_again(bool with_old) {
 
 // What the next process makes of the files.
 bool works_for_the_next(bool had_old, const std::vector<Entry>& added, bool was_stored) {
-  const test::OneThread alone;
   const Store store = make_store();
   if (!store->open() || (had_old && !has_old(*store))) {
     return false;
@@ -144,11 +142,9 @@ int refuse_each_call(const Operation& operation, int error, bool with_old, test:
   for (int allowed = 0;; ++allowed) {
     start_again(with_old);
     log.next();
-    const test::Refused refused =
-        test::in_child_with_a_refusal(allowed, error, operation.prepare, [&](const Store& store) {
-          const test::OneThread alone;
-          return operation.run(*store) ? kDone : kRefused;
-        });
+    const test::Refused refused = test::in_child_with_a_refusal(
+        allowed, error, operation.prepare,
+        [&](const Store& store) { return operation.run(*store) ? kDone : kRefused; });
     const std::size_t records = log.next().size();
     const bool may_fail = error != EINTR || refused.call != SYS_pwrite64;
     if (refused.status > (may_fail ? kRefused : kDone) ||
@@ -218,7 +214,6 @@ SCENARIO(limit_file_sizes) {
   for (rlim_t limit = 0; limit < 300000; limit += 1 + limit / 8) {
     start_again(with_old);
     const int status = test::wait_for(test::in_child([&] {
-      const test::OneThread alone;
       const Store store = operation.prepare();
       signal(SIGXFSZ, SIG_IGN);
       const rlimit size{limit, limit};

@@ -456,8 +456,8 @@ TEST_P(RingTraffic, ShowsEachEntryOnceAndEachProducersInOrder) {
 INSTANTIATE_TEST_SUITE_P(Wide, RingTraffic,
                          testing::Values(Traffic{1, 1024}, Traffic{2, 1024, 10'000}));
 
-// With few slots the ring is full, and most producers sleep instead of spinning. A wake-up that is
-// lost once in 100'000 entries still hangs one of these.
+// With few slots the ring is full, and most producers sleep instead of spinning. So many entries
+// are enough for a publication that may be seen too late to hang some of these.
 INSTANTIATE_TEST_SUITE_P(Narrow, RingTraffic,
                          testing::Values(Traffic{1, 2, 50'000}, Traffic{2, 4, kNarrow},
                                          Traffic{4, 4, kNarrow / 2},

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <sstream>
 
-
 #include "qvutil/commands/ls.h"
 #include "qvutil/store/cache_files.h"
 #include "support/json.h"

@@ -23,7 +23,6 @@
 #include "indexed_crash_test/checks.h"
 #include "support/file_changes.h"
 #include "support/lock_probe.h"
-#include "support/one_thread.h"
 #include "support/processes.h"
 
 namespace indexed_crash_test {
@@ -215,7 +214,6 @@ class KillStates {
     meanwhile_from_ = std::numeric_limits<std::size_t>::max();
     std::vector<DirState> reached{from};
     const auto body = [&operation] {
-      const test::OneThread alone;
       const auto store = make_engine();
       return store->open() && operation(*store) ? 0 : 1;
     };
@@ -297,7 +295,6 @@ class KillStates {
   Verdict examine(const DirState& state) {
     auto* const report = new (report_) Report{};
     const pid_t child = test::in_child([&] {
-      const test::OneThread alone;
       alarm(kHangSeconds);
       try {
         examine(state, *report);
