@@ -176,7 +176,7 @@ SCENARIO(miss_keys) {
   const auto cache = open_cache(arguments.at(0));
   get(*cache, std::string("\0\n\xff", 3));
   get(*cache, std::string(32, 'x'));
-  get(*cache, std::string(31, 'x') + "yz");
+  get(*cache, std::string(31, 'x').append("yz"));
   get(*cache, "");
   add(*cache, "added", "1");
   get(*cache, "added");
