@@ -46,13 +46,13 @@ class RemoteFork : public testing::Test {
   RemoteStore store_{test::kCacheName, settings_of({node_.address()})};
 };
 
-}  // namespace
-
 #ifdef QV_SANITIZED
 constexpr int kLookUps = 1000;  // each takes many times as long
 #else
 constexpr int kLookUps = 5000;
 #endif
+
+}  // namespace
 
 TEST_F(RemoteFork, GivesBothSidesTheirOwnConnections) {
   constexpr int kForks = 10;
