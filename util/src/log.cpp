@@ -19,6 +19,7 @@
 #include "src/log_file.h"
 #include "src/once.h"
 #include "src/process_generation.h"
+#include "src/text_writer.h"
 
 namespace quorvane {
 namespace logging {
@@ -79,18 +80,31 @@ void keep_date(Kept& kept, std::int64_t second) {
   const auto day = floor<days>(now);
   const year_month_day date{day};
   const hh_mm_ss time{now - day};
-  kept.date_length = static_cast<unsigned>(std::snprintf(
-      kept.date.data(), kept.date.size(), "%d-%02u-%02uT%02d:%02d:%02d.",
-      static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-      static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
-      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count())));
+  TextWriter text(kept.date.data(), kept.date.size());
+  text.add_number(static_cast<int>(date.year()));
+  text.add("-");
+  text.add_digits(static_cast<unsigned>(date.month()), 2);
+  text.add("-");
+  text.add_digits(static_cast<unsigned>(date.day()), 2);
+  text.add("T");
+  text.add_digits(static_cast<std::uint64_t>(time.hours().count()), 2);
+  text.add(":");
+  text.add_digits(static_cast<std::uint64_t>(time.minutes().count()), 2);
+  text.add(":");
+  text.add_digits(static_cast<std::uint64_t>(time.seconds().count()), 2);
+  text.add(".");
+  kept.date_length = static_cast<unsigned>(text.size());
   kept.second = second;
 }
 
 void keep_ids(Kept& kept, std::uint64_t generation) {
-  kept.ids_length =
-      static_cast<unsigned>(std::snprintf(kept.ids.data(), kept.ids.size(), "Z, %d, %d, \"",
-                                          getpid(), static_cast<int>(syscall(SYS_gettid))));
+  TextWriter text(kept.ids.data(), kept.ids.size());
+  text.add("Z, ");
+  text.add_number(getpid());
+  text.add(", ");
+  text.add_number(syscall(SYS_gettid));
+  text.add(", \"");
+  kept.ids_length = static_cast<unsigned>(text.size());
   kept.generation = generation;
 }
 
@@ -104,10 +118,7 @@ class Record {
   }
 
   void append_microseconds(std::int64_t microseconds) {
-    for (std::size_t digit = 6; digit-- > 0;) {
-      bytes_[size_ + digit] = static_cast<char>('0' + microseconds % 10);
-      microseconds /= 10;
-    }
+    TextWriter(bytes_.data() + size_, 6).add_digits(static_cast<std::uint64_t>(microseconds), 6);
     size_ += 6;
   }
 
@@ -115,12 +126,12 @@ class Record {
   // Kept: docs/compatibility.md
   void append_message(const char* format, va_list args) __attribute__((format(printf, 2, 0))) {
     const std::size_t room = bytes_.size() - kTail.size() - size_;
-    char* const message = bytes_.data() + size_;
-    *message = '\0';
-    // The tail overwrites the terminating NUL.
-    const int wanted = std::vsnprintf(message, room + 1, format, args);
-    // A text that can't be converted, or has more than INT_MAX bytes, is cut there.
-    size_ += wanted < 0 ? strnlen(message, room) : std::min(static_cast<std::size_t>(wanted), room);
+    TextWriter text(bytes_.data() + size_, room);
+    va_list others;
+    va_copy(others, args);
+    const bool is_added = text.add_format(format, others);
+    va_end(others);
+    size_ += is_added ? text.size() : print(room, format, args);
     append(kTail);
   }
 
@@ -133,6 +144,17 @@ class Record {
   }
 
  private:
+  // Returns the size of what was printed.
+  std::size_t print(std::size_t room, const char* format, va_list args)
+      __attribute__((format(printf, 3, 0))) {
+    char* const message = bytes_.data() + size_;
+    *message = '\0';
+    // The tail overwrites the terminating NUL.
+    const int wanted = std::vsnprintf(message, room + 1, format, args);
+    // A text that can't be converted, or has more than INT_MAX bytes, is cut there.
+    return wanted < 0 ? strnlen(message, room) : std::min(static_cast<std::size_t>(wanted), room);
+  }
+
   static constexpr std::string_view kTail = "\"\n";
   std::size_t size_ = 0;
   std::array<char, kRecordSize> bytes_;

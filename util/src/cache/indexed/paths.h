@@ -9,12 +9,7 @@ namespace cache {
 namespace indexed {
 
 struct Paths {
-  Paths(const std::string& root, const std::string& name)
-      : data(root + "/dat_" + name),
-        index(root + "/idx_" + name),
-        new_index(root + "/new_" + name),
-        cleaned_data(root + "/newdat_" + name),
-        cleaned_index(root + "/newidx_" + name) {}
+  Paths(const std::string& root, const std::string& name);
 
   std::string data;
   std::string index;
