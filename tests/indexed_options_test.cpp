@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -85,6 +86,80 @@ TEST(IndexedStoreThatMustExist, IsOpenedWhenItDoesAlsoWithoutItsIndex) {
   EXPECT_EQ(run_scenario("open_what_must_exist", {}, {root.path(), "maps"}).out, "1 1");
   std::filesystem::remove(root.file("idx_maps"));
   EXPECT_EQ(run_scenario("open_what_must_exist", {}, {root.path(), "maps"}).out, "1 1");
+}
+
+// --- its lock ---
+
+bool has_open(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return std::any_of(begin(descriptors), end(descriptors), [&](const auto& descriptor) {
+    return std::filesystem::equivalent(descriptor, path, error);
+  });
+}
+
+TEST(IndexedStoreLock, IsOpenedByTheFirstThatStores) {
+  const TempDir root;
+  add(*open_cache(root.path()), "key", "value");
+  const auto cache = open_cache(root.path());
+  EXPECT_EQ(get(*cache, "key"), "value");
+  EXPECT_EQ(get(*cache, "none"), std::nullopt);
+  EXPECT_FALSE(has_open(root.file("lock_maps")));
+  add(*cache, "other", "value");
+  EXPECT_TRUE(cache->flush());
+  EXPECT_TRUE(has_open(root.file("lock_maps")));
+}
+
+TEST(IndexedStoreLock, IsOpenedToMakeAnIndex) {
+  const TempDir root;
+  add(*open_cache(root.path()), "key", "value");
+  std::filesystem::remove(root.file("idx_maps"));
+  const auto cache = open_cache(root.path());
+  EXPECT_EQ(get(*cache, "key"), "value");
+  EXPECT_TRUE(has_open(root.file("lock_maps")));
+}
+
+TEST(IndexedStoreLock, IsCreatedWhenItIsMissing) {
+  const TempDir root;
+  add(*open_cache(root.path()), "key", "value");
+  std::filesystem::remove(root.file("lock_maps"));
+  EXPECT_EQ(get(*open_cache(root.path()), "key"), "value");
+  EXPECT_THAT(names_in(root.path()), ElementsAre("dat_maps", "idx_maps", "lock_maps"));
+}
+
+// Prints whether a flush stores while a directory is in the place of the lock file, and after
+// that.
+SCENARIO(flush_without_a_lock) {
+  const std::string lock = arguments.at(0) + "/lock_maps";
+  const auto cache = open_cache(arguments.at(0));
+  std::filesystem::remove(lock);
+  std::filesystem::create_directory(lock);
+  add(*cache, "other", "value");
+  std::printf("%d ", cache->flush());
+  std::filesystem::remove(lock);
+  std::printf("%d", cache->flush());
+  return 0;
+}
+
+TEST(IndexedStoreLock, ThatCannotBeOpenedMakesAFlushFail) {
+  const TempDir root;
+  add(*open_cache(root.path()), "key", "value");
+  const Ran ran = run_scenario("flush_without_a_lock", {}, {root.path()});
+  EXPECT_EQ(ran.out, "0 1");
+  EXPECT_THAT(ran.messages(), testing::Contains("WARN Cache store " + root.file("lock_maps") +
+                                                " lock couldn't be obtained: Is a directory."));
+  EXPECT_EQ(get(*open_cache(root.path()), "other"), "value");
+}
+
+TEST(IndexedStoreLock, ThatCannotBeOpenedGivesNoCacheWhenTheFilesDoNotFit) {
+  const TempDir root;
+  add(*open_cache(root.path()), "key", "value");
+  std::filesystem::remove(root.file("lock_maps"));
+  std::filesystem::create_directory(root.file("lock_maps"));
+  std::filesystem::remove(root.file("idx_maps"));
+  EXPECT_FALSE(open_cache(root.path())->is_valid());
+  std::filesystem::remove(root.file("dat_maps"));
+  EXPECT_FALSE(open_cache(root.path())->is_valid());
 }
 
 // --- roots ---

@@ -3,11 +3,17 @@
 #include <quorvane/cache.h>
 
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -16,7 +22,10 @@
 
 #include "support/descriptors.h"
 #include "support/indexed_cache.h"
+#include "support/refuse.h"
+#include "support/scenario.h"
 #include "support/temp_dir.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -85,7 +94,7 @@ std::uint64_t resident_kib(const std::string& path) {
 TEST_F(IndexedReads, MapNothingForAFewSmallEntries) {
   const auto cache = open();
   expect_tiny(*cache, 0, 20);
-  EXPECT_EQ(resident_kib(data()), 0);
+  EXPECT_EQ(test::read_file("/proc/self/maps").find(data()), std::string::npos);
 }
 
 TEST_F(IndexedReads, GoThroughTheMappingAfterMany) {
@@ -100,6 +109,70 @@ TEST_F(IndexedReads, FindEntriesThatAreTooLargeForOneRead) {
   for (std::size_t i = 0; i < 20; ++i) {
     EXPECT_EQ(get(*cache, numbered("small", i)), kSmall + std::to_string(i));
   }
+}
+
+TEST_F(IndexedReads, FindThemInSeveralThreadsThatAreTheFirst) {
+  for (int round = 0; round < 20; ++round) {
+    const auto cache = open();
+    test::run_threads(8, [&](int thread) {
+      const auto number = static_cast<std::size_t>(thread);
+      EXPECT_EQ(get(*cache, numbered("small", number)), kSmall + std::to_string(number));
+    });
+  }
+}
+
+TEST_F(IndexedReads, FindEntriesThatAreTooLargeAfterTheProgramHasClosedTheDescriptor) {
+  const auto cache = open();
+  close(descriptor());
+  EXPECT_EQ(get(*cache, "small1"), kSmall + "1");
+}
+
+TEST_F(IndexedReads, TakeNoOtherFileUnderTheirNumberForTheirs) {
+  const auto cache = open();
+  const int fd = descriptor();
+  const int own = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(dup2(own, fd), fd);
+  EXPECT_EQ(get(*cache, "small1"), kSmall + "1");
+  close(fd);
+  close(own);
+}
+
+// Prints whether it finds a large entry, twice, and then whether it stores one.
+SCENARIO(use_what_cannot_be_mapped) {
+  const auto cache = test::open_cache(arguments.at(0));
+  test::refuse(SYS_mmap, ENOMEM, test::When{3, MAP_SHARED});
+  std::printf("%d ", get(*cache, "small1").has_value());
+  std::printf("%d ", get(*cache, "small2").has_value());
+  add(*cache, "new", "value");
+  std::printf("%d", cache->flush());
+  std::fflush(stdout);
+  _exit(0);
+}
+
+TEST_F(IndexedReads, MissWhatCannotBeMappedAndSaySo) {
+  const test::Ran ran = test::run_scenario("use_what_cannot_be_mapped", {}, {root_.path()});
+  EXPECT_EQ(ran.out, "0 0 0");
+  const std::string record = "WARN Couldn't map " + data() + ": Cannot allocate memory";
+  const auto messages = ran.messages();
+  EXPECT_EQ(std::count(messages.begin(), messages.end(), record), 2) << "a look-up's, the flush's";
+  const auto cache = open();
+  EXPECT_EQ(get(*cache, "small1"), kSmall + "1");
+  EXPECT_EQ(get(*cache, "new"), std::nullopt);
+}
+
+SCENARIO(rebuild_what_cannot_be_mapped) {
+  test::refuse(SYS_mmap, ENOMEM, test::When{3, MAP_SHARED});
+  std::printf("%d", test::open_cache(arguments.at(0))->is_valid());
+  return 0;
+}
+
+TEST_F(IndexedReads, GiveNoIndexOfWhatCannotBeMapped) {
+  std::filesystem::remove(root_.file("idx_maps"));
+  const test::Ran ran = test::run_scenario("rebuild_what_cannot_be_mapped", {}, {root_.path()});
+  EXPECT_EQ(ran.out, "0");
+  EXPECT_THAT(ran.messages(),
+              testing::Contains("ERROR Couldn't map " + data() + ": Cannot allocate memory"));
+  EXPECT_EQ(open()->size(), 2 * kEntries);
 }
 
 TEST_F(IndexedReads, GoOnWhenTheProgramHasClosedTheDescriptor) {
@@ -155,7 +228,7 @@ TEST_F(IndexedReads, KeepOneDescriptorAsLongAsTheCacheLives) {
   {
     const auto cache = open();
     expect_tiny(*cache, 0, 10);
-    EXPECT_EQ(test::open_descriptors(), before + 2);  // the other one is the lock's
+    EXPECT_EQ(test::open_descriptors(), before + 1);
   }
   EXPECT_EQ(test::open_descriptors(), before);
   EXPECT_EQ(descriptor(), -1);

@@ -60,7 +60,8 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   /// WARN record and leaves the lock invalid. An empty `name` means the file "lock".
   explicit StoreFLock(const std::string& name);
   /// For make_store. The lock of a read-only store opens its file for reading, never creates
-  /// it, and is valid without a lock file: it then locks nothing.
+  /// it, and is valid without a lock file: it then locks nothing. The lock of an indexed store
+  /// opens a file that is there, and may be opened, at its first use.
   explicit StoreFLock(const StorePlace& place);
   /// Takes over the descriptor, and with it the lock if it is held. The other is invalid
   /// afterwards.
@@ -127,6 +128,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   StoreFLock* next_ = nullptr;
   bool is_read_only_ = false;    // nothing is created, written or undone
   bool may_be_missing_ = false;  // valid without the file, since it is read-only
+  bool is_late_ = false;         // valid before the file is opened, at its first use
 };
 
 /// What all file stores share: the header, the entry encoding, and the sequences that hold

@@ -40,12 +40,13 @@ StoreFLock* file_lock_of(Store::Lock* lock) {
 
 // Without statistics it doesn't look at the clock: to bind that at its first use takes as long as
 // to open a file.
-bool open_and_time(indexed::Engine& engine, const CacheStats& stats) {
+template <typename Open>
+bool open_and_time(const CacheStats& stats, const Open& open) {
   if (!stats.is_captured()) {
-    return engine.open();
+    return open();
   }
   const auto start = std::chrono::steady_clock::now();
-  const bool opened = engine.open();
+  const bool opened = open();
   stats.add_open(nanoseconds_since(start));
   return opened;
 }
@@ -119,12 +120,10 @@ bool IndexedStore::is_lock_lost() const {
 
 bool IndexedStore::try_load(EntryMap& out) {
   out.clear();
-  if (is_lock_lost()) {
-    return false;
-  }
   const Counted counted(*engine_, stats_);
   Trace traced(engine_.get(), trace::Operation::store_open);
-  const bool opened = open_and_time(*engine_, stats_);
+  const bool opened = open_and_time(
+      stats_, [this] { return engine_->open_unlocked() || (!is_lock_lost() && engine_->open()); });
   Measured measured(engine_->usage_when_opened());
   traced.end(measured.get_usage());
   controller_->update_and_check_usage(ticket_, measured);

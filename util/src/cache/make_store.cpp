@@ -74,10 +74,12 @@ struct LockAndController {
   CleanupController* controller;
 };
 
-LockAndController make_lock(const StorePlace& place, const StoreOptions& options) {
+LockAndController make_lock(StorePlace place, const StoreOptions& options) {
   if (options.kind == StoreKind::indexed && place.read_only) {
     return {nullptr, options.controller};  // it never takes the lock
   }
+  // A process that only looks up needs no lock.
+  place.late_lock = options.kind == StoreKind::indexed && !options.must_exist;
   if (options.controller != nullptr || options.size_limit == 0) {
     return {std::make_shared<StoreFLock>(place), options.controller};
   }

@@ -54,6 +54,10 @@ int open_to_read(const char* path) {
   return descriptor::open_off_standard(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, kMode);
 }
 
+bool may_be_opened(const char* path) {
+  return faccessat(AT_FDCWD, path, R_OK | W_OK, AT_EACCESS) == 0;
+}
+
 // Whether the lock file is also the store file of a cache named "lock_NAME".
 bool is_store_file(std::string_view content) {
   std::uint32_t magic = 0;
@@ -111,11 +115,15 @@ StoreFLock::StoreFLock(const std::string& name) : StoreFLock(StorePlace{"", name
 StoreFLock::StoreFLock(const StorePlace& place)
     : path_(place.path_of(lock_file_name(place.name))),
       generation_(process_generation()),
-      is_read_only_(place.read_only) {
+      is_read_only_(place.read_only),
+      is_late_(place.late_lock && may_be_opened(path_.c_str())) {
   const Uncancellable uncancellable;
   {
     const fork_guard::Lock guard(InProcess::mutex);
     InProcess::add(*this);
+  }
+  if (is_late_) {
+    return;
   }
   const bool is_open = open_own([this] {
     return is_read_only_
@@ -138,12 +146,14 @@ StoreFLock::StoreFLock(StoreFLock&& other) noexcept
       is_inherited_(other.is_inherited_),
       note_stays_(other.note_stays_),
       is_read_only_(other.is_read_only_),
-      may_be_missing_(other.may_be_missing_) {
+      may_be_missing_(other.may_be_missing_),
+      is_late_(other.is_late_) {
   const fork_guard::Lock guard(InProcess::mutex);
   InProcess::add(*this);
   fd_ = other.fd_.exchange(-1);
   other.inode_ = 0;
   other.may_be_missing_ = false;
+  other.is_late_ = false;
 }
 
 StoreFLock::~StoreFLock() {
@@ -154,7 +164,7 @@ StoreFLock::~StoreFLock() {
   }
 }
 
-bool StoreFLock::is_valid() const { return fd_ >= 0 || may_be_missing_; }
+bool StoreFLock::is_valid() const { return fd_ >= 0 || may_be_missing_ || is_late_; }
 
 // --- the lock ---
 
@@ -209,7 +219,7 @@ void StoreFLock::lock_file(LockWait& wait) {
 }
 
 void StoreFLock::assert_valid() const {
-  if (!may_be_missing_) {
+  if (!may_be_missing_ && !is_late_) {
     CACHE_ASSERT(fd_ >= 0);
   }
 }
@@ -314,7 +324,7 @@ bool StoreFLock::find_file() {
 // a child may have lost its root directory or its permissions.
 bool StoreFLock::is_lost() {
   leave_parents_lock();
-  if (!was_open() && !may_be_missing_) {
+  if (!was_open() && !may_be_missing_ && !is_late_) {
     return false;  // lock() reports it
   }
   const Uncancellable uncancellable;

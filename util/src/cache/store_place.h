@@ -15,6 +15,7 @@ struct StorePlace {
   std::string root;  // empty: that of QV_CACHE_STORE_ROOT at each call
   std::string name;
   bool read_only = false;
+  bool late_lock = false;  // a lock whose file is there opens it at its first use
 };
 
 }  // namespace cache

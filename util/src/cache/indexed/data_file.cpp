@@ -9,8 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <mutex>
 
 #include "src/cache/indexed/open_file.h"
+#include "src/fork_guard.h"
 
 #ifdef __SANITIZE_THREAD__
 extern "C" void __tsan_write_range(void* address, unsigned long size);
@@ -32,12 +34,21 @@ bool is_on_overlay(int fd) {
   return fstatfs(fd, &file_system) != 0 || file_system.f_type == OVERLAYFS_SUPER_MAGIC;
 }
 
+int open_data(const std::string& path) {
+  return descriptor::open_off_standard(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+}
+
+// Of all data files: each is mapped once.
+constinit std::mutex g_map_mutex;
+
+[[maybe_unused]] const bool g_is_guarded = (fork_guard::add(g_map_mutex), true);
+
 }  // namespace
 
 Status DataFile::open(const std::string& path, const std::string& later_path) {
   path_ = path;
   later_path_ = later_path;
-  OpenFile file(descriptor::open_off_standard(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  OpenFile file(open_data(path));
   if (file.fd() < 0) {
     return errno == ENOENT || errno == ENOTDIR ? Status::missing : Status::refused;
   }
@@ -63,13 +74,58 @@ Status DataFile::open(const std::string& path, const std::string& later_path) {
   if (header_.version != kVersion) {
     return Status::other_version;
   }
-  const std::uint64_t with_room =
-      is_on_overlay(file.fd()) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
-  if (!mapping_.map(file.fd(), with_room, opened_size_, false)) {
-    return Status::refused;
-  }
   reader_.take(file.release(), id_, opened_size_);
+  is_open_ = true;
   return Status::fits;
+}
+
+const Mapping* DataFile::map() const {
+  const fork_guard::Lock lock(g_map_mutex);
+  if (!is_mapped_) {
+    if (is_retired_ || !try_map()) {
+      map_error_ = is_retired_ ? ESTALE : errno;
+      errno = map_error_;
+      return nullptr;
+    }
+    map_error_ = 0;
+    is_mapped_.store(true, std::memory_order_release);
+  }
+  return &mapping_;
+}
+
+// Through the descriptor of the reader. If the program has closed that, opens the file again.
+bool DataFile::try_map() const {
+  const int fd = reader_.fd();
+  if (descriptor::is_open_on(fd, id_)) {
+    return try_map_through(fd);
+  }
+  for (const std::string* path : {&path_, &later_path_}) {
+    const OpenFile file(open_data(*path));
+    if (descriptor::is_open_on(file.fd(), id_)) {
+      return try_map_through(file.fd());
+    }
+  }
+  errno = ESTALE;
+  return false;
+}
+
+bool DataFile::try_map_through(int fd) const {
+  const std::uint64_t with_room =
+      is_on_overlay(fd) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
+  return mapping_.map(fd, with_room, opened_size_, false);
+}
+
+// Nobody maps the file from then on: the number of the reader's descriptor may soon be that of
+// another file.
+void DataFile::retire() {
+  {
+    const fork_guard::Lock lock(g_map_mutex);
+    is_retired_ = true;
+  }
+  reader_.close();
+  if (is_mapped_) {
+    mapping_.empty();
+  }
 }
 
 std::uint64_t DataFile::size() const {
@@ -82,24 +138,26 @@ std::uint64_t DataFile::size() const {
   return 0;
 }
 
-bool DataFile::may_begin_at(std::uint64_t offset, std::uint64_t end) const {
-  return offset >= kFirstEntry && offset % kAlignment == 0 && offset < end &&
-         end <= mapping_.size();
+const unsigned char* DataFile::bytes_at(std::uint64_t offset, std::uint64_t end) const {
+  const Mapping* const mapped = mapping();
+  const bool may_begin = mapped != nullptr && offset >= kFirstEntry && offset % kAlignment == 0 &&
+                         offset < end && end <= mapped->size();
+  return may_begin ? mapped->data() + offset : nullptr;
 }
 
 std::optional<Entry> DataFile::entry_at(std::uint64_t offset, std::uint64_t end) const {
-  return may_begin_at(offset, end) ? Entry::at(mapping_.data() + offset, end - offset)
-                                   : std::nullopt;
+  const unsigned char* const bytes = bytes_at(offset, end);
+  return bytes != nullptr ? Entry::at(bytes, end - offset) : std::nullopt;
 }
 
 std::optional<Entry> DataFile::start_at(std::uint64_t offset, std::uint64_t end) const {
-  return may_begin_at(offset, end) ? Entry::start_at(mapping_.data() + offset, end - offset)
-                                   : std::nullopt;
+  const unsigned char* const bytes = bytes_at(offset, end);
+  return bytes != nullptr ? Entry::start_at(bytes, end - offset) : std::nullopt;
 }
 
 std::optional<EntryHeader> DataFile::header_at(std::uint64_t offset, std::uint64_t end) const {
-  return may_begin_at(offset, end) ? Entry::header_at(mapping_.data() + offset, end - offset)
-                                   : std::nullopt;
+  const unsigned char* const bytes = bytes_at(offset, end);
+  return bytes != nullptr ? Entry::header_at(bytes, end - offset) : std::nullopt;
 }
 
 void DataFile::give_owner_to(int fd) const {
@@ -112,18 +170,20 @@ void DataFile::give_owner_to(int fd) const {
 }
 
 void DataFile::prefetch(std::uint64_t offset, std::uint64_t size) const {
-  if (offset < mapping_.size()) {
+  const Mapping* const mapped = mapping();
+  if (mapped != nullptr && offset < mapped->size()) {
     const std::uint64_t page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     const std::uint64_t from = offset / page * page;
-    madvise(mapping_.data() + from, std::min(offset + size, mapping_.size()) - from, MADV_WILLNEED);
+    madvise(mapped->data() + from, std::min(offset + size, mapped->size()) - from, MADV_WILLNEED);
   }
 }
 
 void DataFile::note_written([[maybe_unused]] std::uint64_t offset,
                             [[maybe_unused]] std::uint64_t size) const {
 #ifdef __SANITIZE_THREAD__
-  if (offset < mapping_.size()) {
-    __tsan_write_range(mapping_.data() + offset, std::min(size, mapping_.size() - offset));
+  const Mapping* const mapped = mapping();
+  if (mapped != nullptr && offset < mapped->size()) {
+    __tsan_write_range(mapped->data() + offset, std::min(size, mapped->size() - offset));
   }
 #endif
 }

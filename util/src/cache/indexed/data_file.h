@@ -2,6 +2,7 @@
 #ifndef QUORVANE_SRC_CACHE_INDEXED_DATA_FILE_H_
 #define QUORVANE_SRC_CACHE_INDEXED_DATA_FILE_H_
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,8 +17,9 @@ namespace quorvane {
 namespace cache {
 namespace indexed {
 
-// A data file that is mapped for reading. Keeps no descriptor: a program that closes those
-// that it doesn't know can't harm it.
+// A data file that is open for reading. It is mapped when its mapping is first looked into: a
+// process that looks up few entries only reads them. A program that closes descriptors which it
+// doesn't know can't harm it as long as the file has its name.
 // Thread-safety: any thread may read; one thread opens, and one retires. Fork-safety: a child
 // may use its copy.
 class DataFile {
@@ -33,14 +35,23 @@ class DataFile {
   // when the kernel doesn't tell.
   std::uint64_t size() const;
 
-  // How far the mapping reaches: a file that has grown beyond it has to be opened again.
-  std::uint64_t mapped_size() const { return mapping_.size(); }
+  bool is_open() const { return is_open_; }
+
+  // How far the mapping reaches: a file that has grown beyond it has to be opened again. 0 with
+  // errno when the kernel refuses to map it; the next call tries again.
+  std::uint64_t mapped_size() const {
+    const Mapping* const mapped = mapping();
+    return mapped == nullptr ? 0 : mapped->size();
+  }
+
+  // Why the last attempt to map it failed: an errno, or 0.
+  int map_error() const { return map_error_.load(std::memory_order_relaxed); }
 
   // In bytes, when it was opened.
   std::uint64_t size_when_opened() const { return opened_size_; }
 
   // The entry at `offset`. `end` is where the known part of the file ends, at most at the
-  // end of the mapping.
+  // end of the mapping. Also nothing when the file can't be mapped.
   std::optional<Entry> entry_at(std::uint64_t offset, std::uint64_t end) const;
 
   // The same, read into `buffer` instead of mapped. Also nothing when the buffer is too small, or
@@ -65,20 +76,31 @@ class DataFile {
   void note_written(std::uint64_t offset, std::uint64_t size) const;
 
   // Lets go of the file: look-ups under way find zeros.
-  void retire() {
-    reader_.close();
-    mapping_.empty();
-  }
+  void retire();
 
  private:
-  bool may_begin_at(std::uint64_t offset, std::uint64_t end) const;
+  // Maps the file, unless it is mapped. Null with errno when it can't be.
+  const Mapping* mapping() const {
+    return is_mapped_.load(std::memory_order_acquire) ? &mapping_ : map();
+  }
+  const Mapping* map() const;
+  bool try_map() const;
+  bool try_map_through(int fd) const;
+  // Where an entry may be; null where none can begin.
+  const unsigned char* bytes_at(std::uint64_t offset, std::uint64_t end) const;
 
   std::string path_;
   std::string later_path_;
   descriptor::FileId id_;
   DataHeader header_{};
   std::uint64_t opened_size_ = 0;
-  Mapping mapping_;
+  bool is_open_ = false;
+
+  // These change under a mutex. Once the file is mapped, it stays mapped.
+  bool is_retired_ = false;
+  mutable std::atomic<bool> is_mapped_{false};
+  mutable std::atomic<int> map_error_{0};
+  mutable Mapping mapping_;
   EntryReader reader_;
 };
 

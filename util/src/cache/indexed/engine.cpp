@@ -14,6 +14,7 @@
 #include "src/cache/checks.h"
 #include "src/cache/failure.h"
 #include "src/cache/indexed/index_builder.h"
+#include "src/cache/indexed/reported.h"
 #include "src/cache/indexed/scan.h"
 #include "src/cache/trace.h"
 
@@ -25,6 +26,10 @@ namespace {
 // How often one call prepares the files anew: to grow the index, to clean, and when somebody
 // replaces the files by hand meanwhile.
 constexpr int kAttempts = 8;
+
+// Of all stores of the process. Not a part of each: to clear it would be a twentieth of the time of
+// opening.
+constinit Reported g_reported;
 
 std::uint64_t size_of(const std::string& path) {
   struct stat status;
@@ -78,18 +83,21 @@ Engine::Engine(const std::string& root, const std::string& name, std::shared_ptr
 
 // --- opening ---
 
-bool Engine::open() try {
-  opened_usage_ = 0;
+bool Engine::open_unlocked() try {
   std::unique_ptr<Pair> pair;
-  Pair* const before = present_.get();
-  const Status status = present_.open(pair);
+  return try_open(pair) == Status::fits;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+bool Engine::open() try {
+  std::unique_ptr<Pair> pair;
+  const Status status = try_open(pair);
   if (status == Status::fits) {
-    opened_usage_ = pair->usage_when_opened();
-    present_.attach(std::move(pair), before);
     return true;
   }
   if (read_only_) {
-    return report(*pair, status, pair->data.mapped_size() != 0 ? paths_.index : paths_.data);
+    return report(*pair, status, pair->data.is_open() ? paths_.index : paths_.data);
   }
   const StoreTurn turn(*lock_, lock_waited_);
   return open_locked();
@@ -97,6 +105,18 @@ bool Engine::open() try {
   Failure::note_exception();
   QV_LOG(g_module, ERROR, "Couldn't open %s: %s", paths_.data.c_str(), error.what());
   return false;
+}
+
+// Attaches the pair if it fits.
+Status Engine::try_open(std::unique_ptr<Pair>& pair) {
+  opened_usage_ = 0;
+  Pair* const before = present_.get();
+  const Status status = present_.open(pair);
+  if (status == Status::fits) {
+    opened_usage_ = pair->usage_when_opened();
+    present_.attach(std::move(pair), before);
+  }
+  return status;
 }
 
 // With the lock: opens the files, creates what is missing and finishes the clean of a process
@@ -125,7 +145,7 @@ bool Engine::open_locked() {
 }
 
 bool Engine::create_or_rebuild(const Pair& pair, Status status) {
-  const bool is_data_open = pair.data.mapped_size() != 0;
+  const bool is_data_open = pair.data.is_open();
   if (!is_data_open && status == Status::missing) {
     if (DataWriter::create(paths_.data)) {
       return true;
@@ -143,7 +163,7 @@ bool Engine::create_or_rebuild(const Pair& pair, Status status) {
 
 // Always false.
 bool Engine::report(const Pair& pair, Status status, const std::string& path) const {
-  const bool is_data_open = pair.data.mapped_size() != 0;
+  const bool is_data_open = pair.data.is_open();
   if (status == Status::other_version) {
     QV_LOG(g_module, ERROR, "%s has version %u of its format, this library knows version %u",
            path.c_str(), is_data_open ? pair.index.version() : pair.data.version(), kVersion);
@@ -171,6 +191,10 @@ bool Engine::build_index(const DataFile& data) {
 }
 
 bool Engine::try_build_index(const DataFile& data) {
+  if (data.mapped_size() == 0) {
+    QV_LOG(g_module, ERROR, "Couldn't map %s: %s", paths_.data.c_str(), std::strerror(errno));
+    return false;
+  }
   IndexBuilder builder(data);
   const ScanResult result = builder.collect(data.size_when_opened(), true);
   if (result.is_damaged) {
@@ -216,14 +240,23 @@ bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value)
     if (found) {
       report_damaged_entry(*pair, found->offset);
     }
+    report_unmapped(*pair);
     return false;
   }
 }
 
 void Engine::report_damaged_entry(const Pair& pair, std::uint64_t offset) {
-  if (reported_.add(pair.data.identity() ^ offset)) {
+  if (g_reported.add(pair.data.identity() ^ offset)) {
     QV_LOG(g_module, WARN, "The entry at offset %lu of %s is damaged, and so is not found", offset,
            paths_.data.c_str());
+  }
+}
+
+// What can't be mapped is not found, unless it can be read.
+void Engine::report_unmapped(const Pair& pair) {
+  const int error = pair.data.map_error();
+  if (error != 0 && g_reported.add(pair.data.identity())) {
+    QV_LOG(g_module, WARN, "Couldn't map %s: %s", paths_.data.c_str(), std::strerror(error));
   }
 }
 
@@ -279,6 +312,7 @@ bool Engine::read_all(EntryMap& out) {
       for (const std::uint64_t offset : damaged) {
         report_damaged_entry(*pair, offset);
       }
+      report_unmapped(*pair);
       out.merge(all);
       return has_all && result.end == covered;
     }
@@ -379,6 +413,10 @@ Pinned Engine::pin_current() {
     Pinned pair = present_.pin();
     if (pair && is_current(*pair)) {
       return pair;
+    }
+    if (pair && has_names(*pair) && pair->data.mapped_size() == 0) {
+      QV_LOG(g_module, WARN, "Couldn't map %s: %s", paths_.data.c_str(), std::strerror(errno));
+      return Pinned(nullptr);
     }
     if (!open_locked()) {
       return Pinned(nullptr);

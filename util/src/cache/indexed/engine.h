@@ -17,7 +17,6 @@
 #include "src/cache/indexed/paths.h"
 #include "src/cache/indexed/pinned.h"
 #include "src/cache/indexed/present_pair.h"
-#include "src/cache/indexed/reported.h"
 #include "src/cache/indexed/store_turn.h"
 
 namespace quorvane {
@@ -39,6 +38,9 @@ class Engine {
   // opens what is there, takes no lock and changes nothing.
   Engine(const std::string& root, const std::string& name, std::shared_ptr<Store::Lock> lock,
          bool read_only = false);
+
+  // Opens the files without the lock, if they fit each other. Otherwise false, without a record.
+  bool open_unlocked();
 
   // Opens the files. Takes the lock only to create a missing file or an index that doesn't
   // fit. False, after one ERROR record, when the data can't be used.
@@ -87,7 +89,9 @@ class Engine {
   using Replaced = std::vector<Pinned>;
 
   void report_damaged_entry(const Pair& pair, std::uint64_t offset);
+  void report_unmapped(const Pair& pair);
 
+  Status try_open(std::unique_ptr<Pair>& pair);
   bool open_locked();
   bool create_or_rebuild(const Pair& pair, Status status);
   bool build_index(const DataFile& data);
@@ -115,7 +119,6 @@ class Engine {
   const bool read_only_;
   PresentPair present_;
   FoundKeys found_;
-  Reported reported_;
   std::atomic<std::uint64_t> opened_usage_{0};
   std::atomic<std::uint64_t> kept_{0};
   std::atomic<std::uint64_t> dropped_{0};

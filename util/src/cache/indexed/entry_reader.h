@@ -41,6 +41,9 @@ class EntryReader {
 
   void close();
 
+  // The program may have closed it. -1 when it is closed.
+  int fd() const { return fd_.load(std::memory_order_relaxed); }
+
  private:
   std::atomic<int> fd_{-1};
   descriptor::FileId id_;

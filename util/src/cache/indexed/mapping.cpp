@@ -7,6 +7,11 @@
 namespace quorvane {
 namespace cache {
 namespace indexed {
+namespace {
+
+constexpr std::uint64_t kReadAtOnce = std::uint64_t{64} << 10;
+
+}  // namespace
 
 Mapping::~Mapping() {
   if (data_ != nullptr) {
@@ -27,8 +32,10 @@ bool Mapping::map(int fd, std::uint64_t size, std::uint64_t least, bool writable
   data_ = static_cast<unsigned char*>(mapped);
   size_ = size;
   // Look-ups go all over the file. Reading ahead made 1,000 of them, with nothing in memory,
-  // eight times as slow.
-  madvise(data_, size_, MADV_RANDOM);
+  // eight times as slow. What is this small is read at once.
+  if (size_ > kReadAtOnce) {
+    madvise(data_, size_, MADV_RANDOM);
+  }
   return true;
 }
 

@@ -14,7 +14,7 @@ Status Pair::open(const Paths& paths, bool is_cleaned, bool may_write) {
   }
   const Status of_index = index.open(paths.index, data, may_write);
   if (of_index == Status::fits) {
-    known_ = std::min(index.covered_when_opened(), data.mapped_size());
+    known_ = index.covered_when_opened();
   }
   return of_index;
 }
@@ -35,7 +35,10 @@ std::optional<Entry> Pair::entry_at(std::uint64_t offset, bool& outgrown) const 
     known = readable();
   }
   const std::optional<Entry> entry = data.entry_at(offset, known);
-  outgrown = outgrown || (!entry && index.covered() > data.mapped_size());
+  if (!entry) {
+    const std::uint64_t mapped = data.mapped_size();
+    outgrown = outgrown || (mapped != 0 && index.covered() > mapped);
+  }
   return entry;
 }
 

@@ -42,7 +42,11 @@ bool is_followed(const DataFile& data, std::uint64_t offset, std::uint64_t limit
 
 ScanResult scan(const DataFile& data, std::uint64_t from, std::uint64_t limit, bool check,
                 const std::function<void(const Entry& entry, std::uint64_t offset)>& visit) {
-  limit = std::min(limit, data.mapped_size());
+  const std::uint64_t mapped = data.mapped_size();
+  if (mapped == 0) {
+    return {from, true};  // what can't be seen isn't known to be the end
+  }
+  limit = std::min(limit, mapped);
   std::uint64_t offset = from;
   while (offset < limit) {
     const std::optional<Entry> entry = whole_entry(data, offset, limit, check);
