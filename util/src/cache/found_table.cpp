@@ -1,5 +1,9 @@
 #include "src/cache/found_table.h"
 
+#include <cstring>
+#include <new>
+#include <utility>
+
 #include "src/cache/key_hash.h"
 
 namespace quorvane {
@@ -12,21 +16,50 @@ std::size_t after(std::size_t at, std::size_t slots) { return at + 1 == slots ? 
 
 }  // namespace
 
+// The bytes of the key follow it.
+struct FoundTable::Node {
+  static Node* make(const util::RoBuffer& key, Value&& value, Node* previous) {
+    void* const memory = ::operator new(sizeof(Node) + key.get_size());
+    auto* const node = new (memory) Node{previous, std::move(value), key.get_size()};
+    if (key.get_size() != 0) {
+      std::memcpy(static_cast<void*>(node + 1), key.get_buffer(), key.get_size());
+    }
+    return node;
+  }
+
+  const unsigned char* key() const { return reinterpret_cast<const unsigned char*>(this + 1); }
+  std::uint64_t hash() const { return key_hash::of(util::RoBuffer::view(key(), size)); }
+
+  Node* previous;
+  Value value;
+  std::size_t size;  // of the key
+};
+
+FoundTable::~FoundTable() {
+  while (last_ != nullptr) {
+    Node* const node = std::exchange(last_, last_->previous);
+    node->~Node();
+    ::operator delete(node);
+  }
+}
+
 const FoundTable::Value* FoundTable::find(const util::RoBuffer& key) const {
   const Slots* const published = published_.load(std::memory_order_acquire);
   if (published == nullptr) {
     return nullptr;
   }
-  const std::size_t count = published->slots.size();
+  const std::size_t count = published->tags.size();
   const std::uint64_t hash = key_hash::of(key);
   for (std::size_t at = key_hash::scaled(hash, count);; at = after(at, count)) {
     const Tag tag = published->tags[at].load(std::memory_order_acquire);
     if (tag == 0) {
       return nullptr;
     }
-    const Slot& slot = published->slots[at];
-    if (tag == tag_of(hash) && slot.hash == hash && key_hash::is_key(slot.key, slot.size, key)) {
-      return slot.value;
+    if (tag == tag_of(hash)) {
+      const Node* const node = published->nodes[at];
+      if (key_hash::is_key(node->key(), node->size, key)) {
+        return &node->value;
+      }
     }
   }
 }
@@ -35,41 +68,35 @@ const FoundTable::Value* FoundTable::insert(const util::RoBuffer& key, Value&& v
   if (is_full()) {
     grow();
   }
-  auto own_key = util::RoBuffer::copy(key.get_buffer(), key.get_size());
-  const auto& entry = entries_.emplace_back(std::move(own_key), std::move(value));
-  put(*current_, key_hash::of(entry.first), entry.first.get_buffer(), entry.first.get_size(),
-      &entry.second);
-  return &entry.second;
+  last_ = Node::make(key, std::move(value), last_);
+  ++size_;
+  put(*current_, last_);
+  return &last_->value;
 }
 
 // At most two thirds of the slots are used.
 bool FoundTable::is_full() const {
-  return current_ == nullptr || (entries_.size() + 1) * 3 > current_->slots.size() * 2;
+  return current_ == nullptr || (size_ + 1) * 3 > current_->tags.size() * 2;
 }
 
 void FoundTable::grow() {
   auto larger =
-      std::make_unique<Slots>(current_ == nullptr ? kFirstSlots : current_->slots.size() * 2);
-  if (current_ != nullptr) {
-    for (std::size_t at = 0; at < current_->slots.size(); ++at) {
-      if (current_->tags[at].load(std::memory_order_relaxed) != 0) {
-        const Slot& slot = current_->slots[at];
-        put(*larger, slot.hash, slot.key, slot.size, slot.value);
-      }
-    }
+      std::make_unique<Slots>(current_ == nullptr ? kFirstSlots : current_->tags.size() * 2);
+  for (Node* node = last_; node != nullptr; node = node->previous) {
+    put(*larger, node);
   }
   larger->outgrown = std::move(current_);
   current_ = std::move(larger);
   published_.store(current_.get(), std::memory_order_release);
 }
 
-void FoundTable::put(Slots& slots, std::uint64_t hash, const unsigned char* key, std::size_t size,
-                     const Value* value) {
-  std::size_t at = key_hash::scaled(hash, slots.slots.size());
+void FoundTable::put(Slots& slots, const Node* node) {
+  const std::uint64_t hash = node->hash();
+  std::size_t at = key_hash::scaled(hash, slots.tags.size());
   while (slots.tags[at].load(std::memory_order_relaxed) != 0) {
-    at = after(at, slots.slots.size());
+    at = after(at, slots.tags.size());
   }
-  slots.slots[at] = {hash, key, size, value};
+  slots.nodes[at] = node;
   slots.tags[at].store(tag_of(hash), std::memory_order_release);
 }
 

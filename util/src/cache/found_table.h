@@ -5,9 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <utility>
 #include <vector>
 
 #include <quorvane/buffer.h>
@@ -25,6 +23,7 @@ class FoundTable {
   using Value = std::vector<util::RoBuffer>;
 
   FoundTable() = default;
+  ~FoundTable();
   FoundTable(const FoundTable&) = delete;
   FoundTable& operator=(const FoundTable&) = delete;
 
@@ -36,26 +35,20 @@ class FoundTable {
   const Value* insert(const util::RoBuffer& key, Value&& value);
 
   // How many entries there are. For the thread that may insert.
-  std::size_t size() const { return entries_.size(); }
+  std::size_t size() const { return size_; }
 
  private:
-  // Written before its tag is published, and never again.
-  struct Slot {
-    std::uint64_t hash;
-    const unsigned char* key;
-    std::size_t size;
-    const Value* value;
-  };
+  struct Node;
 
   // A slot's tag is 0 while it is free, else a byte of the hash. Most look-ups of a key that is
   // not here see only tags, and a million of those fit into the processor's caches.
   using Tag = std::uint8_t;
 
   struct Slots {
-    explicit Slots(std::size_t count) : tags(count), slots(count) {}
+    explicit Slots(std::size_t count) : tags(count), nodes(count) {}
 
     std::vector<std::atomic<Tag>> tags;
-    std::vector<Slot> slots;
+    std::vector<const Node*> nodes;  // each is written before its tag is published
     std::unique_ptr<const Slots> outgrown;
   };
 
@@ -63,10 +56,10 @@ class FoundTable {
 
   bool is_full() const;
   void grow();
-  static void put(Slots& slots, std::uint64_t hash, const unsigned char* key, std::size_t size,
-                  const Value* value);
+  static void put(Slots& slots, const Node* node);
 
-  std::deque<std::pair<util::RoBuffer, Value>> entries_;
+  Node* last_ = nullptr;  // of a list of all
+  std::size_t size_ = 0;
   std::unique_ptr<Slots> current_;
   std::atomic<const Slots*> published_{nullptr};
 };

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -143,16 +142,6 @@ bool IndexFile::is_in_order() const {
   return now_indexed <= covered();
 }
 
-std::uint64_t IndexFile::slot(std::uint64_t at) const {
-  auto* const slots = reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
-  return std::atomic_ref<std::uint64_t>(slots[at]).load(std::memory_order_acquire);
-}
-
-void IndexFile::set_slot(std::uint64_t at, std::uint64_t slot) const {
-  auto* const slots = reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
-  std::atomic_ref<std::uint64_t>(slots[at]).store(slot, std::memory_order_release);
-}
-
 bool IndexFile::is_first_change(std::uint64_t slots) {
   const bool was_changed = std::exchange(is_changed_, true);
   return !was_changed && slots <= mapping_.size() / kIndexPageSize;
@@ -162,14 +151,6 @@ void IndexFile::populate(std::uint64_t at) const {
   const std::uint64_t page = 1 + at * sizeof(std::uint64_t) / kIndexPageSize;
   // A kernel that doesn't know the request leaves it to the faults.
   madvise(mapping_.data() + page * kIndexPageSize, kIndexPageSize, MADV_POPULATE_WRITE);
-}
-
-std::uint64_t IndexFile::load(std::uint64_t IndexPage::*word) const {
-  return std::atomic_ref<std::uint64_t>(page()->*word).load(std::memory_order_acquire);
-}
-
-void IndexFile::store(std::uint64_t IndexPage::*word, std::uint64_t value) const {
-  std::atomic_ref<std::uint64_t>(page()->*word).store(value, std::memory_order_release);
 }
 
 }  // namespace indexed
