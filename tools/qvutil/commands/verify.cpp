@@ -5,25 +5,16 @@
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/each_entry.h"
+#include "qvutil/store/value_reader.h"
 
 namespace quorvane::tool {
 namespace {
-
-constexpr std::size_t kPage = 4096;
 
 class Verifier : public Visitor {
  public:
   Verifier(Console& console, const CacheFiles& files) : console_(console), files_(files) {}
 
-  // A scan of an older kind passes values over. That their bytes can be read is all that can be
-  // checked of them.
-  void entry(const Entry& entry) override {
-    for (const std::string_view atom : entry.atoms) {
-      for (std::size_t at = 0; at < atom.size(); at += kPage) {
-        read_ = read_ + static_cast<unsigned char>(atom[at]);
-      }
-    }
-  }
+  void entry(const Entry& entry) override { reader_.read(entry); }
 
   void place(const Place& place) override {
     ++(place.is_damage ? damaged : odd);
@@ -49,7 +40,7 @@ class Verifier : public Visitor {
  private:
   Console& console_;
   const CacheFiles& files_;
-  volatile unsigned read_ = 0;  // otherwise the bytes need not be read
+  ValueReader reader_;
 };
 
 std::string places_text(std::uint64_t count, const char* what) {
@@ -82,7 +73,7 @@ Outcome verify_one(Console& console, const CacheFiles& files) {
   Scanned scanned;
   {
     Progress progress(console, "verifying " + shown(files.name), bytes_to_scan(files));
-    scanned = scan(console, files, verifier, progress);
+    scanned = scan_places(console, files, verifier, progress);
   }
   print_result(console, files, scanned, verifier);
   return verifier.damaged == 0 ? Outcome::fine : Outcome::found;

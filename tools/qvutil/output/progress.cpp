@@ -35,7 +35,7 @@ void Progress::update(std::uint64_t done) {
   next_ = now + std::chrono::milliseconds(100);
   is_on_screen_ = true;
   const double seconds = std::chrono::duration<double>(now - start_).count();
-  console_.err() << kEraseLine << line(what_, done, total_, seconds) << std::flush;
+  console_.err() << kEraseLine << line(what_, times_ * done, total_, seconds) << std::flush;
 }
 
 std::string Progress::line(const std::string& what, std::uint64_t done, std::uint64_t total,

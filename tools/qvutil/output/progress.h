@@ -28,6 +28,12 @@ class Progress {
     }
   }
 
+  // What is told from now on is done so many times, by as many threads.
+  void stand_for(std::uint64_t times) { times_ = times; }
+
+  // Never shows.
+  static Progress none(Console& console) { return Progress(console); }
+
   // The line for `done` bytes after `seconds`.
   static std::string line(const std::string& what, std::uint64_t done, std::uint64_t total,
                           double seconds);
@@ -35,12 +41,15 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
+  explicit Progress(Console& console) : console_(console), total_(0), shows_(false) {}
+
   void update(std::uint64_t done);
 
   Console& console_;
   std::string what_;
   std::uint64_t total_;
   bool shows_;
+  std::uint64_t times_ = 1;
   std::uint64_t next_done_ = 0;  // the clock isn't read before
   Clock::time_point start_ = Clock::now();
   Clock::time_point next_ = start_ + std::chrono::seconds(1);

@@ -82,11 +82,24 @@ bool IndexCheck::leads_to_entry(std::uint64_t slot) {
          has_tag(slot, hash_of(other_.key));
 }
 
-void IndexCheck::finish() {
+void IndexCheck::look_up_rest() {
   for (std::size_t i = 0; i < due_count_; ++i) {
     look_up(due_[i]);
   }
   due_count_ = 0;
+}
+
+void IndexCheck::add(IndexCheck& other) {
+  look_up_rest();
+  other.look_up_rest();
+  found_ += other.found_;
+  first_missed_ = missed_ == 0 ? other.first_missed_ : first_missed_;
+  missed_ += other.missed_;
+  repeated_.insert(repeated_.end(), other.repeated_.begin(), other.repeated_.end());
+}
+
+void IndexCheck::finish() {
+  look_up_rest();
   if (missed_ != 0) {
     visitor_.place({index_.name(), format::kIndexPageSize, index_.slots() * sizeof(std::uint64_t),
                     "no slot leads to " + grouped(missed_) + " entries, the first at offset " +

@@ -24,6 +24,9 @@ class IndexCheck : public Visitor {
   void entry(const Entry& entry) override;
   void place(const Place& place) override { visitor_.place(place); }
 
+  // After the scans: takes over what a check of other entries of the same files has found.
+  void add(IndexCheck& other);
+
   // After the scan: tells what is wrong with the index.
   void finish();
 
@@ -36,6 +39,7 @@ class IndexCheck : public Visitor {
   // That many slots are fetched from memory at a time.
   static constexpr std::size_t kAhead = 32;
 
+  void look_up_rest();
   void look_up(const Due& due);
   bool leads_to_same_key(std::uint64_t slot, const Due& due, std::uint64_t& earlier);
   void check_slots();

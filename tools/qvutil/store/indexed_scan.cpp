@@ -106,9 +106,18 @@ Place IndexedScan::rest(const std::string& name, std::uint64_t offset, std::uint
           false};
 }
 
-std::uint64_t IndexedScan::run(Progress& progress) {
+std::uint64_t IndexedScan::entry_from(std::uint64_t offset) {
+  for (std::uint64_t at = format::padded(offset); at < bytes_.size() && tries_left_ != 0;
+       at += format::kAlignment) {
+    if (is_whole_at(at)) {
+      return at;
+    }
+  }
+  return bytes_.size();
+}
+
+std::uint64_t IndexedScan::run(std::uint64_t offset, Progress& progress) {
   std::uint64_t entries = 0;
-  std::uint64_t offset = format::kDataHeaderSize;
   while (offset < bytes_.size()) {
     progress.at(offset);
     const char* const reason = why_not(offset);
@@ -152,12 +161,7 @@ std::uint64_t IndexedScan::next_entry(std::uint64_t offset) {
     }
     at = offset + format::padded(sizes.all);
   }
-  for (; at < bytes_.size() && tries_left_ != 0; at += format::kAlignment) {
-    if (is_whole_at(at)) {
-      return at;
-    }
-  }
-  return bytes_.size();
+  return entry_from(at);
 }
 
 void IndexedScan::tell_damage(std::uint64_t offset, std::uint64_t next, const char* reason) {

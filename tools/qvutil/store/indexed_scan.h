@@ -18,8 +18,11 @@ class IndexedScan {
   // nothing whole, was cut short. `name` is the file's.
   IndexedScan(std::string name, std::string_view bytes, std::uint64_t covered, Visitor& visitor);
 
-  // Returns the number of whole entries.
-  std::uint64_t run(Progress& progress);
+  // From `offset` on. Returns the number of whole entries.
+  std::uint64_t run(std::uint64_t offset, Progress& progress);
+
+  // The first whole entry at `offset` or behind it; the end of the file if none is found.
+  std::uint64_t entry_from(std::uint64_t offset);
 
   // Reads the entry at `offset`. Null if its sizes fit; else why they don't. Doesn't look at the
   // checksum.

@@ -73,6 +73,10 @@ std::uint64_t RecordWalk::run(std::uint64_t offset, Progress& progress) {
   return entries;
 }
 
+std::uint64_t RecordWalk::entry_from(std::uint64_t offset) {
+  return next_entry(offset, bytes_.size(), offset);
+}
+
 bool RecordWalk::has_magic(std::uint64_t offset) const {
   return bytes_.size() - offset >= kMagicBytes.size() &&
          format::number_at<std::uint32_t>(bytes_, offset) == format::kMagic;

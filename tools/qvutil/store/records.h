@@ -59,6 +59,9 @@ class RecordWalk {
   // From `offset` on. Returns the number of whole entries.
   std::uint64_t run(std::uint64_t offset, Progress& progress);
 
+  // Where an entry seems to begin, at `offset` or later; the end of the file if none is found.
+  std::uint64_t entry_from(std::uint64_t offset);
+
  private:
   bool has_magic(std::uint64_t offset) const;
   bool is_followed(std::uint64_t end) const;

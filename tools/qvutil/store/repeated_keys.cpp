@@ -6,6 +6,23 @@
 #include "qvutil/store/key_hash.h"
 
 namespace quorvane::tool {
+
+void RepeatedKeys::Set::make_room(std::size_t count) {
+  places_.assign(std::bit_ceil(2 * count + 1), 0);
+}
+
+// The hash 0 is always there.
+bool RepeatedKeys::Set::insert(std::uint64_t hash) {
+  const std::uint64_t mask = places_.size() - 1;
+  std::uint64_t at = hash & mask;
+  while (places_[at] != 0 && places_[at] != hash) {
+    at = (at + 1) & mask;
+  }
+  const bool is_new = places_[at] != hash;
+  places_[at] = hash;
+  return is_new;
+}
+
 bool RepeatedKeys::is_in_part(std::uint64_t hash) const {
   return parts_ == 1 || (hash >> 24) % parts_ == part_;
 }
@@ -19,11 +36,16 @@ void RepeatedKeys::add(std::string_view key) {
 }
 
 bool RepeatedKeys::has_suspects() {
+  Set set;
   for (std::deque<std::uint64_t>& hashes : hashes_) {
-    find_suspects(hashes);
+    set.make_room(hashes.size());
+    for (const std::uint64_t hash : hashes) {
+      if (!set.insert(hash)) {
+        suspects_.push_back({hash, {}, 0});
+      }
+    }
     hashes = {};
   }
-  table_ = {};
   const auto is_less = [](const Suspect& one, const Suspect& other) {
     return one.hash < other.hash;
   };
@@ -35,20 +57,20 @@ bool RepeatedKeys::has_suspects() {
   return !suspects_.empty();
 }
 
-// A free place of the table is 0; the hash 0 is always a suspect.
-void RepeatedKeys::find_suspects(const std::deque<std::uint64_t>& hashes) {
-  table_.assign(std::bit_ceil(2 * hashes.size() + 1), 0);
-  const std::uint64_t mask = table_.size() - 1;
-  for (const std::uint64_t hash : hashes) {
-    std::uint64_t at = hash & mask;
-    while (table_[at] != 0 && table_[at] != hash) {
-      at = (at + 1) & mask;
+bool RepeatedKeys::all_differ(const RepeatedKeys& one, const RepeatedKeys& other, std::size_t from,
+                              std::size_t to) {
+  Set set;
+  const auto insert = [&set](std::uint64_t hash) { return set.insert(hash); };
+  for (std::size_t list = from; list < to; ++list) {
+    const auto& first = one.hashes_[list];
+    const auto& second = other.hashes_[list];
+    set.make_room(first.size() + second.size());
+    if (!std::all_of(first.begin(), first.end(), insert) ||
+        !std::all_of(second.begin(), second.end(), insert)) {
+      return false;
     }
-    if (table_[at] == hash) {
-      suspects_.push_back({hash, {}, 0});
-    }
-    table_[at] = hash;
   }
+  return true;
 }
 
 std::optional<std::uint64_t> RepeatedKeys::earlier(std::string_view key, std::uint64_t offset) {

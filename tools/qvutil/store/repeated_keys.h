@@ -28,6 +28,16 @@ class RepeatedKeys {
   // Between the passes: whether a second one is needed.
   bool has_suspects();
 
+  // Instead of that, for keys that two objects have got: whether all hashes differ. Looks at the
+  // part of them whose upper eight bits are in [from, to). Changes nothing: several threads may
+  // look at a part each.
+  static bool all_differ(const RepeatedKeys& one, const RepeatedKeys& other, std::size_t from,
+                         std::size_t to);
+
+  std::uint64_t count() const { return count_; }
+
+  static constexpr std::size_t kLists = 256;
+
   // Second pass, in the order of the first: the offset of the earlier entry with this key.
   std::optional<std::uint64_t> earlier(std::string_view key, std::uint64_t offset);
 
@@ -38,15 +48,23 @@ class RepeatedKeys {
     std::uint64_t offset;
   };
 
+  // An open hash table.
+  class Set {
+   public:
+    void make_room(std::size_t count);
+    bool insert(std::uint64_t hash);  // false if it is there
+
+   private:
+    std::vector<std::uint64_t> places_;  // 0 is free
+  };
+
   bool is_in_part(std::uint64_t hash) const;
-  void find_suspects(const std::deque<std::uint64_t>& hashes);
 
   const std::uint64_t part_;
   const std::uint64_t parts_;
   std::uint64_t count_ = 0;
   // By their upper bits: a search among all would wait for memory at each hash.
-  std::array<std::deque<std::uint64_t>, 256> hashes_;
-  std::vector<std::uint64_t> table_;
+  std::array<std::deque<std::uint64_t>, kLists> hashes_;
   std::vector<Suspect> suspects_;
 };
 

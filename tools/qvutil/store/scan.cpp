@@ -9,8 +9,10 @@
 #include "qvutil/output/text.h"
 #include "qvutil/store/bus_errors.h"
 #include "qvutil/store/format.h"
+#include "qvutil/store/headers.h"
 #include "qvutil/store/index_check.h"
 #include "qvutil/store/indexed_scan.h"
+#include "qvutil/store/intact.h"
 #include "qvutil/store/lock.h"
 #include "qvutil/store/opened_cache.h"
 #include "qvutil/store/record_formats.h"
@@ -89,22 +91,6 @@ std::uint64_t scan_keys(const std::string& name, bool is_damage, const Pass& pas
   return entries;
 }
 
-// Tells what is wrong with the header of a file. False if the file has no more than that.
-bool check_header(MappedFile& file, std::uint32_t magic, std::uint32_t version, std::uint64_t size,
-                  Visitor& visitor) {
-  const std::string_view bytes = file.bytes();
-  const format::Start start = format::start_of(bytes);
-  if (bytes.size() < size) {
-    visitor.place({file.name(), 0, bytes.size(),
-                   bytes.empty() ? "the file is empty" : "the header is cut short"});
-    return false;
-  }
-  if (start.magic != magic || start.version != version) {
-    visitor.place({file.name(), 0, size, "the header is damaged"});
-  }
-  return true;
-}
-
 std::uint64_t scan_basic(OpenedCache& cache, Visitor& visitor, Progress& progress) {
   MappedFile& file = *cache.main;
   if (!check_header(file, format::kMagic, format::kBasicVersion, format::kHeaderSize, visitor)) {
@@ -143,24 +129,6 @@ std::uint64_t scan_lazy(const CacheFiles& files, OpenedCache& cache, Visitor& vi
   return entries;
 }
 
-// Whether the data file has more than its header.
-bool check_data_header(MappedFile& file, Visitor& visitor) {
-  const std::string_view bytes = file.bytes();
-  if (bytes.size() < format::kDataHeaderSize) {
-    visitor.place({file.name(), 0, bytes.size(),
-                   "the header is cut short; the next process writes it", false});
-    return false;
-  }
-  constexpr std::uint64_t kRestAt = 16;
-  if (bytes.substr(kRestAt, format::kDataHeaderSize - kRestAt).find_first_not_of('\0') !=
-      std::string_view::npos) {
-    visitor.place({file.name(), kRestAt, format::kDataHeaderSize - kRestAt,
-                   "the rest of the header is not zero", false});
-  }
-  return check_header(file, format::kDataMagic, format::kIndexedVersion, format::kDataHeaderSize,
-                      visitor);
-}
-
 std::uint64_t scan_indexed(OpenedCache& cache, Visitor& visitor, Progress& progress) {
   MappedFile& file = *cache.main;
   if (!check_data_header(file, visitor)) {
@@ -169,7 +137,8 @@ std::uint64_t scan_indexed(OpenedCache& cache, Visitor& visitor, Progress& progr
   IndexView& index = *cache.index;
   const std::string_view bytes = file.bytes();
   const Pass pass = [&](Visitor& to) {
-    return IndexedScan(file.name(), bytes, index.fits() ? index.covered() : 0, to).run(progress);
+    return IndexedScan(file.name(), bytes, index.fits() ? index.covered() : 0, to)
+        .run(format::kDataHeaderSize, progress);
   };
   if (!index.fits()) {
     visitor.place({index.name(), 0, index.file_size(),
@@ -215,6 +184,18 @@ Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progre
     lock.reset();
   }
   return scan_opened(files, cache, visitor, progress);
+}
+
+Scanned scan_places(Console& console, const CacheFiles& files, Visitor& visitor,
+                    Progress& progress) {
+  const BusErrors guard;
+  std::optional<ReadLock> lock(std::in_place, console, files);
+  OpenedCache cache(files, lock->noted());
+  if (cache.leave_out_rest()) {
+    lock.reset();
+  }
+  const auto entries = entries_if_intact(console, cache, progress);
+  return entries ? Scanned{*entries, cache.bytes()} : scan_opened(files, cache, visitor, progress);
 }
 
 Scanned scan_locked(const CacheFiles& files, Visitor& visitor, Progress& progress) {

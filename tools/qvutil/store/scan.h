@@ -55,6 +55,11 @@ struct Scanned {
 // if a file can't be opened, or has another version of the format.
 Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progress& progress);
 
+// The same for a caller that only wants to hear of places: entries of a cache that has none aren't
+// visited. Two threads look for places, and so take half of the time.
+Scanned scan_places(Console& console, const CacheFiles& files, Visitor& visitor,
+                    Progress& progress);
+
 // The same for a caller that holds the lock.
 Scanned scan_locked(const CacheFiles& files, Visitor& visitor, Progress& progress);
 

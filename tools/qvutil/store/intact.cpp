@@ -1,0 +1,131 @@
+#include "qvutil/store/intact.h"
+
+#include <array>
+#include <functional>
+#include <future>
+#include <string_view>
+#include <system_error>
+
+#include "qvutil/store/format.h"
+#include "qvutil/store/headers.h"
+#include "qvutil/store/index_check.h"
+#include "qvutil/store/indexed_scan.h"
+#include "qvutil/store/record_formats.h"
+#include "qvutil/store/repeated_keys.h"
+#include "qvutil/store/value_reader.h"
+
+namespace quorvane::tool {
+namespace {
+
+constexpr std::uint64_t kWorthAThread = std::uint64_t{4} << 20;
+
+// Ends the search: an ordinary scan has to tell.
+struct NotIntact {};
+
+// Expects that no place is visited.
+class NoPlace : public Visitor {
+ public:
+  void entry(const Entry&) override {}
+  void place(const Place&) override { throw NotIntact{}; }
+};
+
+// The same, and collects the keys.
+class KeysOfHalf : public NoPlace {
+ public:
+  void entry(const Entry& entry) override {
+    if (keys.count() == RepeatedKeys::kMost / 2) {
+      throw NotIntact{};
+    }
+    keys.add(entry.key);
+    reader_.read(entry);
+  }
+
+  RepeatedKeys keys{0, 1};
+
+ private:
+  ValueReader reader_;
+};
+
+// Runs both, the second one in a thread of its own.
+void run_both(const std::function<void()>& first, const std::function<void()>& second) {
+  std::future<void> other = std::async(std::launch::async, second);
+  first();
+  other.get();
+}
+
+std::uint64_t entries_of_basic(Console& console, OpenedCache& cache, Progress& progress) {
+  MappedFile& file = *cache.main;
+  const std::string_view bytes = file.bytes();
+  NoPlace no_place;
+  check_header(file, format::kMagic, format::kBasicVersion, format::kHeaderSize, no_place);
+  const BasicFormat format(bytes);
+  const std::uint64_t middle = RecordWalk("", format, no_place).entry_from(bytes.size() / 2);
+  const BasicFormat before_middle(bytes.substr(0, middle));
+  std::array<KeysOfHalf, 2> halves;
+  std::array<std::uint64_t, 2> entries{};
+  Progress none = Progress::none(console);
+  run_both(
+      [&] {
+        entries[0] = RecordWalk("", before_middle, halves[0]).run(format::kHeaderSize, progress);
+      },
+      [&] { entries[1] = RecordWalk("", format, halves[1]).run(middle, none); });
+  const auto check_keys = [&halves](std::size_t from, std::size_t to) {
+    if (!RepeatedKeys::all_differ(halves[0].keys, halves[1].keys, from, to)) {
+      throw NotIntact{};
+    }
+  };
+  constexpr std::size_t kLists = RepeatedKeys::kLists;
+  run_both([&] { check_keys(0, kLists / 2); }, [&] { check_keys(kLists / 2, kLists); });
+  return entries[0] + entries[1];
+}
+
+std::uint64_t entries_of_indexed(Console& console, OpenedCache& cache, Progress& progress) {
+  MappedFile& file = *cache.main;
+  const std::string_view bytes = file.bytes();
+  NoPlace no_place;
+  check_data_header(file, no_place);
+  IndexView& index = *cache.index;
+  if (!index.fits()) {
+    throw NotIntact{};
+  }
+  index.map();
+  const std::uint64_t middle =
+      IndexedScan("", bytes, index.covered(), no_place).entry_from(bytes.size() / 2);
+  IndexCheck first(index, file.name(), bytes, no_place);
+  IndexCheck second(index, file.name(), bytes, no_place);
+  std::array<std::uint64_t, 2> entries{};
+  Progress none = Progress::none(console);
+  run_both(
+      [&] {
+        entries[0] = IndexedScan("", bytes.substr(0, middle), index.covered(), first)
+                         .run(format::kDataHeaderSize, progress);
+      },
+      [&] { entries[1] = IndexedScan("", bytes, index.covered(), second).run(middle, none); });
+  first.add(second);
+  first.finish();
+  return entries[0] + entries[1];
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> entries_if_intact(Console& console, OpenedCache& cache,
+                                               Progress& progress) try {
+  if (cache.kind == Kind::lazy_lookup || !cache.places.empty() || !cache.main ||
+      cache.main->size() < kWorthAThread) {
+    return std::nullopt;
+  }
+  progress.stand_for(2);
+  const std::uint64_t entries = cache.kind == Kind::basic
+                                    ? entries_of_basic(console, cache, progress)
+                                    : entries_of_indexed(console, cache, progress);
+  progress.stand_for(1);
+  return entries;
+} catch (const NotIntact&) {
+  progress.stand_for(1);
+  return std::nullopt;
+} catch (const std::system_error&) {  // no thread can be had
+  progress.stand_for(1);
+  return std::nullopt;
+}
+
+}  // namespace quorvane::tool
