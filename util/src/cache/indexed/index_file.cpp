@@ -142,6 +142,10 @@ bool IndexFile::is_in_order() const {
   return now_indexed <= covered();
 }
 
+void IndexFile::set_slot(std::uint64_t at, std::uint64_t slot) const {
+  std::atomic_ref<std::uint64_t>(slots_begin()[at]).store(slot, std::memory_order_release);
+}
+
 bool IndexFile::is_first_change(std::uint64_t slots) {
   const bool was_changed = std::exchange(is_changed_, true);
   return !was_changed && slots <= mapping_.size() / kIndexPageSize;
@@ -151,6 +155,14 @@ void IndexFile::populate(std::uint64_t at) const {
   const std::uint64_t page = 1 + at * sizeof(std::uint64_t) / kIndexPageSize;
   // A kernel that doesn't know the request leaves it to the faults.
   madvise(mapping_.data() + page * kIndexPageSize, kIndexPageSize, MADV_POPULATE_WRITE);
+}
+
+std::uint64_t IndexFile::load(std::uint64_t IndexPage::*word) const {
+  return std::atomic_ref<std::uint64_t>(page()->*word).load(std::memory_order_acquire);
+}
+
+void IndexFile::store(std::uint64_t IndexPage::*word, std::uint64_t value) const {
+  std::atomic_ref<std::uint64_t>(page()->*word).store(value, std::memory_order_release);
 }
 
 }  // namespace indexed

@@ -39,7 +39,7 @@ class IndexFile {
 
   // Acquires what was written before the number was stored.
   std::uint64_t slot(std::uint64_t at) const {
-    return std::atomic_ref(slots_begin()[at]).load(std::memory_order_acquire);
+    return std::atomic_ref<std::uint64_t>(slots_begin()[at]).load(std::memory_order_acquire);
   }
   std::uint64_t covered() const { return load(&IndexPage::covered); }
   std::uint64_t indexed() const { return load(&IndexPage::indexed); }
@@ -47,9 +47,7 @@ class IndexFile {
   bool is_moving() const { return load(&IndexPage::moving) != 0; }
 
   // Releases what was written before.
-  void set_slot(std::uint64_t at, std::uint64_t slot) const {
-    std::atomic_ref(slots_begin()[at]).store(slot, std::memory_order_release);
-  }
+  void set_slot(std::uint64_t at, std::uint64_t slot) const;
   void set_covered(std::uint64_t offset) const { store(&IndexPage::covered, offset); }
   void set_indexed(std::uint64_t offset) const { store(&IndexPage::indexed, offset); }
   void set_entries(std::uint64_t count) const { store(&IndexPage::entries, count); }
@@ -70,12 +68,8 @@ class IndexFile {
  private:
   bool can_be_true(const DataFile& data) const;
   bool is_in_order() const;
-  std::uint64_t load(std::uint64_t IndexPage::*word) const {
-    return std::atomic_ref(page()->*word).load(std::memory_order_acquire);
-  }
-  void store(std::uint64_t IndexPage::*word, std::uint64_t value) const {
-    std::atomic_ref(page()->*word).store(value, std::memory_order_release);
-  }
+  std::uint64_t load(std::uint64_t IndexPage::*word) const;
+  void store(std::uint64_t IndexPage::*word, std::uint64_t value) const;
   IndexPage* page() const { return reinterpret_cast<IndexPage*>(mapping_.data()); }
   std::uint64_t* slots_begin() const {
     return reinterpret_cast<std::uint64_t*>(mapping_.data() + kIndexPageSize);
