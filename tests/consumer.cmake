@@ -3,9 +3,5 @@ if(NOT QV_SANITIZE)
   set(qv_consumer ${CMAKE_CURRENT_SOURCE_DIR}/consumer/run)
   add_test(NAME Package.ServesOutsideProjects
     COMMAND ${qv_consumer} install ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR})
-  add_test(NAME Package.DebianPackagesServeOutsideProjects
-    COMMAND ${qv_consumer} packages ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/package)
   set_tests_properties(Package.ServesOutsideProjects PROPERTIES TIMEOUT 300)
-  # It compiles the libraries. COST: as the longest test it begins first.
-  set_tests_properties(Package.DebianPackagesServeOutsideProjects PROPERTIES TIMEOUT 600 COST 1000)
 endif()
