@@ -101,7 +101,7 @@ TEST(TextWriter, RefusesOtherConversions) {
 TEST(TextWriter, RefusesWhatIsNotInTheStandard) {
   for (const char* const format :
        {"%", "text %", "%l", "%ll", "%lll", "%z", "%l%", "%zz", "text %m"}) {
-    EXPECT_EQ(written(1000, format), std::nullopt) << format;
+    EXPECT_EQ(written(1000, format, 0), std::nullopt) << format;
   }
 }
 
