@@ -85,7 +85,9 @@ bool finds(Engine& store, const RoBuffer& key) {
   if (found) {
     fuzz::expect_readable(value);
   }
-  return found;
+  const std::uint64_t hash = quorvane::cache::key_hash::lasting(key);
+  store.prefetch_slot(hash);
+  return found && !store.lacks(hash);
 }
 
 void read_everything(Engine& store) {

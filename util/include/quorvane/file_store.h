@@ -454,6 +454,8 @@ class QV_EXPORT IndexedStore : public LookupStore, private CleanableResource {
   void clean() override;
 
  private:
+  friend class Cache;
+
   bool is_lock_lost() const;
   void measure();
 

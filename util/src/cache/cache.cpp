@@ -18,7 +18,10 @@
 #include "src/cache/flush_turn.h"
 #include "src/cache/found_table.h"
 #include "src/cache/hex_key.h"
+#include "src/cache/indexed/engine.h"
+#include "src/cache/key_hash.h"
 #include "src/cache/loaded_index.h"
+#include "src/cache/trace.h"
 #include "src/fork_guard.h"
 #include "src/once.h"
 #include "src/uncancellable.h"
@@ -131,7 +134,26 @@ std::uint64_t flush_after_of(const Store& store, const LookupStore* lookup_store
 // What a cache needs to ask its store key by key.
 struct Cache::LookedUp {
   LookedUp(LookupStore& lookup_store, const std::string& name)
-      : store(lookup_store), stats(is_indexed_store(store) ? &CacheStats::of(name) : nullptr) {}
+      : store(lookup_store),
+        stats(is_indexed_store(store) ? &CacheStats::of(name) : nullptr),
+        engine(engine_of(store)) {}
+
+  // With a tracer, each look-up is to be seen. A class derived from IndexedStore may look
+  // elsewhere.
+  static indexed::Engine* engine_of(LookupStore& store) {
+    return !Trace::is_on() && typeid(store) == typeid(IndexedStore)
+               ? static_cast<IndexedStore&>(store).engine_.get()
+               : nullptr;
+  }
+
+  void prefetch_slot(std::uint64_t hash) const {
+    if (engine != nullptr) {
+      engine->prefetch_slot(hash);
+    }
+  }
+
+  // Whether the store need not be asked.
+  bool lacks(std::uint64_t hash) const { return engine != nullptr && engine->lacks(hash); }
 
   // A store that throws counts as one that doesn't have the key.
   bool has(const util::RoBuffer& key) const {
@@ -147,6 +169,7 @@ struct Cache::LookedUp {
 
   LookupStore& store;
   const CacheStats* stats;  // null: this kind of store has none
+  indexed::Engine* engine;  // the store's; null: ask the store itself
   FoundTable found;         // diff_mutex_ excludes insertions from each other
   Once snapshot;            // of all entries, in loaded_map_
 };
@@ -278,8 +301,10 @@ const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) 
 // --- a store that is asked key by key ---
 
 const std::vector<util::RoBuffer>* Cache::look_up(const util::RoBuffer& key) {
-  const auto* value = find_known(key);
-  if (value == nullptr) {
+  const std::uint64_t hash = key_hash::lasting(key);
+  looked_up_->prefetch_slot(hash);
+  const auto* value = find_known(key, hash);
+  if (value == nullptr && !looked_up_->lacks(hash)) {
     value = try_ask_store(key);
   }
   if (looked_up_->stats != nullptr) {
@@ -305,8 +330,9 @@ const std::vector<util::RoBuffer>* Cache::try_ask_store(const util::RoBuffer& ke
 }
 
 // Doesn't ask the store.
-const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key) {
-  if (const auto* value = looked_up_->found.find(key)) {
+const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key,
+                                                     std::uint64_t hash) {
+  if (const auto* value = looked_up_->found.find(key, hash)) {
     return value;
   }
   if (const auto* value = find_added(key)) {
@@ -343,7 +369,9 @@ void Cache::prefetch(const util::RoBuffer* keys, std::size_t count) {
   try {
     std::vector<util::RoBuffer> unknown;
     std::copy_if(keys, keys + count, std::back_inserter(unknown),
-                 [this](const util::RoBuffer& key) { return find_known(key) == nullptr; });
+                 [this](const util::RoBuffer& key) {
+                   return find_known(key, key_hash::lasting(key)) == nullptr;
+                 });
     if (!unknown.empty()) {
       looked_up_->store.prefetch(unknown.data(), unknown.size());
     }
@@ -434,11 +462,12 @@ bool Cache::is_stored(const util::RoBuffer& key) {
   if (looked_up_ == nullptr) {
     return find_loaded(key) != nullptr;
   }
-  if (find_known(key) != nullptr) {
+  const std::uint64_t hash = key_hash::lasting(key);
+  if (find_known(key, hash) != nullptr) {
     return true;
   }
   std::vector<util::RoBuffer> value;
-  if (!looked_up_->store.find_at_once(key, value)) {
+  if (looked_up_->lacks(hash) || !looked_up_->store.find_at_once(key, value)) {
     return false;
   }
   keep_found(key, std::move(value));

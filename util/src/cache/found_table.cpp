@@ -28,7 +28,7 @@ struct FoundTable::Node {
   }
 
   const unsigned char* key() const { return reinterpret_cast<const unsigned char*>(this + 1); }
-  std::uint64_t hash() const { return key_hash::of(util::RoBuffer::view(key(), size)); }
+  std::uint64_t hash() const { return key_hash::lasting(key(), size); }
 
   Node* previous;
   Value value;
@@ -43,13 +43,12 @@ FoundTable::~FoundTable() {
   }
 }
 
-const FoundTable::Value* FoundTable::find(const util::RoBuffer& key) const {
+const FoundTable::Value* FoundTable::find(const util::RoBuffer& key, std::uint64_t hash) const {
   const Slots* const published = published_.load(std::memory_order_acquire);
   if (published == nullptr) {
     return nullptr;
   }
   const std::size_t count = published->tags.size();
-  const std::uint64_t hash = key_hash::of(key);
   for (std::size_t at = key_hash::scaled(hash, count);; at = after(at, count)) {
     const Tag tag = published->tags[at].load(std::memory_order_acquire);
     if (tag == 0) {

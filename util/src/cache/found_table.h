@@ -10,6 +10,8 @@
 
 #include <quorvane/buffer.h>
 
+#include "src/cache/key_hash.h"
+
 namespace quorvane {
 namespace cache {
 
@@ -27,8 +29,9 @@ class FoundTable {
   FoundTable(const FoundTable&) = delete;
   FoundTable& operator=(const FoundTable&) = delete;
 
-  // The value of `key`, or null. Takes no lock.
-  const Value* find(const util::RoBuffer& key) const;
+  // The value of `key`, whose lasting hash this is, or null. Takes no lock.
+  const Value* find(const util::RoBuffer& key, std::uint64_t hash) const;
+  const Value* find(const util::RoBuffer& key) const { return find(key, key_hash::lasting(key)); }
 
   // Inserts a copy of `key`, which must not be there, with `value`. Returns the value's
   // address. One thread at a time. Throws std::bad_alloc, and then has changed nothing.

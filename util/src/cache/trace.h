@@ -19,9 +19,12 @@ class Trace {
   }
   void end(std::uint64_t count) { report(trace::Event::end, count); }
 
+  // Whether the process has a tracer.
+  static bool is_on() { return &qvtracer::util::write_trace != nullptr; }
+
  private:
   void report(trace::Event event, std::uint64_t count) {
-    if (&qvtracer::util::write_trace != nullptr) {
+    if (is_on()) {
       const int error = errno;
       qvtracer::util::write_trace(nullptr, &record_, static_cast<unsigned>(event),
                                   static_cast<unsigned>(operation_), store_,

@@ -245,6 +245,20 @@ bool Engine::find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value)
   }
 }
 
+bool Engine::lacks(std::uint64_t hash) {
+  const ReaderGate::Inside inside;
+  Pair* const pair = present_.get();
+  return pair != nullptr && pair->index.first_slot_of(hash) == 0 &&
+         !present_.may_look_again(pair, false);
+}
+
+void Engine::prefetch_slot(std::uint64_t hash) const {
+  const ReaderGate::Inside inside;
+  if (const Pair* const pair = present_.get()) {
+    __builtin_prefetch(pair->index.place_of(hash));
+  }
+}
+
 void Engine::report_damaged_entry(const Pair& pair, std::uint64_t offset) {
   if (g_reported.add(pair.data.identity() ^ offset)) {
     QV_LOG(g_module, WARN, "The entry at offset %lu of %s is damaged, and so is not found", offset,
@@ -277,15 +291,9 @@ void Engine::prefetch(const util::RoBuffer* keys, std::size_t count) {
   const Pair* const pair = present_.get();
   for (std::size_t i = 0; pair != nullptr && i < count; ++i) {
     const std::uint64_t hash = hash_of(keys[i].get_buffer(), keys[i].get_size());
-    const std::uint64_t mask = pair->index.slots() - 1;
-    for (std::uint64_t probes = 0; probes <= mask; ++probes) {
-      const std::uint64_t slot = pair->index.slot((hash + probes) & mask);
-      if (slot != 0 && has_tag(slot, hash)) {
-        pair->data.prefetch(offset_in(slot), kAhead);
-      }
-      if (slot == 0 || has_tag(slot, hash)) {
-        break;
-      }
+    const std::uint64_t slot = pair->index.first_slot_of(hash);
+    if (slot != 0) {
+      pair->data.prefetch(offset_in(slot), kAhead);
     }
   }
 }

@@ -75,6 +75,10 @@ class Engine {
 
   // The operations of a LookupStore.
   bool find(const util::RoBuffer& key, std::vector<util::RoBuffer>& value);
+  // Whether a look-up of keys with this hash would surely find nothing. Costs less than one.
+  bool lacks(std::uint64_t hash);
+  // Has the processor load what lacks() looks at.
+  void prefetch_slot(std::uint64_t hash) const;
   std::uint64_t entries();
   void prefetch(const util::RoBuffer* keys, std::size_t count);
   bool read_all(EntryMap& out);  // passes over damaged entries, each with its record

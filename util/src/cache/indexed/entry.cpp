@@ -23,10 +23,6 @@ void append(std::string& bytes, const util::RoBuffer& buffer) {
 
 }  // namespace
 
-std::uint64_t hash_of(const unsigned char* key, std::size_t size) {
-  return ::util::Fingerprint64(reinterpret_cast<const char*>(key), size);
-}
-
 std::optional<EntryHeader> Entry::header_at(const unsigned char* bytes, std::uint64_t available) {
   EntryHeader header;
   if (available < sizeof(header)) {

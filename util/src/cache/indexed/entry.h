@@ -11,13 +11,16 @@
 #include <quorvane/buffer.h>
 
 #include "src/cache/indexed/format.h"
+#include "src/cache/key_hash.h"
 
 namespace quorvane {
 namespace cache {
 namespace indexed {
 
-// The hash that places a key in the index. It is the same in every build.
-std::uint64_t hash_of(const unsigned char* key, std::size_t size);
+// The hash that places a key in the index.
+inline std::uint64_t hash_of(const unsigned char* key, std::size_t size) {
+  return key_hash::lasting(key, size);
+}
 
 // A view of an entry in memory whose sizes fit together.
 // Thread-safety: any number of threads. The bytes must outlive the view.

@@ -41,6 +41,23 @@ class IndexFile {
   std::uint64_t slot(std::uint64_t at) const {
     return std::atomic_ref<std::uint64_t>(slots_begin()[at]).load(std::memory_order_acquire);
   }
+  // The first slot that may be that of a key with this hash. 0 when there is none.
+  std::uint64_t first_slot_of(std::uint64_t hash) const {
+    const std::uint64_t mask = slots() - 1;
+    std::uint64_t at = hash & mask;
+    // Bounded: a damaged index may have no free slot.
+    for (std::uint64_t probes = 0; probes <= mask; ++probes, at = (at + 1) & mask) {
+      const std::uint64_t found = slot(at);
+      if (found == 0 || has_tag(found, hash)) {
+        return found;
+      }
+    }
+    return 0;
+  }
+  // Where first_slot_of begins.
+  const std::uint64_t* place_of(std::uint64_t hash) const {
+    return slots_begin() + (hash & (slots() - 1));
+  }
   std::uint64_t covered() const { return load(&IndexPage::covered); }
   std::uint64_t indexed() const { return load(&IndexPage::indexed); }
   std::uint64_t entries() const { return load(&IndexPage::entries); }
