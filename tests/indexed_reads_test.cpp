@@ -38,6 +38,17 @@ constexpr std::size_t kEntries = 2000;
 const std::string kSmall(2000, 's');
 const std::string kTiny(100, 't');
 
+// The descriptor that this process has open on a file; -1 without one.
+int descriptor_on(const std::string& path) {
+  for (int fd = 0; fd < 1024; ++fd) {
+    std::error_code error;
+    if (std::filesystem::equivalent("/proc/self/fd/" + std::to_string(fd), path, error)) {
+      return fd;
+    }
+  }
+  return -1;
+}
+
 class IndexedReads : public testing::Test {
  protected:
   IndexedReads() {
@@ -51,16 +62,7 @@ class IndexedReads : public testing::Test {
   std::unique_ptr<Cache> open() const { return test::open_cache(root_.path()); }
   std::string data() const { return root_.path() + "/dat_maps"; }
 
-  // The descriptor that this process has open on the data file; -1 without one.
-  int descriptor() const {
-    for (int fd = 0; fd < 1024; ++fd) {
-      std::error_code error;
-      if (std::filesystem::equivalent("/proc/self/fd/" + std::to_string(fd), data(), error)) {
-        return fd;
-      }
-    }
-    return -1;
-  }
+  int descriptor() const { return descriptor_on(data()); }
 
   static void expect_tiny(Cache& cache, std::size_t first, std::size_t count) {
     for (std::size_t i = first; i < first + count; ++i) {
@@ -135,6 +137,33 @@ TEST_F(IndexedReads, TakeNoOtherFileUnderTheirNumberForTheirs) {
   EXPECT_EQ(get(*cache, "small1"), kSmall + "1");
   close(fd);
   close(own);
+}
+
+int g_closed_by_the_program = -1;
+
+void close_and_open_another_file() {
+  const int own = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+  dup2(own, g_closed_by_the_program);
+  close(own);
+}
+
+// The program closes our descriptor after we have looked whose it is, and before we map it.
+SCENARIO(map_what_is_replaced_meanwhile) {
+  const auto cache = test::open_cache(arguments.at(0));
+  g_closed_by_the_program = descriptor_on(arguments.at(0) + "/dat_maps");
+  const test::When has_room{1, static_cast<std::uint32_t>(std::stoul(arguments.at(1)))};
+  test::refuse_after(SYS_mmap, ENOMEM, has_room, &close_and_open_another_file);
+  std::printf("%d", get(*cache, "small1") == kSmall + "1");
+  return 0;
+}
+
+TEST_F(IndexedReads, TakeNoFileForTheirsThatGotTheirNumberMeanwhile) {
+  constexpr std::uint64_t kLeastRoom = std::uint64_t{64} << 20;
+  ASSERT_LT(2 * std::filesystem::file_size(data()), kLeastRoom);
+  const test::Ran ran = test::run_scenario("map_what_is_replaced_meanwhile", {},
+                                           {root_.path(), std::to_string(kLeastRoom)});
+  EXPECT_EQ(ran.out, "1");
+  EXPECT_THAT(ran.messages(), testing::Not(testing::Contains(testing::HasSubstr("Couldn't"))));
 }
 
 // Prints whether it finds a large entry, twice, and then whether it stores one.

@@ -95,24 +95,35 @@ const Mapping* DataFile::map() const {
 
 // Through the descriptor of the reader. If the program has closed that, opens the file again.
 bool DataFile::try_map() const {
-  const int fd = reader_.fd();
-  if (descriptor::is_open_on(fd, id_)) {
-    return try_map_through(fd);
-  }
+  bool is_done = try_map_through(reader_.fd());
   for (const std::string* path : {&path_, &later_path_}) {
-    const OpenFile file(open_data(*path));
-    if (descriptor::is_open_on(file.fd(), id_)) {
-      return try_map_through(file.fd());
+    if (is_done || errno != ESTALE) {
+      break;
     }
+    const OpenFile file(open_data(*path));
+    is_done = try_map_through(file.fd());
   }
-  errno = ESTALE;
-  return false;
+  return is_done;
 }
 
+// Looks at the descriptor before and after: the program may close it meanwhile, and open a file of
+// its own under the number. ESTALE: the descriptor isn't the file's.
 bool DataFile::try_map_through(int fd) const {
+  if (!descriptor::is_open_on(fd, id_)) {
+    errno = ESTALE;
+    return false;
+  }
   const std::uint64_t with_room =
       is_on_overlay(fd) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
-  return mapping_.map(fd, with_room, opened_size_, false);
+  if (!mapping_.map(fd, with_room, opened_size_, false)) {
+    return false;
+  }
+  if (!descriptor::is_open_on(fd, id_)) {
+    mapping_.unmap();
+    errno = ESTALE;
+    return false;
+  }
+  return true;
 }
 
 // Nobody maps the file from then on: the number of the reader's descriptor may soon be that of

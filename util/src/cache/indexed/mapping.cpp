@@ -13,10 +13,12 @@ constexpr std::uint64_t kReadAtOnce = std::uint64_t{64} << 10;
 
 }  // namespace
 
-Mapping::~Mapping() {
+void Mapping::unmap() {
   if (data_ != nullptr) {
     munmap(data_, size_);
   }
+  data_ = nullptr;
+  size_ = 0;
 }
 
 bool Mapping::map(int fd, std::uint64_t size, std::uint64_t least, bool writable) {

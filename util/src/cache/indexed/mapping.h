@@ -17,13 +17,16 @@ namespace indexed {
 class Mapping {
  public:
   Mapping() = default;
-  ~Mapping();
+  ~Mapping() { unmap(); }
   Mapping(const Mapping&) = delete;
   Mapping& operator=(const Mapping&) = delete;
 
   // Maps `size` bytes, at least `least` of them when the kernel refuses more. False, with
   // errno, when it refuses those too.
   bool map(int fd, std::uint64_t size, std::uint64_t least, bool writable);
+
+  // For a file that turns out to be the wrong one, before anybody has read.
+  void unmap();
 
   // Replaces the file's bytes by zeros, at the same address: a thread that is still reading
   // finds nothing, and the file's space on disk is free once its descriptors are closed.
