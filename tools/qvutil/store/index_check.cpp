@@ -125,9 +125,12 @@ void IndexCheck::finish() {
 // Slots of entries that are appended meanwhile don't count.
 void IndexCheck::check_slots() {
   std::uint64_t used = 0;
-  for (std::uint64_t at = 0; at < index_.slots(); ++at) {
+  const std::uint64_t slots = index_.slots();
+  const std::uint64_t indexed = index_.indexed();
+  for (std::uint64_t at = 0; at < slots; ++at) {
     const std::uint64_t slot = index_.slot(at);
-    used += slot != 0 && (slot & kOffsetMask) < index_.indexed() ? 1 : 0;
+    used +=
+        static_cast<unsigned>(slot != 0) & static_cast<unsigned>((slot & kOffsetMask) < indexed);
   }
   if (used != found_) {
     tell_wrong_slots();
