@@ -37,15 +37,17 @@ void RepeatedKeys::add(std::string_view key) {
 
 bool RepeatedKeys::has_suspects() {
   Set set;
-  for (std::deque<std::uint64_t>& hashes : hashes_) {
+  for (const auto& hashes : hashes_) {
     set.make_room(hashes.size());
     for (const std::uint64_t hash : hashes) {
       if (!set.insert(hash)) {
         suspects_.push_back({hash, {}, 0});
       }
     }
-    hashes = {};
   }
+  hashes_.clear();
+  hashes_.shrink_to_fit();
+  memory_.release();
   const auto is_less = [](const Suspect& one, const Suspect& other) {
     return one.hash < other.hash;
   };

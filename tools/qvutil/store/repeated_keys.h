@@ -2,10 +2,10 @@
 #ifndef TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 #define TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory_resource>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -63,8 +63,10 @@ class RepeatedKeys {
   const std::uint64_t part_;
   const std::uint64_t parts_;
   std::uint64_t count_ = 0;
+  // Of hashes_: in a thread of its own, malloc would ask the kernel for a few pages at a time.
+  std::pmr::monotonic_buffer_resource memory_;
   // By their upper bits: a search among all would wait for memory at each hash.
-  std::array<std::deque<std::uint64_t>, kLists> hashes_;
+  std::pmr::vector<std::pmr::deque<std::uint64_t>> hashes_{kLists, &memory_};
   std::vector<Suspect> suspects_;
 };
 
