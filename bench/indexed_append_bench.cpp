@@ -208,6 +208,7 @@ int main(int argc, char** argv) {
     EntryMap loaded;
     check(store->try_store_diff(bench::numbered_entries(0, kPeer)) && store->try_load(loaded));
   }
+  sync();  // while the kernel writes a page back, a store into it waits or faults again
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 15;
   for (int round = 0; round < rounds; ++round) {
     for (const Size& size : sizes) {
