@@ -174,28 +174,32 @@ Scanned scan_opened(const CacheFiles& files, OpenedCache& cache, Visitor& visito
   return scanned;
 }
 
-}  // namespace
-
-Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progress& progress) {
+// Holds the store's lock only while the end of the files isn't known.
+template <typename Read>
+Scanned open_and(Console& console, const CacheFiles& files, const Read& read) {
   const BusErrors guard;
   std::optional<ReadLock> lock(std::in_place, console, files);
   OpenedCache cache(files, lock->noted());
   if (cache.leave_out_rest()) {
     lock.reset();
   }
-  return scan_opened(files, cache, visitor, progress);
+  return read(cache);
+}
+
+}  // namespace
+
+Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progress& progress) {
+  return open_and(console, files,
+                  [&](OpenedCache& cache) { return scan_opened(files, cache, visitor, progress); });
 }
 
 Scanned scan_places(Console& console, const CacheFiles& files, Visitor& visitor,
                     Progress& progress) {
-  const BusErrors guard;
-  std::optional<ReadLock> lock(std::in_place, console, files);
-  OpenedCache cache(files, lock->noted());
-  if (cache.leave_out_rest()) {
-    lock.reset();
-  }
-  const auto entries = entries_if_intact(console, cache, progress);
-  return entries ? Scanned{*entries, cache.bytes()} : scan_opened(files, cache, visitor, progress);
+  return open_and(console, files, [&](OpenedCache& cache) {
+    const auto entries = entries_if_intact(console, cache, progress);
+    return entries ? Scanned{*entries, cache.bytes()}
+                   : scan_opened(files, cache, visitor, progress);
+  });
 }
 
 Scanned scan_locked(const CacheFiles& files, Visitor& visitor, Progress& progress) {
