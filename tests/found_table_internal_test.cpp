@@ -71,7 +71,7 @@ TEST(FoundTable, AValueStaysWhereItIsHoweverManyFollow) {
 
 // Found by following hashes of hashes until two met.
 void expect_told_apart(const std::string& one, const std::string& other) {
-  ASSERT_EQ(util::Hash64(one), util::Hash64(other));
+  ASSERT_EQ(util::Fingerprint64(one), util::Fingerprint64(other));
   FoundTable table;
   table.insert(buffer(one), buffers({"1"}));
   EXPECT_EQ(value_of(table, other), "null");
@@ -89,7 +89,7 @@ TEST(FoundTable, TellsKeysOfOneHashApart) {
 std::vector<std::string> keys_of_the_last_slot(std::size_t count) {
   std::vector<std::string> keys;
   for (std::size_t i = 0; keys.size() < count; ++i) {
-    if (util::Hash64(key_of(i)) >= std::uint64_t{63} << 58) {
+    if (util::Fingerprint64(key_of(i)) >= std::uint64_t{63} << 58) {
       keys.push_back(key_of(i));
     }
   }

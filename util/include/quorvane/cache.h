@@ -173,7 +173,7 @@ class QV_EXPORT Cache {
   void build_index();
 
   const std::vector<util::RoBuffer>* look_up(const util::RoBuffer& key);
-  const std::vector<util::RoBuffer>* find_known(const util::RoBuffer& key, std::uint64_t hash);
+  const std::vector<util::RoBuffer>* find_known(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* try_ask_store(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* ask_store(const util::RoBuffer& key);
   const std::vector<util::RoBuffer>* keep_found(const util::RoBuffer& key,

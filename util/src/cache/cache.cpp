@@ -146,6 +146,18 @@ struct Cache::LookedUp {
                : nullptr;
   }
 
+  // Doesn't ask the store.
+  const std::vector<util::RoBuffer>* find_known(Cache& cache, const util::RoBuffer& key,
+                                                std::uint64_t hash) const {
+    if (const auto* value = found.find(key, hash)) {
+      return value;
+    }
+    if (const auto* value = cache.find_added(key)) {
+      return value;
+    }
+    return snapshot.has_run() ? cache.find_loaded(key) : nullptr;
+  }
+
   void prefetch_slot(std::uint64_t hash) const {
     if (engine != nullptr) {
       engine->prefetch_slot(hash);
@@ -303,7 +315,7 @@ const std::vector<util::RoBuffer>* Cache::find_added(const util::RoBuffer& key) 
 const std::vector<util::RoBuffer>* Cache::look_up(const util::RoBuffer& key) {
   const std::uint64_t hash = key_hash::lasting(key);
   looked_up_->prefetch_slot(hash);
-  const auto* value = find_known(key, hash);
+  const auto* value = looked_up_->find_known(*this, key, hash);
   if (value == nullptr && !looked_up_->lacks(hash)) {
     value = try_ask_store(key);
   }
@@ -329,16 +341,8 @@ const std::vector<util::RoBuffer>* Cache::try_ask_store(const util::RoBuffer& ke
   return nullptr;
 }
 
-// Doesn't ask the store.
-const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key,
-                                                     std::uint64_t hash) {
-  if (const auto* value = looked_up_->found.find(key, hash)) {
-    return value;
-  }
-  if (const auto* value = find_added(key)) {
-    return value;
-  }
-  return looked_up_->snapshot.has_run() ? find_loaded(key) : nullptr;
+const std::vector<util::RoBuffer>* Cache::find_known(const util::RoBuffer& key) {
+  return looked_up_->find_known(*this, key, key_hash::lasting(key));
 }
 
 const std::vector<util::RoBuffer>* Cache::ask_store(const util::RoBuffer& key) {
@@ -369,9 +373,7 @@ void Cache::prefetch(const util::RoBuffer* keys, std::size_t count) {
   try {
     std::vector<util::RoBuffer> unknown;
     std::copy_if(keys, keys + count, std::back_inserter(unknown),
-                 [this](const util::RoBuffer& key) {
-                   return find_known(key, key_hash::lasting(key)) == nullptr;
-                 });
+                 [this](const util::RoBuffer& key) { return find_known(key) == nullptr; });
     if (!unknown.empty()) {
       looked_up_->store.prefetch(unknown.data(), unknown.size());
     }
@@ -463,7 +465,7 @@ bool Cache::is_stored(const util::RoBuffer& key) {
     return find_loaded(key) != nullptr;
   }
   const std::uint64_t hash = key_hash::lasting(key);
-  if (find_known(key, hash) != nullptr) {
+  if (looked_up_->find_known(*this, key, hash) != nullptr) {
     return true;
   }
   std::vector<util::RoBuffer> value;

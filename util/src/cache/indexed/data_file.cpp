@@ -115,15 +115,15 @@ bool DataFile::try_map_through(int fd) const {
   }
   const std::uint64_t with_room =
       is_on_overlay(fd) ? opened_size_ : std::max(2 * opened_size_, kSmallestMapping);
-  if (!mapping_.map(fd, with_room, opened_size_, false)) {
-    return false;
-  }
+  const bool is_done = mapping_.map(fd, with_room, opened_size_, false);
+  const int error = errno;
   if (!descriptor::is_open_on(fd, id_)) {
     mapping_.unmap();
     errno = ESTALE;
     return false;
   }
-  return true;
+  errno = error;
+  return is_done;
 }
 
 // Nobody maps the file from then on: the number of the reader's descriptor may soon be that of
