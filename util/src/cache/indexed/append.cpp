@@ -85,7 +85,7 @@ void Append::count_entries() {
 
 void Append::choose(const EntryMap& diff) {
   chosen_.clear();
-  const bool meets_new_pages = pair_.index.is_first_change(diff.size());
+  const bool meets_new_pages = pair_.index.meets_new_pages(diff.size());
   for (auto it = diff.begin(); it != diff.end(); ++it) {
     bool outgrown = false;
     const std::uint64_t hash = hash_of(it->first.get_buffer(), it->first.get_size());

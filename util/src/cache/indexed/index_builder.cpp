@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -18,24 +17,20 @@ namespace indexed {
 namespace {
 
 constexpr std::uint64_t kFewestSlots = 1024;
-constexpr std::size_t kPiece = std::size_t{64} << 10;
 
 template <typename Bytes>
 std::string_view view_of(const Bytes* first, std::size_t size) {
   return {reinterpret_cast<const char*>(first), size};
 }
 
-// In pieces: what one call writes, the kernel may keep as one block of up to 2 MB, and mark all of
-// that when a process first stores into it. The first append to a million entries took twice as
-// long. Pages one by one would cost look-ups more than that: their first ones fault in 64 KB each.
-bool write_in_pieces(int fd, std::string_view bytes, std::uint64_t offset) {
-  while (!bytes.empty()) {
-    const std::size_t size = std::min(bytes.size(), kPiece - offset % kPiece);
-    if (!write_all(fd, bytes.substr(0, size), offset)) {
+// One call for each page. What one call writes, the kernel may keep as one block of up to 2 MB, and
+// mark all of that when a process first stores into it: the first append to a million entries took
+// more than twice as long.
+bool write_pages(int fd, std::string_view bytes, std::uint64_t offset) {
+  for (std::size_t at = 0; at < bytes.size(); at += kIndexPageSize) {
+    if (!write_all(fd, bytes.substr(at, kIndexPageSize), offset + at)) {
       return false;
     }
-    bytes.remove_prefix(size);
-    offset += size;
   }
   return true;
 }
@@ -103,7 +98,7 @@ bool IndexBuilder::write(const std::string& path, std::uint64_t more) {
   // Written, not stored through a mapping: on a full disk that would end the process.
   const bool written =
       write_all(fd, head, 0) &&
-      write_in_pieces(fd, view_of(slots.data(), slots.size() * sizeof(slots[0])), kIndexPageSize);
+      write_pages(fd, view_of(slots.data(), slots.size() * sizeof(slots[0])), kIndexPageSize);
   const int error = errno;
   close(fd);
   if (!written) {

@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include "src/cache/indexed/open_file.h"
 #include "src/once.h"
@@ -146,9 +145,9 @@ void IndexFile::set_slot(std::uint64_t at, std::uint64_t slot) const {
   std::atomic_ref<std::uint64_t>(slots_begin()[at]).store(slot, std::memory_order_release);
 }
 
-bool IndexFile::is_first_change(std::uint64_t slots) {
-  const bool was_changed = std::exchange(is_changed_, true);
-  return !was_changed && slots <= mapping_.size() / kIndexPageSize;
+bool IndexFile::meets_new_pages(std::uint64_t slots) {
+  changed_ += slots;
+  return changed_ <= mapping_.size() / kIndexPageSize / 2;
 }
 
 void IndexFile::populate(std::uint64_t at) const {

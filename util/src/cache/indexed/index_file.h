@@ -70,9 +70,9 @@ class IndexFile {
   void set_entries(std::uint64_t count) const { store(&IndexPage::entries, count); }
   void set_moving(bool moving) const { store(&IndexPage::moving, moving ? 1 : 0); }
 
-  // Whether the process's first change to this mapping is about to store so many slots, and
-  // they are few enough that most of them are in pages of their own.
-  bool is_first_change(std::uint64_t slots);
+  // The process is about to store so many slots. Whether most of them are in pages that it hasn't
+  // changed through this mapping yet.
+  bool meets_new_pages(std::uint64_t slots);
 
   // Gets the page of a slot, to store into it. Takes half the time of the two faults that a
   // look at the slot and a store into it would take.
@@ -93,7 +93,7 @@ class IndexFile {
   }
 
   bool writable_ = false;
-  bool is_changed_ = false;  // through this mapping; with the store lock
+  std::uint64_t changed_ = 0;  // slots stored through this mapping; with the store lock
   descriptor::FileId id_;
   IndexPage page_{};  // as it was when the file was opened
   Mapping mapping_;
