@@ -9,8 +9,10 @@
 #include <vector>
 
 #include "qvutil/store/intact.h"
+#include "qvutil/store/piece_reader.h"
 #include "support/scanned_cache.h"
 #include "support/scenario.h"
+#include "support/store_bytes.h"
 #include "support/tool_caches.h"
 
 using quorvane::tool::CacheFiles;
@@ -150,8 +152,9 @@ TEST_P(Intact, IsNotMisledByValuesThatHoldACache) {
   EXPECT_EQ(counted, 2u);
 }
 
-SCENARIO(scan_without_threads) {
-  refuse(SYS_clone3, EAGAIN);
+SCENARIO(scan_refused) {
+  const bool is_thread = arguments.at(2) == "thread";
+  refuse(is_thread ? SYS_clone3 : SYS_pread64, is_thread ? EAGAIN : EIO);
   std::uint64_t counted = 0;
   const Kind kind = arguments.at(1) == "basic" ? Kind::basic : Kind::indexed;
   const CacheFiles files{kind, arguments.at(0), "maps"};
@@ -162,8 +165,74 @@ SCENARIO(scan_without_threads) {
 }
 
 TEST_P(Intact, LeavesACacheToTheScanWhenNoThreadCanBeHad) {
-  EXPECT_EQ(run_scenario("scan_without_threads", {}, {dir_.path(), name_of(GetParam())}).out,
+  EXPECT_EQ(run_scenario("scan_refused", {}, {dir_.path(), name_of(GetParam()), "thread"}).out,
             "0 40000 ");
+}
+
+class IntactBasic : public Intact {};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, IntactBasic, testing::Values(Kind::basic), &kind_name);
+
+TEST_P(IntactBasic, LeavesACacheToTheScanWhenItCannotBeRead) {
+  EXPECT_EQ(run_scenario("scan_refused", {}, {dir_.path(), name_of(GetParam()), "read"}).out,
+            "0 40000 ");
+}
+
+// Values and entries end around the ends of the pieces that are read, and others span several.
+TEST_P(IntactBasic, CountsEntriesThatArePartlyInAPiece) {
+  constexpr std::size_t kPiece = quorvane::tool::PieceReader::kPiece;
+  Content content;
+  for (std::size_t i = 0; i < 64; ++i) {
+    const std::string value(kPiece / 2 - 32 + i, 'v');
+    content["key" + std::to_string(i)] = {value, std::string(i + 1, 'w')};
+    content["large" + std::to_string(i)] = {std::string(i % 3 * kPiece + i + 1, 'l')};
+  }
+  const TempDir dir;
+  const CacheFiles files{GetParam(), dir.path(), "maps"};
+  ASSERT_TRUE(store_all(files, content));
+  EXPECT_EQ(entries_if_intact(files), content.size());
+}
+
+TEST_P(IntactBasic, LeavesAKeyThatExceedsAPieceToTheScan) {
+  Content content = many(kEntries, 100);
+  content[std::string(quorvane::tool::PieceReader::kPiece - 8, 'k')] = {"just fits"};
+  const TempDir dir;
+  const CacheFiles files{GetParam(), dir.path(), "maps"};
+  ASSERT_TRUE(store_all(files, content));
+  EXPECT_EQ(entries_if_intact(files), content.size());
+  content = {{std::string(quorvane::tool::PieceReader::kPiece - 7, 'k'), {"doesn't"}}};
+  ASSERT_TRUE(store_all(files, content));
+  EXPECT_EQ(entries_if_intact(files), std::nullopt);
+  std::uint64_t counted = 0;
+  EXPECT_EQ(places_of(files, counted), "");
+  EXPECT_EQ(counted, kEntries + 2);
+}
+
+TEST_P(IntactBasic, LeavesWhatIsEmptyToTheScan) {
+  const std::string bytes = read_file(main_file());
+  for (const Entry& entry : {Entry{"", {"no key"}}, Entry{"no atoms", {}}, Entry{"key", {""}}}) {
+    write_file(main_file(), bytes + entry_bytes(entry));
+    EXPECT_EQ(entries_if_intact(files_), std::nullopt) << entry.key;
+    expect_agreement("an entry with something empty");
+  }
+}
+
+// In the last entry, whose sizes no other entry's beginning tells to be wrong.
+TEST_P(IntactBasic, LeavesSizesThatAreTooLargeToTheScan) {
+  const ScannedCache whole = scanned(files_.root, files_.kind);
+  const std::string bytes = read_file(main_file());
+  const std::size_t last = whole.offsets.back();
+  for (const std::size_t at : {last + 4, bytes.size() - 100 - 8}) {
+    for (const std::string& size :
+         {std::string("\x80\0\0\0\0\0\0\0", 8), std::string("\x80\0\0\0\0\0\0\x81", 8),
+          std::string(8, '\xff')}) {
+      std::string damaged = bytes;
+      damaged.replace(at, size.size(), size);
+      write_file(main_file(), damaged);
+      EXPECT_EQ(entries_if_intact(files_), std::nullopt) << at;
+      expect_agreement("a size at " + std::to_string(at));
+    }
+  }
 }
 
 class IntactIndex : public Intact {};

@@ -6,13 +6,12 @@
 #include <string_view>
 #include <system_error>
 
+#include "qvutil/store/basic_part.h"
 #include "qvutil/store/format.h"
 #include "qvutil/store/headers.h"
 #include "qvutil/store/index_check.h"
 #include "qvutil/store/indexed_scan.h"
 #include "qvutil/store/record_formats.h"
-#include "qvutil/store/repeated_keys.h"
-#include "qvutil/store/value_reader.h"
 
 namespace quorvane::tool {
 namespace {
@@ -29,28 +28,20 @@ class NoPlace : public Visitor {
   void place(const Place&) override { throw NotIntact{}; }
 };
 
-// The same, and collects the keys.
-class KeysOfHalf : public NoPlace {
- public:
-  void entry(const Entry& entry) override {
-    if (keys.count() == RepeatedKeys::kMost / 2) {
-      throw NotIntact{};
-    }
-    keys.add(entry.key);
-    reader_.read(entry);
-  }
-
-  RepeatedKeys keys{0, 1};
-
- private:
-  ValueReader reader_;
-};
-
 // Runs both, the second one in a thread of its own.
 void run_both(const std::function<void()>& first, const std::function<void()>& second) {
   std::future<void> other = std::async(std::launch::async, second);
   first();
   other.get();
+}
+
+void expect_both(const std::function<bool()>& first, const std::function<bool()>& second) {
+  bool is_first = false;
+  bool is_second = false;
+  run_both([&] { is_first = first(); }, [&] { is_second = second(); });
+  if (!is_first || !is_second) {
+    throw NotIntact{};
+  }
 }
 
 std::uint64_t entries_of_basic(Console& console, OpenedCache& cache, Progress& progress) {
@@ -60,23 +51,17 @@ std::uint64_t entries_of_basic(Console& console, OpenedCache& cache, Progress& p
   check_header(file, format::kMagic, format::kBasicVersion, format::kHeaderSize, no_place);
   const BasicFormat format(bytes);
   const std::uint64_t middle = RecordWalk("", format, no_place).entry_from(bytes.size() / 2);
-  const BasicFormat before_middle(bytes.substr(0, middle));
-  std::array<KeysOfHalf, 2> halves;
-  std::array<std::uint64_t, 2> entries{};
+  BasicPart first(file, format::kHeaderSize, middle);
+  BasicPart second(file, middle, bytes.size());
   Progress none = Progress::none(console);
-  run_both(
-      [&] {
-        entries[0] = RecordWalk("", before_middle, halves[0]).run(format::kHeaderSize, progress);
-      },
-      [&] { entries[1] = RecordWalk("", format, halves[1]).run(middle, none); });
-  const auto check_keys = [&halves](std::size_t from, std::size_t to) {
-    if (!RepeatedKeys::all_differ(halves[0].keys, halves[1].keys, from, to)) {
-      throw NotIntact{};
-    }
+  expect_both([&] { return first.is_whole(progress); }, [&] { return second.is_whole(none); });
+  const auto keys_differ = [&](std::size_t from, std::size_t to) {
+    return RepeatedKeys::all_differ(first.keys(), second.keys(), from, to);
   };
   constexpr std::size_t kLists = RepeatedKeys::kLists;
-  run_both([&] { check_keys(0, kLists / 2); }, [&] { check_keys(kLists / 2, kLists); });
-  return entries[0] + entries[1];
+  expect_both([&] { return keys_differ(0, kLists / 2); },
+              [&] { return keys_differ(kLists / 2, kLists); });
+  return first.entries() + second.entries();
 }
 
 std::uint64_t entries_of_indexed(Console& console, OpenedCache& cache, Progress& progress) {

@@ -72,6 +72,11 @@ std::string_view MappedFile::bytes() {
   return {static_cast<const char*>(data_), size_};
 }
 
+std::size_t MappedFile::read(std::uint64_t offset, char* to, std::size_t size) const {
+  const ssize_t read = pread(fd_, to, size, static_cast<off_t>(offset));
+  return read > 0 ? static_cast<std::size_t>(read) : 0;
+}
+
 void MappedFile::limit(std::uint64_t size) { size_ = std::min(size_, size); }
 
 }  // namespace quorvane::tool

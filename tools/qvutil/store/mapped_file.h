@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,6 +26,10 @@ class MappedFile {
 
   // Mapped at the first call. Throws Failure if that is refused.
   std::string_view bytes();
+
+  // Reads up to `size` bytes at `offset` into `to`, without the mapping. Returns how many; 0 if
+  // there are none or the kernel refuses.
+  std::size_t read(std::uint64_t offset, char* to, std::size_t size) const;
 
   // Leaves out what follows.
   void limit(std::uint64_t size);

@@ -48,13 +48,11 @@ std::uint64_t RecordWalk::run(std::uint64_t offset, Progress& progress) {
   std::uint64_t entries = 0;
   while (offset < bytes_.size()) {
     progress.at(offset);
-    Record record{kNoEntry, offset, false};
-    if (has_magic(offset)) {
-      record = format_.read(offset, entry_);
-      if (record.reason == nullptr && !is_followed(record.end) &&
-          !is_believed(offset, record.end)) {
-        record.reason = kWrongSizes;
-      }
+    // Made in place: a copy would wait until what read() has written is in the cache.
+    Record record =
+        has_magic(offset) ? format_.read(offset, entry_) : Record{kNoEntry, offset, false};
+    if (record.reason == nullptr && !is_followed(record.end) && !is_believed(offset, record.end)) {
+      record.reason = kWrongSizes;
     }
     if (record.reason == nullptr) {
       tell_pending();
