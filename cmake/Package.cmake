@@ -141,10 +141,9 @@ lines of JSON.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME qvutil)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS
-  "${qv_runtime} (>= ${PROJECT_VERSION}), ${qv_remote} (>= ${PROJECT_VERSION})")
-# Draws the plots.
-set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS gnuplot-nox)
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "${qv_runtime} (>= ${PROJECT_VERSION})")
+# gnuplot draws the plots. The library for servers is opened when a cache goes there.
+set(CPACK_DEBIAN_TOOL_PACKAGE_RECOMMENDS "gnuplot-nox, ${qv_remote} (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "caches, logs and statistics of QVUtil (tool)
 Shows and mends what programs with QVUtil leave on disk: lists, checks and repairs
 caches, merges logs and traces, and plots statistics.")

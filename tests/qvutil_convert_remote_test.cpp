@@ -72,4 +72,20 @@ TEST(QvutilConvertRemote, FailsWhenTheServerIsGone) {
   EXPECT_NE(ran.err.find("can't write demo on the servers"), std::string::npos) << ran.err;
 }
 
+TEST(QvutilConvertRemote, SaysWhatToInstallWithoutTheLibrary) {
+  const test::TempDir libraries;
+  test::write_file(libraries.file("libqvremote.so.1"), "");  // hides an installed one
+  const test::TempDir root;
+  ASSERT_TRUE(test::store_all({Kind::basic, root.path(), "demo"}, kSome));
+  const test::Ran ran =
+      test::run_program(QV_BINARY_DIR "/bin/qvutil", {"convert", "demo", "--to", "remote"},
+                        {{"QV_CACHE_STORE_ROOT", root.path()},
+                         {"QV_CACHE_REMOTE", "127.0.0.1:1"},
+                         {"LD_LIBRARY_PATH", libraries.path()}});
+  EXPECT_TRUE(ran.exited_with(2)) << ran.out;
+  EXPECT_EQ(ran.err,
+            "qvutil convert: servers need libqvremote.so.1, of the package libqvremote1: " +
+                libraries.file("libqvremote.so.1") + ": file too short\n");
+}
+
 }  // namespace

@@ -1,7 +1,6 @@
 #include "qvutil/rewrite/store_writer.h"
 
 #include <quorvane/file_store.h>
-#include <quorvane/remote_store.h>
 
 #include <cerrno>
 #include <utility>
@@ -9,6 +8,7 @@
 
 #include "qvutil/output/outcome.h"
 #include "qvutil/output/text.h"
+#include "qvutil/rewrite/remote_library.h"
 
 namespace quorvane::tool {
 namespace {
@@ -55,7 +55,7 @@ std::unique_ptr<StoreWriter> StoreWriter::into_indexed(const std::string& direct
 std::unique_ptr<StoreWriter> StoreWriter::into_remote(const std::string& name) {
   errno = 0;
   return std::unique_ptr<StoreWriter>(
-      new StoreWriter(cache::make_remote_store(name), shown(name) + " on the servers"));
+      new StoreWriter(make_remote_store(name), shown(name) + " on the servers"));
 }
 
 StoreWriter::StoreWriter(std::unique_ptr<cache::Store> store, std::string place)
