@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "qvutil/store/intact.h"
 #include "qvutil/store/piece_reader.h"
+#include "support/no_memory.h"
 #include "support/scanned_cache.h"
 #include "support/scenario.h"
 #include "support/store_bytes.h"
@@ -167,6 +169,21 @@ SCENARIO(scan_refused) {
 TEST_P(Intact, LeavesACacheToTheScanWhenNoThreadCanBeHad) {
   EXPECT_EQ(run_scenario("scan_refused", {}, {dir_.path(), name_of(GetParam()), "thread"}).out,
             "0 40000 ");
+}
+
+// Neither thread waits for one that has failed.
+TEST_P(Intact, EndsWithoutMemory) {
+  bool has_failed = true;
+  for (std::size_t successes = 0; has_failed; ++successes) {
+    const FailingAllocation failing(successes);
+    std::optional<std::uint64_t> entries;
+    try {
+      entries = entries_if_intact(files_);
+    } catch (const std::bad_alloc&) {
+    }
+    has_failed = FailingAllocation::end();
+    EXPECT_EQ(entries.value_or(kEntries), kEntries) << successes;
+  }
 }
 
 class IntactBasic : public Intact {};

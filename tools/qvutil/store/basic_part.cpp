@@ -1,5 +1,6 @@
 #include "qvutil/store/basic_part.h"
 
+#include <new>
 #include <string_view>
 
 #include "qvutil/store/format.h"
@@ -15,14 +16,17 @@ std::uint64_t number(const char* bytes) {
 
 }  // namespace
 
-bool BasicPart::is_whole(Progress& progress) {
+bool BasicPart::is_whole(Progress& progress) try {
   while (!pieces_.is_at_end()) {
     if (keys_.count() == kMostKeys || !take_entry()) {
       return false;
     }
     progress.at(pieces_.offset());
   }
+  keys_.finish();
   return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool BasicPart::take_entry() {

@@ -31,8 +31,18 @@ void RepeatedKeys::add(std::string_view key) {
   const std::uint64_t hash = hash_of(key);
   if (is_in_part(hash) && count_ < kMost) {
     ++count_;
-    hashes_[hash >> 56].push_back(hash);
+    added_[added_count_++] = hash;
+    if (added_count_ == added_.size()) {
+      finish();
+    }
   }
+}
+
+void RepeatedKeys::finish() {
+  for (std::size_t i = 0; i < added_count_; ++i) {
+    hashes_[added_[i] >> 56].push_back(added_[i]);
+  }
+  added_count_ = 0;
 }
 
 bool RepeatedKeys::has_suspects() {

@@ -2,6 +2,7 @@
 #ifndef TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 #define TOOLS_QVUTIL_STORE_REPEATED_KEYS_H_
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -24,6 +25,9 @@ class RepeatedKeys {
 
   // First pass. What exceeds kMost is left out.
   void add(std::string_view key);
+
+  // Ends the first pass.
+  void finish();
 
   // Between the passes: whether a second one is needed.
   bool has_suspects();
@@ -65,6 +69,10 @@ class RepeatedKeys {
   std::uint64_t count_ = 0;
   // Of hashes_: in a thread of its own, malloc would ask the kernel for a few pages at a time.
   std::pmr::monotonic_buffer_resource memory_;
+  // Not among hashes_ yet. One by one, each would wait for its list, which the caller's work
+  // between two keys drives from the processor's cache.
+  std::array<std::uint64_t, 4096> added_;
+  std::size_t added_count_ = 0;
   // By their upper bits: a search among all would wait for memory at each hash.
   std::pmr::vector<std::pmr::deque<std::uint64_t>> hashes_{kLists, &memory_};
   std::vector<Suspect> suspects_;

@@ -54,6 +54,7 @@ class KeyCollector : public Visitor {
 
 void tell_repeated(const std::string& name, bool is_damage, const Pass& pass, RepeatedKeys& keys,
                    Visitor& visitor) {
+  keys.finish();
   if (!keys.has_suspects()) {
     return;
   }
