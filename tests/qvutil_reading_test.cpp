@@ -9,11 +9,13 @@
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "qvutil/commands/ls.h"
 #include "qvutil/store/cache_files.h"
+#include "support/indexed_cache.h"
 #include "support/json.h"
 #include "support/lazy_files.h"
 #include "support/made_store.h"
@@ -315,6 +317,69 @@ TEST_F(Reading, GetTellsAMissingKeyFromAMissingAtom) {
   EXPECT_THAT(which.err, HasSubstr("the value has 2 atoms; choose one with --atom 0 to 1"));
   EXPECT_TRUE(qvutil({"get", cache(Kind::indexed), "b", "--atom", "2"}).exited_with(2));
   EXPECT_TRUE(qvutil({"get", cache(Kind::indexed), "xyz", "--hex"}).exited_with(2));
+}
+
+// The slot of the first entry in the index of the store "one".
+class ReadingByIndex : public Reading {
+ protected:
+  ReadingByIndex() {
+    EXPECT_TRUE(store(root(), Kind::indexed, "one", {{"key", {"first"}}, {"other", {"x"}}}));
+    for (std::string index = read_file(index_file()); at_ < index.size(); at_ += 8) {
+      slot_ = number_at(index, at_, 8);
+      if (slot_ % kOffsets == kFirstIndexedEntry) {
+        break;
+      }
+    }
+  }
+
+  std::string index_file() const { return root() + "/idx_one"; }
+  std::string data_file() const { return root() + "/dat_one"; }
+
+  void lead_to(std::uint64_t offset) const {
+    std::string index = read_file(index_file());
+    index.replace(at_, 8, le64(slot_ / kOffsets * kOffsets + offset));
+    write_file(index_file(), index);
+  }
+
+  Ran get() const { return qvutil({"get", root() + "/one", "key"}); }
+
+ private:
+  static constexpr std::uint64_t kOffsets = std::uint64_t{1} << 48;
+
+  std::size_t at_ = 4096;
+  std::uint64_t slot_ = 0;
+};
+
+// A search would find the first entry.
+TEST_F(ReadingByIndex, GetFindsTheEntryOfTheSlot) {
+  ASSERT_TRUE(store(root(), Kind::indexed, "two", {{"key", {"second"}}}));
+  const std::string data = read_file(data_file());
+  write_file(data_file(), data + read_file(root() + "/dat_two").substr(kFirstIndexedEntry));
+  EXPECT_EQ(get().out, "first");
+  lead_to(data.size());
+  EXPECT_EQ(get().out, "second");
+}
+
+TEST_F(ReadingByIndex, GetSearchesWhereTheSlotLeadsElsewhere) {
+  const std::string data = read_file(data_file());
+  const std::size_t other = indexed_offsets(data).at(1);
+  for (const std::uint64_t offset : {std::uint64_t{0}, other, other + 8, data.size() - 16,
+                                     data.size(), std::uint64_t{1} << 47}) {
+    lead_to(offset);
+    EXPECT_EQ(get().out, "first") << offset;
+  }
+  std::filesystem::remove(index_file());
+  EXPECT_EQ(get().out, "first");
+}
+
+TEST_F(ReadingByIndex, GetTellsOfDamageInTheEntryOfTheSlot) {
+  std::string data = read_file(data_file());
+  data[data.find("first")] = 'F';
+  write_file(data_file(), data);
+  const Ran ran = get();
+  EXPECT_TRUE(ran.exited_with(1));
+  EXPECT_EQ(ran.out, "");
+  EXPECT_THAT(ran.err, HasSubstr("damaged in 1 place"));
 }
 
 TEST_F(Reading, FindFiltersByPrefixAndSize) {

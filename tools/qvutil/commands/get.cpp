@@ -2,7 +2,7 @@
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
-#include "qvutil/store/each_entry.h"
+#include "qvutil/store/find_entry.h"
 
 namespace quorvane::tool {
 namespace {
@@ -34,16 +34,9 @@ void print(Console& console, std::string_view bytes) {
 
 Outcome get(Console& console, const GetOptions& options) {
   const std::string key = options.hex ? bytes_of_hex(options.key) : options.key;
-  bool is_found = false;
-  each_entry(console, find_cache(options.cache, kind_named(options.kind)), "searching",
-             [&](const Entry& entry) {
-               if (entry.key != key) {
-                 return true;
-               }
-               is_found = true;
-               print(console, chosen_atom(entry, options.atom));
-               return false;
-             });
+  const bool is_found =
+      find_entry(console, find_cache(options.cache, kind_named(options.kind)), key,
+                 [&](const Entry& entry) { print(console, chosen_atom(entry, options.atom)); });
   if (!is_found) {
     console.err() << "There is no key " << (options.hex ? hex(key) : shown(key)) << " in "
                   << shown(options.cache) << ".\n";

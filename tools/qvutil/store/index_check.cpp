@@ -10,16 +10,11 @@
 namespace quorvane::tool {
 namespace {
 
-// A slot is 0 if it is free. Otherwise it has the upper bits of the key's hash above the offset.
-constexpr std::uint64_t kOffsetMask = (std::uint64_t{1} << 48) - 1;
-
 // Where the fields of the page are.
 constexpr std::uint64_t kIndexedAt = 72;
 constexpr std::uint64_t kEntriesAt = 80;
 constexpr std::uint64_t kMovingAt = 88;
 constexpr std::uint64_t kZerosAt = 96;
-
-bool has_tag(std::uint64_t slot, std::uint64_t hash) { return ((slot ^ hash) & ~kOffsetMask) == 0; }
 
 std::uint64_t place_of(std::uint64_t slot) {
   return format::kIndexPageSize + slot * sizeof(std::uint64_t);
@@ -48,38 +43,27 @@ void IndexCheck::entry(const Entry& entry) {
 }
 
 void IndexCheck::look_up(const Due& due) {
-  const std::uint64_t mask = index_.slots() - 1;
-  const std::uint64_t wanted = (due.hash & ~kOffsetMask) | due.offset;
-  for (std::uint64_t probes = 0; probes <= mask; ++probes) {
-    const std::uint64_t slot = index_.slot((due.hash + probes) & mask);
-    if (slot == wanted) {
+  const bool leads = index_.probe(due.hash, [&](std::uint64_t offset) {
+    if (offset == due.offset) {
       ++found_;
-      return;
+      return true;
     }
-    std::uint64_t earlier = 0;
-    if (slot != 0 && has_tag(slot, due.hash) && leads_to_same_key(slot, due, earlier)) {
-      repeated_.push_back({data_name_, due.offset, 0,
-                           "the key is that of the entry at offset " + std::to_string(earlier),
-                           false, true});
-      return;
+    if (!IndexedScan::read_any(data_, offset, other_) || other_.key != due.key) {
+      return false;
     }
-    if (slot == 0) {
-      break;
-    }
+    repeated_.push_back({data_name_, due.offset, 0,
+                         "the key is that of the entry at offset " + std::to_string(offset), false,
+                         true});
+    return true;
+  });
+  if (!leads) {
+    first_missed_ = missed_++ == 0 ? due.offset : first_missed_;
   }
-  first_missed_ = missed_++ == 0 ? due.offset : first_missed_;
-}
-
-bool IndexCheck::leads_to_same_key(std::uint64_t slot, const Due& due, std::uint64_t& earlier) {
-  earlier = slot & kOffsetMask;
-  return leads_to_entry(slot) && other_.key == due.key;
 }
 
 bool IndexCheck::leads_to_entry(std::uint64_t slot) {
-  const std::uint64_t offset = slot & kOffsetMask;
-  return offset >= format::kDataHeaderSize && offset % format::kAlignment == 0 &&
-         offset < data_.size() && IndexedScan::read(data_, offset, other_) == nullptr &&
-         has_tag(slot, hash_of(other_.key));
+  return IndexedScan::read_any(data_, IndexView::offset_of(slot), other_) &&
+         IndexView::has_tag(slot, hash_of(other_.key));
 }
 
 void IndexCheck::look_up_rest() {
@@ -129,8 +113,8 @@ void IndexCheck::check_slots() {
   const std::uint64_t indexed = index_.indexed();
   for (std::uint64_t at = 0; at < slots; ++at) {
     const std::uint64_t slot = index_.slot(at);
-    used +=
-        static_cast<unsigned>(slot != 0) & static_cast<unsigned>((slot & kOffsetMask) < indexed);
+    used += static_cast<unsigned>(slot != 0) &
+            static_cast<unsigned>(IndexView::offset_of(slot) < indexed);
   }
   if (used != found_) {
     tell_wrong_slots();
@@ -145,7 +129,7 @@ void IndexCheck::tell_wrong_slots() {
   std::uint64_t first = 0;
   for (std::uint64_t at = 0; at < index_.slots(); ++at) {
     const std::uint64_t slot = index_.slot(at);
-    if (slot != 0 && (slot & kOffsetMask) < index_.indexed() && !leads_to_entry(slot)) {
+    if (slot != 0 && IndexView::offset_of(slot) < index_.indexed() && !leads_to_entry(slot)) {
       first = wrong++ == 0 ? at : first;
     }
   }

@@ -41,7 +41,6 @@ class IndexCheck : public Visitor {
 
   void look_up_rest();
   void look_up(const Due& due);
-  bool leads_to_same_key(std::uint64_t slot, const Due& due, std::uint64_t& earlier);
   void check_slots();
   void tell_wrong_slots();
   bool leads_to_entry(std::uint64_t slot);

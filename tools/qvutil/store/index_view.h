@@ -33,6 +33,29 @@ class IndexView {
   bool has_only_zeros_behind() const { return has_only_zeros_behind_; }
   std::uint64_t slots() const { return page_.slots; }
 
+  // A slot is 0 if it is free. Otherwise it has the upper bits of the key's hash above the offset
+  // of the entry.
+  static std::uint64_t offset_of(std::uint64_t slot) { return slot & kOffsetMask; }
+  static bool has_tag(std::uint64_t slot, std::uint64_t hash) {
+    return ((slot ^ hash) & ~kOffsetMask) == 0;
+  }
+
+  // Calls `is_it` with the offset of each entry that the hash may lead to, until that returns true.
+  // False if none did. After map(), as what follows.
+  template <typename IsIt>
+  bool probe(std::uint64_t hash, const IsIt& is_it) const {
+    for (std::uint64_t probes = 0; probes < slots(); ++probes) {
+      const std::uint64_t found = slot((hash + probes) & (slots() - 1));
+      if (found == 0) {
+        return false;
+      }
+      if (has_tag(found, hash) && is_it(offset_of(found))) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   // The slot as it is now, at most slots() - 1. Only if it fits.
   std::uint64_t slot(std::uint64_t at) const {
     // A writer may store it meanwhile.
@@ -46,6 +69,8 @@ class IndexView {
   void map();
 
  private:
+  static constexpr std::uint64_t kOffsetMask = (std::uint64_t{1} << 48) - 1;
+
   struct Page {
     std::uint32_t magic = 0;
     std::uint32_t version = 0;

@@ -17,12 +17,6 @@ constexpr const char* kCut = "the entry is cut short";
 constexpr const char* kContradict = "the sizes of the entry contradict each other";
 constexpr const char* kChecksum = "the checksum of the entry is wrong";
 
-bool has_checksum(std::string_view bytes, const Entry& entry) {
-  const auto checksum = static_cast<std::uint32_t>(
-      ::util::Fingerprint64(bytes.data() + entry.offset + kSizeAt, entry.size - kSizeAt));
-  return checksum == format::number_at<std::uint32_t>(bytes, entry.offset + 4);
-}
-
 // How the bytes of an entry are divided.
 struct Sizes {
   std::uint64_t all = 0;
@@ -92,6 +86,17 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
     at += size;
   }
   return nullptr;
+}
+
+bool IndexedScan::read_any(std::string_view bytes, std::uint64_t offset, Entry& entry) {
+  return offset >= format::kDataHeaderSize && offset % format::kAlignment == 0 &&
+         offset < bytes.size() && read(bytes, offset, entry) == nullptr;
+}
+
+bool IndexedScan::has_checksum(std::string_view bytes, const Entry& entry) {
+  const auto checksum = static_cast<std::uint32_t>(
+      ::util::Fingerprint64(bytes.data() + entry.offset + kSizeAt, entry.size - kSizeAt));
+  return checksum == format::number_at<std::uint32_t>(bytes, entry.offset + 4);
 }
 
 bool IndexedScan::is_cut(std::string_view bytes, std::uint64_t offset) {

@@ -28,6 +28,11 @@ class IndexedScan {
   // checksum.
   static const char* read(std::string_view bytes, std::uint64_t offset, Entry& entry);
 
+  // The same for an offset from elsewhere, which may be any. Whether an entry may be there.
+  static bool read_any(std::string_view bytes, std::uint64_t offset, Entry& entry);
+
+  static bool has_checksum(std::string_view bytes, const Entry& entry);
+
   // Whether the entry at `offset` exceeds the bytes, as the write of a killed process leaves it.
   static bool is_cut(std::string_view bytes, std::uint64_t offset);
   // The place that such an entry is.
