@@ -331,6 +331,36 @@ TEST_F(Log, HasWhatWasRotatedOutOfIt) {
   EXPECT_EQ(log_of(of({file("log"), file("log.1"), file("log.2.gz")})).out, printed.out);
 }
 
+TEST_F(Log, HasWhatWasRotatedOutOfItByDate) {
+  write("log", record("7"));
+  write_compressed("log-20240302-13.gz", "gzip", record("6"));
+  write("log-20240302", record("5"));
+  write_compressed("log-20240302.gz", "gzip", record("half of 5"));  // is being made
+  write_compressed("log-20240301.gz", "gzip", record("4"));
+  write("log-20231231", record("3"));
+  write("log.1", record("2"));  // from before there were dates
+  write("log.2", record("1"));
+  for (const std::string other :
+       {"log-2024030", "log-20240301.bak", "log--20240301", "log-", "log-2024-03", "log_20240301",
+        "log20240301", "log-x20240301", "log-20240301x"}) {
+    write(other, record("other"));
+  }
+  std::string all;
+  for (int i = 1; i <= 7; ++i) {
+    all += record(std::to_string(i));
+  }
+  EXPECT_EQ(log_of(of({file("log")})).out, all);
+}
+
+TEST_F(Log, HasTheDatesOfHoursAndSeconds) {
+  write("log-2024-03-01-09", record("a"));
+  write("log-2024-03-01-10", record("b"));
+  EXPECT_EQ(log_of(of({file("log")})).out, record("a") + record("b"));
+  write("app-1709294400", record("c"));
+  write("app-1709298000", record("d"));
+  EXPECT_EQ(log_of(of({file("app")})).out, record("c") + record("d"));
+}
+
 TEST_F(Log, ThatIsGoneStillHasWhatWasRotated) {
   write("log.1", record("a"));
   EXPECT_EQ(log_of(of({file("log")})).out, record("a"));

@@ -22,33 +22,59 @@
 namespace quorvane::tool {
 namespace {
 
+// A file that was rotated out of a log: by number, as in FILE.2.gz, or by date, as in
+// FILE-20240301.gz.
 struct Generation {
+  std::string date;  // "20240301", "2024-03-01-1230"; empty: it has a number
   std::uint64_t number = 0;
-  std::string ending;  // ".1", ".2.gz"
+  std::string ending;  // ".1", ".2.gz", "-20240301.gz"
 
-  // Where a file is there plain and compressed, it is just being compressed, and the plain one
-  // is whole.
+  bool is_same(const Generation& other) const {
+    return date == other.date && number == other.number;
+  }
+
+  // The newest first. Who has both kinds has changed from numbers to dates, as most do. Where a
+  // file is there plain and compressed, it is just being compressed, and the plain one is whole.
   bool operator<(const Generation& other) const {
-    return number != other.number ? number < other.number : ending.size() < other.ending.size();
+    return date != other.date       ? date > other.date
+           : number != other.number ? number < other.number
+                                    : ending.size() < other.ending.size();
   }
 };
 
+// Of digits and hyphens: whether they are those of a day, at least.
+bool is_date(std::string_view text) {
+  return !text.empty() && text.front() != '-' &&
+         text.size() - static_cast<std::size_t>(std::count(text.begin(), text.end(), '-')) >= 8;
+}
+
+bool is_number(std::string_view text, std::uint64_t& number) {
+  return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc();
+}
+
+bool is_compression(std::string_view text) {
+  return text.empty() || text == ".gz" || text == ".xz" || text == ".zst" || text == ".bz2";
+}
+
 std::optional<Generation> generation_of(std::string_view name, const std::string& base) {
-  if (name.size() < base.size() + 2 || name.substr(0, base.size()) != base ||
-      name[base.size()] != '.') {
+  if (name.size() < base.size() + 2 || name.substr(0, base.size()) != base) {
     return std::nullopt;
   }
   const std::string_view ending = name.substr(base.size());
-  Generation generation{0, std::string(ending)};
-  const auto [end, error] =
-      std::from_chars(ending.data() + 1, ending.data() + ending.size(), generation.number);
-  const std::string_view rest = ending.substr(static_cast<std::size_t>(end - ending.data()));
-  const bool is_known =
-      rest.empty() || rest == ".gz" || rest == ".xz" || rest == ".zst" || rest == ".bz2";
-  return error == std::errc() && is_known ? std::optional(generation) : std::nullopt;
+  const bool is_dated = ending.front() == '-';
+  if (!is_dated && ending.front() != '.') {
+    return std::nullopt;
+  }
+  const std::size_t end =
+      std::min(ending.find_first_not_of(is_dated ? "0123456789-" : "0123456789", 1), ending.size());
+  const std::string_view stamp = ending.substr(1, end - 1);
+  Generation generation{is_dated ? std::string(stamp) : "", 0, std::string(ending)};
+  const bool is_known = (is_dated ? is_date(stamp) : is_number(stamp, generation.number)) &&
+                        is_compression(ending.substr(end));
+  return is_known ? std::optional(std::move(generation)) : std::nullopt;
 }
 
-// The newest first, one of each number.
+// The newest first, each once.
 std::vector<Generation> generations_of(const std::string& path) {
   const std::size_t name = path.rfind('/') + 1;  // npos + 1: no slash at all
   const std::string directory = name == 0 ? "." : path.substr(0, name);
@@ -68,11 +94,10 @@ std::vector<Generation> generations_of(const std::string& path) {
     throw failure_of("can't read " + shown(directory), errno);
   }
   std::sort(generations.begin(), generations.end());
-  const auto is_same = [](const Generation& a, const Generation& b) {
-    return a.number == b.number;
-  };
-  generations.erase(std::unique(generations.begin(), generations.end(), is_same),
-                    generations.end());
+  generations.erase(
+      std::unique(generations.begin(), generations.end(),
+                  [](const Generation& a, const Generation& b) { return a.is_same(b); }),
+      generations.end());
   return generations;
 }
 
