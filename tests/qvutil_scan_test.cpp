@@ -7,6 +7,7 @@
 #include <random>
 #include <set>
 
+#include "qvutil/store/repeated_keys.h"
 #include "support/hostile.h"
 #include "support/indexed_cache.h"
 #include "support/lazy_files.h"
@@ -200,6 +201,52 @@ TEST_P(Scan, TellsOfAKeyThatOccursTwice) {
   EXPECT_TRUE(std::any_of(found.places.begin(), found.places.end(), [](const auto& place) {
     return place.is_repeated_key;
   })) << found.places_text();
+}
+
+// Counts the entries, and the repeated keys whose first entry is `distance` before.
+class RepetitionCounter : public quorvane::tool::Visitor {
+ public:
+  explicit RepetitionCounter(std::uint64_t distance) : distance_(distance) {}
+
+  void entry(const quorvane::tool::Entry&) override { ++entries; }
+  void place(const quorvane::tool::Place& place) override {
+    right += place.is_repeated_key && place.reason == "the key is that of the entry at offset " +
+                                                          std::to_string(place.offset - distance_)
+                 ? 1
+                 : 0;
+    ++places;
+    offsets += place.offset;
+  }
+
+  std::uint64_t entries = 0;
+  std::uint64_t places = 0;
+  std::uint64_t right = 0;
+  std::uint64_t offsets = 0;  // their sum: none is told twice in the place of another
+
+ private:
+  const std::uint64_t distance_;
+};
+
+// More than are compared at once.
+TEST(ScanOfABasicCache, TellsOfEachOfManyKeysThatOccurTwice) {
+  constexpr std::size_t kKeys = quorvane::tool::RepeatedKeys::kMostSuspects + 1;
+  std::string entries;
+  std::uint64_t offsets = 0;
+  for (std::size_t i = 0; i < kKeys; ++i) {
+    offsets += 8 + entries.size();
+    entries += entry_bytes({std::to_string(i), {"v"}});
+  }
+  const TempDir dir;
+  write_file(dir.file("maps"), header_bytes(1) + entries + entries);
+  RepetitionCounter counter(entries.size());
+  std::ostringstream out;
+  quorvane::tool::Console console(out, out, {});
+  quorvane::tool::Progress progress(console, "", 0);
+  quorvane::tool::scan(console, {Kind::basic, dir.path(), "maps"}, counter, progress);
+  EXPECT_EQ(counter.entries, 2 * kKeys);
+  EXPECT_EQ(counter.places, kKeys);
+  EXPECT_EQ(counter.right, kKeys);
+  EXPECT_EQ(counter.offsets, offsets + kKeys * entries.size());
 }
 
 // --- random damage ---

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <iterator>
 
 #include "qvutil/store/key_hash.h"
 
@@ -45,28 +46,28 @@ void RepeatedKeys::finish() {
   added_count_ = 0;
 }
 
-bool RepeatedKeys::has_suspects() {
+bool RepeatedKeys::find_suspects() {
+  std::vector<std::uint64_t> again;
   Set set;
   for (const auto& hashes : hashes_) {
+    const auto found = static_cast<std::ptrdiff_t>(again.size());
     set.make_room(hashes.size());
-    for (const std::uint64_t hash : hashes) {
-      if (!set.insert(hash)) {
-        suspects_.push_back({hash, {}, 0});
-      }
+    std::copy_if(hashes.begin(), hashes.end(), std::back_inserter(again),
+                 [&set](std::uint64_t hash) { return !set.insert(hash); });
+    std::sort(again.begin() + found, again.end());
+    again.erase(std::unique(again.begin() + found, again.end()), again.end());
+    if (again.size() > kMostSuspects && parts_ == 1) {
+      return false;
     }
   }
   hashes_.clear();
   hashes_.shrink_to_fit();
   memory_.release();
-  const auto is_less = [](const Suspect& one, const Suspect& other) {
-    return one.hash < other.hash;
-  };
-  const auto is_same = [](const Suspect& one, const Suspect& other) {
-    return one.hash == other.hash;
-  };
-  std::sort(suspects_.begin(), suspects_.end(), is_less);
-  suspects_.erase(std::unique(suspects_.begin(), suspects_.end(), is_same), suspects_.end());
-  return !suspects_.empty();
+  suspects_.reserve(again.size());
+  for (const std::uint64_t hash : again) {
+    suspects_.push_back({hash, {}, 0});  // sorted, since the lists are
+  }
+  return true;
 }
 
 bool RepeatedKeys::all_differ(const RepeatedKeys& one, const RepeatedKeys& other, std::size_t from,

@@ -21,7 +21,8 @@ class RepeatedKeys {
   // Looks at one of so many parts of the keys. A part should have at most kMost of them.
   RepeatedKeys(std::uint64_t part, std::uint64_t parts) : part_(part), parts_(parts) {}
 
-  static constexpr std::uint64_t kMost = 6'000'000;  // 48 MB
+  static constexpr std::uint64_t kMost = 6'000'000;        // 48 MB
+  static constexpr std::uint64_t kMostSuspects = 500'000;  // 16 MB, when the 48 are free again
 
   // First pass. What exceeds kMost is left out.
   void add(std::string_view key);
@@ -29,8 +30,12 @@ class RepeatedKeys {
   // Ends the first pass.
   void finish();
 
-  // Between the passes: whether a second one is needed.
-  bool has_suspects();
+  // Between the passes. False if there are too many for the memory, unless this is one of several
+  // parts already.
+  bool find_suspects();
+
+  // After that: whether a second pass is needed.
+  bool has_suspects() const { return !suspects_.empty(); }
 
   // Instead of that, for keys that two objects have got: whether all hashes differ. Looks at the
   // part of them whose upper eight bits are in [from, to). Changes nothing: several threads may

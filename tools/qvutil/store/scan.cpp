@@ -51,11 +51,12 @@ class KeyCollector : public Visitor {
   Visitor& visitor_;
 };
 
-void tell_repeated(const std::string& name, bool is_damage, const Pass& pass, RepeatedKeys& keys,
+// False if that needs more parts.
+bool tell_repeated(const std::string& name, bool is_damage, const Pass& pass, RepeatedKeys& keys,
                    Visitor& visitor) {
   keys.finish();
-  if (!keys.has_suspects()) {
-    return;
+  if (!keys.find_suspects()) {
+    return false;
   }
   ForEach check([&](const Entry& entry) {
     if (const auto earlier = keys.earlier(entry.key, entry.offset)) {
@@ -64,24 +65,30 @@ void tell_repeated(const std::string& name, bool is_damage, const Pass& pass, Re
                      is_damage, true});
     }
   });
-  pass(check);
+  if (keys.has_suspects()) {
+    pass(check);
+  }
+  return true;
 }
 
 // Visits everything, and then the places of repeated keys.
 std::uint64_t scan_keys(const std::string& name, bool is_damage, const Pass& pass,
                         Visitor& visitor) {
   std::uint64_t entries = 0;
+  std::uint64_t most = RepeatedKeys::kMost;
   {
     RepeatedKeys keys(0, 1);
     KeyCollector collector(keys, visitor);
     entries = pass(collector);
-    if (entries <= RepeatedKeys::kMost) {
-      tell_repeated(name, is_damage, pass, keys, visitor);
-      return entries;
+    if (entries <= most) {
+      if (tell_repeated(name, is_damage, pass, keys, visitor)) {
+        return entries;
+      }
+      most = 4 * RepeatedKeys::kMostSuspects;  // each is two entries at least; see below
     }
   }
   // Twice as many as would do, since they are not of the same size.
-  const std::uint64_t parts = 2 * entries / RepeatedKeys::kMost + 1;
+  const std::uint64_t parts = 2 * entries / most + 1;
   for (std::uint64_t part = 0; part < parts; ++part) {
     RepeatedKeys keys(part, parts);
     ForEach collect([&](const Entry& entry) { keys.add(entry.key); });
