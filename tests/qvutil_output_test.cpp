@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "qvutil/output/console.h"
@@ -17,6 +19,7 @@ namespace {
 
 using namespace quorvane::tool;
 using testing::ElementsAre;
+using testing::HasSubstr;
 
 std::string every_byte() {
   std::string bytes;
@@ -153,6 +156,43 @@ TEST(Progress, SaysHowMuchIsDoneTheRateAndTheTimeLeft) {
   EXPECT_EQ(Progress::line("reading", 3'000'000, 0, 2), "reading: 3.0 MB, 1.5 MB/s");
   EXPECT_EQ(Progress::line("verifying", 200, 100, 1), "verifying: 100 % of 100 B, 200 B/s");
   EXPECT_EQ(Progress::line("verifying", 0, 100, 1), "verifying: 0 % of 100 B, 0 B/s");
+}
+
+TEST(Progress, BeginsAnewWhenWorkIsDoneOnceMore) {
+  Console::Style terminal;
+  terminal.progress = true;
+  Printed printed(terminal);
+  Progress progress(printed.console, "verifying", 1 << 20);
+  progress.at(1 << 20);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  progress.at(0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  progress.at(1 << 18);
+  EXPECT_THAT(printed.err.str(), HasSubstr("verifying: 25 % of 1.0 MB, "));
+}
+
+TEST(Status, GivesWayToWhatIsPrintedOnItsTerminal) {
+  Console::Style terminal;
+  terminal.columns = 80;
+  Printed printed(terminal);
+  printed.console.show_status("half done");
+  EXPECT_EQ(printed.err.str(), "\r\033[Khalf done");
+  printed.console.out() << "found\n";
+  EXPECT_EQ(printed.err.str(), "\r\033[Khalf done\r\033[K");
+  printed.console.out() << "found more\n";
+  printed.console.show_status("done");
+  printed.console.err() << "a message\n";
+  EXPECT_EQ(printed.err.str(), "\r\033[Khalf done\r\033[K\r\033[Kdone\r\033[Ka message\n");
+}
+
+TEST(Status, StaysWhenOutputGoesElsewhere) {
+  Printed printed(Console::Style{});
+  printed.console.show_status("half done");
+  printed.console.out() << "found\n";
+  EXPECT_EQ(printed.err.str(), "\r\033[Khalf done");
+  printed.console.clear_status();
+  printed.console.clear_status();
+  EXPECT_EQ(printed.err.str(), "\r\033[Khalf done\r\033[K");
 }
 
 TEST(Progress, IsSilentAtFirstAndWithoutATerminal) {

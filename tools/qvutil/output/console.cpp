@@ -9,6 +9,8 @@
 namespace quorvane::tool {
 namespace {
 
+constexpr std::string_view kEraseLine = "\r\033[K";
+
 bool wants_colour() {
   const char* no_color = std::getenv("NO_COLOR");
   const char* term = std::getenv("TERM");
@@ -47,6 +49,20 @@ Console::Style Console::style_of_process(bool json) {
     style.colour = !json && wants_colour();
   }
   return style;
+}
+
+// What was printed goes before it, in whole lines.
+void Console::show_status(std::string_view text) {
+  out_.flush();
+  err_ << kEraseLine << text << std::flush;
+  has_status_ = true;
+}
+
+void Console::clear_status() {
+  if (has_status_) {
+    has_status_ = false;
+    err_ << kEraseLine << std::flush;
+  }
 }
 
 std::string Console::paint(Colour colour, std::string_view text) const {

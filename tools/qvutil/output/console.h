@@ -27,8 +27,22 @@ class Console {
   // Of this process: colour on a terminal unless NO_COLOR is set or TERM is dumb.
   static Style style_of_process(bool json);
 
-  std::ostream& out() { return out_; }
-  std::ostream& err() { return err_; }
+  std::ostream& out() {
+    if (style_.columns != 0) {
+      clear_status();
+    }
+    return out_;
+  }
+  std::ostream& err() {
+    clear_status();
+    return err_;
+  }
+
+  // Shows a line on standard error, a terminal, until it is cleared or another text is printed on
+  // the terminal.
+  void show_status(std::string_view text);
+  void clear_status();
+
   const Style& style() const { return style_; }
   bool json() const { return style_.json; }
 
@@ -39,6 +53,7 @@ class Console {
   std::ostream& out_;
   std::ostream& err_;
   Style style_;
+  bool has_status_ = false;
 };
 
 }  // namespace quorvane::tool

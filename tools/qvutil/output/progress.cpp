@@ -7,35 +7,25 @@
 #include "qvutil/output/text.h"
 
 namespace quorvane::tool {
-namespace {
-
-constexpr const char* kEraseLine = "\r\033[K";
-constexpr std::uint64_t kStep = 65536;
-
-}  // namespace
-
 Progress::Progress(Console& console, std::string what, std::uint64_t total)
     : console_(console),
       what_(std::move(what)),
       total_(total),
       shows_(console.style().progress && !console.json()) {}
 
-Progress::~Progress() {
-  if (is_on_screen_) {
-    console_.err() << kEraseLine << std::flush;
-  }
-}
+Progress::~Progress() { console_.clear_status(); }
 
 void Progress::update(std::uint64_t done) {
-  next_done_ = done + kStep;
   const Clock::time_point now = Clock::now();
-  if (now < next_) {
+  const bool is_anew = done < done_;
+  start_ = is_anew ? now : start_;
+  done_ = done;
+  if (now < next_ || is_anew) {
     return;
   }
   next_ = now + std::chrono::milliseconds(100);
-  is_on_screen_ = true;
   const double seconds = std::chrono::duration<double>(now - start_).count();
-  console_.err() << kEraseLine << line(what_, times_ * done, total_, seconds) << std::flush;
+  console_.show_status(line(what_, times_ * done, total_, seconds));
 }
 
 std::string Progress::line(const std::string& what, std::uint64_t done, std::uint64_t total,

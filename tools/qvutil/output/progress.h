@@ -21,9 +21,10 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // So many bytes are done by now. Cheap: may be called for each entry.
+  // So many bytes are done by now; fewer than before when they are done once more. Cheap: may be
+  // called for each entry.
   void at(std::uint64_t done) {
-    if (shows_ && done >= next_done_) {
+    if (shows_ && (done < done_ || done - done_ >= kStep)) {
       update(done);
     }
   }
@@ -39,6 +40,7 @@ class Progress {
                           double seconds);
 
  private:
+  static constexpr std::uint64_t kStep = 65536;
   using Clock = std::chrono::steady_clock;
 
   explicit Progress(Console& console) : console_(console), total_(0), shows_(false) {}
@@ -50,10 +52,9 @@ class Progress {
   std::uint64_t total_;
   bool shows_;
   std::uint64_t times_ = 1;
-  std::uint64_t next_done_ = 0;  // the clock isn't read before
+  std::uint64_t done_ = 0;  // when the clock was read last
   Clock::time_point start_ = Clock::now();
   Clock::time_point next_ = start_ + std::chrono::seconds(1);
-  bool is_on_screen_ = false;
 };
 
 }  // namespace quorvane::tool
