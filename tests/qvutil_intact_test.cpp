@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "qvutil/store/basic_part.h"
 #include "qvutil/store/intact.h"
 #include "qvutil/store/piece_reader.h"
 #include "support/no_memory.h"
@@ -125,12 +126,14 @@ TEST_P(Intact, LeavesACacheThatIsCutShortToTheScan) {
 TEST_P(Intact, LeavesAKeyThatBothHalvesHaveToTheScan) {
   const ScannedCache whole = scanned(files_.root, files_.kind);
   const std::string bytes = read_file(main_file());
-  write_file(main_file(),
-             bytes + bytes.substr(whole.offsets[3], whole.offsets[4] - whole.offsets[3]));
-  if (GetParam() == Kind::basic) {
-    EXPECT_EQ(entries_if_intact(files_), std::nullopt);
+  for (std::size_t i = 0; i < 16; i += kOneOf) {  // each thread compares half of the keys
+    write_file(main_file(),
+               bytes + bytes.substr(whole.offsets[i], whole.offsets[i + 1] - whole.offsets[i]));
+    if (GetParam() == Kind::basic) {
+      EXPECT_EQ(entries_if_intact(files_), std::nullopt) << i;
+    }
+    expect_agreement("a repeated key");
   }
-  expect_agreement("a repeated key");
 }
 
 TEST_P(Intact, LeavesASmallCacheToTheScan) {
@@ -155,8 +158,11 @@ TEST_P(Intact, IsNotMisledByValuesThatHoldACache) {
 }
 
 SCENARIO(scan_refused) {
-  const bool is_thread = arguments.at(2) == "thread";
-  refuse(is_thread ? SYS_clone3 : SYS_pread64, is_thread ? EAGAIN : EIO);
+  if (arguments.at(2) == "thread") {
+    refuse(SYS_clone3, EAGAIN);
+  } else {  // the second piece of the file
+    refuse(SYS_pread64, EIO, When{3, quorvane::tool::PieceReader::kPiece + 8});
+  }
   std::uint64_t counted = 0;
   const Kind kind = arguments.at(1) == "basic" ? Kind::basic : Kind::indexed;
   const CacheFiles files{kind, arguments.at(0), "maps"};
@@ -171,15 +177,15 @@ TEST_P(Intact, LeavesACacheToTheScanWhenNoThreadCanBeHad) {
             "0 40000 ");
 }
 
-// Neither thread waits for one that has failed.
-TEST_P(Intact, EndsWithoutMemory) {
+// The other thread doesn't wait for the one that fails.
+TEST_P(Intact, EndsWithoutMemoryForOneThread) {
   bool has_failed = true;
   for (std::size_t successes = 0; has_failed; ++successes) {
     const FailingAllocation failing(successes);
     std::optional<std::uint64_t> entries;
     try {
       entries = entries_if_intact(files_);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::bad_alloc&) {  // before the halves
     }
     has_failed = FailingAllocation::end();
     EXPECT_EQ(entries.value_or(kEntries), kEntries) << successes;
@@ -223,6 +229,18 @@ TEST_P(IntactBasic, LeavesAKeyThatExceedsAPieceToTheScan) {
   std::uint64_t counted = 0;
   EXPECT_EQ(places_of(files, counted), "");
   EXPECT_EQ(counted, kEntries + 2);
+}
+
+TEST_P(IntactBasic, LeavesMoreKeysThanTheMemoryIsForToTheScan) {
+  const auto file = quorvane::tool::MappedFile::open(main_file());
+  std::ostringstream out;
+  quorvane::tool::Console console(out, out, {});
+  quorvane::tool::Progress progress(console, "", 0);
+  for (const std::size_t most : {kEntries, kEntries - 1}) {
+    quorvane::tool::BasicPart part(*file, 8, file->size(), most);
+    EXPECT_EQ(part.is_whole(progress), most == kEntries);
+    EXPECT_EQ(part.entries(), most);
+  }
 }
 
 TEST_P(IntactBasic, LeavesWhatIsEmptyToTheScan) {

@@ -5,6 +5,7 @@
 #include <quorvane/log.h>
 #include <quorvane/module.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -332,7 +333,9 @@ TEST_F(Log, HasWhatWasRotatedOutOfIt) {
 }
 
 TEST_F(Log, HasWhatWasRotatedOutOfItByDate) {
-  write("log", record("7"));
+  write("log", record("8"));
+  std::filesystem::create_symlink("gone", file("log-20240305"));  // as if it has gone just now
+  write_compressed("log-20240305.gz", "gzip", record("7"));
   write_compressed("log-20240302-13.gz", "gzip", record("6"));
   write("log-20240302", record("5"));
   write_compressed("log-20240302.gz", "gzip", record("half of 5"));  // is being made
@@ -342,11 +345,14 @@ TEST_F(Log, HasWhatWasRotatedOutOfItByDate) {
   write("log.2", record("1"));
   for (const std::string other :
        {"log-2024030", "log-20240301.bak", "log--20240301", "log-", "log-2024-03", "log_20240301",
-        "log20240301", "log-x20240301", "log-20240301x"}) {
+        "log20240301", "log-x20240301", "log-20240301x", "log-20241301", "log-20240332",
+        "log-12345678-1234", "log-1", "log.1-1", "log.-1"}) {
     write(other, record("other"));
   }
+  std::filesystem::create_directory(file("log-20240303"));
+  ASSERT_EQ(mkfifo(file("log-20240304").c_str(), 0600), 0);
   std::string all;
-  for (int i = 1; i <= 7; ++i) {
+  for (int i = 1; i <= 8; ++i) {
     all += record(std::to_string(i));
   }
   EXPECT_EQ(log_of(of({file("log")})).out, all);
@@ -356,6 +362,11 @@ TEST_F(Log, HasTheDatesOfHoursAndSeconds) {
   write("log-2024-03-01-09", record("a"));
   write("log-2024-03-01-10", record("b"));
   EXPECT_EQ(log_of(of({file("log")})).out, record("a") + record("b"));
+  write("log-20240302", record("a day later"));
+  EXPECT_EQ(log_of(of({file("log")})).out, record("a") + record("b") + record("a day later"));
+  write("web.20240302", record("e"));
+  write("web.20240301", record("d"));
+  EXPECT_EQ(log_of(of({file("web")})).out, record("d") + record("e"));
   write("app-1709294400", record("c"));
   write("app-1709298000", record("d"));
   EXPECT_EQ(log_of(of({file("app")})).out, record("c") + record("d"));

@@ -343,10 +343,11 @@ class ReadingByIndex : public Reading {
 
   Ran get() const { return qvutil({"get", root() + "/one", "key"}); }
 
+  std::size_t at_ = 4096;
+
  private:
   static constexpr std::uint64_t kOffsets = std::uint64_t{1} << 48;
 
-  std::size_t at_ = 4096;
   std::uint64_t slot_ = 0;
 };
 
@@ -369,6 +370,29 @@ TEST_F(ReadingByIndex, GetSearchesWhereTheSlotLeadsElsewhere) {
     EXPECT_EQ(get().out, "first") << offset;
   }
   std::filesystem::remove(index_file());
+  EXPECT_EQ(get().out, "first");
+}
+
+// The slot is the first one, because all between its place and the end are taken.
+TEST_F(ReadingByIndex, GetGoesOnAtTheFirstSlotBehindTheLast) {
+  ASSERT_TRUE(store(root(), Kind::indexed, "two", {{"key", {"second"}}}));
+  const std::string data = read_file(data_file());
+  write_file(data_file(), data + read_file(root() + "/dat_two").substr(kFirstIndexedEntry));
+  lead_to(data.size());
+  std::string index = read_file(index_file());
+  const std::string slot = index.substr(at_, 8);
+  for (std::size_t at = at_; at < index.size(); at += 8) {
+    index.replace(at, 8, le64(~number_at(slot, 0, 8)));
+  }
+  index.replace(4096, 8, slot);
+  write_file(index_file(), index);
+  EXPECT_EQ(get().out, "second");
+}
+
+TEST_F(ReadingByIndex, GetSearchesWhenTheIndexDoesNotFit) {
+  std::string index = read_file(index_file());
+  index.replace(48, 8, le64(std::uint64_t{1} << 40));  // so many slots
+  write_file(index_file(), index);
   EXPECT_EQ(get().out, "first");
 }
 

@@ -7,6 +7,7 @@
 #include <random>
 #include <set>
 
+#include "qvutil/store/indexed_scan.h"
 #include "qvutil/store/repeated_keys.h"
 #include "support/hostile.h"
 #include "support/indexed_cache.h"
@@ -201,6 +202,29 @@ TEST_P(Scan, TellsOfAKeyThatOccursTwice) {
   EXPECT_TRUE(std::any_of(found.places.begin(), found.places.end(), [](const auto& place) {
     return place.is_repeated_key;
   })) << found.places_text();
+}
+
+// Forged slots may lead to one entry with many atoms again and again.
+TEST(ScanOfAnIndexedCache, ReadsAnEntryFromAnyOffsetAtItsCost) {
+  const TempDir dir;
+  {
+    const auto cache = open_cache(dir.path());
+    ASSERT_TRUE(add(*cache, "key", "value"));
+  }
+  const std::string data = read_file(dir.file("dat_maps"));
+  quorvane::tool::Entry entry;
+  std::uint64_t tries = 5;  // one, and one for the atom
+  const auto reads = [&](std::uint64_t offset) {
+    return quorvane::tool::IndexedScan::read_any(data, offset, entry, tries);
+  };
+  for (const std::uint64_t offset : {0, 8, 65, 80, 96, 1 << 20}) {
+    EXPECT_FALSE(reads(offset)) << offset;
+  }
+  EXPECT_EQ(tries, 5U);
+  EXPECT_TRUE(reads(kFirstIndexedEntry));
+  EXPECT_TRUE(reads(kFirstIndexedEntry));
+  EXPECT_FALSE(reads(kFirstIndexedEntry));
+  EXPECT_EQ(tries, 1U);
 }
 
 // Counts the entries, and the repeated keys whose first entry is `distance` before.

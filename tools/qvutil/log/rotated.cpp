@@ -25,15 +25,15 @@ namespace {
 // A file that was rotated out of a log: by number, as in FILE.2.gz, or by date, as in
 // FILE-20240301.gz.
 struct Generation {
-  std::string date;  // "20240301", "2024-03-01-1230"; empty: it has a number
+  std::string date;  // its digits; empty: it has a number
   std::uint64_t number = 0;
-  std::string ending;  // ".1", ".2.gz", "-20240301.gz"
+  std::string ending;  // ".1", ".2.gz", "-2024-03-01.gz"
 
   bool is_same(const Generation& other) const {
     return date == other.date && number == other.number;
   }
 
-  // The newest first. Who has both kinds has changed from numbers to dates, as most do. Where a
+  // The newest first. Where both kinds are there, numbers are taken for the older one. Where a
   // file is there plain and compressed, it is just being compressed, and the plain one is whole.
   bool operator<(const Generation& other) const {
     return date != other.date       ? date > other.date
@@ -42,14 +42,15 @@ struct Generation {
   }
 };
 
-// Of digits and hyphens: whether they are those of a day, at least.
-bool is_date(std::string_view text) {
-  return !text.empty() && text.front() != '-' &&
-         text.size() - static_cast<std::size_t>(std::count(text.begin(), text.end(), '-')) >= 8;
-}
-
-bool is_number(std::string_view text, std::uint64_t& number) {
-  return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc();
+// Whether digits are a day, perhaps with a time of the day, or seconds since 1970.
+bool is_date(const std::string& digits) {
+  constexpr std::size_t kSecondsDigits = 10;
+  if (digits.size() < 8) {
+    return false;
+  }
+  const int month = std::stoi(digits.substr(4, 2));
+  const int day = std::stoi(digits.substr(6, 2));
+  return (month >= 1 && month <= 12 && day >= 1 && day <= 31) || digits.size() == kSecondsDigits;
 }
 
 bool is_compression(std::string_view text) {
@@ -61,20 +62,27 @@ std::optional<Generation> generation_of(std::string_view name, const std::string
     return std::nullopt;
   }
   const std::string_view ending = name.substr(base.size());
-  const bool is_dated = ending.front() == '-';
-  if (!is_dated && ending.front() != '.') {
+  const std::size_t end = std::min(ending.find_first_not_of("0123456789-", 1), ending.size());
+  std::string stamp(ending.substr(1, end - 1));
+  const bool has_separator = ending.front() == '.' || ending.front() == '-';
+  if (!has_separator || stamp.empty() || stamp.front() == '-' ||
+      !is_compression(ending.substr(end))) {
     return std::nullopt;
   }
-  const std::size_t end =
-      std::min(ending.find_first_not_of(is_dated ? "0123456789-" : "0123456789", 1), ending.size());
-  const std::string_view stamp = ending.substr(1, end - 1);
-  Generation generation{is_dated ? std::string(stamp) : "", 0, std::string(ending)};
-  const bool is_known = (is_dated ? is_date(stamp) : is_number(stamp, generation.number)) &&
-                        is_compression(ending.substr(end));
-  return is_known ? std::optional(std::move(generation)) : std::nullopt;
+  const bool is_plain = stamp.find('-') == std::string::npos;
+  stamp.erase(std::remove(stamp.begin(), stamp.end(), '-'), stamp.end());
+  if (is_date(stamp)) {
+    return Generation{std::move(stamp), 0, std::string(ending)};
+  }
+  Generation generation{"", 0, std::string(ending)};
+  const bool is_number =
+      is_plain && ending.front() == '.' &&
+      std::from_chars(stamp.data(), stamp.data() + stamp.size(), generation.number).ec ==
+          std::errc();
+  return is_number ? std::optional(std::move(generation)) : std::nullopt;
 }
 
-// The newest first, each once.
+// The newest first.
 std::vector<Generation> generations_of(const std::string& path) {
   const std::size_t name = path.rfind('/') + 1;  // npos + 1: no slash at all
   const std::string directory = name == 0 ? "." : path.substr(0, name);
@@ -94,19 +102,19 @@ std::vector<Generation> generations_of(const std::string& path) {
     throw failure_of("can't read " + shown(directory), errno);
   }
   std::sort(generations.begin(), generations.end());
-  generations.erase(
-      std::unique(generations.begin(), generations.end(),
-                  [](const Generation& a, const Generation& b) { return a.is_same(b); }),
-      generations.end());
   return generations;
 }
 
-// Null if the file is gone, is a directory, or was seen before.
-std::unique_ptr<Source> open_unseen(const std::string& path, FileIds& seen) {
-  const int fd = path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC);
+using Sources = std::vector<std::unique_ptr<Source>>;
+
+// Opens a file that was not seen before. False if there is no such file. What has the name of a
+// rotated file may be something else, and then counts as none.
+bool add_unseen(const std::string& path, bool is_rotated, FileIds& seen, Sources& sources) {
+  const int flags = O_RDONLY | O_CLOEXEC | (is_rotated ? O_NONBLOCK : 0);
+  const int fd = path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), flags);
   if (fd < 0) {
     if (errno == ENOENT) {
-      return nullptr;
+      return false;
     }
     throw failure_of("can't open " + shown(path), errno);
   }
@@ -115,28 +123,39 @@ std::unique_ptr<Source> open_unseen(const std::string& path, FileIds& seen) {
   if (fstat(fd, &status) != 0) {
     throw failure_of("can't read " + shown(path), errno);
   }
+  if (is_rotated && !S_ISREG(status.st_mode)) {
+    return false;
+  }
   if (S_ISDIR(status.st_mode)) {
     throw failure_of("can't read " + shown(path), EISDIR);
   }
-  return seen.emplace(status.st_dev, status.st_ino).second ? std::move(source) : nullptr;
+  if (seen.emplace(status.st_dev, status.st_ino).second) {
+    sources.push_back(std::move(source));
+  }
+  return true;
+}
+
+// One of those that are the same generation: if the plain one is gone, it is compressed by now.
+void add_generations(const std::string& path, FileIds& seen, Sources& sources) {
+  const std::vector<Generation> generations = generations_of(path);
+  const Generation* added = nullptr;
+  for (const Generation& generation : generations) {
+    if ((added == nullptr || !added->is_same(generation)) &&
+        add_unseen(path + generation.ending, true, seen, sources)) {
+      added = &generation;
+    }
+  }
 }
 
 }  // namespace
 
 std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen) {
   const std::size_t seen_before = seen.size();
-  std::vector<std::unique_ptr<Source>> sources;
-  const auto add = [&](const std::string& file) {
-    if (auto source = open_unseen(file, seen)) {
-      sources.push_back(std::move(source));
-    }
-  };
+  Sources sources;
   // From the newest one: a file that a rotation renames meanwhile is met again, not missed.
-  add(path);
+  add_unseen(path, false, seen, sources);
   if (path != "-") {
-    for (const Generation& generation : generations_of(path)) {
-      add(path + generation.ending);
-    }
+    add_generations(path, seen, sources);
   }
   if (sources.empty() && seen.size() == seen_before && access(path.c_str(), F_OK) != 0) {
     throw failure_of("can't open " + shown(path), ENOENT);

@@ -16,9 +16,9 @@ namespace quorvane::tool {
 using FileIds = std::set<std::pair<std::uint64_t, std::uint64_t>>;  // device and inode
 
 // FILE.N and FILE.N.gz, the greatest N first, FILE-DATE and FILE-DATE.gz, the earliest date first,
-// and then FILE itself; "-" is standard input. All
-// are opened at once, so that a rotation meanwhile neither hides a file nor shows it twice.
-// Leaves out those in `seen`, and adds the others. Throws Failure if there is none at all.
+// and then FILE itself; "-" is standard input. All are opened at once, so that a rotation
+// meanwhile neither hides a file nor shows it twice. Leaves out those in `seen`, and adds the
+// others. Throws Failure if there is none at all.
 std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen);
 
 }  // namespace quorvane::tool

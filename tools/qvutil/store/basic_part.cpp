@@ -1,6 +1,5 @@
 #include "qvutil/store/basic_part.h"
 
-#include <new>
 #include <string_view>
 
 #include "qvutil/store/format.h"
@@ -8,25 +7,21 @@
 namespace quorvane::tool {
 namespace {
 
-constexpr std::uint64_t kMostKeys = RepeatedKeys::kMost / 2;  // the other half has as many
-
 std::uint64_t number(const char* bytes) {
   return format::number_at<std::uint64_t>({bytes, format::kNumber}, 0);
 }
 
 }  // namespace
 
-bool BasicPart::is_whole(Progress& progress) try {
+bool BasicPart::is_whole(Progress& progress) {
   while (!pieces_.is_at_end()) {
-    if (keys_.count() == kMostKeys || !take_entry()) {
+    if (keys_.count() == most_keys_ || !take_entry()) {
       return false;
     }
     progress.at(pieces_.offset());
   }
   keys_.finish();
   return true;
-} catch (const std::bad_alloc&) {
-  return false;
 }
 
 bool BasicPart::take_entry() {

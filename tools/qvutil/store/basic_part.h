@@ -13,10 +13,10 @@ namespace quorvane::tool {
 // Finds out whether a part is nothing but whole entries, and collects their keys.
 class BasicPart {
  public:
-  BasicPart(const MappedFile& file, std::uint64_t from, std::uint64_t to)
-      : pieces_(file, from, to) {}
+  BasicPart(const MappedFile& file, std::uint64_t from, std::uint64_t to, std::uint64_t most_keys)
+      : pieces_(file, from, to), most_keys_(most_keys) {}
 
-  // False if it may not be, or has too many keys or too large ones for the memory.
+  // False if it may not be, has more keys, or a key that exceeds a piece.
   bool is_whole(Progress& progress);
 
   // After that.
@@ -27,6 +27,7 @@ class BasicPart {
   bool take_entry();
 
   PieceReader pieces_;
+  const std::uint64_t most_keys_;
   RepeatedKeys keys_{0, 1};
 };
 

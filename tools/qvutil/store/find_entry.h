@@ -11,8 +11,8 @@
 
 namespace quorvane::tool {
 
-// Calls `use` with the first whole entry that has the key. False if there is none. An indexed
-// store's index leads to it; where that doesn't, and in other kinds, all entries are searched.
+// Calls `use` with a whole entry that has the key. False if there is none. An indexed store's
+// index leads to it; where that doesn't, and in other kinds, it is the first one of all entries.
 // What is damaged is passed over, and counted on standard error if the key isn't found.
 bool find_entry(Console& console, const CacheFiles& files, std::string_view key,
                 const std::function<void(const Entry&)>& use);

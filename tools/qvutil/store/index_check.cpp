@@ -24,7 +24,11 @@ std::uint64_t place_of(std::uint64_t slot) {
 
 IndexCheck::IndexCheck(const IndexView& index, std::string data_name, std::string_view data,
                        Visitor& visitor)
-    : index_(index), data_name_(std::move(data_name)), data_(data), visitor_(visitor) {}
+    : index_(index),
+      data_name_(std::move(data_name)),
+      data_(data),
+      visitor_(visitor),
+      tries_left_(1'000'000 + data.size()) {}
 
 void IndexCheck::entry(const Entry& entry) {
   visitor_.entry(entry);
@@ -48,7 +52,7 @@ void IndexCheck::look_up(const Due& due) {
       ++found_;
       return true;
     }
-    if (!IndexedScan::read_any(data_, offset, other_) || other_.key != due.key) {
+    if (!IndexedScan::read_any(data_, offset, other_, tries_left_) || other_.key != due.key) {
       return false;
     }
     repeated_.push_back({data_name_, due.offset, 0,
@@ -62,7 +66,7 @@ void IndexCheck::look_up(const Due& due) {
 }
 
 bool IndexCheck::leads_to_entry(std::uint64_t slot) {
-  return IndexedScan::read_any(data_, IndexView::offset_of(slot), other_) &&
+  return IndexedScan::read_any(data_, IndexView::offset_of(slot), other_, tries_left_) &&
          IndexView::has_tag(slot, hash_of(other_.key));
 }
 

@@ -54,6 +54,7 @@ class IndexCheck : public Visitor {
   std::size_t due_count_ = 0;
   Entry other_;
   std::vector<Place> repeated_;
+  std::uint64_t tries_left_;  // to follow slots that lead elsewhere
   std::uint64_t found_ = 0;   // slots that lead to their entry
   std::uint64_t missed_ = 0;  // entries that no slot leads to
   std::uint64_t first_missed_ = 0;

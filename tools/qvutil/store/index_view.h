@@ -41,7 +41,7 @@ class IndexView {
   }
 
   // Calls `is_it` with the offset of each entry that the hash may lead to, until that returns true.
-  // False if none did. After map(), as what follows.
+  // False if none did. Only if the index fits, and after map(), as slot() and prefetch().
   template <typename IsIt>
   bool probe(std::uint64_t hash, const IsIt& is_it) const {
     for (std::uint64_t probes = 0; probes < slots(); ++probes) {
@@ -56,7 +56,7 @@ class IndexView {
     return false;
   }
 
-  // The slot as it is now, at most slots() - 1. Only if it fits.
+  // The slot as it is now, at most slots() - 1.
   std::uint64_t slot(std::uint64_t at) const {
     // A writer may store it meanwhile.
     auto* const slot =

@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::uint64_t kEntryHeaderSize = 24;
 constexpr std::uint64_t kSizeAt = 8;
+constexpr std::uint64_t kAtomsAt = 20;
 constexpr const char* kCut = "the entry is cut short";
 constexpr const char* kContradict = "the sizes of the entry contradict each other";
 constexpr const char* kChecksum = "the checksum of the entry is wrong";
@@ -35,7 +36,7 @@ const char* read_sizes(std::string_view bytes, std::uint64_t offset, Sizes& size
   }
   sizes.all = format::number_at<std::uint64_t>(bytes, offset + kSizeAt);
   sizes.key = format::number_at<std::uint32_t>(bytes, offset + 16);
-  sizes.atoms = format::number_at<std::uint32_t>(bytes, offset + 20);
+  sizes.atoms = format::number_at<std::uint32_t>(bytes, offset + kAtomsAt);
   const std::uint64_t fixed = kEntryHeaderSize + sizes.atoms * format::kNumber + sizes.key;
   if (sizes.key == 0 || sizes.atoms == 0 || fixed > sizes.all) {
     return kContradict;
@@ -88,9 +89,19 @@ const char* IndexedScan::read(std::string_view bytes, std::uint64_t offset, Entr
   return nullptr;
 }
 
-bool IndexedScan::read_any(std::string_view bytes, std::uint64_t offset, Entry& entry) {
-  return offset >= format::kDataHeaderSize && offset % format::kAlignment == 0 &&
-         offset < bytes.size() && read(bytes, offset, entry) == nullptr;
+bool IndexedScan::read_any(std::string_view bytes, std::uint64_t offset, Entry& entry,
+                           std::uint64_t& tries) {
+  if (offset < format::kDataHeaderSize || offset % format::kAlignment != 0 ||
+      offset >= bytes.size() || bytes.size() - offset < kEntryHeaderSize ||
+      format::number_at<std::uint32_t>(bytes, offset) != format::kEntryMagic) {
+    return false;
+  }
+  const std::uint64_t atoms = format::number_at<std::uint32_t>(bytes, offset + kAtomsAt);
+  if (atoms > (bytes.size() - offset) / format::kNumber || atoms >= tries) {
+    return false;
+  }
+  tries -= 1 + atoms;
+  return read(bytes, offset, entry) == nullptr;
 }
 
 bool IndexedScan::has_checksum(std::string_view bytes, const Entry& entry) {

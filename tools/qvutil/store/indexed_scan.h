@@ -28,8 +28,11 @@ class IndexedScan {
   // checksum.
   static const char* read(std::string_view bytes, std::uint64_t offset, Entry& entry);
 
-  // The same for an offset from elsewhere, which may be any. Whether an entry may be there.
-  static bool read_any(std::string_view bytes, std::uint64_t offset, Entry& entry);
+  // The same for an offset from a slot, which may be any: whether an entry may be there. Each call
+  // takes what it costs off `tries`, and fails if that is too little: forged slots may all lead to
+  // the same large entry.
+  static bool read_any(std::string_view bytes, std::uint64_t offset, Entry& entry,
+                       std::uint64_t& tries);
 
   static bool has_checksum(std::string_view bytes, const Entry& entry);
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <latch>
+#include <new>
 #include <string_view>
 #include <system_error>
 
@@ -36,6 +37,18 @@ void run_both(const std::function<void()>& first, const std::function<void()>& s
   other.get();
 }
 
+// The thread arrives at its end, even if it fails: the other one waits for it.
+class Arrival {
+ public:
+  explicit Arrival(std::latch& latch) : latch_(latch) {}
+  ~Arrival() { latch_.count_down(); }
+  Arrival(const Arrival&) = delete;
+  Arrival& operator=(const Arrival&) = delete;
+
+ private:
+  std::latch& latch_;
+};
+
 std::uint64_t entries_of_basic(Console& console, OpenedCache& cache, Progress& progress) {
   MappedFile& file = *cache.main;
   const std::string_view bytes = file.bytes();
@@ -43,15 +56,18 @@ std::uint64_t entries_of_basic(Console& console, OpenedCache& cache, Progress& p
   check_header(file, format::kMagic, format::kBasicVersion, format::kHeaderSize, no_place);
   const BasicFormat format(bytes);
   const std::uint64_t middle = RecordWalk("", format, no_place).entry_from(bytes.size() / 2);
-  BasicPart first(file, format::kHeaderSize, middle);
-  BasicPart second(file, middle, bytes.size());
+  BasicPart first(file, format::kHeaderSize, middle, RepeatedKeys::kMost / 2);
+  BasicPart second(file, middle, bytes.size(), RepeatedKeys::kMost / 2);
   Progress none = Progress::none(console);
   std::array<bool, 2> is_whole{};
   std::array<bool, 2> differ{};
   std::latch both(2);  // cheaper than another two threads for the keys
   const auto check = [&](std::size_t own, BasicPart& part, Progress& shown) {
-    is_whole[own] = part.is_whole(shown);
-    both.arrive_and_wait();
+    {
+      const Arrival arrival(both);
+      is_whole[own] = part.is_whole(shown);
+    }
+    both.wait();
     constexpr std::size_t kHalf = RepeatedKeys::kLists / 2;
     differ[own] =
         is_whole[0] && is_whole[1] &&
@@ -91,26 +107,30 @@ std::uint64_t entries_of_indexed(Console& console, OpenedCache& cache, Progress&
   return entries[0] + entries[1];
 }
 
+std::optional<std::uint64_t> entries_of(Console& console, OpenedCache& cache,
+                                        Progress& progress) try {
+  return cache.kind == Kind::basic ? entries_of_basic(console, cache, progress)
+                                   : entries_of_indexed(console, cache, progress);
+} catch (const NotIntact&) {
+  return std::nullopt;
+} catch (const std::bad_alloc&) {
+  return std::nullopt;
+} catch (const std::system_error&) {  // no thread can be had
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<std::uint64_t> entries_if_intact(Console& console, OpenedCache& cache,
-                                               Progress& progress) try {
+                                               Progress& progress) {
   if (cache.kind == Kind::lazy_lookup || !cache.places.empty() || !cache.main ||
       cache.main->size() < kWorthAThread) {
     return std::nullopt;
   }
   progress.stand_for(2);
-  const std::uint64_t entries = cache.kind == Kind::basic
-                                    ? entries_of_basic(console, cache, progress)
-                                    : entries_of_indexed(console, cache, progress);
+  const auto entries = entries_of(console, cache, progress);
   progress.stand_for(1);
   return entries;
-} catch (const NotIntact&) {
-  progress.stand_for(1);
-  return std::nullopt;
-} catch (const std::system_error&) {  // no thread can be had
-  progress.stand_for(1);
-  return std::nullopt;
 }
 
 }  // namespace quorvane::tool

@@ -11,7 +11,7 @@
 namespace quorvane::tool {
 
 // Who looks at each byte only once is faster with a piece of the file in the processor's cache than
-// with a mapping: the kernel makes and removes no page of it, and reads ahead of it.
+// with a mapping: the kernel maps and unmaps no pages, and reads ahead.
 class PieceReader {
  public:
   // A caller can have no more at a time.
@@ -36,7 +36,8 @@ class PieceReader {
     return bytes;
   }
 
-  // Reads so many bytes that nobody looks at. False if it can't.
+  // Skips `size` bytes, but reads them: a disk may have an error there. False if they can't be
+  // read.
   bool pass(std::uint64_t size);
 
  private:

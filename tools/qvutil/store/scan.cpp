@@ -13,7 +13,8 @@
 #include "qvutil/store/index_check.h"
 #include "qvutil/store/indexed_scan.h"
 #include "qvutil/store/intact.h"
-#include "qvutil/store/read_cache.h"
+#include "qvutil/store/lock.h"
+#include "qvutil/store/opened_cache.h"
 #include "qvutil/store/record_formats.h"
 #include "qvutil/store/records.h"
 #include "qvutil/store/repeated_keys.h"
@@ -181,17 +182,28 @@ Scanned scan_opened(const CacheFiles& files, OpenedCache& cache, Visitor& visito
   return scanned;
 }
 
+// Holds the store's lock only while the end of the files isn't known.
+template <typename Read>
+Scanned open_and(Console& console, const CacheFiles& files, const Read& read) {
+  const BusErrors guard;
+  std::optional<ReadLock> lock(std::in_place, console, files);
+  OpenedCache cache(files, lock->noted());
+  if (cache.leave_out_rest()) {
+    lock.reset();
+  }
+  return read(cache);
+}
+
 }  // namespace
 
 Scanned scan(Console& console, const CacheFiles& files, Visitor& visitor, Progress& progress) {
-  return read_cache(console, files, [&](OpenedCache& cache) {
-    return scan_opened(files, cache, visitor, progress);
-  });
+  return open_and(console, files,
+                  [&](OpenedCache& cache) { return scan_opened(files, cache, visitor, progress); });
 }
 
 Scanned scan_places(Console& console, const CacheFiles& files, Visitor& visitor,
                     Progress& progress) {
-  return read_cache(console, files, [&](OpenedCache& cache) {
+  return open_and(console, files, [&](OpenedCache& cache) {
     const auto entries = entries_if_intact(console, cache, progress);
     return entries ? Scanned{*entries, cache.bytes()}
                    : scan_opened(files, cache, visitor, progress);
