@@ -94,6 +94,7 @@ TEST(CommandLine, SaysWhichWordIsWrongAndWhatWasMeant) {
   EXPECT_EQ(qvutil({"xyzzy"}).err, "qvutil: unknown command xyzzy\n");
   EXPECT_EQ(qvutil({"pids", "--prun", "set"}).err,
             "qvutil pids: unknown option --prun; did you mean --prune?\n");
+  EXPECT_EQ(qvutil({"\033[2J"}).err, "qvutil: unknown command \\x1b[2J\n");
   EXPECT_EQ(qvutil({"pids", "set", "--jso"}).err,
             "qvutil pids: unknown option --jso; did you mean --json?\n");
   EXPECT_EQ(qvutil({"pids", "set", "surplus"}).err, "qvutil pids: unknown argument surplus\n");
@@ -102,6 +103,29 @@ TEST(CommandLine, SaysWhichWordIsWrongAndWhatWasMeant) {
        {test::Arguments{"verfy"}, {"pids", "--prun", "set"}, {"pids"}, {"pids", "a", "b"}}) {
     EXPECT_TRUE(qvutil(wrong).exited_with(2));
   }
+}
+
+TEST(CommandLine, HasHelpForACommand) {
+  EXPECT_EQ(qvutil({"help", "repair"}).out, qvutil({"repair", "--help"}).out);
+  const test::Ran ran = qvutil({"help", "verfy"});
+  EXPECT_TRUE(ran.exited_with(2));
+  EXPECT_EQ(ran.err, "qvutil: unknown command verfy; did you mean verify?\n");
+}
+
+// Names of caches, keys and files may be those of commands.
+TEST(CommandLine, TakesOnlyItsFirstWordForACommand) {
+  const test::TempDir dir;
+  test::write_file(dir.file("key_ls"), "no store");
+  for (const test::Arguments& arguments : {test::Arguments{"help", "rm", dir.file("ls"), "key"},
+                                           {"ls", dir.path(), "rm", "x", "key"}}) {
+    const test::Ran ran = qvutil(arguments);
+    EXPECT_TRUE(ran.exited_with(2)) << arguments[0];
+    EXPECT_THAT(ran.err, HasSubstr("qvutil " + arguments[0] + ": unknown argument "));
+  }
+  EXPECT_THAT(qvutil({"rm", dir.file("x"), "key", "ls"}).err, HasSubstr("qvutil rm: no cache "));
+  EXPECT_THAT(qvutil({"verify", dir.file("x"), "compact", "ls"}).err,
+              HasSubstr("qvutil verify: no cache "));
+  EXPECT_THAT(qvutil({"log", dir.file("x"), "report"}).err, HasSubstr("qvutil log: can't open "));
 }
 
 TEST(CommandLine, SaysThatItsOutputIsLost) {

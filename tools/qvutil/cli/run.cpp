@@ -6,6 +6,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 
 #include "qvutil/cli/commands.h"
 #include "qvutil/output/suggest.h"
+#include "qvutil/output/text.h"
 
 namespace quorvane::tool {
 namespace {
@@ -72,13 +74,38 @@ int complain_of(const std::string& word, CLI::App& command) {
             << (is_option                         ? "option "
                 : command.get_parent() == nullptr ? "command "
                                                   : "argument ")
-            << text;
+            << shown(text);
   const std::string meant = suggestion(text, candidates_for(text, command));
   if (!meant.empty()) {
     std::cerr << "; did you mean " << meant << "?";
   }
   std::cerr << "\n";
   return kFailed;
+}
+
+// The page of a command; without a name, that of all.
+Outcome print_help(Console& console, CLI::App& app, const std::string& name) {
+  if (name.empty()) {
+    console.out() << page_of(app);
+    return Outcome::fine;
+  }
+  for (CLI::App* command : app.get_subcommands({})) {
+    if (command->get_name() == name) {
+      console.out() << command->help("qvutil");
+      return Outcome::fine;
+    }
+  }
+  complain_of(name, app);
+  return Outcome::failed;
+}
+
+void add_help(CLI::App& app, Action& action) {
+  CLI::App* const help = app.add_subcommand("help", "This page, or that of a command");
+  const auto name = std::make_shared<std::string>();
+  help->add_option("COMMAND", *name, "The command");
+  help->callback([&app, &action, name] {
+    action = [&app, name](Console& console) { return print_help(console, app, *name); };
+  });
 }
 
 CLI::App& chosen_command(CLI::App& app) {
@@ -132,16 +159,12 @@ bool parse(CLI::App& app, int argc, char** argv, int& status) {
 int run_command(int argc, char** argv) {
   CLI::App app("Looks into what programs with the library leave on disk, and mends it.", "qvutil");
   app.fallthrough();
+  app.require_subcommand(0, 1);  // later words are no commands, even if they are named like one
   bool json = false;
   app.add_flag("--json", json, "Print one JSON object a line");
   Action action;
   add_commands(app, action);
-  app.add_subcommand("help", "This page")->callback([&] {
-    action = [&](Console& console) {
-      console.out() << page_of(app);
-      return Outcome::fine;
-    };
-  });
+  add_help(app, action);
   int status = kFailed;
   if (!parse(app, argc, argv, status)) {
     return status;
