@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -93,6 +94,11 @@ SCENARIO(take_and_leave_the_lock) {
   return 0;
 }
 
+SCENARIO(add_one_entry) {
+  add_one("first", 1);
+  return 0;
+}
+
 TEST(StoreFLockNote, ThatMakesNoSenseIsClearedInSilence) {
   for (const std::string& text :
        {std::string("text"), std::string(5000, 'x'), std::string(100, '\0')}) {
@@ -105,6 +111,17 @@ TEST(StoreFLockNote, ThatMakesNoSenseIsClearedInSilence) {
     EXPECT_EQ(test::read_file(root.file("lock_maps")), "");
     EXPECT_EQ(test::read_file(root.file("maps")), "what is there");
   }
+}
+
+// Whoever may write to the root may have made the link, and the process may be root's.
+TEST(StoreFLockNote, IsNotWrittenOverWhatALinkLeadsTo) {
+  const StoreRoot root;
+  test::write_file(root.file("victim"), "somebody else's");
+  std::filesystem::create_symlink("victim", root.file("lock_maps"));
+  EXPECT_TRUE(root.run_unlimited("take_and_leave_the_lock").exited_with(0));
+  EXPECT_EQ(root.run_unlimited("add_one_entry").messages(), Messages{});
+  EXPECT_EQ(test::read_file(root.file("maps")), test::basic_file({{"first", {"v"}}}));
+  EXPECT_EQ(test::read_file(root.file("victim")), "somebody else's");
 }
 
 // The reader of the note can't write to the lock file. If it appended, the next process would

@@ -65,6 +65,12 @@ bool is_store_file(std::string_view content) {
   return magic == QV_CACHE_STORE_MAGIC_NUMBER;
 }
 
+// What a link leads to may be any file: what is in it isn't the library's.
+bool is_link(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 // After a failed open of the lock file: whether its directory is gone.
 bool has_no_place() { return errno == ENOENT || errno == ENOTDIR; }
 
@@ -395,8 +401,8 @@ void StoreFLock::undo_unfinished_append() try {
   std::array<char, kLargestNote> bytes;
   const ssize_t size = std::max<ssize_t>(pread(fd_, bytes.data(), bytes.size(), 0), 0);
   const std::string_view content(bytes.data(), static_cast<std::size_t>(size));
-  holds_store_ = is_store_file(content);
   const auto note = AppendNote::decode(path_.substr(0, path_.rfind('/')), content);
+  holds_store_ = is_store_file(content) || (!note && is_link(path_));
   if (is_read_only_) {
     note_stays_ = note.has_value();
     return;
