@@ -178,6 +178,26 @@ TEST_P(Scan, AgreesWithTheLibraryOnEveryChangedByte) {
   EXPECT_GT(checked_, 600);
 }
 
+TEST_P(Scan, KeepsTheLastEntryBeforeZeros) {
+  make({{"a", {"1"}}, {"b", {"2"}}});
+  for (std::size_t zeros = 1; zeros < 70; ++zeros) {
+    Files files = whole_;
+    files[0].second.append(zeros, '\0');
+    write_files(root(), files);
+    EXPECT_EQ(scan_files().entries.size(), 2U) << zeros;
+    expect_agreement(files, std::to_string(zeros) + " zeros");
+  }
+}
+
+// They may be those of a value whose size is wrong.
+TEST(ScanOfABasicCache, BelievesNoSizesBeforeZerosThatFollowZeros) {
+  const TempDir dir;
+  const std::string last = entry_bytes({"b", {std::string("2\0", 2)}});
+  write_file(dir.file("maps"),
+             header_bytes(1) + entry_bytes({"a", {"1"}}) + last + std::string(5, '\0'));
+  EXPECT_EQ(scanned(dir.path(), Kind::basic).entries.size(), 1U);
+}
+
 TEST_P(Scan, ChangesNoByteOfAnyFile) {
   make(kHostileEntries);
   whole_.back().second += "rest";

@@ -108,10 +108,16 @@ bool RecordWalk::is_believed(std::uint64_t offset, std::uint64_t end) {
   if (next_entry(offset + 1, end, end) < end) {
     return false;  // an entry begins inside and ends behind it: its sizes are too large
   }
-  // Otherwise the next entry is damaged, if there is room for it, unless the value seems to go
-  // on: its sizes are too small.
+  // Otherwise the next entry is damaged, if there is room for it, or the system has left zeros
+  // behind the last one, unless the value seems to go on: its sizes are too small.
   const std::uint64_t next = next_entry(end, bytes_.size(), end);
-  return next - end >= format_.least_size() && !goes_on(end);
+  return (next - end >= format_.least_size() || is_zero_from(end)) && !goes_on(end);
+}
+
+// After a power loss, for example. Zeros behind zeros may belong to the value.
+bool RecordWalk::is_zero_from(std::uint64_t end) const {
+  return bytes_.find_first_not_of('\0', end) == std::string_view::npos &&
+         (!format_.ends_with_value() || bytes_[end - 1] != '\0');
 }
 
 bool RecordWalk::goes_on(std::uint64_t end) const {

@@ -67,6 +67,7 @@ class RecordWalk {
   bool is_followed(std::uint64_t end) const;
   bool is_whole_at(std::uint64_t offset, std::uint64_t& end);
   bool is_believed(std::uint64_t offset, std::uint64_t end);
+  bool is_zero_from(std::uint64_t end) const;
   bool goes_on(std::uint64_t end) const;
   std::uint64_t chain_end(std::uint64_t offset, std::uint64_t limit);
   std::uint64_t next_entry(std::uint64_t from, std::uint64_t limit, std::uint64_t beyond);
