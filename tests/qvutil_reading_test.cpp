@@ -463,10 +463,18 @@ TEST_F(Reading, VerifyTellsWhereWhatIsDamagedAndHowManyEntriesAreWhole) {
 
 TEST_F(Reading, VerifyGoesOnAfterACacheThatItCantRead) {
   write_file(root() + "/newer", header_bytes(2));
-  const Ran ran = qvutil({"verify", root() + "/newer", cache(Kind::basic)});
+  const Ran ran = qvutil({"verify", root() + "/newer", root() + "/absent", cache(Kind::basic)});
   EXPECT_TRUE(ran.exited_with(2));
   EXPECT_THAT(ran.err, HasSubstr("newer has version 2 of its format"));
+  EXPECT_THAT(ran.err, HasSubstr("qvutil verify: no cache absent in "));
   EXPECT_THAT(ran.out, StartsWith("basic (basic): whole"));
+}
+
+TEST(Verify, SaysThatARootIsEmpty) {
+  const TempDir dir;
+  const Ran ran = qvutil({"verify", "--root", dir.path()});
+  EXPECT_TRUE(ran.exited_with(0));
+  EXPECT_EQ(ran.err, "There are no caches in " + dir.path() + ".\n");
 }
 
 SCENARIO(is_killed_while_it_appends) { return append_and_be_killed(options_of(arguments)) ? 0 : 1; }

@@ -79,26 +79,41 @@ Outcome verify_one(Console& console, const CacheFiles& files) {
   return verifier.damaged == 0 ? Outcome::fine : Outcome::found;
 }
 
-}  // namespace
-
-Outcome verify(Console& console, const VerifyOptions& options) {
-  std::vector<CacheFiles> all;
-  if (options.root) {
-    all = caches_of(root_or_default(*options.root));
-  } else if (options.caches.empty()) {
-    throw Failure("say which caches, or --root");
+// Another cache may be whole although this one can't be found or read.
+template <typename Find>
+Outcome verify_if_possible(Console& console, const Find& find) {
+  try {
+    return verify_one(console, find());
+  } catch (const Failure& failure) {
+    console.err() << "qvutil verify: " << failure.what() << '\n';
+    return Outcome::failed;
   }
-  for (const std::string& cache : options.caches) {
-    all.push_back(find_cache(cache, kind_named(options.kind)));
+}
+
+Outcome verify_root(Console& console, const std::string& root) {
+  const std::vector<CacheFiles> all = caches_of(root);
+  if (all.empty()) {
+    console.err() << "There are no caches in " << shown(root) << ".\n";
   }
   Outcome outcome = Outcome::fine;
   for (const CacheFiles& files : all) {
-    try {
-      outcome = std::max(outcome, verify_one(console, files));
-    } catch (const Failure& failure) {  // the others may be whole
-      console.err() << "qvutil verify: " << failure.what() << '\n';
-      outcome = Outcome::failed;
-    }
+    outcome = std::max(outcome, verify_if_possible(console, [&] { return files; }));
+  }
+  return outcome;
+}
+
+}  // namespace
+
+Outcome verify(Console& console, const VerifyOptions& options) {
+  if (!options.root && options.caches.empty()) {
+    throw Failure("say which caches, or --root");
+  }
+  Outcome outcome =
+      options.root ? verify_root(console, root_or_default(*options.root)) : Outcome::fine;
+  for (const std::string& cache : options.caches) {
+    outcome = std::max(outcome, verify_if_possible(console, [&] {
+                         return find_cache(cache, kind_named(options.kind));
+                       }));
   }
   return outcome;
 }
