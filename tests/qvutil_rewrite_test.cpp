@@ -303,6 +303,32 @@ TEST_P(QvutilRewrite, ConvertReplacesACacheOnlyWithForce) {
   EXPECT_EQ(content_of(target), kSome);
 }
 
+TEST_P(QvutilRewrite, ConvertRefusesNamesOfOtherCachesFiles) {
+  const CacheFiles demo = stored(kSome);
+  const std::vector<std::string> names = test::names_in(root_.path());
+  const std::string bytes = read_file(demo.main_file());
+  for (const char* prefix :
+       {"lock_", "key_", "val_", "dat_", "idx_", "new_", "newdat_", "newidx_", ".qvutil_"}) {
+    for (const Kind kind : test::kAllKinds) {
+      const std::string as = root_.file(prefix + std::string("demo"));
+      EXPECT_THROW(convert(demo, name_of(kind), as, console_, true), Failure) << as;
+    }
+  }
+  EXPECT_THROW(convert(demo, "basic", root_.file("lock"), console_), Failure);
+  EXPECT_EQ(test::names_in(root_.path()), names);
+  EXPECT_EQ(read_file(demo.main_file()), bytes);
+}
+
+TEST_P(QvutilRewrite, ConvertTakesASourceOfSuchANameToAnother) {
+  const CacheFiles odd = cache("lock_other");
+  ASSERT_TRUE(test::store_all(odd, kSome));
+  for (const Kind kind : test::kAllKinds) {
+    EXPECT_THROW(convert(odd, name_of(kind), "", console_), Failure);
+  }
+  EXPECT_EQ(convert(odd, "basic", root_.file("newer"), console_), Outcome::fine);
+  EXPECT_EQ(content_of({Kind::basic, root_.path(), "newer"}), kSome);
+}
+
 TEST_P(QvutilRewrite, ConvertTakesWhatIsWholeOfADamagedCache) {
   const CacheFiles demo = stored(kSome);
   std::string bytes = read_file(demo.main_file());

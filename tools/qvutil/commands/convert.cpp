@@ -114,13 +114,14 @@ class Locks {
 };
 
 CacheFiles target_of(const ConvertOptions& options, const EntrySource& source, Kind kind) {
-  if (!options.as.empty()) {
-    return named_cache(options.as, kind);
-  }
-  if (!source.cache()) {
+  if (options.as.empty() && !source.cache()) {
     throw Failure(kNeedsName);
   }
-  return {kind, source.cache()->root, source.cache()->name};
+  CacheFiles target = options.as.empty()
+                          ? CacheFiles{kind, source.cache()->root, source.cache()->name}
+                          : named_cache(options.as, kind);
+  expect_own_name(target);
+  return target;
 }
 
 // Whoever may use the source may use a new cache, too.

@@ -1,6 +1,9 @@
 #include "qvutil/rewrite/target.h"
 
+#include <algorithm>
+#include <array>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "qvutil/output/outcome.h"
@@ -9,6 +12,13 @@
 #include "qvutil/store/format.h"
 
 namespace quorvane::tool {
+namespace {
+
+// What the names of the files of a cache NAME begin with.
+constexpr std::array<std::string_view, 9> kPrefixes{
+    "lock_", "key_", "val_", "dat_", "idx_", "new_", "newdat_", "newidx_", ".qvutil_"};
+
+}  // namespace
 
 CacheFiles named_cache(const std::string& cache, Kind kind) {
   const std::size_t slash = cache.rfind('/');
@@ -18,6 +28,20 @@ CacheFiles named_cache(const std::string& cache, Kind kind) {
     throw Failure("a cache is ROOT/NAME or NAME, not " + shown(cache));
   }
   return {kind, root_or_default(has_root ? cache.substr(0, slash + 1) : ""), name};
+}
+
+void expect_own_name(const CacheFiles& cache) {
+  const std::string& name = cache.name;
+  const auto* const prefix =
+      std::find_if(kPrefixes.begin(), kPrefixes.end(),
+                   [&](std::string_view each) { return name.compare(0, each.size(), each) == 0; });
+  if (prefix != kPrefixes.end()) {
+    throw Failure("the new cache can't be named " + shown(name) + ": files of other caches have " +
+                  "names that begin with " + std::string(*prefix) + "; choose another with --as");
+  }
+  if (name == "lock") {
+    throw Failure("the new cache can't be named lock: that is a lock file");
+  }
 }
 
 std::string canonical_lock(const CacheFiles& cache) {

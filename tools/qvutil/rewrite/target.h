@@ -12,6 +12,9 @@ namespace quorvane::tool {
 // neither.
 CacheFiles named_cache(const std::string& cache, Kind kind);
 
+// Throws Failure if files of other caches, or of this tool, have names like that of the new cache.
+void expect_own_name(const CacheFiles& cache);
+
 // The lock of a cache, the same for all paths that lead to it. Throws Failure if there is no such
 // directory.
 std::string canonical_lock(const CacheFiles& cache);
