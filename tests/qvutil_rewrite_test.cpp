@@ -329,6 +329,41 @@ TEST_P(QvutilRewrite, ConvertTakesASourceOfSuchANameToAnother) {
   EXPECT_EQ(content_of({Kind::basic, root_.path(), "newer"}), kSome);
 }
 
+// Also where root converts the cache of another user.
+TEST_P(QvutilRewrite, ConvertMakesFilesLikeThoseOfTheSource) {
+  constexpr uid_t kOther = 12345;
+  const CacheFiles demo = stored(kSome);
+  for (const std::string& file : demo.files()) {
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    if (geteuid() == 0) {
+      ASSERT_EQ(chown(file.c_str(), kOther, kOther), 0);
+    }
+  }
+  for (const Kind kind : test::kAllKinds) {
+    const CacheFiles copy{kind, root_.path(), std::string("as_") + name_of(kind)};
+    EXPECT_EQ(convert(demo, name_of(kind), path_of(copy), console_), Outcome::fine);
+    std::vector<std::string> files = copy.files();
+    files.push_back(copy.lock_file());
+    for (const std::string& file : files) {
+      struct stat status {};
+      ASSERT_EQ(stat(file.c_str(), &status), 0) << file;
+      EXPECT_EQ(status.st_mode & 07777, 0640U) << file;
+      EXPECT_EQ(status.st_uid, geteuid() == 0 ? kOther : geteuid()) << file;
+      EXPECT_EQ(status.st_gid, geteuid() == 0 ? kOther : getegid()) << file;
+    }
+  }
+}
+
+TEST_P(QvutilRewrite, AMissingLockFileIsMadeLikeTheData) {
+  const CacheFiles demo = stored(kSome);
+  ASSERT_EQ(chmod(demo.main_file().c_str(), 0460), 0);
+  ASSERT_EQ(unlink(demo.lock_file().c_str()), 0);
+  EXPECT_EQ(rm(demo, {"b"}, console_), Outcome::fine);
+  struct stat status {};
+  ASSERT_EQ(stat(demo.lock_file().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
+}
+
 TEST_P(QvutilRewrite, ConvertTakesWhatIsWholeOfADamagedCache) {
   const CacheFiles demo = stored(kSome);
   std::string bytes = read_file(demo.main_file());
@@ -384,6 +419,7 @@ TEST(QvutilConvertLines, NeedsANameAndAFile) {
   EXPECT_THROW(convert_lines("/nonexistent", "basic", "/nonexistent/root/demo", console), Failure);
   const test::TempDir root;
   EXPECT_THROW(convert_lines("/nonexistent", "basic", root.file("demo"), console), Failure);
+  EXPECT_EQ(test::names_in(root.path()), std::vector<std::string>());
 }
 
 TEST(QvutilConvertRemote, FailsWithoutServers) {

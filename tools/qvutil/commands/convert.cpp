@@ -1,5 +1,8 @@
 #include "qvutil/commands/convert.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
@@ -30,11 +33,22 @@ struct Converted {
   Places places;
 };
 
+// Before a lock file is made. Opens nothing: whoever writes to a pipe would hear that it is closed.
+void expect_readable(const std::vector<std::string>& files) {
+  for (const std::string& name : files) {
+    if (name != "-" && faccessat(AT_FDCWD, name.c_str(), R_OK, AT_EACCESS) != 0) {
+      throw failure_of("can't open " + shown(name), errno);
+    }
+  }
+}
+
 // Where entries come from.
 class EntrySource {
  public:
   explicit EntrySource(const ConvertOptions& options) : options_(options) {
-    if (!options.from_json_lines) {
+    if (options.from_json_lines) {
+      expect_readable(options.sources);
+    } else {
       cache_ = find_cache(options.sources.front(), kind_named(options.kind));
     }
   }
@@ -125,10 +139,9 @@ CacheFiles target_of(const ConvertOptions& options, const EntrySource& source, K
 }
 
 // Whoever may use the source may use a new cache, too.
-void adopt_mode_of(const CacheFiles& source, const CacheFiles& staged) {
-  for (const std::string& path : staged.files()) {
-    adopt_mode(path, source.main_file());
-  }
+std::string file_to_be_like(const EntrySource& source, const CacheFiles& target) {
+  const bool is_new = source.cache() && !size_of_file(target.main_file());
+  return is_new ? source.cache()->main_file() : target.main_file();
 }
 
 Converted convert_to_files(Console& console, const ConvertOptions& options,
@@ -137,6 +150,8 @@ Converted convert_to_files(Console& console, const ConvertOptions& options,
       canonical_lock(*source.cache()) == canonical_lock(target)) {
     throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
   }
+  const std::string like = file_to_be_like(source, target);
+  ensure_lock_file(target, like);
   ensure_pair(target);
   const Locks locks(console, source.cache(), target);
   if (has_content(target) && !options.force) {
@@ -148,10 +163,7 @@ Converted convert_to_files(Console& console, const ConvertOptions& options,
     const auto writer = make_writer(workspace.staged());
     done = source.copy_to(*writer, console, true);
   }
-  if (source.cache()) {
-    adopt_mode_of(*source.cache(), workspace.staged());
-  }
-  install(workspace.staged(), target);
+  install(workspace.staged(), target, like);
   return done;
 }
 

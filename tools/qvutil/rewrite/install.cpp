@@ -23,8 +23,12 @@ void install_files(const CacheFiles& staged, const CacheFiles& cache) {
 }  // namespace
 
 void install(const CacheFiles& staged, const CacheFiles& cache) {
+  install(staged, cache, cache.main_file());
+}
+
+void install(const CacheFiles& staged, const CacheFiles& cache, const std::string& like) {
   for (const std::string& path : staged.files()) {
-    adopt_mode(path, cache.main_file());
+    adopt_mode(path, like);
     sync_file(path);
   }
   if (cache.kind == Kind::lazy_lookup) {

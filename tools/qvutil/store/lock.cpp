@@ -121,7 +121,25 @@ class RootInEnvironment {
 
 }  // namespace
 
+void ensure_lock_file(const CacheFiles& files, const std::string& like) {
+  struct stat data {};
+  if (stat(like.c_str(), &data) != 0) {
+    return;
+  }
+  // A link that somebody has put there isn't followed: its file would get another owner.
+  const int fd = open(files.lock_file().c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    return;
+  }
+  // Only root may give a file away. Otherwise the umask has decided who else may take the lock.
+  if (fchown(fd, data.st_uid, data.st_gid) == 0) {
+    fchmod(fd, (data.st_mode & 0666) | S_IRUSR | S_IWUSR);
+  }
+  close(fd);
+}
+
 WriteLock::WriteLock(Console& console, const CacheFiles& files) {
+  ensure_lock_file(files, files.main_file());
   // The library's own wait is told in its log only.
   const int fd = take(console, files, LOCK_EX);
   if (fd >= 0) {

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <quorvane/file_store.h>
@@ -16,12 +17,17 @@
 
 namespace quorvane::tool {
 
+// Makes the lock file of a cache if there is none. Whoever may use the file `like` may take the
+// lock, also if root makes it. Does nothing without such a file, or if the kernel refuses: then the
+// library tries.
+void ensure_lock_file(const CacheFiles& files, const std::string& like);
+
 // The exclusive lock, as a process with the library takes it: it undoes an append that was cut
 // short. For commands that change files. Waiting for longer than a second is said on standard
 // error, with the holder.
 class WriteLock {
  public:
-  // Throws Failure if the lock file can't be opened.
+  // Makes the lock file, like the data. Throws Failure if it can't be opened.
   WriteLock(Console& console, const CacheFiles& files);
   ~WriteLock();
   WriteLock(const WriteLock&) = delete;
