@@ -58,6 +58,13 @@ Outcome convert_lines(const std::string& file, const std::string& to, const std:
   return quorvane::tool::convert(console.get(), {{file}, true, "", to, as, false});
 }
 
+// The entries of a cache twice, as processes leave them that append the same ones.
+void repeat_entries(const CacheFiles& cache) {
+  const std::string bytes = read_file(cache.main_file());
+  write_file(cache.main_file(), bytes + bytes.substr(cache.kind == Kind::indexed ? 64 : 8));
+  unlink(cache.path("idx_").c_str());
+}
+
 class QvutilRewrite : public ::testing::TestWithParam<Kind> {
  protected:
   CacheFiles cache(const std::string& name = "demo") const {
@@ -183,9 +190,7 @@ TEST_P(QvutilRewrite, CompactFindsNothingToDropInACompactCache) {
 TEST_P(QvutilRewrite, CompactDropsRepeatedKeys) {
   const CacheFiles demo = stored(kSome);
   const std::uint64_t size = size_of(demo);
-  const std::string bytes = read_file(demo.main_file());
-  write_file(demo.main_file(), bytes + bytes.substr(demo.kind == Kind::indexed ? 64 : 8));
-  unlink(demo.path("idx_").c_str());
+  repeat_entries(demo);
   EXPECT_EQ(compact(demo, console_), Outcome::fine);
   EXPECT_NE(console_.out().find("dropped 3 repeated keys\n"), std::string::npos) << console_.out();
   EXPECT_EQ(size_of(demo), size);
@@ -271,6 +276,15 @@ TEST_P(QvutilRewrite, JsonLinesThereAndBackLoseNothing) {
   EXPECT_EQ(convert_lines(root_.file("demo.jsonl"), name_of(copy.kind), path_of(copy), console_),
             Outcome::fine);
   EXPECT_EQ(content_of(copy), all_bytes());
+}
+
+TEST_P(QvutilRewrite, JsonLinesHaveTheFirstEntryOfAKey) {
+  const CacheFiles demo = stored({{"k", {"1"}}, {"other", {"2"}}});
+  EXPECT_EQ(convert(demo, "jsonl", "", console_), Outcome::fine);
+  repeat_entries(demo);
+  test::HeardConsole repeated;
+  convert(demo, "jsonl", "", repeated);
+  EXPECT_EQ(repeated.out(), console_.out());
 }
 
 TEST_P(QvutilRewrite, ConvertKeepsTheNameUnlessToldOtherwise) {

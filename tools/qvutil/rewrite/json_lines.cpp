@@ -1,6 +1,8 @@
 #include "qvutil/rewrite/json_lines.h"
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <vector>
 
 #include "qvutil/output/json.h"
@@ -51,9 +53,22 @@ ParsedEntry parse_line(const std::string& line, const std::string& name, std::ui
   }
 }
 
+// It is only used for many keys, so a wrong TMPDIR is no reason to fail here.
+std::string temporary_directory() {
+  std::error_code error;
+  const std::filesystem::path path = std::filesystem::temp_directory_path(error);
+  return error ? "/tmp" : path.string();
+}
+
 }  // namespace
 
+JsonLinesWriter::JsonLinesWriter(Console& console)
+    : console_(console), seen_(temporary_directory()) {}
+
 bool JsonLinesWriter::add(std::string_view key, const Atoms& atoms) {
+  if (!seen_.add(key)) {
+    return false;
+  }
   Json entry{{"key", json_of_bytes(key)}, {"atoms", Json::array()}};
   for (const std::string_view atom : atoms) {
     entry["atoms"].push_back(json_of_bytes(atom));

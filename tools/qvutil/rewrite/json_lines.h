@@ -8,19 +8,22 @@
 
 #include "qvutil/output/console.h"
 #include "qvutil/rewrite/entry_writer.h"
+#include "qvutil/rewrite/seen_keys.h"
 
 namespace quorvane::tool {
 
-// Prints them. Doesn't tell repeated keys.
+// Prints them. What it needs to tell many repeated keys is in the directory for temporary files: it
+// may not be allowed to write to the root of the source.
 class JsonLinesWriter : public EntryWriter {
  public:
-  explicit JsonLinesWriter(Console& console) : console_(console) {}
+  explicit JsonLinesWriter(Console& console);
 
   bool add(std::string_view key, const Atoms& atoms) override;
   void finish() override {}
 
  private:
   Console& console_;
+  SeenKeys seen_;
 };
 
 struct JsonLinesRead {
