@@ -271,7 +271,29 @@ TEST_P(QvutilRepair, SaysInJsonWhatWasLost) {
   EXPECT_EQ(repair(damaged, console), Outcome::fine);
   const std::string out = console.out();
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
-  EXPECT_NE(out.find(R"("entries":2,"places":1)"), std::string::npos) << out;
+  EXPECT_NE(out.find(R"("entries":2,"repeated":0,"places":1)"), std::string::npos) << out;
+}
+
+TEST_P(QvutilRepair, SaysHowManyEntriesTheResultHas) {
+  const CacheFiles damaged = stored("demo", kSome);
+  const std::string second =
+      damaged_bytes(damaged).substr(placed(damaged.kind, kSome)[0].main.begin);
+  const std::string twice = read_file(damaged.main_file()) + second;
+  unlink(damaged.path("idx_").c_str());
+  for (const bool dry_run : {true, false}) {
+    write_file(damaged.main_file(), twice);
+    test::HeardConsole console;
+    repair(damaged, console, dry_run);
+    const std::string out = console.out();
+    EXPECT_NE(out.find(dry_run ? "Would keep 3 entries and lose " : "Kept 3 entries, lost "),
+              std::string::npos)
+        << out;
+    EXPECT_NE(
+        out.find(dry_run ? "; would leave out 2 repeated keys\n" : "; left out 2 repeated keys\n"),
+        std::string::npos)
+        << out;
+  }
+  EXPECT_EQ(content_of(damaged), kSome);
 }
 
 TEST_P(QvutilRepair, KeepsTheModeOfTheFile) {

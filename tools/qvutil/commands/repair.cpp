@@ -25,6 +25,7 @@ void print_json_summary(Console& console, const CacheFiles& cache, const DamageR
                        {"kind", name_of(cache.kind)},
                        {"whole", report.places().count() == 0},
                        {"entries", report.entries()},
+                       {"repeated", report.repeated()},
                        {"places", report.places().count()},
                        {"bytes_lost", report.places().bytes()},
                        {"damaged_files", names}});
@@ -36,6 +37,13 @@ std::string list_of(const std::vector<std::string>& names) {
     list += (list.empty() ? "" : ", ") + shown(name);
   }
   return list;
+}
+
+// "; left out 2 repeated keys", or nothing if there are none.
+std::string repeated_text(const DamageReport& report, const char* what) {
+  return report.repeated() == 0
+             ? ""
+             : "; " + (what + counted(report.repeated(), "repeated key", "repeated keys"));
 }
 
 void print(Console& console, const CacheFiles& cache, const DamageReport& report, bool is_done,
@@ -50,12 +58,14 @@ void print(Console& console, const CacheFiles& cache, const DamageReport& report
     return;
   }
   if (places.count() == 0) {
-    console.out() << shown(cache.name) << " is whole: " << entries << "\n";
+    console.out() << shown(cache.name) << " is whole: " << entries << repeated_text(report, "")
+                  << "\n";
     return;
   }
   console.out() << (is_done ? "Kept " : "Would keep ") << entries
                 << (is_done ? ", lost " : " and lose ") << counted(places.bytes(), "byte", "bytes")
-                << " in " << counted(places.count(), "place", "places") << "\n";
+                << " in " << counted(places.count(), "place", "places")
+                << repeated_text(report, is_done ? "left out " : "would leave out ") << "\n";
   if (!kept.empty()) {
     console.out() << "What was damaged is in " << list_of(kept) << "\n";
   }

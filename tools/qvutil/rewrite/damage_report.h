@@ -13,17 +13,20 @@ namespace quorvane::tool {
 class DamageReport : public Visitor {
  public:
   void entry(const Entry&) override { ++entries_; }
-  // A lazy cache doesn't open if a key is repeated: the repair keeps the first entry.
   void place(const Place& place) override {
     places_.add(place);
-    entries_ -= place.is_damage && place.is_repeated_key ? 1 : 0;
+    repeated_ += place.is_repeated_key ? 1 : 0;
   }
 
-  std::uint64_t entries() const { return entries_; }  // that a repair keeps
+  // Of a repeated key, the first entry counts.
+  std::uint64_t entries() const { return entries_ - repeated_; }
+  // The other entries of those keys. A repair leaves them out.
+  std::uint64_t repeated() const { return repeated_; }
   const Places& places() const { return places_; }
 
  private:
   std::uint64_t entries_ = 0;
+  std::uint64_t repeated_ = 0;
   Places places_;
 };
 
