@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <string>
 #include <tuple>
@@ -12,6 +14,7 @@
 #include "qvutil/commands/convert.h"
 #include "qvutil/commands/rm.h"
 #include "qvutil/rewrite/seen_keys.h"
+#include "support/processes.h"
 #include "support/scenario.h"
 #include "support/tool_caches.h"
 
@@ -434,6 +437,29 @@ TEST(QvutilConvertLines, NeedsANameAndAFile) {
   const test::TempDir root;
   EXPECT_THROW(convert_lines("/nonexistent", "basic", root.file("demo"), console), Failure);
   EXPECT_EQ(test::names_in(root.path()), std::vector<std::string>());
+}
+
+// As on a full disk.
+TEST(QvutilConvertIndexed, SaysNothingWrongIfTheIndexCantBeMade) {
+  const test::TempDir root;
+  const CacheFiles demo{Kind::basic, root.path(), "demo"};
+  ASSERT_TRUE(test::store_all(demo, kSome));
+  const pid_t child = test::in_child([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit page{4096, 4096};
+    setrlimit(RLIMIT_FSIZE, &page);
+    test::HeardConsole console;
+    try {
+      convert(demo, "indexed", "", console);
+    } catch (const Failure& failure) {
+      return std::string(failure.what()).find("dat_demo; the library's log says why") ==
+                     std::string::npos
+                 ? 2
+                 : 0;
+    }
+    return 1;
+  });
+  EXPECT_EQ(test::wait_for(child), 0);
 }
 
 TEST(QvutilConvertRemote, FailsWithoutServers) {

@@ -46,7 +46,8 @@ std::unique_ptr<StoreWriter> StoreWriter::into_indexed(const std::string& direct
   std::unique_ptr<StoreWriter> writer(new StoreWriter(cache::make_store(options), place));
   cache::EntryMap none;
   if (!writer->store_->try_load(none)) {
-    throw cant_store(place, errno);
+    // The library looks for the index after it has failed to make it. The directory is there.
+    throw cant_store(place, errno == ENOENT ? 0 : errno);
   }
   writer->present_ = dynamic_cast<cache::LookupStore*>(writer->store_.get());
   return writer;
