@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "qvutil/commands/repair.h"
+#include "qvutil/output/text.h"
 #include "support/tool_caches.h"
 
 namespace {
@@ -322,6 +324,28 @@ TEST_P(QvutilRepair, GivesWayToAnEmptyCacheIfNothingIsWhole) {
   EXPECT_EQ(repair(damaged), Outcome::fine);
   EXPECT_EQ(content_of(damaged), Content());
   EXPECT_EQ(read_file(damaged.main_file() + ".damaged"), bytes);
+}
+
+TEST(QvutilRepairMissing, SaysThatAFileIsMissingAndWhatIsLostWithIt) {
+  const std::tuple<Kind, const char*, const char*> cases[] = {{Kind::lazy_lookup, "key_", "val_"},
+                                                              {Kind::lazy_lookup, "val_", "key_"},
+                                                              {Kind::indexed, "dat_", "idx_"}};
+  for (const auto& [kind, missing, other] : cases) {
+    const test::TempDir root;
+    const CacheFiles cache{kind, root.path(), "demo"};
+    ASSERT_TRUE(test::store_all(cache, kSome));
+    const std::string bytes = quorvane::tool::grouped(read_file(cache.path(other)).size());
+    unlink(cache.path(missing).c_str());
+    test::HeardConsole console;
+    EXPECT_EQ(repair(cache, console), Outcome::fine);
+    const std::string out = console.out();
+    for (const std::string& line :
+         {std::string("the file is missing"), std::string("of no use without ") + missing + "demo",
+          "Kept 0 entries, lost " + bytes + " bytes in 2 places"}) {
+      EXPECT_NE(out.find(line + "\n"), std::string::npos) << out;
+    }
+    EXPECT_EQ(content_of(cache), Content());
+  }
 }
 
 // Writes an input of the store's fuzzer as the files of a cache.

@@ -71,6 +71,25 @@ void print(Console& console, const CacheFiles& cache, const DamageReport& report
   }
 }
 
+// The name of a file, if the scan has told that the cache lacks it.
+std::string missing_name(const std::string& path, const DamageReport& report) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  return report.places().files().count(name) != 0 && !size_of_file(path) ? name : "";
+}
+
+// A scan ends where one of two files is missing. What the other one has is lost then.
+void add_rest(const CacheFiles& cache, DamageReport& report) {
+  const std::vector<std::string> files = cache.files();
+  for (const std::string& path : files) {
+    const std::string missing = missing_name(path, report);
+    const std::string& other = path == files.front() ? files.back() : files.front();
+    const std::uint64_t size = missing.empty() ? 0 : size_of_file(other).value_or(0);
+    if (size != 0) {
+      report.place({other.substr(other.rfind('/') + 1), 0, size, "of no use without " + missing});
+    }
+  }
+}
+
 // The line of its progress is gone when it returns: results are printed there.
 DamageReport check(Console& console, const CacheFiles& cache, bool is_locked) {
   DamageReport report;
@@ -80,6 +99,7 @@ DamageReport check(Console& console, const CacheFiles& cache, bool is_locked) {
   } else {
     scan(console, cache, report, progress);
   }
+  add_rest(cache, report);
   return report;
 }
 
