@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <tuple>
@@ -12,6 +13,7 @@
 
 #include "qvutil/commands/compact.h"
 #include "qvutil/commands/convert.h"
+#include "qvutil/commands/repair.h"
 #include "qvutil/commands/rm.h"
 #include "qvutil/rewrite/seen_keys.h"
 #include "support/processes.h"
@@ -140,6 +142,30 @@ TEST_P(QvutilRewrite, RmRefusesADamagedCache) {
   EXPECT_THROW(rm(demo, {"b"}, console_), Failure);
   EXPECT_THROW(compact(demo, console_), Failure);
   EXPECT_EQ(read_file(demo.main_file()), bytes);
+}
+
+// The new file would replace the link, and what it leads to would keep the old values.
+TEST_P(QvutilRewrite, RefusesSymbolicLinks) {
+  const test::TempDir elsewhere;
+  const CacheFiles demo = stored(kSome);
+  const CacheFiles source{Kind::basic, root_.path(), "source"};
+  ASSERT_TRUE(test::store_all(source, kSome));
+  for (const std::string& file : demo.files()) {
+    const std::string target = elsewhere.file(file.substr(file.rfind('/') + 1));
+    ASSERT_EQ(rename(file.c_str(), target.c_str()), 0);
+    ASSERT_EQ(symlink(target.c_str(), file.c_str()), 0);
+    ASSERT_EQ(unlink(demo.lock_file().c_str()), 0);
+    const std::vector<std::string> names = test::names_in(root_.path());
+    EXPECT_THROW(rm(demo, {"b"}, console_), Failure);
+    EXPECT_THROW(compact(demo, console_), Failure);
+    EXPECT_THROW(convert(source, name_of(demo.kind), path_of(demo), console_, true), Failure);
+    EXPECT_THROW(quorvane::tool::repair(console_.get(), {path_of(demo), name_of(demo.kind), false}),
+                 Failure);
+    EXPECT_EQ(test::names_in(root_.path()), names);  // no lock file
+    EXPECT_EQ(content_of(demo), kSome);
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    ASSERT_EQ(rename(target.c_str(), file.c_str()), 0);
+  }
 }
 
 TEST_P(QvutilRewrite, LeavesNoFilesBehindAndKeepsTheMode) {

@@ -26,6 +26,7 @@ std::uint64_t data_bytes(const CacheFiles& cache) {
 }
 
 Compacted rewrite(Console& console, const CacheFiles& cache) {
+  expect_no_links(cache);
   const WriteLock lock(console, cache);
   const Workspace workspace(cache);
   const auto writer = make_writer(workspace.staged());

@@ -150,6 +150,7 @@ Converted convert_to_files(Console& console, const ConvertOptions& options,
       canonical_lock(*source.cache()) == canonical_lock(target)) {
     throw Failure(shown(target.name) + " is " + name_of(target.kind) + " already");
   }
+  expect_no_links(target);
   const std::string like = file_to_be_like(source, target);
   ensure_lock_file(target, like);
   ensure_pair(target);

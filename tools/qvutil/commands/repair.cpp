@@ -116,6 +116,7 @@ Outcome repair(Console& console, const RepairOptions& options) {
   if (options.dry_run) {
     return look(console, cache);
   }
+  expect_no_links(cache);
   const WriteLock lock(console, cache);
   Workspace::remove_leftovers(cache);
   const DamageReport report = check(console, cache, true);

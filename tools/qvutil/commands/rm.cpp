@@ -26,6 +26,7 @@ Keys keys_of(const RmOptions& options) {
 }
 
 void remove(Console& console, const CacheFiles& cache, Keys& keys) {
+  expect_no_links(cache);
   const WriteLock lock(console, cache);
   const Workspace workspace(cache);
   const auto writer = make_writer(workspace.staged());

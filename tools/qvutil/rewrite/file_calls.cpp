@@ -66,6 +66,15 @@ std::uint64_t bytes_of(const CacheFiles& cache) {
   return bytes;
 }
 
+void expect_no_links(const CacheFiles& cache) {
+  for (const std::string& path : cache.files()) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+      throw Failure(shown(path) + " is a symbolic link; put the file itself in its place first");
+    }
+  }
+}
+
 void copy_bytes(int from, std::uint64_t offset, int to, std::uint64_t to_offset) {
   struct stat status {};
   // The end is where it was at first: it moves if both are the same file.

@@ -35,6 +35,11 @@ std::optional<std::uint64_t> size_of_file(const std::string& path);
 // Of all files of a cache.
 std::uint64_t bytes_of(const CacheFiles& cache);
 
+// Throws if a file of the cache is a symbolic link: the new file would take the place of the link,
+// and the old bytes would stay where it leads. Others may use that file under another lock, so the
+// link isn't followed either.
+void expect_no_links(const CacheFiles& cache);
+
 // Writes the bytes of one file from an offset to its end into another one, at an offset there.
 // They may be the same file.
 void copy_bytes(int from, std::uint64_t offset, int to, std::uint64_t to_offset);
