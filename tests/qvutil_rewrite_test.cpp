@@ -517,6 +517,24 @@ TEST(QvutilRewriteProgram, TakesItsOptions) {
                            std::string(300, 'x') + "\"]}\n");
 }
 
+TEST(QvutilRewriteProgram, LeavesNoKeysBehindWhenNobodyReadsItsLines) {
+  const test::TempDir root;
+  const test::TempDir temporary;
+  const CacheFiles demo{Kind::basic, root.path(), "demo"};
+  Content many;
+  for (int i = 0; i < 70000; ++i) {
+    many["key " + std::to_string(i)] = {"v"};
+  }
+  ASSERT_TRUE(test::store_all(demo, many));
+  const test::Ran ran =
+      test::run_program("/bin/sh",
+                        {"-c", QV_BINARY_DIR "/bin/qvutil convert " + path_of(demo) +
+                                   " --to jsonl | { head -n 55000 > /dev/null; }"},
+                        {{"TMPDIR", temporary.path()}, {"PATH", "/usr/bin:/bin"}});
+  EXPECT_NE(ran.err.find("Broken pipe"), std::string::npos) << ran.err;
+  EXPECT_EQ(test::names_in(temporary.path()), std::vector<std::string>());
+}
+
 TEST(QvutilRewriteProgram, SaysWhyItCant) {
   const test::TempDir root;
   for (const test::Arguments& arguments :

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -210,6 +211,7 @@ Outcome convert(Console& console, const ConvertOptions& options) {
   const EntrySource source(options);
   Converted done;
   if (options.to == "jsonl") {
+    std::signal(SIGPIPE, SIG_IGN);  // killed by it, the writer would leave its keys on the disk
     JsonLinesWriter writer(console);
     done = source.copy_to(writer, console, false);
   } else if (const auto kind = kind_named(options.to)) {
