@@ -34,6 +34,24 @@ struct Converted {
   Places places;
 };
 
+// SIGPIPE ends the process as it ends other filters, but not before the writer has removed its
+// keys from the disk.
+class LatePipeSignal {
+ public:
+  LatePipeSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~LatePipeSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  LatePipeSignal(const LatePipeSignal&) = delete;
+  LatePipeSignal& operator=(const LatePipeSignal&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 // Before a lock file is made. Opens nothing: whoever writes to a pipe would hear that it is closed.
 void expect_readable(const std::vector<std::string>& files) {
   for (const std::string& name : files) {
@@ -211,7 +229,7 @@ Outcome convert(Console& console, const ConvertOptions& options) {
   const EntrySource source(options);
   Converted done;
   if (options.to == "jsonl") {
-    std::signal(SIGPIPE, SIG_IGN);  // killed by it, the writer would leave its keys on the disk
+    const LatePipeSignal late;
     JsonLinesWriter writer(console);
     done = source.copy_to(writer, console, false);
   } else if (const auto kind = kind_named(options.to)) {
