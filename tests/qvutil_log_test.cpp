@@ -402,6 +402,37 @@ TEST_F(Log, SaysWhatItCannotRead) {
                           "qvutil: " + file("log.1.gz") + " is cut short"));
 }
 
+TEST_F(Log, PrintsWhatItCanOpenAndNamesTheRest) {
+  write("log", record("b"));
+  write("log.2", record("a"));
+  std::filesystem::create_symlink("log.1", file("log.1"));  // a loop, which root can't open either
+  Printed printed = log_of(of({file("log")}));
+  EXPECT_EQ(printed.outcome, Outcome::found);
+  EXPECT_EQ(printed.out, record("a") + record("b"));
+  const std::string reason = ": Too many levels of symbolic links";
+  EXPECT_EQ(printed.err, "qvutil: can't open " + file("log.1") + reason + "\n");
+  write_compressed("log.1.gz", "gzip", record("of the same generation"));
+  EXPECT_THAT(log_of(of({file("log")})).out, HasSubstr("of the same generation"));
+
+  std::filesystem::remove(file("log.1"));
+  printed = log_of(of({file("log"), file("none"), dir_.path()}));
+  EXPECT_EQ(printed.outcome, Outcome::found);
+  EXPECT_THAT(printed.out, testing::EndsWith(record("b")));
+  EXPECT_EQ(printed.err, "qvutil: can't open " + file("none") +
+                             ": No such file or directory\nqvutil: can't read " + dir_.path() +
+                             ": Is a directory\n");
+}
+
+TEST_F(Log, OfNoFileThatCanBeOpenedFails) {
+  std::filesystem::create_symlink("x.1", file("x.1"));
+  EXPECT_THAT(failure_of(of({file("x")})), HasSubstr("can't open " + file("x.1")));
+  const Ran ran =
+      test::run_program(QV_BINARY_DIR "/bin/qvutil", {"log", file("none"), file("none2")});
+  EXPECT_TRUE(ran.exited_with(2));
+  EXPECT_THAT(test::lines_of(ran.err),
+              ElementsAre(HasSubstr("none: No such file"), HasSubstr("none2: No such file")));
+}
+
 TEST_F(Log, OfDamagedCompressionIsReadUpToTheDamage) {
   std::string text;
   for (int i = 0; i < 20'000; ++i) {

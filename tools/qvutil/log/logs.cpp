@@ -43,8 +43,15 @@ void Log::advance() {
 Logs::Logs(Console& console, const std::vector<std::string>& paths, bool is_growing)
     : console_(console) {
   FileIds seen;
+  std::vector<Failure> failures;
   for (const std::string& path : paths) {
-    logs_.emplace_back(path, open_rotated(path, seen), is_growing);
+    logs_.emplace_back(path, open_rotated(path, seen, failures), is_growing);
+  }
+  for (const Failure& failure : failures) {
+    if (seen.empty() && &failure == &failures.back()) {
+      throw failure;
+    }
+    complain_of(failure);
   }
   for (std::size_t i = 0; i < logs_.size(); ++i) {
     advance(i);
@@ -57,14 +64,18 @@ bool Logs::is_later(std::size_t a, std::size_t b) const {
   return order != 0 ? order > 0 : a > b;
 }
 
+void Logs::complain_of(const Failure& failure) {
+  console_.err() << "qvutil: " << failure.what() << std::endl;
+  has_damage_ = true;
+}
+
 void Logs::advance(std::size_t index) {
   for (bool has_failed = true; has_failed;) {
     try {
       logs_[index].advance();
       has_failed = false;
     } catch (const Failure& failure) {
-      console_.err() << "qvutil: " << failure.what() << std::endl;
-      has_damage_ = true;
+      complain_of(failure);
     }
   }
   if (logs_[index].current()) {

@@ -13,6 +13,7 @@
 #include "qvutil/log/reader.h"
 #include "qvutil/log/record.h"
 #include "qvutil/output/console.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 
@@ -47,7 +48,7 @@ class Log {
 class Logs {
  public:
   // Opens each file and what was rotated out of it. What can't be read is said on standard error
-  // and left out. Throws Failure if a file isn't there.
+  // and left out. Throws Failure if no file at all can be opened.
   Logs(Console& console, const std::vector<std::string>& paths, bool is_growing = false);
 
   // Nothing at the end. Records of the same time come in the order of the paths.
@@ -60,6 +61,7 @@ class Logs {
   std::vector<Log>& logs() { return logs_; }
 
  private:
+  void complain_of(const Failure& failure);
   void advance(std::size_t index);
   bool is_later(std::size_t a, std::size_t b) const;
 

@@ -83,7 +83,7 @@ std::optional<Generation> generation_of(std::string_view name, const std::string
 }
 
 // The newest first.
-std::vector<Generation> generations_of(const std::string& path) {
+std::vector<Generation> generations_of(const std::string& path, std::vector<Failure>& failures) {
   const std::size_t name = path.rfind('/') + 1;  // npos + 1: no slash at all
   const std::string directory = name == 0 ? "." : path.substr(0, name);
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(directory.c_str()), &closedir);
@@ -99,7 +99,7 @@ std::vector<Generation> generations_of(const std::string& path) {
     errno = 0;
   }
   if (errno != 0) {
-    throw failure_of("can't read " + shown(directory), errno);
+    failures.push_back(failure_of("can't read " + shown(directory), errno));
   }
   std::sort(generations.begin(), generations.end());
   return generations;
@@ -135,13 +135,25 @@ bool add_unseen(const std::string& path, bool is_rotated, FileIds& seen, Sources
   return true;
 }
 
+// The same, but false for a file that can't be opened, too.
+bool try_unseen(const std::string& path, bool is_rotated, FileIds& seen, Sources& sources,
+                std::vector<Failure>& failures) {
+  try {
+    return add_unseen(path, is_rotated, seen, sources);
+  } catch (const Failure& failure) {
+    failures.push_back(failure);
+    return false;
+  }
+}
+
 // One of those that are the same generation: if the plain one is gone, it is compressed by now.
-void add_generations(const std::string& path, FileIds& seen, Sources& sources) {
-  const std::vector<Generation> generations = generations_of(path);
+void add_generations(const std::string& path, FileIds& seen, Sources& sources,
+                     std::vector<Failure>& failures) {
+  const std::vector<Generation> generations = generations_of(path, failures);
   const Generation* added = nullptr;
   for (const Generation& generation : generations) {
     if ((added == nullptr || !added->is_same(generation)) &&
-        add_unseen(path + generation.ending, true, seen, sources)) {
+        try_unseen(path + generation.ending, true, seen, sources, failures)) {
       added = &generation;
     }
   }
@@ -149,16 +161,17 @@ void add_generations(const std::string& path, FileIds& seen, Sources& sources) {
 
 }  // namespace
 
-std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen) {
-  const std::size_t seen_before = seen.size();
+std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen,
+                                                  std::vector<Failure>& failures) {
+  const std::size_t failures_before = failures.size();
   Sources sources;
   // From the newest one: a file that a rotation renames meanwhile is met again, not missed.
-  add_unseen(path, false, seen, sources);
+  try_unseen(path, false, seen, sources, failures);
   if (path != "-") {
-    add_generations(path, seen, sources);
+    add_generations(path, seen, sources, failures);
   }
-  if (sources.empty() && seen.size() == seen_before && access(path.c_str(), F_OK) != 0) {
-    throw failure_of("can't open " + shown(path), ENOENT);
+  if (sources.empty() && failures.size() == failures_before && access(path.c_str(), F_OK) != 0) {
+    failures.push_back(failure_of("can't open " + shown(path), ENOENT));
   }
   std::reverse(sources.begin(), sources.end());
   return sources;

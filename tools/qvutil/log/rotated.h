@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qvutil/log/source.h"
+#include "qvutil/output/outcome.h"
 
 namespace quorvane::tool {
 
@@ -18,8 +19,10 @@ using FileIds = std::set<std::pair<std::uint64_t, std::uint64_t>>;  // device an
 // FILE.N and FILE.N.gz, the greatest N first, FILE-DATE and FILE-DATE.gz, the earliest date first,
 // and then FILE itself; "-" is standard input. All are opened at once, so that a rotation
 // meanwhile neither hides a file nor shows it twice. Leaves out those in `seen`, and adds the
-// others. Throws Failure if there is none at all.
-std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen);
+// others. What can't be opened is added to `failures`, as is a log of which there is no file at
+// all.
+std::vector<std::unique_ptr<Source>> open_rotated(const std::string& path, FileIds& seen,
+                                                  std::vector<Failure>& failures);
 
 }  // namespace quorvane::tool
 
