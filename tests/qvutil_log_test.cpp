@@ -433,6 +433,18 @@ TEST_F(Log, OfNoFileThatCanBeOpenedFails) {
               ElementsAre(HasSubstr("none: No such file"), HasSubstr("none2: No such file")));
 }
 
+TEST_F(Log, LeavesOutWhatIsNamedLikeGzipAndIsNone) {
+  write("log", record("b"));
+  for (const std::string& bytes :
+       {std::string("\x02\x93 random bytes"), record("a"), std::string("\x1f"), std::string()}) {
+    write("log.1.gz", bytes);
+    const Printed printed = log_of(of({file("log")}));
+    EXPECT_EQ(printed.outcome, Outcome::found) << bytes;
+    EXPECT_EQ(printed.out, record("b"));
+    EXPECT_EQ(printed.err, "qvutil: can't read " + file("log.1.gz") + ": it is no gzip file\n");
+  }
+}
+
 TEST_F(Log, OfDamagedCompressionIsReadUpToTheDamage) {
   std::string text;
   for (int i = 0; i < 20'000; ++i) {

@@ -55,9 +55,9 @@ std::size_t Source::read(char* bytes, std::size_t size) {
   return gzip_ != nullptr ? read_gzip(bytes, size) : read_plain(bytes, size);
 }
 
-// From the first bytes. They are read like the others, since standard input can't seek; only
-// zlib wants them again.
-void Source::find_out_kind() {
+// The first bytes are read like the others, since standard input can't seek; only zlib wants them
+// again. False if there are too few yet.
+bool Source::read_head() {
   std::array<char, kMagicSize> bytes;
   while (head_.size() < bytes.size()) {
     const ssize_t got = ::read(fd_, bytes.data(), bytes.size() - head_.size());
@@ -68,11 +68,18 @@ void Source::find_out_kind() {
       throw failure_of("can't read " + shown(path_), errno);
     }
     if (got == 0) {
-      return;  // too short to be compressed; it may grow
+      return false;
     }
     head_.append(bytes.data(), static_cast<std::size_t>(got));
   }
-  is_kind_known_ = true;
+  return true;
+}
+
+void Source::find_out_kind() {
+  is_kind_known_ = read_head() || path_.ends_with(".gz");
+  if (!is_kind_known_) {
+    return;  // too short to be compressed; it may grow
+  }
   for (const Format& format : kOtherFormats) {
     if (begins_with(head_, format.magic)) {
       head_.clear();
@@ -89,6 +96,8 @@ void Source::find_out_kind() {
     if (gzip_ == nullptr) {
       throw failure_of("can't read " + shown(path_), ENOMEM);
     }
+  } else if (path_.ends_with(".gz")) {
+    throw Failure("can't read " + shown(path_) + ": it is no gzip file");
   }
 }
 

@@ -20,7 +20,7 @@ class Source {
   Source& operator=(const Source&) = delete;
 
   // The number of bytes read; 0 at the end, where a plain file may grow later. Throws Failure if
-  // the file can't be read, is compressed in another way, or is damaged.
+  // the file can't be read, is compressed in another way, is damaged, or is named .gz and no gzip.
   std::size_t read(char* bytes, std::size_t size);
 
   // Goes on with the first byte of a plain file that has been truncated below what was read.
@@ -30,6 +30,7 @@ class Source {
   int fd() const { return fd_; }
 
  private:
+  bool read_head();
   void find_out_kind();
   std::size_t read_plain(char* bytes, std::size_t size);
   std::size_t read_gzip(char* bytes, std::size_t size);
