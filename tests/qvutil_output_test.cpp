@@ -82,6 +82,9 @@ TEST(Text, HasSizesInPowersOf1000) {
 
 TEST(Text, HasDurationsInTheLargestUnit) {
   EXPECT_EQ(duration_text(0), "0 s");
+  EXPECT_EQ(duration_text(1e-9), "1.0 ns");
+  EXPECT_EQ(duration_text(400e-9), "400 ns");
+  EXPECT_EQ(duration_text(1e-6), "1.0 us");
   EXPECT_EQ(duration_text(0.00095), "950 us");
   EXPECT_EQ(duration_text(1.25), "1.2 s");
   EXPECT_EQ(duration_text(300), "5.0 min");

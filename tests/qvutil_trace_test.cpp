@@ -271,6 +271,13 @@ TEST_F(TraceTool, SumsUpByName) {
   EXPECT_EQ(json::parse(lines[1])["count"], 100);
 }
 
+TEST_F(TraceTool, HasTimesBelowAMicrosecond) {
+  const std::string out =
+      trace_of({{write("a", "[" + process(1, "a") + span(1, "find", "1.0", "0.4"))}, ""}).out;
+  EXPECT_THAT(out, HasSubstr("400 ns"));
+  EXPECT_THAT(out, Not(HasSubstr("0 s")));
+}
+
 TEST(TraceDurations, HaveTheirPercentileWithinAHundredth) {
   std::mt19937_64 random(5);
   for (const int bits : {4, 8, 9, 20, 40, 51}) {

@@ -164,8 +164,8 @@ std::string duration_text(double seconds) {
     double seconds;
     const char* name;
   };
-  constexpr std::array<Unit, 6> kUnits{Unit{86400, "d"}, {3600, "h"},  {60, "min"},
-                                       {1, "s"},         {1e-3, "ms"}, {1e-6, "us"}};
+  constexpr std::array<Unit, 7> kUnits{Unit{86400, "d"}, {3600, "h"},  {60, "min"}, {1, "s"},
+                                       {1e-3, "ms"},     {1e-6, "us"}, {1e-9, "ns"}};
   for (const Unit& unit : kUnits) {
     if (seconds >= unit.seconds) {
       const double number = seconds / unit.seconds;

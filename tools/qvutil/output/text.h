@@ -34,7 +34,7 @@ std::string counted(std::uint64_t number, const char* one, const char* many);
 // "512 B", "1.5 kB", "12 MB": powers of 1000, two digits or more.
 std::string size_text(std::uint64_t bytes);
 
-// "950 us", "1.2 s", "5 min", "3 h", "12 d".
+// "400 ns", "950 us", "1.2 s", "5 min", "3 h", "12 d".
 std::string duration_text(double seconds);
 
 // UTC with seconds: "2024-03-01T12:00:00Z".
