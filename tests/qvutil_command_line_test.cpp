@@ -128,6 +128,37 @@ TEST(CommandLine, TakesOnlyItsFirstWordForACommand) {
   EXPECT_THAT(qvutil({"log", dir.file("x"), "report"}).err, HasSubstr("qvutil log: can't open "));
 }
 
+TEST(CommandLine, SaysWhatANumberMustBe) {
+  const auto refused = [](const test::Arguments& arguments) {
+    const test::Ran ran = qvutil(arguments);
+    EXPECT_TRUE(ran.exited_with(2)) << ran.err;
+    EXPECT_EQ(ran.out, "");
+    return ran.err.substr(0, ran.err.find('\n'));
+  };
+  for (const std::string number :
+       {"x", "0", "-1", "1kb", "", "1.5", "9223372036854775808", "\x1b"}) {
+    const std::string shown = number == "\x1b" ? "\\x1b" : number;
+    for (const std::string command : {"show", "find"}) {
+      EXPECT_EQ(refused({command, "cache", "--limit", number}),
+                "qvutil " + command + ": --limit: not a number from 1 up: " + shown);
+    }
+  }
+  for (const std::string number : {"x", "-1", "1e3", "18446744073709551616"}) {
+    EXPECT_EQ(refused({"top", "cache", "--largest", number}),
+              "qvutil top: --largest: not a number from 0 up: " + number);
+    EXPECT_EQ(refused({"get", "cache", "key", "--atom", number}),
+              "qvutil get: --atom: not a number from 0 up: " + number);
+    EXPECT_EQ(refused({"log", "file", "--pid", number}),
+              "qvutil log: --pid: not a number from 0 up: " + number);
+  }
+  for (const std::string option : {"--min-size", "--max-size"}) {
+    for (const std::string size : {"x", "kb", "-5", "-5kb", "1.5kb", "5 weeks", "99999999999eb"}) {
+      EXPECT_EQ(refused({"find", "cache", option, size}),
+                "qvutil find: " + option + ": not a size like 512, 10kb or 10kib: " + size);
+    }
+  }
+}
+
 TEST(CommandLine, SaysThatItsOutputIsLost) {
   for (const char* command : {"help", "--help", "ls --help", "log " QV_SOURCE_DIR "/README.md"}) {
     const test::Ran ran = test::run_program(

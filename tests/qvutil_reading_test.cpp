@@ -413,6 +413,8 @@ TEST_F(Reading, FindFiltersByPrefixAndSize) {
     EXPECT_EQ(qvutil({"find", cache(kind), "--max-size", "2", "--json"}).out,
               "{\"key\":\"b\",\"key_size\":1,\"value_size\":2,\"atoms\":2}\n");
     EXPECT_TRUE(qvutil({"find", cache(kind), "--min-size", "1kb"}).exited_with(1));
+    EXPECT_TRUE(
+        qvutil({"find", cache(kind), "--max-size", "08kb", "--limit", "09"}).exited_with(0));
     EXPECT_EQ(qvutil({"find", cache(kind), "--prefix", "6b", "--hex"}).out,
               "  VALUE  ATOMS  KEY\n    3 B      1  6b1b\n");
   }

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "qvutil/cli/commands.h"
+#include "qvutil/cli/numbers.h"
 #include "qvutil/commands/log.h"
 #include "qvutil/commands/trace.h"
 
@@ -15,7 +16,8 @@ void add_log(CLI::App& app, Action& action) {
   command->add_option("FILE", options->files, "A log; FILE.N and FILE.N.gz are read, too")
       ->required();
   command->add_option("--level", options->level, "Only this level and more severe ones");
-  command->add_option("--pid", options->pid, "Only records of this process");
+  command->add_option("--pid", options->pid, "Only records of this process")
+      ->transform(whole_number(0));
   command->add_option("--since", options->since,
                       "Only from this time on: 2024-03-01T12:00 (UTC), or 10min, 2h, 1d ago");
   command->add_option("--until", options->until, "Only up to this time");

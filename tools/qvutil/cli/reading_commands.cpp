@@ -5,6 +5,7 @@
 
 #include "qvutil/cli/add_cache.h"
 #include "qvutil/cli/commands.h"
+#include "qvutil/cli/numbers.h"
 #include "qvutil/commands/find.h"
 #include "qvutil/commands/get.h"
 #include "qvutil/commands/ls.h"
@@ -38,7 +39,7 @@ void add_show(CLI::App& app, Action& action) {
   add_cache(command, *options);
   command.add_flag("--hex", options->hex, "Keys and values as hexadecimal digits");
   command.add_flag("--full", options->full, "All bytes of long keys and values");
-  command.add_option("--limit", options->limit, "The first N entries")->check(CLI::PositiveNumber);
+  command.add_option("--limit", options->limit, "The first N entries")->transform(whole_number(1));
   set_action(command, action, options, &show);
 }
 
@@ -48,7 +49,8 @@ void add_get(CLI::App& app, Action& action) {
   add_cache(command, *options);
   command.add_option("KEY", options->key, "The key")->required();
   command.add_flag("--hex", options->hex, "KEY is in hexadecimal digits");
-  command.add_option("--atom", options->atom, "Which atom, from 0, if there are several");
+  command.add_option("--atom", options->atom, "Which atom, from 0, if there are several")
+      ->transform(whole_number(0));
   set_action(command, action, options, &get);
 }
 
@@ -59,10 +61,10 @@ void add_find(CLI::App& app, Action& action) {
   command.add_option("--prefix", options->prefix, "Keys that begin with this");
   command.add_flag("--hex", options->hex, "The prefix, and the keys, in hexadecimal digits");
   command.add_option("--min-size", options->min_size, "Values of at least N bytes")
-      ->transform(CLI::AsSizeValue(true));
+      ->transform(byte_count());
   command.add_option("--max-size", options->max_size, "Values of at most N bytes; 1kb is 1000")
-      ->transform(CLI::AsSizeValue(true));
-  command.add_option("--limit", options->limit, "The first N keys")->check(CLI::PositiveNumber);
+      ->transform(byte_count());
+  command.add_option("--limit", options->limit, "The first N keys")->transform(whole_number(1));
   set_action(command, action, options, &find);
 }
 
@@ -72,6 +74,7 @@ void add_top(CLI::App& app, Action& action) {
   add_cache(command, *options);
   command.add_flag("--hex", options->hex, "Keys in hexadecimal digits");
   command.add_option("--largest", options->largest, "How many of the largest entries")
+      ->transform(whole_number(0))
       ->capture_default_str();
   set_action(command, action, options, &top);
 }
