@@ -159,6 +159,13 @@ TEST(CommandLine, SaysWhatANumberMustBe) {
   }
 }
 
+TEST(CommandLine, RefusesANameForJsonLines) {
+  const test::Ran ran = qvutil({"convert", "cache", "--to", "jsonl", "--as", "other"});
+  EXPECT_TRUE(ran.exited_with(2));
+  EXPECT_THAT(ran.err,
+              testing::StartsWith("qvutil convert: --as: JSON lines go to standard output\n"));
+}
+
 TEST(CommandLine, SaysThatItsOutputIsLost) {
   for (const char* command : {"help", "--help", "ls --help", "log " QV_SOURCE_DIR "/README.md"}) {
     const test::Ran ran = test::run_program(

@@ -63,11 +63,15 @@ void add_convert(CLI::App& app, Action& action) {
           "jsonl: the sources are JSON lines")
       ->type_name("KIND")
       ->check(CLI::IsMember({"jsonl", "remote"}));
-  command->add_option("--as", options->as, "The new cache; otherwise the name of the source")
-      ->type_name("CACHE");
+  const CLI::Option* const as =
+      command->add_option("--as", options->as, "The new cache; otherwise the name of the source")
+          ->type_name("CACHE");
   command->add_flag("--force", options->force, "Replace the new cache if it is there");
   add_kind(*command, options->kind);
-  command->callback([&action, options] {
+  command->callback([&action, options, as] {
+    if (options->to == "jsonl" && as->count() != 0) {
+      throw CLI::ValidationError("--as", "JSON lines go to standard output");
+    }
     if (!options->from_json_lines && options->sources.size() != 1) {
       throw CLI::ValidationError("SOURCE", "only files with JSON lines may be several");
     }
