@@ -574,6 +574,22 @@ TEST_F(Log, ToAFullDiskFails) {
   EXPECT_THAT(ran.err, HasSubstr("can't write to standard output: No space left on device"));
 }
 
+// Whether the bytes fail when they are printed, or when they are flushed.
+TEST_F(Log, SaysWhyItsOutputIsLost) {
+  const std::string small = write("log", record("1"));
+  std::string records;
+  for (int i = 0; i < 1000; ++i) {
+    records += record(std::string(100, 'x'), " INFO", i);
+  }
+  const std::string large = write("large", records);
+  for (const std::string& arguments : {"--follow '" + small, "--follow '" + large, "'" + large}) {
+    const Ran ran = test::run_program(
+        "/bin/sh", {"-c", QV_BINARY_DIR "/bin/qvutil log " + arguments + "' > /dev/full"});
+    EXPECT_TRUE(ran.exited_with(2)) << arguments;
+    EXPECT_EQ(ran.err, "qvutil log: can't write to standard output: No space left on device\n");
+  }
+}
+
 TEST_F(Log, FromStandardInputIsRead) {
   const std::string path = write("log", record("1"));
   const Ran ran = test::run_program(

@@ -300,6 +300,24 @@ TEST_F(Reading, ShowCutsLongValuesUnlessAllIsAskedFor) {
   EXPECT_EQ(qvutil({"show", path, "--full"}).out, "a\n  1.0 kB: " + std::string(1000, 'x') + "\n");
 }
 
+// More than a buffer, so that it fails before the end.
+TEST_F(Reading, SaysWhyItsOutputIsLost) {
+  std::vector<Entry> entries;
+  for (int i = 0; i < 1000; ++i) {
+    entries.push_back({"key" + std::to_string(i) + std::string(50, 'k'), {std::string(100, 'v')}});
+  }
+  entries.push_back({"large", {std::string(1 << 20, 'v')}});
+  ASSERT_TRUE(store(root(), Kind::basic, "big", entries));
+  for (const std::string arguments : {"show ", "show --json ", "find ", "find --json ", "get "}) {
+    const std::string key = arguments == "get " ? " large" : "";
+    const Ran ran = run_program("/bin/sh", {"-c", QV_BINARY_DIR "/bin/qvutil " + arguments +
+                                                      dir_.file("big") + key + " >/dev/full"});
+    EXPECT_TRUE(ran.exited_with(2)) << arguments;
+    EXPECT_THAT(ran.err, HasSubstr("can't write to standard output: No space left on device\n"))
+        << arguments;
+  }
+}
+
 TEST_F(Reading, GetPrintsTheBytesOfOneAtom) {
   for (const Kind kind : kKinds) {
     EXPECT_EQ(qvutil({"get", cache(kind), "6b1b", "--hex"}).out, "1\n2");

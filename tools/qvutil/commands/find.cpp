@@ -4,6 +4,7 @@
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
+#include "qvutil/output/written.h"
 #include "qvutil/store/each_entry.h"
 
 namespace quorvane::tool {
@@ -43,6 +44,7 @@ Outcome find(Console& console, const FindOptions& options) {
       console.out() << console.paint(Colour::bold, "  VALUE  ATOMS  KEY") << '\n';
     }
     print(console, entry, options.hex);
+    expect_written(console);
     return ++count != options.limit;
   };
   const Outcome outcome =

@@ -2,6 +2,7 @@
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
+#include "qvutil/output/written.h"
 #include "qvutil/store/find_entry.h"
 
 namespace quorvane::tool {
@@ -28,6 +29,7 @@ void print(Console& console, std::string_view bytes) {
   } else {
     console.out() << bytes;
   }
+  expect_written(console);
 }
 
 }  // namespace

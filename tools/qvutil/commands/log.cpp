@@ -10,6 +10,7 @@
 #include "qvutil/log/record.h"
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
+#include "qvutil/output/written.h"
 
 namespace quorvane::tool {
 namespace {
@@ -79,6 +80,7 @@ void print(Console& console, const LogRecord& record) {
   } else {
     console.out() << record.bytes << (record.bytes.back() == '\n' ? "" : "\n");
   }
+  expect_written(console);
 }
 
 [[noreturn]] void follow(Console& console, const Filter& filter, Logs& logs) {
@@ -89,9 +91,8 @@ void print(Console& console, const LogRecord& record) {
         print(console, *record);
       }
     }
-    if (!console.out().flush()) {
-      throw Failure("can't write to standard output");
-    }
+    console.out().flush();
+    expect_written(console);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
 }

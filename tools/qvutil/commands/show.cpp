@@ -4,6 +4,7 @@
 
 #include "qvutil/output/json.h"
 #include "qvutil/output/text.h"
+#include "qvutil/output/written.h"
 #include "qvutil/store/each_entry.h"
 
 namespace quorvane::tool {
@@ -47,6 +48,7 @@ Outcome show(Console& console, const ShowOptions& options) {
   return each_entry(console, find_cache(options.cache, kind_named(options.kind)), "reading",
                     [&](const Entry& entry) {
                       print(console, entry, options);
+                      expect_written(console);
                       return ++count != options.limit;
                     });
 }
