@@ -104,6 +104,13 @@ TEST_F(Reading, LsTakesTheRootOfTheEnvironment) {
   EXPECT_TRUE(qvutil({"ls"}).exited_with(2));
 }
 
+TEST_F(Reading, LsTakesNoEmptyRoot) {
+  const Ran ran = qvutil({"ls", ""}, {{"QV_CACHE_STORE_ROOT", root()}});
+  EXPECT_TRUE(ran.exited_with(2));
+  EXPECT_EQ(ran.out, "");
+  EXPECT_THAT(ran.err, StartsWith("qvutil ls: ROOT: empty; leave it out for QV_CACHE_STORE_ROOT"));
+}
+
 TEST_F(Reading, LsPrintsOneJsonObjectACache) {
   std::istringstream lines(qvutil({"ls", "--json", root()}).out);
   int count = 0;

@@ -28,7 +28,10 @@ void set_action(CLI::App& command, Action& action, const std::shared_ptr<Options
 void add_ls(CLI::App& app, Action& action) {
   const auto options = std::make_shared<LsOptions>();
   CLI::App& command = *app.add_subcommand("ls", "The caches of a root, and whether they are whole");
-  command.add_option("ROOT", options->root, "A directory; else QV_CACHE_STORE_ROOT");
+  command.add_option("ROOT", options->root, "A directory; else QV_CACHE_STORE_ROOT")
+      ->check([](const std::string& root) {
+        return root.empty() ? "empty; leave it out for QV_CACHE_STORE_ROOT" : "";
+      });
   command.footer("Looks at the structure only; `qvutil verify` reads every byte.");
   set_action(command, action, options, &ls);
 }
