@@ -53,6 +53,21 @@ TEST(Text, ShowsNothingThatChangesATerminal) {
   }
 }
 
+TEST(Text, ShowsNothingThatChangesTheDirectionOfText) {
+  EXPECT_EQ(shown("txt.\xe2\x80\xae"
+                  "exe"),
+            "txt.\\xe2\\x80\\xaeexe");
+  for (const char* control : {"\xd8\x9c", "\xe2\x80\x8e", "\xe2\x80\x8f", "\xe2\x80\xaa",
+                              "\xe2\x80\xab", "\xe2\x80\xac", "\xe2\x80\xad", "\xe2\x80\xae",
+                              "\xe2\x81\xa6", "\xe2\x81\xa7", "\xe2\x81\xa8", "\xe2\x81\xa9"}) {
+    EXPECT_EQ(shown(control).substr(0, 2), "\\x") << hex(control);
+  }
+  for (const char* other : {"\xd8\x9b", "\xd8\xa7", "\xe2\x80\x8d", "\xe2\x80\x90", "\xe2\x80\xa9",
+                            "\xe2\x80\xaf", "\xe2\x81\xa5", "\xe2\x81\xaa"}) {
+    EXPECT_EQ(shown(other), other);
+  }
+}
+
 TEST(Text, TurnsHexadecimalDigitsIntoBytesAndBack) {
   EXPECT_EQ(hex(std::string("\0\xff\x1a", 3)), "00ff1a");
   EXPECT_EQ(bytes_of_hex(hex(every_byte())), every_byte());

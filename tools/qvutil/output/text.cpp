@@ -45,6 +45,17 @@ bool is_control(std::string_view sequence) {
          (first == 0xc2 && static_cast<unsigned char>(sequence[1]) < 0xa0);
 }
 
+// Those that change the direction of text let a name look like another one.
+bool is_direction(std::string_view sequence) {
+  const auto is_in = [&](std::string_view first, std::string_view last) {
+    return sequence >= first && sequence <= last;
+  };
+  return sequence == "\xd8\x9c" ||                 // U+061C
+         is_in("\xe2\x80\x8e", "\xe2\x80\x8f") ||  // U+200E, U+200F
+         is_in("\xe2\x80\xaa", "\xe2\x80\xae") ||  // U+202A to U+202E
+         is_in("\xe2\x81\xa6", "\xe2\x81\xa9");    // U+2066 to U+2069
+}
+
 void append_escaped(std::string& text, char c) {
   const auto byte = static_cast<unsigned char>(c);
   text += "\\x";
@@ -91,7 +102,7 @@ std::string shown(std::string_view bytes) {
       text += "\\t";
     } else if (sequence == "\\") {
       text += "\\\\";
-    } else if (length == 0 || is_control(sequence)) {
+    } else if (length == 0 || is_control(sequence) || is_direction(sequence)) {
       for (const char c : sequence) {
         append_escaped(text, c);
       }

@@ -12,8 +12,8 @@ namespace quorvane::tool {
 // Whether the bytes are well-formed UTF-8.
 bool is_utf8(std::string_view bytes);
 
-// The bytes as they can stand on a terminal: UTF-8 as it is; control characters, backslashes and
-// bytes that are not UTF-8 as \n, \t, \\ or \xHH.
+// The bytes as they can stand on a terminal: UTF-8 as it is; control characters, also those for the
+// direction of text, backslashes and bytes that are not UTF-8 as \n, \t, \\ or \xHH.
 std::string shown(std::string_view bytes);
 
 // Two lower-case digits for each byte.
