@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
