@@ -428,7 +428,7 @@ TEST_F(ReadingByIndex, GetTellsOfDamageInTheEntryOfTheSlot) {
   const Ran ran = get();
   EXPECT_TRUE(ran.exited_with(1));
   EXPECT_EQ(ran.out, "");
-  EXPECT_THAT(ran.err, HasSubstr("damaged in 1 place"));
+  EXPECT_THAT(ran.err, HasSubstr("damaged in 1 place, which was passed over"));
 }
 
 TEST_F(Reading, FindFiltersByPrefixAndSize) {

@@ -42,8 +42,8 @@ Outcome each_entry(Console& console, const CacheFiles& files, const std::string&
     return Outcome::fine;
   }
   console.err() << "The cache is damaged in " << grouped(user.damaged)
-                << (user.damaged == 1 ? " place" : " places")
-                << ", which were passed over; `qvutil verify` lists them.\n";
+                << (user.damaged == 1 ? " place, which was" : " places, which were")
+                << " passed over; `qvutil verify` says where.\n";
   return Outcome::found;
 }
 
