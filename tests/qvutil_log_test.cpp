@@ -29,6 +29,7 @@
 #include "support/lock_probe.h"
 #include "support/processes.h"
 #include "support/scenario.h"
+#include "support/slow_pipe.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -312,6 +313,18 @@ TEST_F(Log, MatchesHostileTextInTheTimeOfItsLength) {
   EXPECT_EQ(log_of(options).out, "");
   options.match = "((((((((((a{1,10}){1,10}){1,10}";
   EXPECT_THAT(failure_of(options), HasSubstr("malformed"));
+}
+
+TEST_F(Log, ShowsItsProgressOnATerminal) {
+  std::string text;
+  for (int i = 0; i < 5000; ++i) {
+    text += record("a");
+  }
+  const test::SlowPipe pipe(file("pipe"), text);
+  const Printed printed = log_of(of({file("pipe")}), {.progress = true});
+  EXPECT_EQ(printed.out, text + text);
+  EXPECT_THAT(printed.err, HasSubstr("reading " + file("pipe") + ": "));
+  EXPECT_THAT(printed.err, testing::EndsWith("/s\r\033[K"));
 }
 
 // --- rotated logs, and several ---

@@ -7,14 +7,17 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "qvutil/commands/ls.h"
 #include "qvutil/store/cache_files.h"
+#include "qvutil/store/survey.h"
 #include "support/indexed_cache.h"
 #include "support/json.h"
 #include "support/lazy_files.h"
@@ -280,6 +283,22 @@ TEST_F(Reading, AMissingCacheIsNamedAndASimilarOneSuggested) {
   const Ran ran = qvutil({"verify", root() + "/indxed"});
   EXPECT_TRUE(ran.exited_with(2));
   EXPECT_EQ(ran.err, "qvutil verify: no cache indxed in " + root() + "; did you mean indexed?\n");
+}
+
+TEST(Survey, TellsItsProgress) {
+  const TempDir dir;
+  ASSERT_TRUE(
+      store(dir.path(), Kind::basic, "large", {{"a", {std::string(80'000, 'x')}}, {"b", {"1"}}}));
+  std::ostringstream out;
+  std::ostringstream err;
+  quorvane::tool::Console::Style style;
+  style.progress = true;
+  quorvane::tool::Console console(out, err, style);
+  quorvane::tool::Progress progress(console, "looking at caches", 200'000);
+  progress.go_on_from(20'000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  quorvane::tool::survey({Kind::basic, dir.path(), "large"}, progress);
+  EXPECT_THAT(err.str(), HasSubstr("looking at caches: 50 % of 200 kB, "));
 }
 
 // --- show, get, find, top ---

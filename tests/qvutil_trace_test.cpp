@@ -24,6 +24,7 @@
 #include "support/lines.h"
 #include "support/processes.h"
 #include "support/scenario.h"
+#include "support/slow_pipe.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -340,6 +341,24 @@ TEST_F(TraceTool, DrawsABoundedPartOfAHugeTrace) {
   std::string left = std::to_string(kSpans - drawn);
   left.insert(left.size() - 3, " ");
   EXPECT_THAT(svg, HasSubstr(">" + left + " more spans: "));
+}
+
+TEST(QvutilTrace, ShowsItsProgressOnATerminal) {
+  std::string text = "[" + process(7, "reader");
+  for (int i = 0; i < 2000; ++i) {
+    text += span(7, "store_find", std::to_string(i), "1");
+  }
+  const test::TempDir dir;
+  const test::SlowPipe pipe(dir.file("pipe"), text);
+  std::ostringstream out;
+  std::ostringstream err;
+  Console::Style style;
+  style.progress = true;
+  Console console(out, err, style);
+  TraceOptions options;
+  options.files = {dir.file("pipe")};
+  quorvane::tool::trace(console, options);
+  EXPECT_THAT(err.str(), HasSubstr("reading " + dir.file("pipe") + ": "));
 }
 
 }  // namespace

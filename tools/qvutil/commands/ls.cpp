@@ -5,9 +5,11 @@
 #include <optional>
 
 #include "qvutil/output/json.h"
+#include "qvutil/output/progress.h"
 #include "qvutil/output/table.h"
 #include "qvutil/output/text.h"
 #include "qvutil/store/cache_files.h"
+#include "qvutil/store/each_entry.h"
 #include "qvutil/store/lock.h"
 #include "qvutil/store/lock_table.h"
 #include "qvutil/store/survey.h"
@@ -29,12 +31,20 @@ Colour colour_of(State state) {
   return is_bad(state) ? Colour::red : state == State::whole ? Colour::green : Colour::yellow;
 }
 
-Line line_of(const CacheFiles& files, const LockTable& locks) {
-  Line line{files, survey(files), locks.holder_of(files.lock_file())};
+Line line_of(const CacheFiles& files, const LockTable& locks, Progress& progress) {
+  Line line{files, survey(files, progress), locks.holder_of(files.lock_file())};
   if (line.survey.state == State::busy && !line.holder) {
     line.holder = holder_of(files);
   }
   return line;
+}
+
+std::uint64_t bytes_of(const std::vector<CacheFiles>& caches) {
+  std::uint64_t bytes = 0;
+  for (const CacheFiles& files : caches) {
+    bytes += bytes_to_scan(files);
+  }
+  return bytes;
 }
 
 void add_row(Table& table, const Line& line) {
@@ -79,8 +89,12 @@ Outcome ls(Console& console, const LsOptions& options) {
                {"STATE"},
                {"LOCK"}});
   Outcome outcome = Outcome::fine;
+  Progress progress(console, "looking at caches", bytes_of(caches));
+  std::uint64_t before = 0;
   for (const CacheFiles& files : caches) {
-    const Line line = line_of(files, locks);
+    progress.go_on_from(before);
+    const Line line = line_of(files, locks, progress);
+    before += bytes_to_scan(files);
     outcome = is_bad(line.survey.state) ? Outcome::found : outcome;
     if (console.json()) {
       print_json(console, json_of(line));

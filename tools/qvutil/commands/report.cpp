@@ -19,13 +19,13 @@ Outcome report(Console& console, const ReportOptions& options) {
     has_damage |= section.has_damage;
   };
   for (const std::string& root : options.roots) {
-    add(caches_section(root));
+    add(caches_section(console, root));
   }
   if (!options.stats.empty()) {
     add(statistics_section(console, options.stats, options.gauges));
   }
   if (!options.traces.empty()) {
-    add(timeline_section(options.traces));
+    add(timeline_section(console, options.traces));
   }
   if (!options.logs.empty()) {
     add(errors_section(console, options.logs));

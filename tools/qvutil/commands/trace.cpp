@@ -24,7 +24,7 @@ template <typename Take>
 Outcome read_all(Console& console, const TraceOptions& options, Take take) {
   Outcome outcome = Outcome::fine;
   for (const std::string& file : options.files) {
-    TraceReader reader(file);
+    TraceReader reader(console, file);
     while (const auto event = reader.next()) {
       take(*event);
     }

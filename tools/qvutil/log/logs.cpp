@@ -6,12 +6,14 @@
 
 #include "qvutil/log/rotated.h"
 #include "qvutil/output/outcome.h"
+#include "qvutil/output/text.h"
 
 namespace quorvane::tool {
 
 Log::Log(std::string path, std::vector<std::unique_ptr<Source>> sources, bool is_growing)
     : path_(std::move(path)), is_growing_(is_growing) {
   for (auto& source : sources) {
+    size_ += source->size();
     sources_.push_back(std::move(source));
   }
 }
@@ -31,6 +33,7 @@ void Log::advance() {
       return;
     }
     if (!current_) {
+      finished_ = done();
       reader_ = std::make_unique<RecordReader>(std::move(sources_.front()));
       sources_.pop_front();
     }
@@ -53,9 +56,27 @@ Logs::Logs(Console& console, const std::vector<std::string>& paths, bool is_grow
     }
     complain_of(failure);
   }
+  std::uint64_t size = 0;
+  for (const Log& log : logs_) {
+    size += log.size();
+  }
+  progress_.emplace(console, logs_.size() == 1 ? "reading " + shown(paths.front()) : "reading logs",
+                    size);
   for (std::size_t i = 0; i < logs_.size(); ++i) {
     advance(i);
   }
+}
+
+// Not at each record: to ask the kernel how far it is takes as long as to read one.
+void Logs::show_progress() {
+  if (++records_ % 1024 != 0) {
+    return;
+  }
+  std::uint64_t done = 0;
+  for (const Log& log : logs_) {
+    done += log.done();
+  }
+  progress_->at(done);
 }
 
 // The heap has the earliest record on top.
@@ -86,8 +107,10 @@ void Logs::advance(std::size_t index) {
 
 std::optional<LogRecord> Logs::next() {
   if (heap_.empty()) {
+    progress_.reset();
     return std::nullopt;
   }
+  show_progress();
   std::pop_heap(heap_.begin(), heap_.end(), [this](auto a, auto b) { return is_later(a, b); });
   const std::size_t index = heap_.back();
   heap_.pop_back();

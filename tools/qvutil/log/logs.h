@@ -14,6 +14,7 @@
 #include "qvutil/log/record.h"
 #include "qvutil/output/console.h"
 #include "qvutil/output/outcome.h"
+#include "qvutil/output/progress.h"
 
 namespace quorvane::tool {
 
@@ -32,6 +33,11 @@ class Log {
   // its log even if another thread was faster to write.
   const std::string& time() const { return time_; }
   const std::string& path() const { return path_; }
+  // Bytes of all files, and how many of them have been read.
+  std::uint64_t size() const { return size_; }
+  std::uint64_t done() const {
+    return finished_ + (reader_ == nullptr ? 0 : reader_->source().done());
+  }
   std::optional<LogRecord> take() { return std::exchange(current_, std::nullopt); }
   // That of the newest file, after the last record; null if there is none.
   std::unique_ptr<RecordReader> take_reader() { return std::move(reader_); }
@@ -41,6 +47,8 @@ class Log {
   std::deque<std::unique_ptr<Source>> sources_;  // those after reader_'s
   std::unique_ptr<RecordReader> reader_;
   bool is_growing_;
+  std::uint64_t size_ = 0;
+  std::uint64_t finished_ = 0;  // of the files before reader_'s
   std::optional<LogRecord> current_;
   std::string time_;
 };
@@ -62,6 +70,7 @@ class Logs {
 
  private:
   void complain_of(const Failure& failure);
+  void show_progress();
   void advance(std::size_t index);
   bool is_later(std::size_t a, std::size_t b) const;
 
@@ -69,6 +78,8 @@ class Logs {
   std::vector<Log> logs_;
   std::vector<std::size_t> heap_;  // indexes of those that have a record
   bool has_damage_ = false;
+  std::optional<Progress> progress_;  // until the end
+  std::uint64_t records_ = 0;
 };
 
 }  // namespace quorvane::tool

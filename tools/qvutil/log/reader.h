@@ -26,6 +26,7 @@ class RecordReader {
   std::optional<LogRecord> next(bool is_growing);
 
   Source& source() { return *source_; }
+  const Source& source() const { return *source_; }
 
  private:
   bool fill();

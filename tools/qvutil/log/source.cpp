@@ -52,7 +52,9 @@ std::size_t Source::read(char* bytes, std::size_t size) {
   if (!is_kind_known_) {
     find_out_kind();
   }
-  return gzip_ != nullptr ? read_gzip(bytes, size) : read_plain(bytes, size);
+  const std::size_t got = gzip_ != nullptr ? read_gzip(bytes, size) : read_plain(bytes, size);
+  read_ += got;
+  return got;
 }
 
 // The first bytes are read like the others, since standard input can't seek; only zlib wants them
@@ -132,6 +134,18 @@ std::size_t Source::read_gzip(char* bytes, std::size_t size) {
     throw Failure("can't read " + shown(path_) + ": " + shown(text));
   }
   return 0;
+}
+
+std::uint64_t Source::size() const {
+  struct stat status {};
+  return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode)
+             ? static_cast<std::uint64_t>(status.st_size)
+             : 0;
+}
+
+std::uint64_t Source::done() const {
+  const off_t at = lseek(fd_, 0, SEEK_CUR);
+  return at >= 0 ? static_cast<std::uint64_t>(at) : read_;
 }
 
 void Source::rewind_if_truncated() {

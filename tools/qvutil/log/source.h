@@ -26,6 +26,10 @@ class Source {
   // Goes on with the first byte of a plain file that has been truncated below what was read.
   void rewind_if_truncated();
 
+  // Bytes of the file, as it is on the disk; 0 if it is none.
+  std::uint64_t size() const;
+  std::uint64_t done() const;  // of them; of a pipe, bytes that have been read
+
   const std::string& path() const { return path_; }
   int fd() const { return fd_; }
 
@@ -37,6 +41,7 @@ class Source {
 
   int fd_;
   std::string path_;
+  std::uint64_t read_ = 0;
   bool is_kind_known_ = false;
   gzFile_s* gzip_ = nullptr;
   std::string head_;  // read to find out the kind, not yet handed out

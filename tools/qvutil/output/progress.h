@@ -24,10 +24,14 @@ class Progress {
   // So many bytes are done by now; fewer than before when they are done once more. Cheap: may be
   // called for each entry.
   void at(std::uint64_t done) {
+    done += before_;
     if (shows_ && (done < done_ || done - done_ >= kStep)) {
       update(done);
     }
   }
+
+  // What is told from now on comes on top of so many bytes.
+  void go_on_from(std::uint64_t bytes) { before_ = bytes; }
 
   // What is told from now on is done so many times, by as many threads.
   void stand_for(std::uint64_t times) { times_ = times; }
@@ -52,6 +56,7 @@ class Progress {
   std::uint64_t total_;
   bool shows_;
   std::uint64_t times_ = 1;
+  std::uint64_t before_ = 0;
   std::uint64_t done_ = 0;  // when the clock was read last
   Clock::time_point start_ = Clock::now();
   Clock::time_point next_ = start_ + std::chrono::seconds(1);

@@ -11,11 +11,13 @@
 
 #include "qvutil/log/logs.h"
 #include "qvutil/output/markup.h"
+#include "qvutil/output/progress.h"
 #include "qvutil/output/text.h"
 #include "qvutil/report/html.h"
 #include "qvutil/report/html_table.h"
 #include "qvutil/report/plots.h"
 #include "qvutil/store/cache_files.h"
+#include "qvutil/store/each_entry.h"
 #include "qvutil/store/lock.h"
 #include "qvutil/store/lock_table.h"
 #include "qvutil/store/survey.h"
@@ -56,14 +58,15 @@ std::string beginning_of(std::string_view message) {
 
 }  // namespace
 
-Section caches_section(const std::string& root) {
+Section caches_section(Console& console, const std::string& root) {
   Section section;
   HtmlTable table({"Name", "Kind", "Entries", "Bytes", "Age", "State", "Locked by"});
   std::uint64_t bytes = 0;
   const std::vector<CacheFiles> caches = caches_of(root);
   const LockTable locks = LockTable::read();
   for (const CacheFiles& files : caches) {
-    const Survey found = survey(files);
+    Progress progress(console, "looking at " + shown(files.name), bytes_to_scan(files));
+    const Survey found = survey(files, progress);
     const std::optional<pid_t> holder = locks.holder_of(files.lock_file());
     const std::string reason = found.reason.empty() ? "" : ": " + found.reason;
     table.row({{files.name, ""},
@@ -92,11 +95,11 @@ Section statistics_section(Console& console, const std::vector<std::string>& fil
   return {html, plots.damaged != 0};
 }
 
-Section timeline_section(const std::vector<std::string>& traces) {
+Section timeline_section(Console& console, const std::vector<std::string>& traces) {
   Timeline timeline;
   std::uint64_t damaged = 0;
   for (const std::string& path : traces) {
-    TraceReader reader(path);
+    TraceReader reader(console, path);
     while (const std::optional<TraceEvent> event = reader.next()) {
       timeline.add(*event);
     }

@@ -15,10 +15,10 @@ struct Section {
 };
 
 // Each throws Failure if a file or a directory can't be read.
-Section caches_section(const std::string& root);
+Section caches_section(Console& console, const std::string& root);
 Section statistics_section(Console& console, const std::vector<std::string>& files,
                            const std::vector<std::string>& gauges);
-Section timeline_section(const std::vector<std::string>& traces);
+Section timeline_section(Console& console, const std::vector<std::string>& traces);
 Section errors_section(Console& console, const std::vector<std::string>& logs);
 
 }  // namespace quorvane::tool

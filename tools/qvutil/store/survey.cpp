@@ -1,7 +1,6 @@
 #include "qvutil/store/survey.h"
 
 #include <optional>
-#include <sstream>
 #include <vector>
 
 #include "qvutil/output/outcome.h"
@@ -24,11 +23,9 @@ class DamageFinder : public Visitor {
   bool is_damaged = false;
 };
 
-void count_records(const RecordFormat& format, std::uint32_t version, Survey& survey) {
+void count_records(const RecordFormat& format, std::uint32_t version, Progress& progress,
+                   Survey& survey) {
   const format::Start start = format::start_of(format.bytes());
-  std::ostringstream nowhere;
-  Console console(nowhere, nowhere, {});
-  Progress progress(console, "", 0);
   DamageFinder finder;
   if (format.bytes().size() >= format::kHeaderSize) {
     survey.entries = RecordWalk("", format, finder).run(format::kHeaderSize, progress);
@@ -39,17 +36,18 @@ void count_records(const RecordFormat& format, std::uint32_t version, Survey& su
 }
 
 // Without an index: as far as the sizes lead.
-void count_data(std::string_view data, Survey& survey) {
+void count_data(std::string_view data, Progress& progress, Survey& survey) {
   Entry entry;
   std::uint64_t offset = format::kDataHeaderSize;
   while (offset < data.size() && IndexedScan::read(data, offset, entry) == nullptr) {
     ++survey.entries;
+    progress.at(offset);
     offset += format::padded(entry.size);
   }
   survey.state = offset < data.size() ? State::cut_short : State::whole;
 }
 
-void look_at_indexed(OpenedCache& cache, Survey& survey) {
+void look_at_indexed(OpenedCache& cache, Progress& progress, Survey& survey) {
   const std::string_view data = cache.main->bytes();
   if (data.size() < format::kDataHeaderSize) {
     survey.state = State::cut_short;
@@ -59,14 +57,14 @@ void look_at_indexed(OpenedCache& cache, Survey& survey) {
   if (start.magic != format::kDataMagic || start.version != format::kIndexedVersion) {
     survey.state = State::damaged;
   } else if (!cache.index->fits()) {
-    count_data(data, survey);
+    count_data(data, progress, survey);
   } else {
     survey.entries = cache.index->entries();
     survey.state = cache.ends_with_rest() ? State::cut_short : State::whole;
   }
 }
 
-void look_at(OpenedCache& cache, Survey& survey) {
+void look_at(OpenedCache& cache, Progress& progress, Survey& survey) {
   const bool is_lazy = cache.kind == Kind::lazy_lookup;
   survey.bytes = cache.bytes();
   survey.changed = cache.changed();
@@ -77,16 +75,16 @@ void look_at(OpenedCache& cache, Survey& survey) {
   if (!cache.main || (is_lazy && !cache.values)) {
     survey.state = State::damaged;
   } else if (cache.kind == Kind::indexed) {
-    look_at_indexed(cache, survey);
+    look_at_indexed(cache, progress, survey);
   } else if (is_lazy) {
     const format::Start start = format::start_of(cache.values->bytes());
     count_records(LazyFormat(cache.main->bytes(), cache.values->bytes()), format::kLazyVersion,
-                  survey);
+                  progress, survey);
     if (start.magic != format::kMagic || start.version != format::kLazyVersion) {
       survey.state = State::damaged;
     }
   } else {
-    count_records(BasicFormat(cache.main->bytes()), format::kBasicVersion, survey);
+    count_records(BasicFormat(cache.main->bytes()), format::kBasicVersion, progress, survey);
   }
   if (survey.state == State::whole && !cache.places.empty()) {
     survey.state = State::cut_short;
@@ -113,7 +111,7 @@ const char* name_of(State state) {
   return "";
 }
 
-Survey survey(const CacheFiles& files) {
+Survey survey(const CacheFiles& files, Progress& progress) {
   const BusErrors guard;
   Survey survey;
   try {
@@ -123,7 +121,7 @@ Survey survey(const CacheFiles& files) {
     if (!cache.ends_with_rest()) {
       lock.reset();
     }
-    look_at(cache, survey);
+    look_at(cache, progress, survey);
     if (is_busy && survey.state != State::whole) {
       survey.state = State::busy;  // what looks damaged may be half of an append
     }

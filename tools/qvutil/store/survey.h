@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "qvutil/output/progress.h"
 #include "qvutil/store/cache_files.h"
 
 namespace quorvane::tool {
@@ -31,7 +32,7 @@ struct Survey {
 
 // Looks at the structure only: no value is read, and of an indexed store only the index. Waits
 // for no lock.
-Survey survey(const CacheFiles& files);
+Survey survey(const CacheFiles& files, Progress& progress);
 
 }  // namespace quorvane::tool
 

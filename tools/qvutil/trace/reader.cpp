@@ -1,5 +1,7 @@
 #include "qvutil/trace/reader.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cmath>
 #include <limits>
@@ -84,9 +86,15 @@ std::string_view object_in(std::string_view line) {
              : line.substr(first, line.find_last_not_of(kAround) + 1 - first);
 }
 
+std::uint64_t size_of(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
 }  // namespace
 
-TraceReader::TraceReader(const std::string& path) : path_(path) {
+TraceReader::TraceReader(Console& console, const std::string& path)
+    : path_(path), progress_(console, "reading " + shown(path), size_of(path)) {
   errno = 0;
   in_.open(path, std::ios::binary);
   const int first = in_ ? in_.peek() : 0;
@@ -104,6 +112,8 @@ bool TraceReader::next_line() {
   errno = 0;
   in_.getline(line_.data(), static_cast<std::streamsize>(line_.size()));
   const auto count = static_cast<std::size_t>(in_.gcount());
+  done_ += count;
+  progress_.at(done_);
   if (in_.bad()) {
     throw failure_of("can't read " + shown(path_), errno);
   }

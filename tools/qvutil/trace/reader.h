@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "qvutil/output/progress.h"
+
 namespace quorvane::tool {
 
 struct TraceEvent {
@@ -25,7 +27,7 @@ struct TraceEvent {
 class TraceReader {
  public:
   // Throws Failure if the file can't be read, or is no trace.
-  explicit TraceReader(const std::string& path);
+  TraceReader(Console& console, const std::string& path);
 
   // Nothing at the end. Lines that are no events are left out, and so is half a line at the end.
   // Throws Failure if the file can't be read further.
@@ -39,6 +41,8 @@ class TraceReader {
 
   std::string path_;
   std::ifstream in_;
+  Progress progress_;
+  std::uint64_t done_ = 0;  // bytes
   std::string line_;
   bool is_too_long_ = false;
   std::uint64_t damaged_lines_ = 0;
