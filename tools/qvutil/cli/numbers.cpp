@@ -38,7 +38,7 @@ CLI::Validator whole_number(std::int64_t least) {
 
 CLI::Validator byte_count() {
   const auto check = [](std::string& text) -> std::string {
-    const std::string wrong = "not a size like 512, 10kb or 10kib: " + shown(text);
+    std::string wrong = "not a size like 512, 10kb or 10kib: " + shown(text);
     std::string unit;
     if (!divide(text, 0, unit)) {
       return wrong;
