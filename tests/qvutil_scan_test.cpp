@@ -237,7 +237,7 @@ TEST(ScanOfAnIndexedCache, ReadsAnEntryFromAnyOffsetAtItsCost) {
   const auto reads = [&](std::uint64_t offset) {
     return quorvane::tool::IndexedScan::read_any(data, offset, entry, tries);
   };
-  for (const std::uint64_t offset : {0, 8, 65, 80, 96, 1 << 20}) {
+  for (const std::uint64_t offset : {0U, 8U, 65U, 80U, 96U, 1U << 20}) {
     EXPECT_FALSE(reads(offset)) << offset;
   }
   EXPECT_EQ(tries, 5U);
