@@ -37,7 +37,8 @@ void run_both(const std::function<void()>& first, const std::function<void()>& s
   other.get();
 }
 
-// The thread arrives at its end, even if it fails: the other one waits for it.
+// Counts a latch down at the end of its scope. An exception may end that, and the other thread
+// waits.
 class Arrival {
  public:
   explicit Arrival(std::latch& latch) : latch_(latch) {}

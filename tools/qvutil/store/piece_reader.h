@@ -10,8 +10,8 @@
 
 namespace quorvane::tool {
 
-// Who looks at each byte only once is faster with a piece of the file in the processor's cache than
-// with a mapping: the kernel maps and unmaps no pages, and reads ahead.
+// For a caller that looks at each byte only once, a piece of the file in the processor's cache is
+// faster than a mapping: the kernel maps and unmaps no pages, and reads ahead.
 class PieceReader {
  public:
   // A caller can have no more at a time.

@@ -74,8 +74,8 @@ class RepeatedKeys {
   std::uint64_t count_ = 0;
   // Of hashes_: in a thread of its own, malloc would ask the kernel for a few pages at a time.
   std::pmr::monotonic_buffer_resource memory_;
-  // Not among hashes_ yet. One by one, each would wait for its list, which the caller's work
-  // between two keys drives from the processor's cache.
+  // Not in hashes_ yet. Added one by one, each hash would wait for its list: the caller's work
+  // between two keys drives the lists from the processor's cache.
   std::array<std::uint64_t, 4096> added_;
   std::size_t added_count_ = 0;
   // By their upper bits: a search among all would wait for memory at each hash.

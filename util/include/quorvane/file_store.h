@@ -122,7 +122,7 @@ class QV_EXPORT StoreFLock : public Store::Lock {
   std::uint64_t device_ = 0;                 // of the file that fd_ was opened on
   std::uint64_t inode_ = 0;
   bool is_inherited_ = false;       // this object was inherited through a fork
-  bool holds_store_ = false;        // the file is also another one: it takes no notes
+  bool holds_store_ = false;        // the file is something else too: it takes no notes
   bool note_stays_ = false;         // the file holds an old note that can't be cleared
   StoreFLock* previous_ = nullptr;  // in the list of all locks
   StoreFLock* next_ = nullptr;
